@@ -1,0 +1,58 @@
+# Helpers shared by the command-line tests. Each test script is run as
+#   bash test_x.sh <path-to-brixcmd> <repo-root>
+# and sources this file first. Checks keep going after a failure; finish reports the result.
+
+BRIXCMD=$1
+ROOT=$2
+GOLDEN=$ROOT/tests/cli/golden
+[ -x "$BRIXCMD" ] || { echo "usage: $0 <brixcmd> <repo-root>"; exit 2; }
+
+# Every test runs in a scratch directory of its own.
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+cd "$WORK" || exit 2
+
+FAILURES=0
+LAST=
+
+fail() {
+  echo "FAIL [$LAST]: $*"
+  FAILURES=$((FAILURES + 1))
+}
+
+# run ARGS...: runs brixcmd; standard output lands in $WORK/stdout, the status in $STATUS.
+run() {
+  LAST="brixcmd $*"
+  "$BRIXCMD" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
+  STATUS=$?
+}
+
+expect_status() {
+  [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"
+}
+
+# expect_output TEXT: standard output is exactly TEXT and one end of line.
+expect_output() {
+  printf '%s\n' "$1" | diff -u - "$WORK/stdout" >"$WORK/diff" || fail "output differs:
+$(cat "$WORK/diff")"
+}
+
+# expect_output_file FILE: standard output is exactly the content of FILE.
+expect_output_file() {
+  diff -u "$1" "$WORK/stdout" >"$WORK/diff" || fail "output differs from $1:
+$(cat "$WORK/diff")"
+}
+
+expect_line_count() {
+  local n
+  n=$(wc -l <"$WORK/stdout")
+  [ "$n" -eq "$1" ] || fail "$n lines of output, expected $1"
+}
+
+finish() {
+  if [ "$FAILURES" -ne 0 ]; then
+    echo "$FAILURES check(s) failed"
+    exit 1
+  fi
+  echo "all checks passed"
+}

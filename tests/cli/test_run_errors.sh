@@ -1,0 +1,31 @@
+# Failures while running print their message on standard output and still end with status 0.
+source "$(dirname "$0")/lib.sh"
+
+run -f missing_stem
+expect_status 0
+expect_line_count 1
+[ -s "$WORK/stdout" ] || fail "no message"
+
+run -bd missing.bin
+expect_status 0
+expect_output "File missing.bin: not binary format"
+
+run -bt missing_tree.bin
+expect_status 0
+expect_line_count 1
+
+# The log file is opened for appending, the other outputs are truncated.
+for f in log.txt text.txt xml.txt dot.txt; do echo old >"$f"; done
+run -l log.txt -t text.txt -x xml.txt -d dot.txt -np
+expect_status 0
+expect_output "No metadata provided."
+[ "$(cat log.txt)" = old ] || fail "log file was not appended to"
+for f in text.txt xml.txt dot.txt; do
+  [ -s "$f" ] && fail "$f was not truncated"
+done
+
+run -t no_such_dir/text.txt -np
+expect_status 0
+expect_output "File no_such_dir/text.txt: cannot be opened for writing"
+
+finish

@@ -1,0 +1,276 @@
+#include "zel/inpout/binstream.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/zel/inpout/scratch_dir.h"
+
+using zel::inpout::ibinstream;
+using zel::inpout::obinstream;
+
+namespace {
+
+// A record with its own item encoding, as the table and tree classes have.
+struct point {
+  int id = 0;
+  float x = 0;
+  std::string label;
+  std::vector<double> trail;
+};
+
+obinstream& operator<<(obinstream& out, const point& p) {
+  return out << p.id << p.x << p.label << p.trail;
+}
+
+ibinstream& operator>>(ibinstream& in, point& p) {
+  return in >> p.id >> p.x >> p.label >> p.trail;
+}
+
+enum class shade : std::uint32_t { light = 1, dark = 0xA0B0C0D0 };
+
+std::string hex(const std::string& bytes) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : bytes) {
+    if (!out.empty()) out += ' ';
+    out += digits[c >> 4];
+    out += digits[c & 15];
+  }
+  return out;
+}
+
+// The bytes that a plain writer puts out for what write() sends it.
+template <class F>
+std::string bytes_of(F write) {
+  scratch_dir dir;
+  {
+    obinstream out(dir.file("b"), false, 0);
+    write(out);
+  }
+  return hex(scratch_dir::read(dir.file("b")));
+}
+
+template <class T>
+std::uint64_t bits(T v) {
+  std::uint64_t b = 0;
+  std::memcpy(&b, &v, sizeof v);
+  return b;
+}
+
+}  // namespace
+
+TEST(BinStream, ItemBytes) {
+  EXPECT_EQ("01 02 00 00 00 00 00 00 00 61 62", bytes_of([](obinstream& o) { o << "ab"; }));
+  EXPECT_EQ("01 02 00 00 00 00 00 00 00 61 62",
+            bytes_of([](obinstream& o) { o << std::string("ab"); }));
+  EXPECT_EQ("00", bytes_of([](obinstream& o) { o << static_cast<const char*>(nullptr); }));
+  EXPECT_EQ("01 00 00 00 00 00 00 00 00", bytes_of([](obinstream& o) { o << ""; }));
+  EXPECT_EQ("FF FF FF FF", bytes_of([](obinstream& o) { o << -1; }));
+  EXPECT_EQ("00 00 80 3F", bytes_of([](obinstream& o) { o << 1.0f; }));
+  EXPECT_EQ("00 00 00 00 00 00 E0 3F", bytes_of([](obinstream& o) { o << 0.5; }));
+  EXPECT_EQ("01 00 41 FE FF",
+            bytes_of([](obinstream& o) { o << true << false << 'A' << static_cast<short>(-2); }));
+  EXPECT_EQ("07 00 00 00 00 00 00 00",
+            bytes_of([](obinstream& o) { o << static_cast<unsigned long>(7); }));
+  EXPECT_EQ("D0 C0 B0 A0", bytes_of([](obinstream& o) { o << shade::dark; }));
+  EXPECT_EQ("00", bytes_of([](obinstream& o) { o << static_cast<std::vector<int>*>(nullptr); }));
+  EXPECT_EQ("01 02 00 00 00 00 00 00 00 05 00 00 00 06 00 00 00", bytes_of([](obinstream& o) {
+              std::vector<int> v{5, 6};
+              o << &v;
+            }));
+  EXPECT_EQ(
+      "01 03 00 00 00 00 00 00 00 00 01 01 00 00 00 00 00 00 00 7A 01 00 00 00 00 00 00 00 00",
+      bytes_of([](obinstream& o) {
+        std::vector<const char*> v{nullptr, "z", ""};
+        o << &v;
+      }));
+  EXPECT_EQ("01 00 02 00", bytes_of([](obinstream& o) {
+              const short a[] = {1, 2};
+              o.write_array(a, 2);
+            }));
+}
+
+TEST(BinStream, CompressedRoundTripIsExact) {
+  scratch_dir dir;
+  const std::string name = dir.file("t.bin");
+  const float fvals[] = {1.0f / 3, -0.0f, std::numeric_limits<float>::denorm_min(),
+                         std::numeric_limits<float>::quiet_NaN(),
+                         -std::numeric_limits<float>::infinity()};
+  point p;
+  p.id = -42;
+  p.x = 2.5e-7f;
+  p.label = std::string("with\0nul", 8);
+  p.trail = {0.1, -1e300};
+  std::vector<std::string> words{"alpha", "", "gamma"};
+  std::vector<float> cells(100000);
+  for (size_t i = 0; i < cells.size(); ++i)
+    cells[i] = std::sin(static_cast<float>(i));
+  {
+    obinstream out(name, true, 1);
+    for (float f : fvals)
+      out << f;
+    out << static_cast<std::uint64_t>(cells.size());
+    out.write_array(cells.data(), cells.size());
+    out << &p << static_cast<point*>(nullptr) << &words << "text" << 'q' << 123456789012LL
+        << shade::light << true;
+    EXPECT_TRUE(out.good());
+  }
+  EXPECT_EQ("1F 8B", hex(scratch_dir::read(name).substr(0, 2)));
+
+  ibinstream in(name, true);
+  for (float f : fvals) {
+    float g = 7;
+    in >> g;
+    EXPECT_EQ(bits(f), bits(g));
+  }
+  std::uint64_t n = 0;
+  in >> n;
+  ASSERT_EQ(cells.size(), n);
+  std::vector<float> back(n);
+  in.read_array(back.data(), n);
+  EXPECT_EQ(0, std::memcmp(cells.data(), back.data(), n * sizeof(float)));
+
+  point* q = nullptr;
+  point* none = &p;
+  std::vector<std::string>* w = nullptr;
+  char* text = nullptr;
+  char c = 0;
+  long long big = 0;
+  shade s = shade::dark;
+  bool flag = false;
+  in >> q >> none >> w >> text >> c >> big >> s >> flag;
+  std::unique_ptr<point> own_q(q);
+  std::unique_ptr<std::vector<std::string>> own_w(w);
+  std::unique_ptr<char[]> own_text(text);
+  EXPECT_TRUE(in.good());
+  ASSERT_NE(nullptr, q);
+  EXPECT_EQ(p.id, q->id);
+  EXPECT_EQ(bits(p.x), bits(q->x));
+  EXPECT_EQ(p.label, q->label);
+  EXPECT_EQ(p.trail, q->trail);
+  EXPECT_EQ(nullptr, none);
+  ASSERT_NE(nullptr, w);
+  EXPECT_EQ(words, *w);
+  EXPECT_STREQ("text", text);
+  EXPECT_EQ('q', c);
+  EXPECT_EQ(123456789012LL, big);
+  EXPECT_EQ(shade::light, s);
+  EXPECT_TRUE(flag);
+
+  int more = 5;
+  in >> more;
+  EXPECT_FALSE(in.good());
+  EXPECT_EQ(5, more);
+}
+
+TEST(BinStream, PlainRoundTripThroughTheBuffer) {
+  scratch_dir dir;
+  std::vector<std::int64_t> codes(50000);
+  for (size_t i = 0; i < codes.size(); ++i)
+    codes[i] = static_cast<std::int64_t>(i * i) - 7;
+  {
+    obinstream out(dir.file("p.bin"), false, 0);
+    for (int i = 0; i < 1000; ++i)
+      out << i << std::to_string(i);
+    out << codes;
+  }
+  ibinstream in(dir.file("p.bin"), false);
+  bool same = true;
+  for (int i = 0; i < 1000; ++i) {
+    int k = -1;
+    std::string s;
+    in >> k >> s;
+    same = same && k == i && s == std::to_string(i);
+  }
+  EXPECT_TRUE(same);
+  std::vector<std::int64_t> back;
+  in >> back;
+  EXPECT_EQ(codes, back);
+  EXPECT_TRUE(in.good());
+}
+
+TEST(BinStream, ShortAndForeignInputIsFlaggedNotFatal) {
+  scratch_dir dir;
+  // A string claiming 2^40 bytes, a vector claiming 2^40 elements, then the file ends.
+  std::string lie("\x01\x00\x00\x00\x00\x00\x01\x00\x00xy", 11);
+  {
+    ibinstream in(dir.write("s", lie), false);
+    std::string s = "old";
+    in >> s;
+    EXPECT_FALSE(in.good());
+  }
+  {
+    ibinstream in(dir.write("c", lie), false);
+    char* s = nullptr;
+    in >> s;
+    EXPECT_FALSE(in.good());
+    EXPECT_EQ(nullptr, s);
+  }
+  {
+    // A believable 1 GiB length over a 2-byte body costs no gigabyte.
+    ibinstream in(dir.write("g", std::string("\x01\x00\x00\x00\x40\x00\x00\x00\x00xy", 11)), false);
+    char* s = nullptr;
+    in >> s;
+    std::unique_ptr<char[]> own(s);
+    EXPECT_FALSE(in.good());
+    EXPECT_STREQ("xy", s);
+  }
+  {
+    ibinstream in(dir.write("v", lie.substr(1)), false);
+    std::vector<std::string> v;
+    in >> v;
+    EXPECT_FALSE(in.good());
+    EXPECT_LE(v.size(), 1u);
+  }
+  {
+    std::string body(
+        "\x01\x05\x00\x00\x00\x00\x00\x00\x00"
+        "abc",
+        12);  // 5 promised, 3 given
+    ibinstream in(dir.write("t", body), false);
+    char* s = nullptr;
+    in >> s;
+    std::unique_ptr<char[]> own(s);
+    EXPECT_FALSE(in.good());
+    ASSERT_NE(nullptr, s);
+    EXPECT_STREQ("abc", s);
+  }
+  {
+    ibinstream in(dir.write("f", std::string("\x07", 1)), false);  // not a presence byte
+    point* p = nullptr;
+    in >> p;
+    EXPECT_EQ(nullptr, p);
+    EXPECT_FALSE(static_cast<bool>(in));
+  }
+  {
+    ibinstream in(dir.write("i", std::string("\x01\x02", 2)), false);
+    std::vector<int> v;
+    in >> v;
+    EXPECT_FALSE(in.good());
+  }
+}
+
+TEST(BinStream, OpenFailures) {
+  scratch_dir dir;
+  for (bool compressed : {true, false}) {
+    try {
+      ibinstream in(dir.file("missing"), compressed);
+      FAIL() << "opened a missing file";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ("Error description not available", e.what());
+    }
+    try {
+      obinstream out(dir.file("no/such/dir"), compressed, 1);
+      FAIL() << "created a file in a missing directory";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ("Error description not available", e.what());
+    }
+  }
+}

@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/zel/inpout/scratch_dir.h"
+#include "zel/inpout/iofile.h"
+#include "zel/inpout/iogz.h"
+#include "zel/inpout/iomem.h"
+#include "zel/inpout/stream.h"
+
+using zel::inpout::iofile;
+using zel::inpout::iogz;
+using zel::inpout::iomem;
+using zel::inpout::stream;
+
+namespace {
+
+std::vector<std::string> all_lines(stream& s) {
+  std::vector<std::string> out;
+  while (s.read_line())
+    out.push_back(s.get_line());
+  return out;
+}
+
+// Lines of text read through a memory connection with the given buffer size.
+std::vector<std::string> lines_of(std::string text, int bufsize) {
+  iomem* m = new iomem();
+  m->open(&text[0], text.size(), text.size());
+  stream s(m, true, ',', bufsize);
+  return all_lines(s);
+}
+
+// The line rules, stated independently: LF ends a line and a CR just before it goes too;
+// trailing bytes without LF form a last line as they stand.
+std::vector<std::string> reference_lines(const std::string& text) {
+  std::vector<std::string> out;
+  size_t from = 0;
+  for (size_t lf; (lf = text.find('\n', from)) != std::string::npos; from = lf + 1) {
+    size_t end = (lf > from && text[lf - 1] == '\r') ? lf - 1 : lf;
+    out.push_back(text.substr(from, end - from));
+  }
+  if (from < text.size()) out.push_back(text.substr(from));
+  return out;
+}
+
+std::string thrown_by(const std::string& source) {
+  try {
+    delete stream::FROM_READER(source);
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+
+using lines = std::vector<std::string>;
+
+}  // namespace
+
+TEST(Stream, LineEndings) {
+  EXPECT_EQ(lines({"a,b", "c,d"}), lines_of("a,b\r\nc,d", 16384));
+  EXPECT_EQ(lines({"a\r"}), lines_of("a\r", 16384));  // no LF: the CR stays
+  EXPECT_EQ(lines({"a", "", "", "b\rc"}), lines_of("a\n\r\n\nb\rc\n", 16384));
+  EXPECT_EQ(lines({"x"}), lines_of("x\n", 16384));  // no empty line after the last LF
+  EXPECT_EQ(lines({"\r"}), lines_of("\r\r\n", 16384));
+  EXPECT_EQ(lines(), lines_of("", 16384));
+}
+
+TEST(Stream, RandomTextAgreesWithTheLineRulesAtAnyBufferSize) {
+  std::mt19937 rng(7);
+  // Dense line ends, and sparser ones so that lines span several 16 and 64-byte blocks.
+  const std::string alphabets[] = {"ab,\r\n", "ab,\rcdefg\n", "ab,\rcdefghijklmnopqrstuvwxyz\n"};
+  for (int round = 0; round < 300; ++round) {
+    const std::string& alphabet = alphabets[round % 3];
+    std::string text;
+    int len = static_cast<int>(rng() % 400);
+    for (int i = 0; i < len; ++i)
+      text += alphabet[rng() % alphabet.size()];
+    for (int bufsize : {1, 2, 3, 5, 8, 63, 64, 65, 100, 16384}) {
+      ASSERT_EQ(reference_lines(text), lines_of(text, bufsize))
+          << "buffer " << bufsize << " text " << ::testing::PrintToString(text);
+    }
+  }
+}
+
+TEST(Stream, LongLinesDoubleTheBufferForGood) {
+  std::string big(40000, 'q');
+  big[39999] = 'z';
+  std::string text = "short\n" + big + "\r\nnext\n" + big;
+  iomem* m = new iomem();
+  m->open(&text[0], text.size(), text.size());
+  stream s(m, true, ',', 16384);
+  ASSERT_TRUE(s.read_line());
+  EXPECT_STREQ("short", s.get_line());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_EQ(big, s.get_line());
+  EXPECT_EQ(65536, s.get_buffer_size());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_STREQ("next", s.get_line());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_EQ(big, s.get_line());  // last line without LF, as long as the buffer allows
+  EXPECT_FALSE(s.read_line());
+  EXPECT_EQ(nullptr, s.get_line());
+  EXPECT_EQ(65536, s.get_buffer_size());
+  EXPECT_TRUE(s.eof());
+}
+
+TEST(Stream, PositionsRewindAndSeek) {
+  std::string text = "ab\r\ncd\nef";
+  iomem mem;
+  mem.open(&text[0], text.size(), text.size());
+  stream s(&mem, false, ',', 16384);
+  EXPECT_EQ(0u, s.tell2());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_EQ(4u, s.tell2());
+  EXPECT_EQ(9, s.tell());  // the connection has run ahead by what is buffered
+  EXPECT_EQ(9, s.size());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_STREQ("cd", s.get_line());
+  EXPECT_EQ(7u, s.tell2());
+  EXPECT_FALSE(s.eof());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_EQ(9u, s.tell2());
+  EXPECT_TRUE(s.eof());
+
+  ASSERT_TRUE(s.rewind());
+  EXPECT_EQ(nullptr, s.get_line());
+  EXPECT_EQ(0u, s.tell2());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_STREQ("ab", s.get_line());
+
+  EXPECT_EQ(4, s.lseek(4, 0));
+  EXPECT_EQ(nullptr, s.get_line());
+  EXPECT_EQ(lines({"cd", "ef"}), all_lines(s));
+
+  // A connection that is not owned survives close().
+  s.close();
+  EXPECT_EQ(&mem, s.get_ioconn());
+  EXPECT_TRUE(mem.is_open());
+}
+
+TEST(Stream, FailedSeekChangesNothingAndOpenStartsOver) {
+  scratch_dir dir;
+  iofile* f = new iofile();
+  ASSERT_TRUE(f->open(dir.write("d", "1;2\n3;4\n"), 2, 0644));
+  stream s(f, true, ';', 16384);
+  ASSERT_TRUE(s.read_line());
+  EXPECT_EQ(-1, s.lseek(0, 9));
+  EXPECT_STREQ("1;2", s.get_line());
+  EXPECT_EQ(4u, s.tell2());
+  EXPECT_STREQ("1", s.tokenizer.next());
+  EXPECT_STREQ("2", s.tokenizer.next());
+
+  std::string other = "x|y\n";
+  iomem* m = new iomem();
+  m->open(&other[0], other.size(), other.size());
+  ASSERT_TRUE(s.open(m, true, '|', 8));  // deletes the file connection
+  EXPECT_EQ(8, s.get_buffer_size());
+  EXPECT_EQ(0u, s.tell2());
+  ASSERT_TRUE(s.read_line());
+  EXPECT_STREQ("x", s.tokenizer.next());
+  EXPECT_STREQ("y", s.tokenizer.next());
+  s.set_delim(',');
+  EXPECT_EQ('|', s.tokenizer.get_delim());  // from the next line on
+  s.close();
+  EXPECT_EQ(nullptr, s.get_ioconn());
+}
+
+TEST(Stream, GzipAndPlainFilesGiveTheSameLines) {
+  scratch_dir dir;
+  std::string text;
+  std::mt19937 rng(11);
+  for (int i = 0; i < 30000; ++i) {
+    text += std::to_string(rng() % 100000) + "," + std::string(rng() % 40, 'v') + ",c" +
+            std::to_string(i % 3) + ((i % 5 == 0) ? "\r\n" : "\n");
+  }
+  text += "last,,";
+  std::string plain = dir.write("t.data", text);
+  {
+    iogz gz;
+    ASSERT_TRUE(gz.open(dir.file("t.data.gz"), 100, 1, 0));
+    gz.write(text.data(), static_cast<int>(text.size()));
+  }
+  std::unique_ptr<stream> a(stream::FROM_FILE(plain, ','));
+  std::unique_ptr<stream> b(stream::FROM_FILE(dir.file("t.data.gz"), ','));
+  EXPECT_EQ(',', a->get_delim());
+  lines la = all_lines(*a);
+  ASSERT_EQ(30001u, la.size());
+  EXPECT_EQ(reference_lines(text), la);
+  EXPECT_EQ(la, all_lines(*b));
+  EXPECT_EQ(text.size(), b->tell2());
+  ASSERT_TRUE(b->rewind());
+  ASSERT_TRUE(b->read_line());
+  EXPECT_EQ(la[0], b->get_line());
+}
+
+TEST(Stream, DataSourceDescriptors) {
+  scratch_dir dir;
+  std::string name = dir.write("train.data", "a;b\n");
+  std::unique_ptr<stream> s(stream::FROM_READER("FILE#" + name + "#;"));
+  EXPECT_EQ(';', s->get_delim());
+  ASSERT_TRUE(s->read_line());
+  EXPECT_STREQ("a", s->tokenizer.next());
+
+  s.reset(stream::FROM_READER("FILE#" + name + "#"));
+  EXPECT_EQ('\0', s->get_delim());
+  ASSERT_TRUE(s->read_line());
+  EXPECT_STREQ("a;b", s->tokenizer.next());
+
+  EXPECT_EQ("Unknown data source: NET#x", thrown_by("NET#x"));
+  EXPECT_EQ("Unknown data source: FILEX#" + name + "#,", thrown_by("FILEX#" + name + "#,"));
+  EXPECT_EQ("JDBC zel server not available", thrown_by("JDBC#db#select"));
+  std::string missing = dir.file("data");
+  EXPECT_EQ("File: " + missing + " not found or inaccessible", thrown_by("FILE#" + missing + "#,"));
+  EXPECT_EQ("File: " + missing + ".GZ not found or inaccessible",
+            thrown_by("FILE#" + missing + ".GZ#,"));
+
+  // A missing gzip file reads as empty.
+  s.reset(stream::FROM_READER("FILE#" + missing + ".gz#,"));
+  EXPECT_FALSE(s->read_line());
+
+  // Only a ".gz" suffix after at least one more character selects gzip.
+  std::string upper = dir.write("t.GZ", "p,q\n");
+  s.reset(stream::FROM_FILE(upper, ','));
+  ASSERT_TRUE(s->read_line());
+  EXPECT_STREQ("p,q", s->get_line());
+  EXPECT_EQ("File: gz not found or inaccessible", thrown_by("FILE#gz#,"));
+}

@@ -1,0 +1,91 @@
+#include "zel/inpout/iogz.h"
+
+#include <zlib.h>
+
+#include <stdexcept>
+
+namespace zel {
+namespace inpout {
+
+namespace {
+
+// Larger than zlib's default so that each input refill is one big read.
+constexpr unsigned GZ_BUFFER = 128 * 1024;
+
+inline gzFile gz(void* f) {
+  return static_cast<gzFile>(f);
+}
+
+}  // namespace
+
+iogz::iogz() : mode_(0), file_(nullptr) {}
+
+iogz::~iogz() {
+  close();
+}
+
+std::string iogz::zlib_mode(int mode, int level) {
+  std::string m = "r";
+  if (mode & APPEND)
+    m = "a";
+  else if (mode & WRITE)
+    m = "w";
+  m += 'b';
+  if (level != -1) m += static_cast<char>('0' + level);
+  return m;
+}
+
+bool iogz::open(const std::string& name, int mode, int level, int strategy) {
+  close();
+  gzFile f = gzopen(name.c_str(), zlib_mode(mode, level).c_str());
+  if (f == nullptr) return false;
+  gzbuffer(f, GZ_BUFFER);
+  gzsetparams(f, level, strategy);
+  file_ = f;
+  mode_ = mode;
+  name_ = name;
+  return true;
+}
+
+void iogz::close() {
+  if (file_ != nullptr) gzclose(gz(file_));
+  file_ = nullptr;
+  mode_ = 0;
+}
+
+bool iogz::eof() {
+  return file_ != nullptr && gzeof(gz(file_)) != 0;
+}
+
+bool iogz::rewind() {
+  return file_ != nullptr && gzrewind(gz(file_)) == 0;
+}
+
+int iogz::read(void* buf, int n) {
+  if (file_ == nullptr) return -1;
+  if (n < 1) return 0;
+  return gzread(gz(file_), buf, static_cast<unsigned>(n));
+}
+
+int iogz::write(const void* buf, int n) {
+  if (file_ == nullptr) return -1;
+  if (n < 1) return 0;
+  int put = gzwrite(gz(file_), buf, static_cast<unsigned>(n));
+  return put == 0 ? -1 : put;  // zlib reports errors as 0
+}
+
+long long iogz::lseek(long long off, int whence) {
+  if (whence == SEEK_FROM_END) throw std::runtime_error("iogz::lseek LSEEK_END not supported");
+  if (whence != SEEK_BEGIN && whence != SEEK_CURRENT)
+    throw std::runtime_error("iogz::lseek position not supported");
+  if (file_ == nullptr) return -1;
+  return gzseek(gz(file_), static_cast<z_off_t>(off), whence == SEEK_BEGIN ? SEEK_SET : SEEK_CUR);
+}
+
+long long iogz::tell() {
+  if (file_ == nullptr) return -1;
+  return gztell(gz(file_));
+}
+
+}  // namespace inpout
+}  // namespace zel

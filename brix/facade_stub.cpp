@@ -8,32 +8,6 @@ namespace {
 [[noreturn]] void missing() { throw std::runtime_error("not available in this build"); }
 }  // namespace
 
-table::subset::subset() : seq_(nullptr) {}
-table::subset::subset(impls::w_sequence* seq) : seq_(seq) {}
-table::subset::~subset() {}
-unsigned long table::subset::size() const { missing(); }
-void table::subset::reserve(unsigned long) { missing(); }
-void table::subset::resize(unsigned long) { missing(); }
-void table::subset::push_back(unsigned long, float) { missing(); }
-void table::subset::set(unsigned long, unsigned long, float) { missing(); }
-unsigned long table::subset::get(unsigned long) const { missing(); }
-
-table::table(std::string const&) : impl_(nullptr) {}
-table::~table() {}
-void table::load_meta_data(datasource const&) { missing(); }
-void table::load_data(datasource const&, std::string const&) { missing(); }
-std::string table::get_name() const { missing(); }
-unsigned long table::get_no_rows() const { missing(); }
-unsigned long table::get_no_columns() const { missing(); }
-double table::get_elapsed() const { missing(); }
-std::ostream* table::set_log(std::ostream*) { missing(); }
-unsigned long table::set_verbosity(unsigned long) { missing(); }
-std::string table::get_class(unsigned long) const { missing(); }
-float table::get_weight(unsigned long) const { missing(); }
-table::subset* table::get_wsubset_all() const { missing(); }
-table::subset* table::get_wsubset_random(unsigned long) const { missing(); }
-table::subset* table::get_wsubset_first_n(unsigned long) const { missing(); }
-table::subset* table::get_wsubset_difference(subset*) const { missing(); }
 void table::toXML_data_dictionary(std::ostream&) const { missing(); }
 void table::toXML_mining_schema(std::ostream&) const { missing(); }
 void table::toBinary(std::string const&) const { missing(); }

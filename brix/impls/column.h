@@ -1,0 +1,133 @@
+// Columns: one attribute of a table for all rows, stored as the order numbers
+// of the values in the column's value set, at the narrowest width that holds
+// them. A column also scores and partitions the cases of a tree node.
+#ifndef BRIX_IMPLS_COLUMN_H
+#define BRIX_IMPLS_COLUMN_H
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "brix/impls/o_set.h"
+#include "brix/impls/w_sequence.h"
+#include "zel/util/pair.h"
+
+namespace brix {
+namespace impls {
+
+class id_buffer;
+struct options;
+
+// How a column keeps its rows; hot loops are instantiated once per width.
+enum class storage_kind { none, bit, u8, u16, u32, u64 };
+
+using order_range = zel::util::pair<unsigned long, unsigned long>;
+
+class column {
+ public:
+  enum _type { DISCRETE = 0, CLASS = 1, CONTINUOUS = 2, WEIGHTS = 3, IGNORE = 4 };
+
+  // The threshold text and branch count that a split node keeps.
+  struct partition_desc {
+    std::string threshold;
+    unsigned long branches = 0;
+  };
+
+  // The best split of one attribute in one node.
+  struct splitting_desc {
+    unsigned long branches = 0;
+    unsigned long low = 0;
+    unsigned long high = 0;
+    column const* att = nullptr;
+    float gain = -0.001f;
+    float split_info = 0.0f;
+    void set_partition_desc(partition_desc& desc) const;
+  };
+
+  // Makes the column of a kind keyword over a value set (owned on success);
+  // returns null with the reason in error.
+  static column* NEW_COLUMN(o_set* values, std::string const& name, std::string const& keyword,
+                            std::string& error);
+  static bool get_type(std::string const& keyword, _type& kind);
+  static bool admits_null(std::string const& keyword);
+
+  column(_type type, std::string const& name, o_set* values);
+  column(column const&) = delete;
+  column& operator=(column const&) = delete;
+  virtual ~column();
+
+  virtual column* clone(bool empty) const;
+  virtual void reserve(unsigned long n) {}
+  virtual unsigned long size() const { return 0; }
+  virtual void push_back(char const* value) {}
+  virtual unsigned long get_row_index(unsigned long row) const { return 0; }
+  virtual bool less_than(unsigned long row1, unsigned long row2) const {
+    return get_row_index(row1) < get_row_index(row2);
+  }
+  virtual void toXML(std::ostream& out) const;
+  virtual storage_kind get_storage() const { return storage_kind::none; }
+
+  // The cases of one branch of a split on this column.
+  w_sequence* partition(w_case const* begin, w_case const* end, unsigned long branch,
+                        float total_weight, float& share, order_range& range,
+                        partition_desc const& desc) const;
+  // The cases of every branch at once: two passes over the father's cases
+  // instead of two per branch; children[i], shares[i] and ranges[i] are
+  // those that partition() gives for branch i + 1.
+  void partition_all(w_case const* begin, w_case const* end, float total_weight,
+                     partition_desc const& desc, std::vector<w_sequence*>& children,
+                     std::vector<float>& shares, std::vector<order_range>& ranges) const;
+
+  // Scores the split of the cases on this column into best; a gain of -0.001
+  // means no admissible split. sort_copy keeps the order of cases intact.
+  void quality_measure(column const* class_column, float total_weight, w_sequence* cases,
+                       order_range& range, float min_objects, options const* opts,
+                       splitting_desc& best, bool sort_copy) const;
+
+  _type get_kind() const { return type_; }
+  std::string get_type() const;
+  std::string const& get_name() const { return name_; }
+  o_set* get_o_set() const { return values_; }
+  bool is_discrete() const { return type_ == DISCRETE; }
+  bool is_class() const { return type_ == CLASS; }
+  bool is_continuous() const { return type_ == CONTINUOUS; }
+  bool is_weights() const { return type_ == WEIGHTS; }
+  bool is_ignore() const { return type_ == IGNORE; }
+
+  std::string get_value(unsigned long row) const { return values_->get_value(get_row_index(row)); }
+  std::string get_row_value(unsigned long row) const { return get_value(row); }
+  // The order of a value text, or 0 when the value set does not hold it.
+  unsigned long get_index(char const* value) const;
+  unsigned long get_distinct() const { return values_->size_of_known(); }
+  order_range get_range() const;
+  std::string find_threshold(unsigned long i, unsigned long j) const;
+
+  // Calls f with a reader (row -> order) matched to the storage width, so that
+  // loops over rows are compiled once per width without virtual calls.
+  template <class F>
+  decltype(auto) visit(F&& f) const;
+
+ protected:
+  _type type_;
+  std::string name_;
+  o_set* values_;
+};
+
+// Readers of the stored orders.
+template <class T>
+struct typed_reader {
+  T const* data;
+  unsigned long operator()(std::size_t row) const { return data[row]; }
+};
+struct bit_reader {
+  std::uint32_t const* words;
+  unsigned long operator()(std::size_t row) const {
+    return 1 + ((words[row >> 5] >> (row & 31)) & 1u);
+  }
+};
+
+}  // namespace impls
+}  // namespace brix
+
+#endif

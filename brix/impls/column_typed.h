@@ -1,0 +1,153 @@
+// Column storage classes: order numbers in a vector of one unsigned width, or
+// one bit per row for two-valued discrete attributes without unknowns.
+#ifndef BRIX_IMPLS_COLUMN_TYPED_H
+#define BRIX_IMPLS_COLUMN_TYPED_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "brix/impls/column.h"
+#include "zel/adt/bitmap.h"
+
+namespace brix {
+namespace impls {
+
+// Provisional value ids of one column during a load, kept at the width the
+// final column will have: widened past 254 and 65534 ids exactly where the
+// column factory moves to the next width, so the rows can become the column's
+// storage without a copy.
+class id_buffer {
+ public:
+  std::size_t size() const { return n_; }
+  unsigned width() const { return width_; }
+
+  void push_back(std::uint32_t id) {
+    if (id > limit_) widen(id);
+    switch (width_) {
+      case 1: u8_.push_back(static_cast<std::uint8_t>(id)); break;
+      case 2: u16_.push_back(static_cast<std::uint16_t>(id)); break;
+      default: u32_.push_back(id); break;
+    }
+    ++n_;
+  }
+
+  std::vector<std::uint8_t>& u8() { return u8_; }
+  std::vector<std::uint16_t>& u16() { return u16_; }
+  std::vector<std::uint32_t>& u32() { return u32_; }
+
+ private:
+  void widen(std::uint32_t id) {
+    if (width_ == 1) {
+      u16_.assign(u8_.begin(), u8_.end());
+      std::vector<std::uint8_t>().swap(u8_);
+      width_ = 2;
+      limit_ = 65534;
+    }
+    if (width_ == 2 && id > limit_) {
+      u32_.assign(u16_.begin(), u16_.end());
+      std::vector<std::uint16_t>().swap(u16_);
+      width_ = 4;
+      limit_ = 0xFFFFFFFEu;
+    }
+  }
+
+  std::vector<std::uint8_t> u8_;
+  std::vector<std::uint16_t> u16_;
+  std::vector<std::uint32_t> u32_;
+  std::size_t n_ = 0;
+  unsigned width_ = 1;
+  std::uint32_t limit_ = 254;
+};
+
+template <class T>
+class column_typed : public column {
+ public:
+  column_typed(_type type, std::string const& name, o_set* values) : column(type, name, values) {}
+
+  column* clone(bool empty) const override {
+    auto* c = new column_typed<T>(type_, name_, values_->clone());
+    if (!empty) c->rows_ = rows_;
+    return c;
+  }
+  void reserve(unsigned long n) override { rows_.reserve(n); }
+  unsigned long size() const override { return rows_.size(); }
+  void push_back(char const* value) override {
+    unsigned long order;
+    if (!values_->get_order(value, order)) throw std::runtime_error("column require a valid o_set");
+    rows_.push_back(static_cast<T>(order));
+  }
+  unsigned long get_row_index(unsigned long row) const override { return rows_[row]; }
+  bool less_than(unsigned long r1, unsigned long r2) const override { return rows_[r1] < rows_[r2]; }
+  storage_kind get_storage() const override {
+    switch (sizeof(T)) {
+      case 1: return storage_kind::u8;
+      case 2: return storage_kind::u16;
+      case 4: return storage_kind::u32;
+      default: return storage_kind::u64;
+    }
+  }
+  T const* data() const { return rows_.data(); }
+  std::vector<T>& rows() { return rows_; }
+
+ private:
+  std::vector<T> rows_;
+};
+
+class column_bool : public column {
+ public:
+  column_bool(_type type, std::string const& name, o_set* values) : column(type, name, values) {}
+
+  column* clone(bool empty) const override;
+  void reserve(unsigned long n) override { bits_.reserve(n); }
+  unsigned long size() const override { return bits_.size(); }
+  void push_back(char const* value) override;
+  unsigned long get_row_index(unsigned long row) const override { return 1 + bits_.get(row); }
+  storage_kind get_storage() const override { return storage_kind::bit; }
+  zel::adt::bitmap& bits() { return bits_; }
+  zel::adt::bitmap const& bits() const { return bits_; }
+
+ private:
+  zel::adt::bitmap bits_;
+};
+
+// The second pass of a load: provisional ids become orders, block by block.
+// Typed columns take over the id vector and rewrite it in place.
+class column_filler {
+ public:
+  column_filler(column* target, id_buffer& ids, std::vector<std::uint32_t> const& remap);
+  void fill(std::size_t from, std::size_t to);
+
+ private:
+  template <class T>
+  void adopt(std::vector<T>& ids);
+
+  column* target_;
+  id_buffer& ids_;
+  std::uint32_t const* remap_;
+  void* rows_ = nullptr;  // the adopted storage, of the target's width
+};
+
+template <class F>
+decltype(auto) column::visit(F&& f) const {
+  switch (get_storage()) {
+    case storage_kind::bit:
+      return f(bit_reader{static_cast<column_bool const*>(this)->bits().words()});
+    case storage_kind::u8:
+      return f(typed_reader<std::uint8_t>{static_cast<column_typed<std::uint8_t> const*>(this)->data()});
+    case storage_kind::u16:
+      return f(typed_reader<std::uint16_t>{static_cast<column_typed<std::uint16_t> const*>(this)->data()});
+    case storage_kind::u32:
+      return f(typed_reader<std::uint32_t>{static_cast<column_typed<std::uint32_t> const*>(this)->data()});
+    case storage_kind::u64:
+      return f(typed_reader<unsigned long long>{
+          static_cast<column_typed<unsigned long long> const*>(this)->data()});
+    default:
+      throw std::runtime_error("[column] no rows stored for column type '" + get_type() + "'");
+  }
+}
+
+}  // namespace impls
+}  // namespace brix
+
+#endif

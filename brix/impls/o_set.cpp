@@ -1,0 +1,70 @@
+#include "brix/impls/o_set.h"
+
+#include <stdexcept>
+
+#include "brix/impls/o_set_typed.h"
+
+namespace brix {
+namespace impls {
+
+o_set* o_set::NEW_O_SET(std::string const& datatype, bool admits_null, std::string const& null) {
+  if (datatype == "integer") return new o_set_int(admits_null, null);
+  if (datatype == "uinteger") return new o_set_uint(admits_null, null);
+  if (datatype == "float") return new o_set_float(admits_null, null);
+  if (datatype == "double") return new o_set_double(admits_null, null);
+  if (datatype == "string") return new o_set_string(admits_null, null);
+  if (datatype == "null") return new o_set("null", admits_null, null);
+  throw std::runtime_error("invalid o_set type = " + datatype);
+}
+
+o_set::o_set(std::string const& datatype, bool admits_null, std::string const& null)
+    : contains_null_(false), admits_null_(admits_null), null_(null), datatype_(datatype) {}
+
+o_set::~o_set() {}
+
+void o_set::insert_null() {
+  if (!admits_null_) throw std::runtime_error("[o_set::insert()] called with unadmitted null value");
+  contains_null_ = true;
+}
+
+// The null set keeps no values: anything but the null text is dropped.
+void o_set::insert(char const* value) { insert_id(value); }
+
+std::uint32_t o_set::insert_id(char const* value) {
+  if (is_null_text(value)) insert_null();
+  return 0;
+}
+
+void o_set::freeze_remap(std::vector<std::uint32_t>& remap) { remap.assign(1, 0); }
+
+bool o_set::get_order(char const* value, unsigned long& order) {
+  if (contains_null_ && is_null_text(value)) {
+    order = 0;
+    return true;
+  }
+  return false;
+}
+
+std::string o_set::get_value(unsigned long order) {
+  if (order == 0) return null_;
+  throw std::runtime_error("[o_set::get_value()] called for a non-existing element " +
+                           std::to_string(order));
+}
+
+o_set* o_set::clone() const {
+  auto* c = new o_set(datatype_, admits_null_, null_);
+  c->contains_null_ = contains_null_;
+  return c;
+}
+
+std::string o_set::find_mid(unsigned long i, unsigned long j) {
+  throw std::runtime_error("[o_set::find_threshold()] called for non-existing elements");
+}
+
+void o_set::throw_bad_mid(unsigned long i, unsigned long j) const {
+  throw std::runtime_error("[o_set::find_threshold()] called for non-existing elements " +
+                           std::to_string(i) + "-" + std::to_string(j));
+}
+
+}  // namespace impls
+}  // namespace brix

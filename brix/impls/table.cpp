@@ -1,0 +1,404 @@
+#include "brix/impls/table.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/line_fields.h"
+#include "zel/inpout/stream.h"
+#include "zel/util/cronos.h"
+#include "zel/util/rand_gen.h"
+
+namespace brix {
+namespace impls {
+
+namespace {
+
+// Deletes an owned source however the reader leaves.
+struct source_guard {
+  zel::inpout::stream* source;
+  bool owns;
+  ~source_guard() {
+    if (owns) delete source;
+  }
+};
+
+// Rows between two progress counters in the log.
+constexpr unsigned long kProgressRows = 10000;
+
+void progress(std::ostream* log, unsigned long verbosity, unsigned long r) {
+  if (log && verbosity > 1 && r % kProgressRows == 0) {
+    *log << "  " << r << "\r";
+    log->flush();
+  }
+}
+
+}  // namespace
+
+table::table(std::string const& name, bool for_tree)
+    : name_(name),
+      log_(nullptr),
+      verbosity_(0),
+      no_rows_(0),
+      loaded_(0),
+      class_index_(0),
+      weights_index_(0),
+      elapsed_(0.0),
+      for_tree_(for_tree) {}
+
+table::~table() {
+  for (column* c : columns_) delete c;
+}
+
+std::ostream* table::set_log(std::ostream* log) {
+  std::ostream* old = log_;
+  log_ = log;
+  return old;
+}
+
+unsigned long table::set_verbosity(unsigned long verbosity) {
+  unsigned long old = verbosity_;
+  verbosity_ = verbosity;
+  return old;
+}
+
+// ---------------------------------------------------------------- metadata
+
+void table::load_meta_data(zel::inpout::stream* source, bool owns) {
+  source_guard guard{source, owns};
+  if (source == nullptr) throw std::runtime_error("no data provider detected.");
+  try {
+    char sep = source->get_delim();
+    unsigned long row = 0;
+    line_fields fields;
+    while (source->read_line()) {
+      ++row;
+      char const* line = source->get_line();
+      if (count_fields(line, sep) < 3) {
+        throw std::runtime_error("bad row format (row " + std::to_string(row) + "): " + line);
+      }
+      std::string copy(line);
+      fields.split(&copy[0], sep, 3);
+      push_back(fields[0], fields[1], fields[2]);
+    }
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(std::string("Reading metadata: ") + e.what());
+  }
+}
+
+void table::push_back(std::string const& name, std::string const& datatype,
+                      std::string const& kind) {
+  std::unique_ptr<o_set> values(o_set::NEW_O_SET(datatype, column::admits_null(kind), "?"));
+  std::string error;
+  column* c = column::NEW_COLUMN(values.get(), name, kind, error);
+  if (c == nullptr) throw std::runtime_error(error);
+  values.release();
+  columns_.push_back(c);
+}
+
+// ---------------------------------------------------------------- consistency
+
+bool table::consistency_check(unsigned long n, std::string& error) {
+  if (!for_tree_) {
+    class_index_ = n;
+    weights_index_ = n;
+    refresh_attributes();
+    return true;
+  }
+  unsigned long n_class = 0, n_weights = 0, first_class = n, first_weights = n;
+  for (unsigned long i = 0; i < n && i < columns_.size(); ++i) {
+    if (columns_[i]->is_class() && n_class++ == 0) first_class = i;
+    if (columns_[i]->is_weights() && n_weights++ == 0) first_weights = i;
+  }
+  if (n_class != 1) {
+    error = "there must be only one class column";
+    return false;
+  }
+  if (n_weights >= 2) {
+    error = "there must be at most one weights column";
+    return false;
+  }
+  class_index_ = first_class;
+  weights_index_ = first_weights;
+  refresh_attributes();
+  return true;
+}
+
+bool table::set_consistency_for_tree(bool for_tree, std::string& error) {
+  bool old = for_tree_;
+  for_tree_ = for_tree;
+  if (consistency_check(loaded_, error)) return true;
+  for_tree_ = old;
+  std::string scratch;
+  consistency_check(loaded_, scratch);
+  return false;
+}
+
+unsigned long table::get_no_attributes() const {
+  if (!for_tree_) return loaded_;
+  unsigned long n = loaded_ - 1;
+  if (weights_index_ < loaded_) --n;
+  return n;
+}
+
+void table::refresh_attributes() {
+  attribute_columns_.clear();
+  for (unsigned long i = 0; i < columns_.size(); ++i) {
+    if (for_tree_ && (i == class_index_ || i == weights_index_)) continue;
+    attribute_columns_.push_back(i);
+  }
+}
+
+void table::set_state(unsigned long no_rows, unsigned long loaded, unsigned long class_index,
+                      unsigned long weights_index, unsigned long verbosity, bool for_tree) {
+  no_rows_ = no_rows;
+  loaded_ = loaded;
+  class_index_ = class_index;
+  weights_index_ = weights_index;
+  verbosity_ = verbosity;
+  for_tree_ = for_tree;
+  refresh_attributes();
+}
+
+// ---------------------------------------------------------------- loading
+
+o_set* table::make_column_o_set(unsigned long i, std::string const& null) const {
+  if (i >= columns_.size()) return nullptr;
+  o_set* v = columns_[i]->get_o_set();
+  return o_set::NEW_O_SET(v->get_datatype(), v->admits_null(), null);
+}
+
+column* table::make_column(unsigned long i, o_set* values) const {
+  if (i >= columns_.size()) return nullptr;
+  std::string error;
+  return column::NEW_COLUMN(values, columns_[i]->get_name(), columns_[i]->get_type(), error);
+}
+
+// The rows are read once. Each value is registered in its column's value set
+// and its provisional id (order of first appearance) is kept at the width
+// that the final column will have; once every value is known the sets are
+// sorted and a second pass over the kept rows turns ids into orders in place.
+void table::load_data(zel::inpout::stream* source, std::string const& null, bool owns) {
+  zel::util::cronos timer;
+  timer.start();
+  source_guard guard{source, owns};
+  std::vector<std::unique_ptr<o_set>> sets;
+  std::vector<id_buffer> ids;
+  std::vector<std::unique_ptr<column>> fresh;
+  try {
+    if (source == nullptr) throw std::runtime_error("no data provider detected.");
+    std::string error;
+    if (!consistency_check(columns_.size(), error)) throw std::runtime_error(error);
+    unsigned long first = loaded_, total = columns_.size(), k = total - first;
+    for (unsigned long i = first; i < total; ++i) sets.emplace_back(make_column_o_set(i, null));
+    ids.resize(k);
+    std::vector<bool> keep(k);
+    for (unsigned long j = 0; j < k; ++j) keep[j] = !columns_[first + j]->is_ignore();
+
+    if (log_ && verbosity_ >= 1) {
+      *log_ << "Reading data ";
+      if (verbosity_ > 1) *log_ << std::endl << " ... 1st pass: " << std::endl;
+    }
+
+    char sep = source->get_delim();
+    line_fields fields;
+    unsigned long r = 0;
+    while (source->read_line()) {
+      ++r;
+      progress(log_, verbosity_, r);
+      char* line = source->get_line();
+      if (r == 0xFFFFFFFFUL) throw std::runtime_error("too many rows: at most 4294967294 are supported");
+      if (fields.split_all(line, sep) != k) {
+        fields.restore();
+        throw std::runtime_error("bad row format (row " + std::to_string(r) + "): " + line);
+      }
+      for (unsigned long j = 0; j < k; ++j) {
+        std::uint32_t id = sets[j]->insert_id(fields[j]);
+        if (keep[j]) ids[j].push_back(id);
+      }
+    }
+    if (log_ && verbosity_ >= 1) *log_ << "  " << r << " rows read. Indexing ... ";
+
+    std::vector<std::vector<std::uint32_t>> remaps(k);
+    for (unsigned long j = 0; j < k; ++j) {
+      sets[j]->freeze_remap(remaps[j]);
+      column* c = make_column(first + j, sets[j].get());
+      if (c == nullptr) {
+        std::string why;
+        column::NEW_COLUMN(sets[j].get(), columns_[first + j]->get_name(),
+                           columns_[first + j]->get_type(), why);
+        throw std::runtime_error(why);
+      }
+      sets[j].release();
+      fresh.emplace_back(c);
+    }
+    if (log_ && verbosity_ >= 1) {
+      *log_ << " done." << std::endl << " ... 2nd pass: " << std::endl;
+    }
+
+    // Second pass, in blocks of rows so that progress shows as it goes.
+    std::vector<column_filler> fillers;
+    for (unsigned long j = 0; j < k; ++j) {
+      if (keep[j]) fillers.emplace_back(fresh[j].get(), ids[j], remaps[j]);
+    }
+    unsigned long r2 = 0;
+    while (r2 < r) {
+      unsigned long next = std::min(r, r2 + kProgressRows);
+      for (column_filler& f : fillers) f.fill(r2, next);
+      r2 = next;
+      if (r2 % kProgressRows == 0) progress(log_, verbosity_, r2);
+    }
+
+    if (r2 > no_rows_) no_rows_ = r2;
+    for (unsigned long j = 0; j < k; ++j) {
+      delete columns_[first + j];
+      columns_[first + j] = fresh[j].release();
+    }
+    loaded_ = total;
+    refresh_attributes();
+    if (log_ && verbosity_ > 1) *log_ << "  " << r2 << " rows read." << std::endl;
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(std::string("Reading training data: ") + e.what());
+  }
+  timer.stop();
+  elapsed_ = timer.get_elapsed();
+}
+
+bool table::load_row(zel::inpout::stream* source, std::vector<std::string>& row) const {
+  unsigned long n = loaded_;
+  bool weighted = weights_index_ < loaded_;
+  std::size_t size = (!for_tree_ || weighted) ? n : n + 1;
+  row.resize(size);
+  if (!source->read_line()) return false;
+  char const* line = source->get_line();
+  if (!take_fields(line, source->get_delim(), n, row)) {
+    throw std::runtime_error(std::string("bad row format: ") + line);
+  }
+  if (!for_tree_) return true;
+  // Attributes first, then class and weight. The weights position is read
+  // after the class entry has been taken out, without correcting for it.
+  std::string cls = row[class_index_];
+  for (std::size_t j = class_index_; j + 1 < size; ++j) row[j].swap(row[j + 1]);
+  std::string weight = "1";
+  if (weighted) {
+    weight = row[weights_index_];
+    for (std::size_t j = weights_index_; j + 2 < size; ++j) row[j].swap(row[j + 1]);
+  }
+  row[size - 1] = weight;
+  row[size - 2] = cls;
+  return true;
+}
+
+table* table::clone_metadata() const {
+  auto* t = new table(name_, for_tree_);
+  t->columns_.reserve(columns_.size());
+  for (column* c : columns_) t->columns_.push_back(c->clone(true));
+  t->set_state(0, loaded_, class_index_, weights_index_, verbosity_, for_tree_);
+  return t;
+}
+
+// ---------------------------------------------------------------- case sequences
+
+w_sequence* table::get_wsubset_all() const { return get_wsubset_first_n(no_rows_); }
+
+w_sequence* table::get_wsubset_first_n(unsigned long n) const {
+  unsigned long m = std::min(n, no_rows_);
+  auto* s = new w_sequence();
+  s->reserve(m);
+  for (unsigned long i = 0; i < m; ++i) s->push_back(i, 1.0f);
+  update_weights(s);
+  return s;
+}
+
+// Selection sampling: every subset of m rows is equally likely and the rows
+// come out ascending. The generator is reseeded with the time in seconds.
+w_sequence* table::get_wsubset_random(unsigned long n) const {
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  unsigned long m = std::min(n, no_rows_), big_n = no_rows_, i = 0;
+  auto* s = new w_sequence();
+  s->reserve(m);
+  while (m > 0) {
+    long double u = std::rand() / zel::util::rand_gen::rmax;
+    auto x = static_cast<unsigned long>(static_cast<long double>(big_n) * u);
+    if (x < m) {
+      s->push_back(i, 1.0f);
+      --m;
+    }
+    --big_n;
+    ++i;
+  }
+  update_weights(s);
+  return s;
+}
+
+w_sequence* table::get_wsubset_random_repeated(unsigned long n) const {
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  unsigned long m = std::min(n, no_rows_);
+  auto* s = new w_sequence();
+  s->reserve(m);
+  for (unsigned long i = 0; i < m; ++i) {
+    long double u = std::rand() / zel::util::rand_gen::rmax;
+    s->push_back(static_cast<unsigned long>(static_cast<long double>(no_rows_) * u), 1.0f);
+  }
+  update_weights(s);
+  return s;
+}
+
+// The walk advances through s only on a match, so a row listed twice stops
+// all later matches: every later row is kept. Callers pass sets of rows.
+w_sequence* table::get_wsubset_difference(w_sequence* s) const {
+  std::sort(s->begin(), s->end());
+  auto* d = new w_sequence();
+  std::size_t p = 0;
+  for (unsigned long row = 0; row < no_rows_; ++row) {
+    if (p < s->size() && (*s)[p].first == row) {
+      ++p;
+      continue;
+    }
+    d->push_back(row, 1.0f);
+  }
+  update_weights(d);
+  return d;
+}
+
+w_sequence* table::get_wsubset_balanced() const {
+  std::unique_ptr<w_sequence> all(get_wsubset_all());
+  auto* out = new w_sequence();
+  column* cls = get_class();
+  if (cls == nullptr) return out;
+  unsigned long k = cls->get_distinct() + 1;  // order 0 included
+  if (k <= 1) return out;
+  std::vector<unsigned long> count(k, 0);
+  for (w_case const& c : *all) ++count[cls->get_row_index(c.first)];
+  unsigned long quota = *std::min_element(count.begin() + 1, count.end());
+  std::vector<unsigned long> left(k, quota);
+  for (w_case const& c : *all) {
+    unsigned long o = cls->get_row_index(c.first);
+    if (left[o] > 0) {
+      --left[o];
+      out->cases().push_back(c);
+    }
+  }
+  return out;
+}
+
+void table::update_weights(w_sequence* s) const {
+  column* w = get_weights();
+  if (w == nullptr) return;
+  // The weight of a row is its value text read as a number; computed once
+  // per distinct value.
+  unsigned long k = w->get_distinct();
+  std::vector<float> by_order(k + 1, 0.0f);
+  for (unsigned long o = 0; o <= k; ++o) {
+    by_order[o] = static_cast<float>(std::atof(w->get_o_set()->get_value(o).c_str()));
+  }
+  for (w_case& c : *s) c.second = by_order[w->get_row_index(c.first)];
+}
+
+}  // namespace impls
+}  // namespace brix

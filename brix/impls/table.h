@@ -1,0 +1,102 @@
+// A dataset: columns declared by a metadata file, rows loaded from a data file.
+#ifndef BRIX_IMPLS_TABLE_H
+#define BRIX_IMPLS_TABLE_H
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "brix/impls/column.h"
+#include "brix/impls/w_sequence.h"
+
+namespace zel {
+namespace inpout {
+class stream;
+}
+}  // namespace zel
+
+namespace brix {
+namespace impls {
+
+class table {
+ public:
+  table(std::string const& name, bool for_tree);
+  table(table const&) = delete;
+  table& operator=(table const&) = delete;
+  ~table();
+
+  // Reads one column per line of the source; deletes the source when owns.
+  void load_meta_data(zel::inpout::stream* source, bool owns);
+  void push_back(std::string const& name, std::string const& datatype, std::string const& kind);
+  // Reads every row of the source into the columns not loaded yet.
+  void load_data(zel::inpout::stream* source, std::string const& null, bool owns);
+  // One row of a test or score file, reordered to attributes, class, weight.
+  bool load_row(zel::inpout::stream* source, std::vector<std::string>& row) const;
+
+  bool consistency_check(unsigned long n, std::string& error);
+  bool set_consistency_for_tree(bool for_tree, std::string& error);
+
+  o_set* make_column_o_set(unsigned long i, std::string const& null) const;
+  column* make_column(unsigned long i, o_set* values) const;
+
+  // A copy of the table's description: the columns with their value sets but
+  // no rows. The tree keeps one to read and write cases.
+  table* clone_metadata() const;
+
+  std::string const& get_name() const { return name_; }
+  void set_name(std::string const& name) { name_ = name; }
+  unsigned long get_no_rows() const { return no_rows_; }
+  unsigned long get_no_columns() const { return columns_.size(); }
+  unsigned long get_loaded_columns() const { return loaded_; }
+  column* get_column(unsigned long i) const { return columns_[i]; }
+  column* get_class() const { return class_index_ < loaded_ ? columns_[class_index_] : nullptr; }
+  column* get_weights() const {
+    return weights_index_ < loaded_ ? columns_[weights_index_] : nullptr;
+  }
+  unsigned long get_class_index() const { return class_index_; }
+  unsigned long get_weights_index() const { return weights_index_; }
+  unsigned long get_no_attributes() const;
+  // Attribute i: the columns in table order, class and weights skipped.
+  column* get_attribute(unsigned long i) const { return columns_[attribute_columns_[i]]; }
+  unsigned long get_attribute_column(unsigned long i) const { return attribute_columns_[i]; }
+  bool is_for_tree() const { return for_tree_; }
+  std::ostream* set_log(std::ostream* log);
+  std::ostream* get_log() const { return log_; }
+  unsigned long set_verbosity(unsigned long verbosity);
+  unsigned long get_verbosity() const { return verbosity_; }
+  double get_elapsed() const { return elapsed_; }
+
+  // Case sequences; the caller owns the result.
+  w_sequence* get_wsubset_all() const;
+  w_sequence* get_wsubset_first_n(unsigned long n) const;
+  w_sequence* get_wsubset_random(unsigned long n) const;
+  w_sequence* get_wsubset_random_repeated(unsigned long n) const;
+  w_sequence* get_wsubset_difference(w_sequence* s) const;
+  w_sequence* get_wsubset_balanced() const;
+  void update_weights(w_sequence* s) const;
+
+  // Direct access for the binary table reader.
+  std::vector<column*>& columns() { return columns_; }
+  void set_state(unsigned long no_rows, unsigned long loaded, unsigned long class_index,
+                 unsigned long weights_index, unsigned long verbosity, bool for_tree);
+
+ private:
+  void refresh_attributes();
+
+  std::string name_;
+  std::ostream* log_;
+  unsigned long verbosity_;
+  std::vector<column*> columns_;
+  unsigned long no_rows_;
+  unsigned long loaded_;
+  unsigned long class_index_;
+  unsigned long weights_index_;
+  double elapsed_;
+  bool for_tree_;
+  std::vector<unsigned long> attribute_columns_;
+};
+
+}  // namespace impls
+}  // namespace brix
+
+#endif

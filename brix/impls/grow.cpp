@@ -1,0 +1,397 @@
+// Growing: node activation and statistics, the split decision, the
+// breadth-first grower and prepruning.
+#include <deque>
+#include <iostream>
+#include <stdexcept>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+
+namespace brix {
+namespace impls {
+
+// ---------------------------------------------------------------- nodes
+
+_decision_node::_decision_node(_decision_node* father, unsigned long index)
+    : father_(father), index_(index) {}
+
+_decision_node::_decision_node(w_sequence* cases) : all_cases_(cases) {}
+
+_decision_node::~_decision_node() {
+  if (owns_cases_) delete all_cases_;
+  delete att_ranges_;
+}
+
+_decision_node* _decision_node::clone() const {
+  auto* n = new _decision_node(father_, index_);
+  n->status_ = status_;
+  n->activated_ = activated_;
+  n->cases_weight_ = cases_weight_;
+  n->cases_count_ = cases_count_;
+  n->class_distribution_ = class_distribution_;
+  n->known_fract_ = known_fract_;
+  n->most_frequent_ = most_frequent_;
+  if (all_cases_ != nullptr && owns_cases_) {
+    n->all_cases_ = new w_sequence(*all_cases_);
+    n->owns_cases_ = true;
+  } else {
+    n->all_cases_ = all_cases_;
+  }
+  if (att_ranges_ != nullptr) n->att_ranges_ = new std::vector<order_range>(*att_ranges_);
+  n->split_descs_ = split_descs_;
+  n->split_status_ = split_status_;
+  n->error_ = error_;
+  n->leaf_or_att_ = leaf_or_att_;
+  n->partition_ = partition_;
+  return n;
+}
+
+void _decision_node::blank_node() {
+  status_ = UNDEFINED_NODE;
+  activated_ = false;
+  father_ = nullptr;
+  index_ = 0;
+  all_cases_ = nullptr;
+  owns_cases_ = false;
+  att_ranges_ = nullptr;
+}
+
+void _decision_node::set_father(_decision_node* father) {
+  if (activated_) {
+    throw std::runtime_error("[_decision_node::activate_substitute_father()]: node is activated.");
+  }
+  if (father == nullptr) {
+    throw std::runtime_error("[_decision_node::activate_substitute_father()]: father node is NULL.");
+  }
+  father_ = father;
+}
+
+void _decision_node::activate(table* t) {
+  if (t == nullptr) throw std::runtime_error("[_decision_node::activate()]: called with a NULL table.");
+  if (activated_) disactivate();
+  if (father_ == nullptr) {
+    activate_root(t);
+  } else {
+    activate_node(t);
+  }
+  compute_statistics(t);
+  activated_ = true;
+}
+
+void _decision_node::activate_root(table* t) {
+  known_fract_ = 1.0f;
+  unsigned long n = t->get_no_attributes();
+  delete att_ranges_;
+  att_ranges_ = new std::vector<order_range>();
+  att_ranges_->reserve(n);
+  for (unsigned long a = 0; a < n; ++a) att_ranges_->push_back(t->get_attribute(a)->get_range());
+}
+
+void _decision_node::activate_node(table* t) {
+  if (father_->status_ != SPLIT_NODE) {
+    throw std::runtime_error(
+        "[_decision_node::activated()]: father node status not a decision_tree::SPLIT_NODE.");
+  }
+  if (!father_->activated_) {
+    throw std::runtime_error("[_decision_node::activated()]: father node status not activated.");
+  }
+  delete att_ranges_;
+  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
+  unsigned long att = father_->leaf_or_att_;
+  w_sequence const* fc = father_->all_cases_;
+  w_sequence* cases =
+      t->get_attribute(att)->partition(fc->data(), fc->data() + fc->size(), index_,
+                                       father_->cases_weight_, known_fract_, (*att_ranges_)[att],
+                                       father_->partition_);
+  if (owns_cases_) delete all_cases_;
+  all_cases_ = cases;
+  owns_cases_ = true;
+}
+
+void _decision_node::activate_substitute_father(table* t) {
+  if (father_ == nullptr) {
+    throw std::runtime_error("[_decision_node::activate_substitute_father()]: father node is NULL.");
+  }
+  if (!father_->activated_) {
+    throw std::runtime_error(
+        "[_decision_node::activate_substitute_father()]: father node status not activated.");
+  }
+  if (activated_) disactivate();
+  index_ = father_->index_;
+  known_fract_ = father_->known_fract_;
+  delete att_ranges_;
+  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
+  if (owns_cases_) delete all_cases_;
+  all_cases_ = new w_sequence(*father_->all_cases_);
+  owns_cases_ = true;
+  compute_statistics(t);
+  activated_ = true;
+}
+
+void _decision_node::activate_with(table* t, w_sequence* cases, float known_fraction,
+                                   order_range att_range) {
+  if (activated_) disactivate();
+  delete att_ranges_;
+  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
+  (*att_ranges_)[father_->leaf_or_att_] = att_range;
+  if (owns_cases_) delete all_cases_;
+  all_cases_ = cases;
+  owns_cases_ = true;
+  known_fract_ = known_fraction;
+  compute_statistics(t);
+  activated_ = true;
+}
+
+void _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
+                                std::vector<float>& shares, std::vector<order_range>& ranges) const {
+  w_sequence const* c = all_cases_;
+  t->get_attribute(leaf_or_att_)
+      ->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
+                      ranges);
+}
+
+void _decision_node::compute_statistics(table* t) {
+  column const* cls = t->get_class();
+  class_distribution_.assign(cls->get_distinct() + 1, 0.0f);
+  cases_count_ = all_cases_ ? all_cases_->size() : 0;
+  if (all_cases_ != nullptr) {
+    float* d = class_distribution_.data();
+    cls->visit([&](auto rd) {
+      for (w_case const& c : *all_cases_) d[rd(c.first)] += c.second;
+    });
+  }
+  float w = 0.0f;
+  for (float v : class_distribution_) w += v;
+  cases_weight_ = w;
+  most_frequent_ = 0;
+  for (std::size_t i = 1; i < class_distribution_.size(); ++i) {
+    if (class_distribution_[i] > class_distribution_[most_frequent_]) most_frequent_ = i;
+  }
+}
+
+void _decision_node::disactivate() {
+  if (!activated_) return;
+  if (owns_cases_) {
+    delete all_cases_;
+    all_cases_ = nullptr;
+    owns_cases_ = false;
+  }
+  delete att_ranges_;
+  att_ranges_ = nullptr;
+  std::vector<column::splitting_desc>().swap(split_descs_);
+  activated_ = false;
+}
+
+// ---------------------------------------------------------------- split decision
+
+int _decision_node::split(table* t, int split_type, float min_obj, options const* opts) {
+  if (!activated_) throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
+  if (split_type != 0 && split_type != 1) {
+    throw std::runtime_error("[_decision_node::split] called on an unsupported split type.");
+  }
+  split_gain(t, split_type == 1, min_obj, opts);
+  split_status_ = split_type;
+  return status_;
+}
+
+int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options const* opts) {
+  if (split_pre(t, use_ratio ? 1 : 0, min_obj)) return status_;
+  unsigned long n = t->get_no_attributes();
+  for (unsigned long a = 0; a < n; ++a) split_att(t, min_obj, opts, a, false);
+  return split_post(t);
+}
+
+int _decision_node::split2(table* t, int split_type, float min_obj, options const* opts) {
+  return split(t, split_type, min_obj, opts);
+}
+
+void _decision_node::set_as_leaf() {
+  status_ = LEAF_NODE;
+  leaf_or_att_ = most_frequent_;
+  error_ = get_leaf_error();
+  reset_partition();
+}
+
+bool _decision_node::split_pre(table* t, int split_type, float min_obj) {
+  if (!activated_) throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
+  split_status_ = split_type;
+  set_as_leaf();
+  if (cases_weight_ == 0.0f) {
+    leaf_or_att_ = father_ ? father_->most_frequent_ : 0;
+    return true;
+  }
+  if (cases_weight_ == class_distribution_[most_frequent_]) return true;
+  if (2 * min_obj > cases_weight_) return true;
+  split_descs_.assign(t->get_no_attributes(), column::splitting_desc());
+  return false;
+}
+
+void _decision_node::split_att(table* t, float min_obj, options const* opts, unsigned long att,
+                               bool sort_copy) {
+  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, all_cases_,
+                                         (*att_ranges_)[att], min_obj, opts, split_descs_[att],
+                                         sort_copy);
+}
+
+bool _decision_node::split_att_worth(unsigned long att) {
+  order_range const& r = (*att_ranges_)[att];
+  if (r.second - r.first > 1) return true;
+  split_descs_[att].gain = -0.001f;
+  split_descs_[att].split_info = 0.0f;
+  return false;
+}
+
+int _decision_node::split_post(table* t) {
+  try {
+    // Only attributes of at least average gain compete on gain ratio.
+    float sum = 0.0f;
+    unsigned long count = 0;
+    for (auto const& d : split_descs_) {
+      if (d.gain > -0.001) {
+        sum += d.gain;
+        ++count;
+      }
+    }
+    float average = count > 0 ? sum / static_cast<float>(count) : 1000000.0f;
+    bool use_ratio = split_status_ == 1;
+    float best_score = -0.001f;
+    long best = -1;
+    for (std::size_t a = 0; a < split_descs_.size(); ++a) {
+      auto const& d = split_descs_[a];
+      if (!(d.gain > -0.001)) continue;
+      float score;
+      if (use_ratio) {
+        if (!(d.gain >= average - 0.001) || !(d.split_info > 0.001)) continue;
+        score = d.gain / d.split_info;
+      } else {
+        if (!(d.split_info > 0.0f)) continue;
+        score = d.gain;
+      }
+      if (score > best_score) {
+        best_score = score;
+        best = static_cast<long>(a);
+      }
+    }
+    if (best >= 0) {
+      leaf_or_att_ = static_cast<unsigned long>(best);
+      status_ = SPLIT_NODE;
+      split_descs_[best].set_partition_desc(partition_);
+    }
+  } catch (std::runtime_error const& e) {
+    std::cerr << "exception " << e.what() << std::endl;
+    print_att_gain(t, std::cerr);
+    std::exit(0);
+  }
+  return status_;
+}
+
+void _decision_node::make_leaf(float error) {
+  status_ = LEAF_NODE;
+  leaf_or_att_ = most_frequent_;
+  reset_partition();
+  error_ = error;
+}
+
+void _decision_node::print_att_gain(table* t, std::ostream& out) const {
+  out << cases_count_ << " items, total weight " << cases_weight_ << std::endl;
+  out << "[Attribute] [gain] [split] [first] [second] [OneOnAlpha] [thres] " << std::endl
+      << std::endl;
+  for (std::size_t a = 0; a < split_descs_.size(); ++a) {
+    auto const& d = split_descs_[a];
+    order_range r = att_ranges_ ? (*att_ranges_)[a] : order_range(0, 0);
+    out << t->get_attribute(a)->get_name() << " " << d.gain << " " << d.split_info << " "
+        << r.first << " " << r.second << " " << cases_count_ << " " << std::endl;
+  }
+  if (status_ == LEAF_NODE) {
+    out << "leaf node, class " << t->get_class()->get_o_set()->get_value(leaf_or_att_)
+        << ", error " << error_;
+  } else {
+    out << "split node, best att: " << t->get_attribute(leaf_or_att_)->get_name();
+  }
+  out << std::endl;
+}
+
+// ---------------------------------------------------------------- growing
+
+void _decision_tree::build(table* t, w_sequence* cases, int split_type, options const* opts,
+                           float min_obj, int workers) {
+  delete_childs();
+  set_node(new _decision_node(cases));
+  if (workers < 1) {
+    build_breadth(t, split_type, min_obj, opts);
+  } else {
+    build_ff(t, split_type, min_obj, opts, workers);
+  }
+  preprune(1.0f);
+}
+
+// Breadth first: only the queued nodes and the father being split hold case
+// sequences, so memory keeps at most two levels of them.
+void _decision_tree::build_breadth(table* t, int split_type, float min_obj, options const* opts) {
+  get_node()->activate(t);
+  std::deque<_decision_tree*> queue{this};
+  std::vector<w_sequence*> parts;
+  std::vector<float> shares;
+  std::vector<order_range> ranges;
+  while (!queue.empty()) {
+    _decision_tree* tree = queue.front();
+    queue.pop_front();
+    _decision_node* node = tree->get_node();
+    int status = node->split(t, split_type, min_obj, opts);
+    if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1) {
+      node->distribute(t, parts, shares, ranges);
+      for (std::size_t i = 0; i < parts.size(); ++i) {
+        auto* child = new _decision_node(node, i + 1);
+        auto* sub = new _decision_tree();
+        sub->set_node(child);
+        tree->push_back_child(sub);
+        child->activate_with(t, parts[i], shares[i], ranges[i]);
+        parts[i] = nullptr;
+        queue.push_back(sub);
+      }
+    }
+    node->disactivate();
+  }
+}
+
+float _decision_tree::preprune(float bound) {
+  _decision_node* n = get_node();
+  if (n->status_ == _decision_node::LEAF_NODE) return n->error_;
+  if (n->status_ != _decision_node::SPLIT_NODE) {
+    throw std::runtime_error("prepruning on an incomplete tree");
+  }
+  float leaf_error = n->get_leaf_error();
+  bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - 0.001));
+  float sum = 0.0f;
+  for (unsigned long i = 0; i < get_no_childs(); ++i) {
+    sum += get_child(i)->preprune(bound);
+    if (sum >= bound) break;
+  }
+  if (sum < leaf_error - 0.001) {
+    n->error_ = sum;
+    return static_cast<float>(leaf_error - 0.001);
+  }
+  collapse(leaf_error);
+  return leaf_error;
+}
+
+void _decision_tree::collapse(float error) {
+  delete_childs();
+  get_node()->make_leaf(error);
+}
+
+_decision_tree* _decision_tree::clone() const {
+  auto* t = new _decision_tree();
+  t->set_node(get_node() ? get_node()->clone() : nullptr);
+  for (unsigned long i = 0; i < get_no_childs(); ++i) {
+    _decision_tree* c = get_child(i);
+    _decision_tree* cc = c ? c->clone() : nullptr;
+    if (cc != nullptr && cc->get_node() != nullptr) cc->get_node()->father_ = t->get_node();
+    t->push_back_child(cc);
+  }
+  return t;
+}
+
+}  // namespace impls
+}  // namespace brix

@@ -1,0 +1,339 @@
+// Split quality of one attribute in one node: information gain and split
+// information of a multiway split (discrete attributes) or of the best binary
+// cut (continuous attributes). Every sum is a 32-bit float accumulated in case
+// order and every logarithm is rounded to float: ties between cuts and between
+// attributes are decided by these bits.
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/entropy.h"
+
+namespace brix {
+namespace impls {
+
+namespace {
+
+// Working tables of one thread, reused from node to node.
+struct split_scratch {
+  std::vector<float> freq;
+  std::vector<float> totals;
+  std::vector<std::uint32_t> counts;
+  std::vector<w_case> buffer;
+};
+thread_local split_scratch scratch;
+
+constexpr float kNoGain = -0.001f;
+
+// Nodes with fewer cases than this per possible value are sorted by
+// comparison instead of by counting.
+constexpr unsigned long kCountingSortRatio = 17;
+
+void no_split(column::splitting_desc& best) {
+  best.gain = kNoGain;
+  best.split_info = 0.0f;
+}
+
+// Least weight on either side of a cut: 10% of the known weight per class,
+// between min_objects and 25; a min_objects of 25 or more stands as given.
+float least_side_weight(float min_objects, float known, unsigned long classes) {
+  double share = 0.1 * known / static_cast<double>(classes);
+  if (min_objects < 25.0f && min_objects < share) return static_cast<float>(std::min(share, 25.0));
+  return min_objects;
+}
+
+xlogx_table const& logs_of(options const* opts) {
+  static xlogx_table const none;
+  return (opts != nullptr && opts->logs != nullptr) ? *opts->logs : none;
+}
+
+template <class Att, class Cls>
+void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
+                      w_sequence const& cases, order_range const& range, float min_objects,
+                      options const* opts, column::splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  std::size_t cols = classes + 1;
+  std::size_t rows = range.second - range.first + 1;
+  unsigned long base = range.first - 1;
+  std::vector<float>& freq = scratch.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = scratch.totals;
+  totals.assign(rows + cols, 0.0f);
+  float* branch = totals.data();
+  float* class_total = totals.data() + rows;
+  float unknown = 0.0f;
+  for (w_case const& c : cases) {
+    unsigned long a = att(c.first);
+    if (a == 0) {
+      unknown += c.second;
+    } else {
+      unsigned long k = cls(c.first);
+      freq[(a - base) * cols + k] += c.second;
+      class_total[k] += c.second;
+    }
+  }
+  float known = total_weight - unknown;
+  if (known == 0.0f) return no_split(best);
+  branch[0] = unknown;
+  int reaching = 0;
+  for (std::size_t r = 1; r < rows; ++r) {
+    float s = 0.0f;
+    for (std::size_t k = 1; k < cols; ++k) s += freq[r * cols + k];
+    branch[r] = s;
+    if (s >= min_objects) ++reaching;
+  }
+  if (reaching < 2) return no_split(best);
+  float hc = info(logs, class_total + 1, classes);
+  float hs = 0.0f;
+  for (std::size_t r = 1; r < rows; ++r) hs += info(logs, &freq[r * cols + 1], classes);
+  float hsplit = info(logs, branch, rows);
+  best.split_info = hsplit / total_weight;
+  best.gain = (hc / known - hs / known) * (known / (unknown + known));
+}
+
+// Penalises the best cut by log2 of the cuts tried and fills the result.
+void finish_cut(column::splitting_desc& best, float best_gain, float split_info,
+                unsigned long tried, float total_weight, std::size_t n_cases, options const* opts,
+                unsigned long low, unsigned long high) {
+  float penalty = tried > 0 ? log2w(static_cast<float>(tried)) : 0.0f;
+  float n = (opts != nullptr && opts->flag) ? static_cast<float>(n_cases) : total_weight;
+  float p = penalty / n;
+  if (p < best_gain) {
+    best.low = low;
+    best.high = high;
+    best.gain = best_gain - p;
+    best.split_info = split_info / total_weight;
+  } else {
+    no_split(best);
+  }
+}
+
+// Sorts cases by attribute order: stable counting sort over the order stretch
+// when it is dense enough, comparison sort otherwise. The result lands in
+// cases itself.
+template <class Att>
+void sort_by_order(Att att, std::vector<w_case>& cases, order_range const& range) {
+  std::size_t n = cases.size();
+  unsigned long base = range.first - 1;
+  unsigned long width = range.second - base;
+  if (width / n < kCountingSortRatio) {
+    std::vector<std::uint32_t>& counts = scratch.counts;
+    counts.assign(width + 2, 0);
+    for (w_case const& c : cases) ++counts[att(c.first) - base + 1];
+    for (unsigned long k = 1; k <= width; ++k) counts[k] += counts[k - 1];
+    std::vector<w_case>& out = scratch.buffer;
+    out.resize(n);
+    for (w_case const& c : cases) out[counts[att(c.first) - base]++] = c;
+    cases.swap(out);
+  } else {
+    std::sort(cases.begin(), cases.end(),
+              [att](w_case const& a, w_case const& b) { return att(a.first) < att(b.first); });
+  }
+}
+
+template <class Att, class Cls>
+void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
+                        w_sequence& node_cases, order_range const& range, float min_objects,
+                        options const* opts, column::splitting_desc& best, bool sort_copy) {
+  xlogx_table const& logs = logs_of(opts);
+  best.branches = 2;
+  std::vector<w_case> copy;
+  std::vector<w_case>& cases = sort_copy ? copy : node_cases.cases();
+  if (sort_copy) copy = node_cases.cases();
+  std::size_t n = cases.size();
+  if (n == 0) return no_split(best);
+  sort_by_order(att, cases, range);
+
+  std::size_t cols = classes + 1;
+  std::vector<float>& totals = scratch.totals;
+  totals.assign(2 * cols, 0.0f);
+  float* left = totals.data();
+  float* right = totals.data() + cols;
+  float unknown = 0.0f;
+  std::size_t first = 0;
+  for (w_case const& c : cases) {
+    if (att(c.first) == 0) {
+      unknown += c.second;
+      ++first;
+    } else {
+      right[cls(c.first)] += c.second;
+    }
+  }
+  float known = total_weight - unknown;
+  if (known < 2 * min_objects) return no_split(best);
+  float hc = info(logs, right + 1, classes);
+  float m = least_side_weight(min_objects, known, classes);
+  float upper = known - m;
+
+  float best_gain = kNoGain, split_info = 0.0f, l_weight = 0.0f;
+  unsigned long tried = 0, low = 0, high = 0;
+  // The stretch of cases moved left since the last evaluated cut, while it
+  // holds a single class.
+  unsigned long stretch_class = 0;
+  bool stretch_open = false, stretch_pure = true;
+  for (std::size_t i = first; i + 1 < n; ++i) {
+    unsigned long c = cls(cases[i].first);
+    float w = cases[i].second;
+    right[c] -= w;
+    left[c] += w;
+    l_weight += w;
+    if (!stretch_open) {
+      stretch_open = true;
+      stretch_pure = true;
+      stretch_class = c;
+    } else if (c != stretch_class) {
+      stretch_pure = false;
+    }
+    if (l_weight < m) continue;
+    if (l_weight > upper) break;
+    unsigned long a = att(cases[i].first);
+    unsigned long a_next = att(cases[i + 1].first);
+    if (a == a_next) continue;
+    ++tried;
+    if (stretch_pure) {
+      // No cut inside a run of one class can win, unless the next value block
+      // brings another class or carries the left side past its limit.
+      bool same = true;
+      float ahead = l_weight;
+      for (std::size_t j = i + 1; j < n && att(cases[j].first) == a_next; ++j) {
+        if (cls(cases[j].first) != stretch_class) {
+          same = false;
+          break;
+        }
+        ahead += cases[j].second;
+      }
+      if (same && ahead <= upper) continue;
+    }
+    stretch_open = false;
+    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
+    float gain = (known / (unknown + known)) * (hc / known - hs / known);
+    if (gain > best_gain) {
+      best_gain = gain;
+      low = a;
+      high = a_next;
+      float parts[3] = {unknown, l_weight, known - l_weight};
+      split_info = info(logs, parts, 3);
+    }
+  }
+  finish_cut(best, best_gain, split_info, tried, total_weight, n, opts, low, high);
+}
+
+template <class Att, class Cls>
+void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
+                   w_sequence const& cases, order_range const& range, float min_objects,
+                   options const* opts, column::splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  best.branches = 2;
+  std::size_t cols = classes + 1;
+  unsigned long base = range.first - 1;
+  std::size_t rows = range.second - range.first + 1;
+  std::vector<float>& freq = scratch.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = scratch.totals;
+  totals.assign(2 * cols, 0.0f);
+  float* left = totals.data();
+  float* right = totals.data() + cols;
+  float unknown = 0.0f;
+  for (w_case const& c : cases) {
+    unsigned long a = att(c.first);
+    if (a == 0) {
+      unknown += c.second;
+    } else {
+      unsigned long k = cls(c.first);
+      freq[(a - base) * cols + k] += c.second;
+      right[k] += c.second;
+    }
+  }
+  float known = total_weight - unknown;
+  if (known < 2 * min_objects) return no_split(best);
+  float hc = info(logs, right + 1, classes);
+  float m = least_side_weight(min_objects, known, classes);
+  float upper = known - m;
+
+  auto occupied = [&](std::size_t r) {
+    for (std::size_t k = 0; k < cols; ++k) {
+      if (freq[r * cols + k] != 0.0f) return true;
+    }
+    return false;
+  };
+  std::size_t last = rows;
+  for (std::size_t r = rows; r-- > 0;) {
+    if (occupied(r)) {
+      last = r;
+      break;
+    }
+  }
+  float best_gain = kNoGain, split_info = 0.0f, l_weight = 0.0f;
+  unsigned long tried = 0;
+  std::size_t best_row = 0;
+  bool found = false;
+  for (std::size_t r = 0; r < last; ++r) {
+    if (!occupied(r)) continue;
+    float const* row = &freq[r * cols];
+    float s = 0.0f;
+    for (std::size_t k = 0; k < cols; ++k) s += row[k];
+    for (std::size_t k = 0; k < cols; ++k) {
+      right[k] -= row[k];
+      left[k] += row[k];
+    }
+    l_weight += s;
+    if (l_weight < m) continue;
+    if (l_weight > upper) break;
+    ++tried;
+    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
+    float gain = (known / (unknown + known)) * (hc / known - hs / known);
+    if (gain > best_gain) {
+      best_gain = gain;
+      best_row = r;
+      found = true;
+      float parts[3] = {unknown, l_weight, known - l_weight};
+      split_info = info(logs, parts, 3);
+    }
+  }
+  unsigned long low = 0, high = 0;
+  if (found) {
+    std::size_t next = best_row + 1;
+    while (next < rows && !occupied(next)) ++next;
+    low = best_row + base;
+    high = next + base;
+  }
+  finish_cut(best, best_gain, split_info, tried, total_weight, cases.size(), opts, low, high);
+}
+
+}  // namespace
+
+void column::quality_measure(column const* class_column, float total_weight, w_sequence* cases,
+                             order_range& range, float min_objects, options const* opts,
+                             splitting_desc& best, bool sort_copy) const {
+  best.branches = 0;
+  best.att = this;
+  if (range.second - range.first <= 1) return no_split(best);
+  unsigned long classes = class_column->get_distinct();
+  if (is_continuous()) {
+    bool tally = cases->size() / (range.second - range.first) > 2;
+    class_column->visit([&](auto cls) {
+      visit([&](auto att) {
+        if (tally) {
+          quality_tally(att, cls, classes, total_weight, *cases, range, min_objects, opts, best);
+        } else {
+          quality_continuous(att, cls, classes, total_weight, *cases, range, min_objects, opts,
+                             best, sort_copy);
+        }
+      });
+    });
+  } else if (is_discrete()) {
+    best.branches = get_distinct();
+    class_column->visit([&](auto cls) {
+      visit([&](auto att) {
+        quality_discrete(att, cls, classes, total_weight, *cases, range, min_objects, opts, best);
+      });
+    });
+  } else {
+    no_split(best);
+  }
+}
+
+}  // namespace impls
+}  // namespace brix

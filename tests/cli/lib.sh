@@ -56,3 +56,19 @@ finish() {
   fi
   echo "all checks passed"
 }
+
+# expect_head TEXT: standard output begins with exactly the lines of TEXT.
+expect_head() {
+  local n
+  n=$(printf '%s\n' "$1" | wc -l)
+  head -n "$n" "$WORK/stdout" | diff -u <(printf '%s\n' "$1") - >"$WORK/diff" ||
+    fail "output begins differently:
+$(cat "$WORK/diff")"
+}
+
+# expect_line N PATTERN: line N of standard output matches the extended regular expression.
+expect_line() {
+  local line
+  line=$(sed -n "${1}p" "$WORK/stdout")
+  printf '%s\n' "$line" | grep -Eq -- "$2" || fail "line $1 is '$line', expected /$2/"
+}

@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "brix/impls/column.h"
+#include "brix/impls/column_typed.h"
+#include "brix/impls/o_set.h"
+#include "tests/brix/table_files.h"
+
+using brix::impls::column;
+using brix::impls::o_set;
+using brix::impls::order_range;
+using brix::impls::storage_kind;
+using brix::impls::w_case;
+using brix::impls::w_sequence;
+
+namespace {
+
+// A value set of the given type holding values "v0".."v{k-1}" (or 0..k-1 for
+// numbers), plus the null when asked.
+o_set* set_of(std::string const& type, unsigned long k, bool with_null = false,
+              bool admits_null = true) {
+  o_set* s = o_set::NEW_O_SET(type, admits_null, "?");
+  for (unsigned long i = 0; i < k; ++i) {
+    std::string v = type == "string" ? "v" + std::to_string(i) : std::to_string(i);
+    s->insert(v.c_str());
+  }
+  if (with_null) s->insert("?");
+  return s;
+}
+
+// The storage the factory picks for a kind over a value set.
+storage_kind storage_for(std::string const& kind, o_set* values) {
+  std::string error;
+  std::unique_ptr<column> c(column::NEW_COLUMN(values, "c", kind, error));
+  EXPECT_TRUE(c) << error;
+  return c ? c->get_storage() : storage_kind::none;
+}
+
+// The error text of a refused column; the value set stays with the caller.
+std::string refusal(std::unique_ptr<o_set> values, std::string const& name,
+                    std::string const& kind) {
+  std::string error;
+  column* c = column::NEW_COLUMN(values.get(), name, kind, error);
+  EXPECT_EQ(c, nullptr);
+  delete c;
+  return error;
+}
+
+TEST(Column, FactoryErrors) {
+  std::string error;
+  EXPECT_EQ(column::NEW_COLUMN(nullptr, "x", "discrete", error), nullptr);
+  EXPECT_EQ(error, "No set of values provided");
+  using set = std::unique_ptr<o_set>;
+  EXPECT_EQ(refusal(set(set_of("string", 2)), "x", "nominal"), "Unknown column type: nominal");
+  EXPECT_EQ(refusal(set(set_of("string", 2)), "temp", "continuous"),
+            "Continuous column 'temp' requires a numeric data type");
+  EXPECT_EQ(refusal(set(set_of("double", 2)), "temp", "continuous"),
+            "Continuous column 'temp' requires a numeric data type");
+  EXPECT_EQ(refusal(set(set_of("string", 0, false, false)), "w", "weights"),
+            "Weights column 'w' requires a non-negative numeric data type");
+  EXPECT_EQ(refusal(set(set_of("float", 2, true)), "w", "weights"),
+            "Weights column 'w' does not admit unknown values");
+  EXPECT_EQ(refusal(set(set_of("string", 2, true)), "play", "class"),
+            "Class column 'play' does not admit unknown values");
+  for (char const* kind : {"discrete", "class"}) {
+    EXPECT_EQ(refusal(set(set_of("null", 0)), "n", kind),
+              "Null set of column values can only be used for ignore column type");
+  }
+  EXPECT_EQ(storage_for("ignore", set_of("null", 0)), storage_kind::none);
+}
+
+TEST(Column, StorageWidth) {
+  // Two known values: one bit per row only for discrete columns without unknowns.
+  EXPECT_EQ(storage_for("discrete", set_of("string", 2)), storage_kind::bit);
+  EXPECT_EQ(storage_for("discrete", set_of("string", 1)), storage_kind::bit);
+  EXPECT_EQ(storage_for("discrete", set_of("string", 2, true)), storage_kind::u8);
+  EXPECT_EQ(storage_for("discrete", set_of("string", 3)), storage_kind::u8);
+  EXPECT_EQ(storage_for("class", set_of("string", 2, false, false)), storage_kind::u8);
+  EXPECT_EQ(storage_for("continuous", set_of("integer", 2)), storage_kind::u8);
+  // Each width stops one below its largest value.
+  EXPECT_EQ(storage_for("discrete", set_of("integer", 254, true)), storage_kind::u8);
+  EXPECT_EQ(storage_for("discrete", set_of("integer", 255)), storage_kind::u16);
+  EXPECT_EQ(storage_for("continuous", set_of("integer", 65534)), storage_kind::u16);
+  EXPECT_EQ(storage_for("continuous", set_of("integer", 65535)), storage_kind::u32);
+}
+
+TEST(Column, PushBackAndLookups) {
+  std::string error;
+  std::unique_ptr<column> bits(column::NEW_COLUMN(set_of("string", 2), "b", "discrete", error));
+  for (char const* v : {"v1", "v0", "v1", "v1"})
+    bits->push_back(v);
+  EXPECT_EQ(bits->size(), 4u);
+  EXPECT_EQ(bits->get_row_index(0), 2u);
+  EXPECT_EQ(bits->get_row_index(1), 1u);
+  EXPECT_EQ(bits->get_value(2), "v1");
+  EXPECT_TRUE(bits->less_than(1, 0));
+  EXPECT_EQ(error_of([&] { bits->push_back("v7"); }),
+            "[column::push_back] index not found for value 'v7'");
+
+  std::unique_ptr<column> bytes(
+      column::NEW_COLUMN(set_of("integer", 3, true), "n", "continuous", error));
+  for (char const* v : {"2", "?", "0"})
+    bytes->push_back(v);
+  EXPECT_EQ(bytes->get_row_index(0), 3u);
+  EXPECT_EQ(bytes->get_row_index(1), 0u);
+  EXPECT_EQ(bytes->get_row_value(1), "?");
+  EXPECT_EQ(error_of([&] { bytes->push_back("9"); }), "column require a valid o_set");
+  EXPECT_EQ(bytes->size(), 3u);
+  EXPECT_EQ(bytes->get_index("1"), 2u);
+  EXPECT_EQ(bytes->get_index("9"), 0u);
+  EXPECT_EQ(bytes->get_distinct(), 3u);
+  EXPECT_EQ(bytes->get_range(), order_range(1, 4));
+  EXPECT_EQ(bytes->find_threshold(1, 3), "1");
+
+  // The threshold of a non-continuous column is its null text.
+  EXPECT_EQ(bits->find_threshold(1, 2), "?");
+  std::unique_ptr<column> empty(column::NEW_COLUMN(set_of("string", 0), "e", "discrete", error));
+  EXPECT_EQ(empty->get_range(), order_range(0, 0));
+
+  // A copy with or without rows, on its own value set.
+  std::unique_ptr<column> full(bytes->clone(false)), bare(bytes->clone(true));
+  EXPECT_EQ(full->size(), 3u);
+  EXPECT_EQ(full->get_value(0), "2");
+  EXPECT_EQ(bare->size(), 0u);
+  EXPECT_NE(bare->get_o_set(), bytes->get_o_set());
+  EXPECT_EQ(bare->get_type(), "continuous");
+  std::unique_ptr<column> bits_copy(bits->clone(false));
+  EXPECT_EQ(bits_copy->get_storage(), storage_kind::bit);
+  EXPECT_EQ(bits_copy->get_value(0), "v1");
+}
+
+// Cases of a node, given as (row, weight).
+w_sequence cases_of(std::vector<std::pair<unsigned, float>> const& cases) {
+  w_sequence s;
+  for (auto const& c : cases)
+    s.push_back(c.first, c.second);
+  return s;
+}
+
+void expect_cases(w_sequence const& got, std::vector<std::pair<unsigned, float>> const& want) {
+  ASSERT_EQ(got.size(), want.size());
+  for (std::size_t i = 0; i < want.size(); ++i) {
+    EXPECT_EQ(got[i].first, want[i].first) << "case " << i;
+    EXPECT_EQ(got[i].second, want[i].second) << "case " << i;
+  }
+}
+
+class PartitionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // x: 1 2 ? 3 4 ? (orders 1 2 0 3 4 0); d: a b ? a c b (orders 1 2 0 1 3 2).
+    t_ = files_.loaded("x,integer,continuous\nd,string,discrete\nc,string,class\n",
+                       "1,a,y\n2,b,n\n?,?,y\n3,a,n\n4,c,y\n?,b,n\n");
+    x_ = t_->get_column(0);
+    d_ = t_->get_column(1);
+  }
+
+  table_files files_;
+  std::unique_ptr<brix::impls::table> t_;
+  column* x_;
+  column* d_;
+};
+
+TEST_F(PartitionTest, ContinuousWithUnknowns) {
+  w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, 1.5f}});
+  column::partition_desc desc{"2", 2};
+  float share = -1;
+  order_range range;
+  // Branch 1 counts the unknown cases in its own weight: 5 / 9.
+  std::unique_ptr<w_sequence> low(
+      x_->partition(all.data(), all.data() + all.size(), 1, 9.0f, share, range, desc));
+  float s1 = 5.0f / 9.0f;
+  EXPECT_EQ(share, s1);
+  expect_cases(*low, {{0, 1.0f}, {1, 2.0f}, {2, s1 * 0.5f}, {5, s1 * 1.5f}});
+  EXPECT_EQ(range, order_range(0, 3));
+  // Branch 2 leaves them out: 4 / (9 - 2).
+  std::unique_ptr<w_sequence> high(
+      x_->partition(all.data(), all.data() + all.size(), 2, 9.0f, share, range, desc));
+  float s2 = 4.0f / 7.0f;
+  EXPECT_EQ(share, s2);
+  expect_cases(*high, {{2, s2 * 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, s2 * 1.5f}});
+  EXPECT_EQ(range, order_range(0, 5));
+
+  // Without unknowns both ranges start from the threshold's order.
+  w_sequence known = cases_of({{3, 1.0f}, {0, 1.0f}, {4, 3.0f}});
+  std::unique_ptr<w_sequence> k1(
+      x_->partition(known.data(), known.data() + 3, 1, 5.0f, share, range, desc));
+  EXPECT_EQ(share, 1.0f / 5.0f);
+  expect_cases(*k1, {{0, 1.0f}});
+  EXPECT_EQ(range, order_range(1, 3));
+  std::unique_ptr<w_sequence> k2(
+      x_->partition(known.data(), known.data() + 3, 2, 5.0f, share, range, desc));
+  EXPECT_EQ(share, 4.0f / 5.0f);
+  expect_cases(*k2, {{3, 1.0f}, {4, 3.0f}});
+  EXPECT_EQ(range, order_range(2, 5));
+
+  // A branch number other than 1 and 2 keeps the unknown cases only, with share 0.
+  std::unique_ptr<w_sequence> other(
+      x_->partition(all.data(), all.data() + all.size(), 3, 9.0f, share, range, desc));
+  EXPECT_EQ(share, 0.0f);
+  expect_cases(*other, {{2, 0.0f}, {5, 0.0f}});
+}
+
+TEST_F(PartitionTest, Discrete) {
+  w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 1.0f}, {3, 3.0f}, {4, 0.5f}, {5, 1.0f}});
+  column::partition_desc desc{"?", 3};
+  float share = -1;
+  order_range range;
+  // Branch a (order 1): 4 of the 7.5 known weight.
+  std::unique_ptr<w_sequence> a(
+      d_->partition(all.data(), all.data() + 6, 1, 8.5f, share, range, desc));
+  float sa = 4.0f / 7.5f;
+  EXPECT_EQ(share, sa);
+  expect_cases(*a, {{0, 1.0f}, {2, sa * 1.0f}, {3, 3.0f}});
+  EXPECT_EQ(range, order_range(1, 2));
+  std::unique_ptr<w_sequence> c(
+      d_->partition(all.data(), all.data() + 6, 3, 8.5f, share, range, desc));
+  EXPECT_EQ(share, 0.5f / 7.5f);
+  expect_cases(*c, {{2, 0.5f / 7.5f}, {4, 0.5f}});
+  EXPECT_EQ(range, order_range(3, 4));
+
+  // Columns that take no part in splits refuse.
+  table_files files;
+  auto t = files.loaded("w,float,weights\ni,string,ignore\nc,string,class\n", "1,a,y\n");
+  EXPECT_EQ(error_of([&] {
+              delete t->get_column(0)->partition(all.data(), all.data(), 1, 1.0f, share, range,
+                                                 desc);
+            }),
+            "[column::partition] method not defined for column type 'weights'");
+  std::vector<w_sequence*> children;
+  std::vector<float> shares;
+  std::vector<order_range> ranges;
+  EXPECT_EQ(error_of([&] {
+              t->get_column(1)->partition_all(all.data(), all.data(), 1.0f, desc, children, shares,
+                                              ranges);
+            }),
+            "[column::partition] method not defined for column type 'ignore'");
+}
+
+// partition_all must give, branch by branch, exactly what partition gives.
+void expect_same_as_partition(column const& c, w_sequence const& cases, float total,
+                              column::partition_desc const& desc) {
+  std::vector<w_sequence*> children;
+  std::vector<float> shares;
+  std::vector<order_range> ranges;
+  w_case const* b = cases.data();
+  w_case const* e = b + cases.size();
+  c.partition_all(b, e, total, desc, children, shares, ranges);
+  ASSERT_EQ(children.size(), c.is_continuous() ? 2u : c.get_distinct());
+  for (std::size_t i = 0; i < children.size(); ++i) {
+    float share = -1;
+    order_range range;
+    std::unique_ptr<w_sequence> one(c.partition(b, e, i + 1, total, share, range, desc));
+    std::unique_ptr<w_sequence> all(children[i]);
+    EXPECT_EQ(std::memcmp(&share, &shares[i], sizeof share), 0) << "branch " << i + 1;
+    EXPECT_EQ(range, ranges[i]) << "branch " << i + 1;
+    ASSERT_EQ(one->size(), all->size()) << "branch " << i + 1;
+    EXPECT_EQ(std::memcmp(one->data(), all->data(), one->size() * sizeof(w_case)), 0)
+        << "branch " << i + 1;
+  }
+}
+
+TEST_F(PartitionTest, AllBranchesAtOnceMatchOneByOne) {
+  w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, 1.5f}});
+  for (char const* t : {"1", "2", "3", "4"})
+    expect_same_as_partition(*x_, all, 9.0f, {t, 2});
+  expect_same_as_partition(*d_, all, 9.0f, {"?", 3});
+
+  // A larger table with odd weights, every storage width that splits.
+  std::mt19937 gen(7);
+  std::string data;
+  for (int r = 0; r < 3000; ++r) {
+    int x = static_cast<int>(gen() % 400);
+    data += (gen() % 9 == 0 ? std::string("?") : std::to_string(x)) + ",";
+    data += std::string(1, static_cast<char>('a' + gen() % 5)) + ",";
+    data += std::string(gen() % 2 ? "p" : "q") + ",";
+    data += std::string(gen() % 2 ? "yes" : "no") + "\n";
+  }
+  table_files files;
+  auto big = files.loaded(
+      "x,integer,continuous\nd,string,discrete\nb,string,discrete\nc,string,class\n", data);
+  ASSERT_EQ(big->get_column(0)->get_storage(), storage_kind::u16);
+  ASSERT_EQ(big->get_column(2)->get_storage(), storage_kind::bit);
+  w_sequence cases;
+  float total = 0;
+  for (unsigned r = 0; r < 3000; r += 1 + gen() % 3) {
+    float w = 0.1f + static_cast<float>(gen() % 1000) / 337.0f;
+    cases.push_back(r, w);
+    total += w;
+  }
+  for (char const* t : {"0", "57", "199", "399"}) {
+    expect_same_as_partition(*big->get_column(0), cases, total, {t, 2});
+  }
+  for (unsigned long i = 1; i <= 3; ++i)
+    expect_same_as_partition(*big->get_column(i), cases, total, {"?", 0});
+}
+
+}  // namespace

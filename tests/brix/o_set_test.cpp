@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "brix/impls/o_set.h"
+#include "tests/brix/table_files.h"
+
+using brix::impls::o_set;
+
+namespace {
+
+std::unique_ptr<o_set> make_set(std::string const& type, std::vector<char const*> values,
+                                bool admits_null = true) {
+  std::unique_ptr<o_set> s(o_set::NEW_O_SET(type, admits_null, "?"));
+  for (char const* v : values)
+    s->insert(v);
+  return s;
+}
+
+unsigned long order_of(o_set& s, char const* value) {
+  unsigned long order = 999;
+  EXPECT_TRUE(s.get_order(value, order)) << value;
+  return order;
+}
+
+TEST(OSet, OrdersFollowValueOrderNotInsertionOrder) {
+  auto s = make_set("integer", {"10", "2", "7", "10"});
+  EXPECT_EQ(s->size_of_known(), 3u);
+  EXPECT_EQ(order_of(*s, "2"), 1u);
+  EXPECT_EQ(order_of(*s, "7"), 2u);
+  EXPECT_EQ(order_of(*s, "10"), 3u);
+  EXPECT_EQ(s->get_value(1), "2");
+  EXPECT_EQ(s->get_value(3), "10");
+  unsigned long order = 999;
+  EXPECT_FALSE(s->get_order("5", order));
+
+  // Strings compare as text; an insertion after a lookup renumbers.
+  auto t = make_set("string", {"pear", "apple"});
+  EXPECT_EQ(order_of(*t, "pear"), 2u);
+  t->insert("banana");
+  EXPECT_EQ(order_of(*t, "apple"), 1u);
+  EXPECT_EQ(order_of(*t, "banana"), 2u);
+  EXPECT_EQ(order_of(*t, "pear"), 3u);
+
+  auto n = make_set("integer", {"-3", "5", "-40", "0"});
+  EXPECT_EQ(n->get_value(1), "-40");
+  EXPECT_EQ(n->get_value(2), "-3");
+  EXPECT_EQ(n->get_value(4), "5");
+}
+
+TEST(OSet, ProvisionalIdsAndRemap) {
+  std::unique_ptr<o_set> s(o_set::NEW_O_SET("integer", true, "?"));
+  EXPECT_EQ(s->insert_id("10"), 1u);
+  EXPECT_EQ(s->insert_id("2"), 2u);
+  EXPECT_EQ(s->insert_id("?"), 0u);
+  EXPECT_EQ(s->insert_id("10"), 1u);
+  EXPECT_EQ(s->insert_id("7"), 3u);
+  std::vector<std::uint32_t> remap;
+  s->freeze_remap(remap);
+  EXPECT_EQ(remap, (std::vector<std::uint32_t>{0, 3, 1, 2}));
+  EXPECT_TRUE(s->contains_null());
+  EXPECT_EQ(s->get_value(2), "7");
+}
+
+// Sets of many values are sorted by another route than small ones.
+TEST(OSet, LargeSetsAreNumberedInValueOrder) {
+  std::mt19937_64 gen(11);
+  for (char const* type : {"integer", "uinteger", "float", "double"}) {
+    SCOPED_TRACE(type);
+    std::unique_ptr<o_set> s(o_set::NEW_O_SET(type, true, "?"));
+    for (int i = 0; i < 3000; ++i) {
+      std::int64_t r = static_cast<std::int64_t>(gen() % 2000001) - 1000000;
+      std::string text;
+      if (std::string(type) == "uinteger") {
+        std::uint64_t u = gen() >> (gen() % 64);
+        text = std::to_string(u);
+      } else if (std::string(type) == "integer") {
+        text = std::to_string(r);
+      } else {
+        text = std::to_string(r) + "e-2";
+      }
+      s->insert(text.c_str());
+    }
+    unsigned long k = s->size_of_known();
+    ASSERT_GT(k, 2000u);
+    bool unsigned_set = std::string(type) == "uinteger";
+    for (unsigned long o = 1; o < k; ++o) {
+      std::string a = s->get_value(o), b = s->get_value(o + 1);
+      if (unsigned_set) {
+        ASSERT_LT(std::stoull(a), std::stoull(b)) << "order " << o;
+      } else {
+        ASSERT_LT(std::stod(a), std::stod(b)) << "order " << o;
+      }
+    }
+  }
+}
+
+TEST(OSet, NullHandling) {
+  // Refused even when the set is still empty, and the set stays as it was.
+  auto refusing = make_set("string", {}, false);
+  EXPECT_EQ(error_of([&] { refusing->insert("?"); }),
+            "[o_set::insert()] called with unadmitted null value");
+  EXPECT_EQ(error_of([&] { refusing->insert_id("?"); }),
+            "[o_set::insert()] called with unadmitted null value");
+  EXPECT_FALSE(refusing->contains_null());
+  EXPECT_EQ(refusing->size_of_known(), 0u);
+  unsigned long order = 999;
+  EXPECT_FALSE(refusing->get_order("?", order));
+
+  auto only_null = make_set("integer", {"?", "?"});
+  EXPECT_TRUE(only_null->contains_null());
+  EXPECT_EQ(only_null->size_of_known(), 0u);
+  EXPECT_EQ(order_of(*only_null, "?"), 0u);
+  EXPECT_EQ(only_null->get_value(0), "?");
+
+  // The null text is not a value; another null text is taken as a value.
+  std::unique_ptr<o_set> dash(o_set::NEW_O_SET("string", true, "-"));
+  dash->insert("?");
+  dash->insert("-");
+  EXPECT_EQ(dash->size_of_known(), 1u);
+  EXPECT_EQ(order_of(*dash, "-"), 0u);
+  EXPECT_EQ(order_of(*dash, "?"), 1u);
+
+  // Without the null inserted its text has no order.
+  auto plain = make_set("integer", {"1"});
+  EXPECT_FALSE(plain->get_order("?", order));
+}
+
+TEST(OSet, ConversionErrorsLeaveTheSetUnchanged) {
+  EXPECT_EQ(error_of([] { delete o_set::NEW_O_SET("Integer", true, "?"); }),
+            "invalid o_set type = Integer");
+  auto ints = make_set("integer", {"4"});
+  EXPECT_EQ(error_of([&] { ints->insert("1.5"); }), "1.5: _not an int");
+  EXPECT_EQ(error_of([&] { ints->insert(""); }), ": not an int");
+  EXPECT_EQ(error_of([&] { ints->insert("abc"); }), "abc: _not an int");
+  EXPECT_EQ(ints->size_of_known(), 1u);
+  auto floats = make_set("float", {"1"});
+  EXPECT_EQ(error_of([&] { floats->insert("1.5x"); }), "1.5x: not a float");
+  EXPECT_EQ(error_of([&] { floats->insert(""); }), ": not a float");
+  EXPECT_EQ(floats->size_of_known(), 1u);
+  auto uints = make_set("uinteger", {});
+  EXPECT_NE(error_of([&] { uints->insert("-1"); }), "");
+  EXPECT_EQ(uints->size_of_known(), 0u);
+}
+
+TEST(OSet, FloatsAreRoundedOnceAndPrintedWithThirtyDecimals) {
+  auto s = make_set("float", {"0.1", "2.5", "-0.75"});
+  EXPECT_EQ(s->get_value(1), "-0.750000000000000000000000000000");
+  EXPECT_EQ(s->get_value(2), "0.100000001490116119384765625000");
+  EXPECT_EQ(s->get_value(3), "2.500000000000000000000000000000");
+  // Just above the midpoint between 1 and the next float: a detour through
+  // double would land exactly on the midpoint and round down to 1.
+  auto r = make_set("float", {"1.00000005960464477539062500000001"});
+  EXPECT_EQ(r->get_value(1), "1.000000119209289550781250000000");
+  // Text of the same float is one value.
+  auto same = make_set("float", {"0.5", "0.50", "5e-1"});
+  EXPECT_EQ(same->size_of_known(), 1u);
+}
+
+TEST(OSet, FindMidIntegers) {
+  auto s = make_set("integer", {"7", "2"});
+  EXPECT_EQ(s->find_mid(1, 2), "2");  // midpoint 4
+  EXPECT_EQ(s->find_mid(2, 2), "7");
+  EXPECT_EQ(s->find_mid(1, 1), "2");
+
+  auto neg = make_set("integer", {"-7", "5"});
+  EXPECT_EQ(neg->find_mid(1, 2), "-7");  // midpoint -1
+
+  // Mixed signs: (lo + hi) / 2 truncates toward zero.
+  auto mixed = make_set("integer", {"-7", "-2", "-1", "5"});
+  EXPECT_EQ(mixed->find_mid(1, 4), "-1");
+  // Both negative: lo + (hi - lo) / 2 = -6, while (lo + hi) / 2 would be -5.
+  auto both = make_set("integer", {"-7", "-6", "-5", "-4"});
+  EXPECT_EQ(both->find_mid(1, 4), "-6");
+  // No overflow near the top of the range.
+  auto big = make_set("integer", {"2000000000", "2073741823", "2147483647"});
+  EXPECT_EQ(big->find_mid(1, 3), "2073741823");
+  // Only the stretch between the two orders is searched.
+  auto stretch = make_set("integer", {"1", "2", "10", "11", "12"});
+  EXPECT_EQ(stretch->find_mid(3, 5), "11");
+}
+
+TEST(OSet, FindMidUnsignedAndFloats) {
+  auto u = make_set("uinteger",
+                    {"18446744073709551613", "18446744073709551614", "18446744073709551615", "3"});
+  EXPECT_EQ(u->find_mid(2, 4), "18446744073709551614");
+  EXPECT_EQ(u->find_mid(1, 2), "3");
+
+  auto f = make_set("float", {"1", "2", "3"});
+  EXPECT_EQ(f->find_mid(1, 3), "2.000000000000000000000000000000");
+  EXPECT_EQ(f->find_mid(1, 2), "1.000000000000000000000000000000");
+  // The difference of the extremes overflows a float but not a double.
+  auto wide = make_set("float", {"-3e38", "0", "3e38"});
+  EXPECT_EQ(wide->find_mid(1, 3), "0.000000000000000000000000000000");
+
+  auto d = make_set("double", {"0.25", "0.5", "1"});
+  EXPECT_EQ(d->find_mid(1, 3), "0.5");
+}
+
+TEST(OSet, FindMidRejectsBadOrders) {
+  auto s = make_set("integer", {"1", "2", "3", "?"});
+  std::string prefix = "[o_set::find_threshold()] called for non-existing elements ";
+  EXPECT_EQ(error_of([&] { s->find_mid(0, 2); }), prefix + "0-2");
+  EXPECT_EQ(error_of([&] { s->find_mid(1, 0); }), prefix + "1-0");
+  EXPECT_EQ(error_of([&] { s->find_mid(3, 2); }), prefix + "3-2");
+  EXPECT_EQ(error_of([&] { s->find_mid(1, 4); }), prefix + "1-4");
+  EXPECT_EQ(error_of([&] { s->find_mid(4, 4); }), prefix + "4-4");
+
+  auto str = make_set("string", {"a", "b"});
+  EXPECT_EQ(error_of([&] { str->find_mid(2, 3); }), prefix + "2-3");
+  EXPECT_EQ(error_of([&] { str->find_mid(1, 2); }),
+            "mid_value() is undefined on type datatype_string");
+
+  auto none = make_set("null", {"?"});
+  EXPECT_EQ(error_of([&] { none->find_mid(1, 1); }),
+            "[o_set::find_threshold()] called for non-existing elements");
+}
+
+TEST(OSet, Leq) {
+  auto s = make_set("integer", {"10", "2", "7"});
+  EXPECT_EQ(s->leq("3", "5"), 0);
+  EXPECT_EQ(s->leq("5", "5"), 0);
+  EXPECT_EQ(s->leq("10", "9"), 1);  // as numbers, not as text
+  EXPECT_EQ(s->leq("?", "5"), -1);
+  EXPECT_EQ(s->leq("5", "?"), -1);
+  EXPECT_EQ(error_of([&] { s->leq("x", "5"); }), "x: _not an int");
+
+  // Against a stored value: orders 1, 2, 3 are 2, 7, 10.
+  EXPECT_EQ(s->leq(1, "7"), 0);
+  EXPECT_EQ(s->leq(2, "7"), 0);
+  EXPECT_EQ(s->leq(3, "7"), 1);
+  EXPECT_EQ(s->leq(3, "11"), 0);
+  EXPECT_EQ(s->leq(0, "7"), -1);
+  EXPECT_EQ(s->leq(1, "?"), -1);
+
+  auto f = make_set("float", {"0.5"});
+  EXPECT_EQ(f->leq("0.5", "0.25"), 1);
+  EXPECT_EQ(f->leq(1, "0.500000000000000000000000000000"), 0);
+  EXPECT_EQ(f->leq(1, "0.4999"), 1);
+  auto str = make_set("string", {"b"});
+  EXPECT_EQ(str->leq("b", "a"), 1);
+  EXPECT_EQ(str->leq(1, "b"), 0);
+  EXPECT_EQ(make_set("null", {})->leq("1", "2"), -1);
+}
+
+TEST(OSet, CloneIsDeep) {
+  auto s = make_set("integer", {"5", "1", "?"});
+  std::unique_ptr<o_set> c(s->clone());
+  c->insert("3");
+  EXPECT_EQ(s->size_of_known(), 2u);
+  EXPECT_EQ(c->size_of_known(), 3u);
+  EXPECT_TRUE(c->contains_null());
+  EXPECT_EQ(c->get_null(), "?");
+  EXPECT_EQ(order_of(*c, "5"), 3u);
+  EXPECT_EQ(order_of(*s, "5"), 2u);
+}
+
+}  // namespace

@@ -1,0 +1,373 @@
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/line_fields.h"
+#include "brix/impls/table.h"
+#include "tests/brix/table_files.h"
+
+using brix::impls::column;
+using brix::impls::storage_kind;
+using brix::impls::table;
+
+namespace {
+
+char const* const kGolfNames =
+    "outlook,string,discrete\ntemperature,integer,continuous\nhumidity,float,continuous\n"
+    "windy,string,discrete\nplay,string,class\n";
+
+TEST(Fields, CountingAndSplittingAgree) {
+  struct {
+    char const* line;
+    unsigned long fields;
+  } cases[] = {{"", 1},     {"a", 1},      {",", 1},    {",,", 2},      {"a,b", 2},
+               {"a,b,", 2}, {"a,b,c,", 3}, {"a,,c", 3}, {"a,b,c,,", 4}, {",a", 2}};
+  for (auto const& c : cases) {
+    EXPECT_EQ(brix::impls::count_fields(c.line, ','), c.fields) << '"' << c.line << '"';
+    std::string copy = c.line;
+    brix::impls::line_fields f;
+    EXPECT_EQ(f.split_all(&copy[0], ','), c.fields) << '"' << c.line << '"';
+    f.restore();
+    EXPECT_EQ(copy, c.line);
+  }
+  std::string line = "a,,c,";
+  brix::impls::line_fields f;
+  ASSERT_EQ(f.split_all(&line[0], ','), 3u);
+  EXPECT_STREQ(f[0], "a");
+  EXPECT_STREQ(f[1], "");
+  EXPECT_STREQ(f[2], "c");
+}
+
+TEST(Metadata, Lines) {
+  table_files files;
+  // A leading blank belongs to the name, fields after the third are ignored
+  // and a final separator opens no field.
+  auto t = files.declared(" outlook,string,discrete,extra\nplay,string,class,\n");
+  ASSERT_EQ(t->get_no_columns(), 2u);
+  EXPECT_EQ(t->get_column(0)->get_name(), " outlook");
+  EXPECT_TRUE(t->get_column(0)->is_discrete());
+  EXPECT_TRUE(t->get_column(1)->is_class());
+  EXPECT_FALSE(t->get_column(1)->get_o_set()->admits_null());
+  EXPECT_EQ(t->get_no_rows(), 0u);
+
+  // Messages are checked end to end by the command-line tests; here the
+  // row number of a blank last line and the missing source.
+  table blank_end("t", true);
+  EXPECT_EQ(error_of([&] {
+              blank_end.load_meta_data(files.source("m.names", "a,string,discrete\n\n"), true);
+            }),
+            "Reading metadata: bad row format (row 2): ");
+  EXPECT_EQ(error_of([] { table("t", true).load_meta_data(nullptr, true); }),
+            "no data provider detected.");
+
+  // Columns before the failing line stay.
+  table partial("t", true);
+  error_of(
+      [&] { partial.load_meta_data(files.source("p.names", "a,string,discrete\nb\n"), true); });
+  EXPECT_EQ(partial.get_no_columns(), 1u);
+
+  // The metadata separator is the source's.
+  table semi("t", true);
+  semi.load_meta_data(files.source("s.names", "a;string;discrete\nc;string;class\n", ';'), true);
+  EXPECT_EQ(semi.get_no_columns(), 2u);
+}
+
+TEST(Metadata, ConsistencyRules) {
+  table_files files;
+  auto t = files.declared("a,string,discrete\nc1,string,class\nw,float,weights\nc2,string,class\n");
+  std::string error;
+  EXPECT_FALSE(t->consistency_check(4, error));
+  EXPECT_EQ(error, "there must be only one class column");
+  EXPECT_TRUE(t->consistency_check(3, error));
+  EXPECT_EQ(t->get_class_index(), 1u);
+  EXPECT_EQ(t->get_weights_index(), 2u);
+  EXPECT_FALSE(t->consistency_check(1, error));
+  EXPECT_FALSE(t->consistency_check(0, error));
+
+  // Switching the rules back and forth; a failed switch restores the old ones.
+  auto loaded = files.loaded("a,string,discrete\nc,string,class\n", "x,y\n", false);
+  EXPECT_EQ(loaded->get_no_attributes(), 2u);
+  EXPECT_EQ(loaded->get_class(), nullptr);
+  EXPECT_TRUE(loaded->set_consistency_for_tree(true, error));
+  EXPECT_EQ(loaded->get_no_attributes(), 1u);
+  EXPECT_EQ(loaded->get_class(), loaded->get_column(1));
+  auto classless = files.loaded("a,string,discrete\nb,string,discrete\n", "x,y\n", false);
+  EXPECT_FALSE(classless->set_consistency_for_tree(true, error));
+  EXPECT_EQ(error, "there must be only one class column");
+  EXPECT_FALSE(classless->is_for_tree());
+  EXPECT_EQ(classless->get_no_attributes(), 2u);
+}
+
+// The orders of one column, row by row.
+std::vector<unsigned long> orders(table const& t, unsigned long col) {
+  std::vector<unsigned long> out;
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    out.push_back(t.get_column(col)->get_row_index(r));
+  return out;
+}
+
+TEST(Load, ValuesOrdersAndLineEndings) {
+  table_files files;
+  std::string data =
+      "sunny,85,85.5,FALSE,no\r\n"
+      "overcast,?,86,TRUE,yes\r\n"
+      "rainy,70,?,FALSE,yes,\r\n"
+      "sunny,64,65,FALSE,no";
+  auto t = files.loaded(kGolfNames, data);
+  ASSERT_EQ(t->get_no_rows(), 4u);
+  EXPECT_EQ(t->get_loaded_columns(), 5u);
+  EXPECT_EQ(orders(*t, 0), (std::vector<unsigned long>{3, 1, 2, 3}));
+  EXPECT_EQ(orders(*t, 1), (std::vector<unsigned long>{3, 0, 2, 1}));
+  EXPECT_EQ(orders(*t, 2), (std::vector<unsigned long>{2, 3, 0, 1}));
+  EXPECT_EQ(t->get_column(4)->get_value(0), "no");  // no carriage return kept
+  EXPECT_EQ(t->get_column(4)->get_value(1), "yes");
+  EXPECT_EQ(t->get_column(2)->get_value(0), "85.500000000000000000000000000000");
+  EXPECT_EQ(t->get_column(3)->get_storage(), storage_kind::bit);
+  EXPECT_EQ(t->get_column(1)->get_storage(), storage_kind::u8);
+  EXPECT_EQ(t->get_class(), t->get_column(4));
+  EXPECT_EQ(t->get_weights(), nullptr);
+  EXPECT_EQ(t->get_no_attributes(), 4u);
+  EXPECT_GE(t->get_elapsed(), 0.0);
+}
+
+TEST(Load, GzipData) {
+  table_files files;
+  std::string text;
+  for (int r = 0; r < 3000; ++r)
+    text += std::to_string(r % 17) + "," + (r % 3 ? "a" : "b") + "\n";
+  std::string path = files.path("d.data.gz");
+  gzFile gz = gzopen(path.c_str(), "wb");
+  ASSERT_NE(gz, nullptr);
+  ASSERT_EQ(gzwrite(gz, text.data(), static_cast<unsigned>(text.size())),
+            static_cast<int>(text.size()));
+  gzclose(gz);
+  auto t = files.declared("n,integer,continuous\nc,string,class\n");
+  t->load_data(zel::inpout::stream::FROM_FILE(path, ','), "?", true);
+  EXPECT_EQ(t->get_no_rows(), 3000u);
+  EXPECT_EQ(t->get_column(0)->get_distinct(), 17u);
+  EXPECT_EQ(t->get_column(0)->get_value(2999), std::to_string(2999 % 17));
+  EXPECT_EQ(t->get_column(1)->get_value(2999), "a");
+}
+
+// Writes rows of a two-column table; returns the data text.
+std::string counted_rows(int n) {
+  std::string text;
+  for (int r = 0; r < n; ++r)
+    text += std::to_string(r % 300) + (r % 2 ? ",a\n" : ",b\n");
+  return text;
+}
+
+TEST(Load, ProgressLog) {
+  table_files files;
+  std::string data = counted_rows(25000);
+  auto log_of = [&](unsigned long verbosity) {
+    auto t = files.declared("n,integer,continuous\nc,string,class\n");
+    std::ostringstream log;
+    t->set_log(&log);
+    t->set_verbosity(verbosity);
+    t->load_data(files.source("d.data", data), "?", true);
+    EXPECT_EQ(t->get_no_rows(), 25000u);
+    return log.str();
+  };
+  EXPECT_EQ(
+      log_of(200),
+      "Reading data \n ... 1st pass: \n  10000\r  20000\r  25000 rows read. Indexing ...  done.\n"
+      " ... 2nd pass: \n  10000\r  20000\r  25000 rows read.\n");
+  EXPECT_EQ(log_of(1), "Reading data   25000 rows read. Indexing ...  done.\n ... 2nd pass: \n");
+  EXPECT_EQ(log_of(0), "");
+
+  // Verbosity without a log stream writes nothing and still loads.
+  auto quiet = files.declared("n,integer,continuous\nc,string,class\n");
+  quiet->set_verbosity(200);
+  quiet->load_data(files.source("d.data", data), "?", true);
+  EXPECT_EQ(quiet->get_no_rows(), 25000u);
+  EXPECT_EQ(quiet->get_column(0)->get_value(24999), std::to_string(24999 % 300));
+  EXPECT_EQ(quiet->get_column(0)->get_storage(), storage_kind::u16);
+}
+
+TEST(Load, Errors) {
+  table_files files;
+  auto load_error = [&](std::string const& names, std::string const& data) {
+    auto t = files.declared(names);
+    std::string e = error_of([&] { t->load_data(files.source("d.data", data), "?", true); });
+    // Nothing of a failed load stays.
+    EXPECT_EQ(t->get_no_rows(), 0u);
+    EXPECT_EQ(t->get_loaded_columns(), 0u);
+    EXPECT_EQ(t->get_column(0)->size(), 0u);
+    return e;
+  };
+  // Every message is checked end to end by the command-line tests; here the
+  // failures at each stage leave nothing behind, and a line quoted in a
+  // message is the line as read.
+  std::string names = "n,integer,continuous\nf,float,continuous\nc,string,class\n";
+  EXPECT_EQ(load_error(names, "1,2,a\n1,2,a,b\n"),
+            "Reading training data: bad row format (row 2): 1,2,a,b");
+  EXPECT_EQ(load_error(names, "1,2,a,b,\n"),
+            "Reading training data: bad row format (row 1): 1,2,a,b,");
+  EXPECT_EQ(load_error(names, "1,2,a\n1,2,?\n"),
+            "Reading training data: [o_set::insert()] called with unadmitted null value");
+  EXPECT_EQ(load_error(names, "1,2,a\n1.5,2,a\n"), "Reading training data: 1.5: _not an int");
+  EXPECT_EQ(load_error("a,string,discrete\nc1,string,class\nc2,string,class\n", "a,b,c\n"),
+            "Reading training data: there must be only one class column");
+  table t("t", true);
+  EXPECT_EQ(error_of([&] { t.load_data(nullptr, "?", true); }),
+            "Reading training data: no data provider detected.");
+
+  // A one-column table takes an empty line as an empty value.
+  auto single = files.loaded("c,string,class\n", "a\n\nb\n");
+  EXPECT_EQ(single->get_no_rows(), 3u);
+  EXPECT_EQ(single->get_column(0)->get_value(1), "");
+}
+
+TEST(Load, IncrementalColumnsAndFailedLoadKeepsTheTable) {
+  table_files files;
+  auto t = files.loaded("a,string,discrete\nc,string,class\n", "x,yes\ny,no\nx,no\n");
+  column* a = t->get_column(0);
+
+  // Nothing new to load: every line has too many fields.
+  EXPECT_EQ(error_of([&] { t->load_data(files.source("d.data", "x,yes\n"), "?", true); }),
+            "Reading training data: bad row format (row 1): x,yes");
+  // An empty source loads nothing and keeps the rows.
+  t->load_data(files.source("e.data", ""), "?", true);
+  EXPECT_EQ(t->get_no_rows(), 3u);
+
+  t->push_back("n", "integer", "continuous");
+  column* declared = t->get_column(2);
+  EXPECT_EQ(error_of([&] { t->load_data(files.source("n.data", "5\n6,7\n"), "?", true); }),
+            "Reading training data: bad row format (row 2): 6,7");
+  EXPECT_EQ(t->get_no_rows(), 3u);
+  EXPECT_EQ(t->get_loaded_columns(), 2u);
+  EXPECT_EQ(t->get_column(0), a);
+  EXPECT_EQ(t->get_column(2), declared);
+  EXPECT_EQ(orders(*t, 0), (std::vector<unsigned long>{1, 2, 1}));
+  EXPECT_EQ(t->get_class(), t->get_column(1));
+
+  // The new column alone is read; fewer rows never shrink the table.
+  t->load_data(files.source("n.data", "5\n?\n"), "?", true);
+  EXPECT_EQ(t->get_loaded_columns(), 3u);
+  EXPECT_EQ(t->get_no_rows(), 3u);
+  EXPECT_EQ(t->get_column(2)->size(), 2u);
+  EXPECT_EQ(t->get_column(2)->get_row_index(1), 0u);
+  EXPECT_EQ(t->get_no_attributes(), 2u);
+}
+
+TEST(Load, WidthsAtTheLimits) {
+  table_files files;
+  auto with_values = [&](int k, bool unknown) {
+    std::string data;
+    for (int v = k - 1; v >= 0; --v)
+      data += "v" + std::to_string(v) + ",c\n";
+    if (unknown) data += "?,c\n";
+    return files.loaded("d,string,discrete\nc,string,class\n", data);
+  };
+  auto t254 = with_values(254, true);
+  EXPECT_EQ(t254->get_column(0)->get_storage(), storage_kind::u8);
+  EXPECT_EQ(t254->get_column(0)->get_value(253), "v0");
+  EXPECT_EQ(t254->get_column(0)->get_row_index(254), 0u);
+  auto t255 = with_values(255, false);
+  EXPECT_EQ(t255->get_column(0)->get_storage(), storage_kind::u16);
+  for (unsigned long r : {0ul, 1ul, 253ul, 254ul}) {
+    EXPECT_EQ(t255->get_column(0)->get_value(r), "v" + std::to_string(254 - r));
+  }
+  auto bits = with_values(2, false);
+  EXPECT_EQ(bits->get_column(0)->get_storage(), storage_kind::bit);
+  EXPECT_EQ(bits->get_column(0)->get_value(0), "v1");
+  auto unknown2 = with_values(2, true);
+  EXPECT_EQ(unknown2->get_column(0)->get_storage(), storage_kind::u8);
+  EXPECT_EQ(orders(*unknown2, 0), (std::vector<unsigned long>{2, 1, 0}));
+
+  // Past 65534 values the ids widen again.
+  std::string data;
+  for (int v = 0; v < 65535; ++v)
+    data += std::to_string(65534 - v) + ",c\n";
+  auto wide = files.loaded("n,integer,continuous\nc,string,class\n", data);
+  EXPECT_EQ(wide->get_column(0)->get_storage(), storage_kind::u32);
+  EXPECT_EQ(wide->get_column(0)->get_row_index(0), 65535u);
+  EXPECT_EQ(wide->get_column(0)->get_row_index(65534), 1u);
+  EXPECT_EQ(wide->get_column(0)->get_value(300), "65234");
+}
+
+TEST(LoadRow, ReordersToAttributesClassWeight) {
+  table_files files;
+  std::vector<std::string> row;
+  using strings = std::vector<std::string>;
+
+  auto plain = files.loaded("a,string,discrete\nc,string,class\nb,integer,continuous\n", "x,y,1\n");
+  auto rows = [&](table const& t, std::string const& text) {
+    std::unique_ptr<zel::inpout::stream> s(files.source("r.data", text));
+    std::vector<strings> out;
+    while (t.load_row(s.get(), row))
+      out.push_back(row);
+    return out;
+  };
+  EXPECT_EQ(
+      rows(*plain, "p,yes,7\nq,no\nr,no,8,\n"),
+      (std::vector<strings>{{"p", "7", "yes", "1"}, {"q", "", "no", "1"}, {"r", "8", "no", "1"}}));
+  {
+    std::unique_ptr<zel::inpout::stream> s(files.source("r.data", "p,yes,7,8\n"));
+    EXPECT_EQ(error_of([&] { plain->load_row(s.get(), row); }), "bad row format: p,yes,7,8");
+  }
+
+  // Weights before the class.
+  auto weighted = files.loaded(
+      "a,string,discrete\nw,float,weights\nc,string,class\nb,string,discrete\n", "x,1,y,z\n");
+  EXPECT_EQ(rows(*weighted, "p,2.5,yes,q\n"), (std::vector<strings>{{"p", "q", "yes", "2.5"}}));
+  // Weights after the class: its position is deliberately not corrected for
+  // the class taken out, so the entry after it is taken as the weight.
+  auto late = files.loaded(
+      "a,string,discrete\nc,string,class\nw,float,weights\nb,string,discrete\n", "x,y,1,z\n");
+  EXPECT_EQ(rows(*late, "p,yes,2.5,q\n"), (std::vector<strings>{{"p", "2.5", "yes", "q"}}));
+
+  // Without the tree rules the row stays as read.
+  auto loose = files.loaded("a,string,discrete\nc,string,class\n", "x,y\n", false);
+  EXPECT_EQ(rows(*loose, "p,yes\nq\n"), (std::vector<strings>{{"p", "yes"}, {"q", ""}}));
+}
+
+// Number of lines of a plain or gzip file.
+unsigned long count_lines(std::string const& path) {
+  gzFile gz = gzopen(path.c_str(), "rb");
+  if (gz == nullptr) return 0;
+  std::vector<char> buf(1 << 16);
+  unsigned long lines = 0;
+  int n;
+  while ((n = gzread(gz, buf.data(), static_cast<unsigned>(buf.size()))) > 0) {
+    for (int i = 0; i < n; ++i)
+      lines += buf[i] == '\n';
+  }
+  gzclose(gz);
+  return lines;
+}
+
+TEST(SharedData, EveryDatasetLoads) {
+  namespace fs = std::filesystem;
+  fs::path dir(BRIX_SHARED_DATA);
+  if (!fs::is_directory(dir)) GTEST_SKIP() << "no shared data in " << dir;
+  int tried = 0;
+  for (auto const& entry : fs::directory_iterator(dir)) {
+    std::string name = entry.path().filename().string();
+    std::string stem;
+    if (name.size() > 5 && name.compare(name.size() - 5, 5, ".data") == 0) {
+      stem = name.substr(0, name.size() - 5);
+    } else if (name.size() > 8 && name.compare(name.size() - 8, 8, ".data.gz") == 0) {
+      stem = name.substr(0, name.size() - 8);
+    } else {
+      continue;
+    }
+    SCOPED_TRACE(name);
+    table t("training_set", true);
+    t.load_meta_data(zel::inpout::stream::FROM_FILE((dir / (stem + ".names")).string(), ','), true);
+    t.load_data(zel::inpout::stream::FROM_FILE(entry.path().string(), ','), "?", true);
+    EXPECT_EQ(t.get_no_rows(), count_lines(entry.path().string()));
+    EXPECT_NE(t.get_class(), nullptr);
+    ++tried;
+  }
+  EXPECT_GT(tried, 0);
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+source "$root/bench/helpers.bash"
 brixcmd=${1:-$root/build/brixcmd}
 build=$(cd "$(dirname "$brixcmd")" && pwd)
 baseline=$build/bench/load_baseline
@@ -23,28 +24,12 @@ if [ ! -x /usr/bin/time ]; then
 fi
 
 name=syn_agrawal_f2_1m
-src=$root/../shared/data/$name.data.gz
-if [ ! -f "$src" ] || [ ! -f "${src%.data.gz}.names" ]; then
-  echo "load.sh: $src not found; load benchmark skipped"
-  exit 0
-fi
-work=$root/bench/work
-mkdir -p "$work"
-stem=$work/$name
-if [ ! "$stem.data" -nt "$src" ]; then
-  zcat "$src" >"$stem.data.tmp.$$"
-  mv "$stem.data.tmp.$$" "$stem.data"
-fi
-cp "${src%.data.gz}.names" "$stem.names"
+prepare_dataset "$root" "$name" || exit 0
 lines=$(wc -l <"$stem.data")
 bytes=$(stat -c %s "$stem.data")
 
 # A table output into a directory that does not exist ends the run right after the load.
 stop_after_load=(-db "$work/no_such_dir/table.bin")
-
-now_ns() { date +%s%N; }
-min() { awk -v a="$1" -v b="$2" 'BEGIN { print (b == "" || a + 0 < b + 0) ? a : b }'; }
-max() { awk -v a="$1" -v b="$2" 'BEGIN { print (b == "" || a + 0 > b + 0) ? a : b }'; }
 
 base_best= load_best= wall_best= rss_max=
 out=$work/load_out.txt
@@ -98,11 +83,8 @@ figures=$(awk -v base="$base_best" -v load="$load_best" -v wall="$wall_best" -v 
     (rss / 1024 <= target ? "met" : "MISSED")
 }')
 
-cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')
-commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
-if [ -n "$(git -C "$root" status --porcelain 2>/dev/null)" ]; then commit="$commit (uncommitted changes)"; fi
 section=$(
-  echo "## Table load, $(date '+%Y-%m-%d %H:%M'), $cpu, $(nproc) cores, commit $commit"
+  section_header "$root" "Table load"
   echo
   echo "$name.data: $lines rows, $bytes bytes, read as plain text. Times are the best of 3 runs,"
   echo "peak RSS the largest of them (/usr/bin/time -v). MB = 2^20 bytes."
@@ -118,7 +100,4 @@ section=$(
     "$work/table_bytes.txt"
 )
 
-echo "$section"
-results=$root/bench/RESULTS.md
-[ -f "$results" ] || printf '# Benchmark results\n\nSections are appended by bench/run.sh, newest last.\n' >"$results"
-printf '\n%s\n' "$section" >>"$results"
+append_results "$root" "$section"

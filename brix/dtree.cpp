@@ -12,14 +12,24 @@ namespace brix {
 
 conf_matrix::conf_matrix(table* t) : impl_(t ? new impls::conf_matrix(t->get_impl()) : nullptr) {}
 conf_matrix::conf_matrix(impls::conf_matrix* impl) : impl_(impl) {}
-conf_matrix::~conf_matrix() { delete impl_; }
-unsigned long conf_matrix::size() const { return impl_->size(); }
+conf_matrix::~conf_matrix() {
+  delete impl_;
+}
+unsigned long conf_matrix::size() const {
+  return impl_->size();
+}
 float conf_matrix::get_element(unsigned long i, unsigned long j) const {
   return impl_->get_element(i, j);
 }
-float conf_matrix::cases() const { return impl_->cases(); }
-float conf_matrix::mis_perc() const { return impl_->mis_perc(); }
-double conf_matrix::get_elapsed() const { return impl_->get_elapsed(); }
+float conf_matrix::cases() const {
+  return impl_->cases();
+}
+float conf_matrix::mis_perc() const {
+  return impl_->mis_perc();
+}
+double conf_matrix::get_elapsed() const {
+  return impl_->get_elapsed();
+}
 void conf_matrix::toTEXT(std::ostream& out, unsigned long level) const {
   impl_->toTEXT(out, level);
 }
@@ -28,10 +38,16 @@ conf_matrix* conf_matrix::clone() const {
 }
 
 dtree::dtree(std::string const& name) : impl_(new impls::decision_tree(name)) {}
-dtree::~dtree() { delete impl_; }
+dtree::~dtree() {
+  delete impl_;
+}
 
-void dtree::set_conf_level(float cf) { impl_->set_conf_level(cf); }
-void dtree::set_min_obj(float m) { impl_->set_min_obj(m); }
+void dtree::set_conf_level(float cf) {
+  impl_->set_conf_level(cf);
+}
+void dtree::set_min_obj(float m) {
+  impl_->set_min_obj(m);
+}
 void dtree::set_pruning_strategy(PruningStrategy p) {
   if (p == NO_PRUNING || p == C45_PRUNING || p == DT_PRUNING) impl_->set_pruning_strategy(p);
 }
@@ -47,10 +63,18 @@ void dtree::build(table* t, table::subset* cases, bool evaluate, int workers) {
                       workers);
 }
 
-unsigned long dtree::size() const { return impl_->size(); }
-unsigned long dtree::depth() const { return impl_->depth(); }
-unsigned long dtree::training_n_rows() const { return impl_->training_n_rows(); }
-double dtree::get_elapsed() const { return impl_->get_elapsed(); }
+unsigned long dtree::size() const {
+  return impl_->size();
+}
+unsigned long dtree::depth() const {
+  return impl_->depth();
+}
+unsigned long dtree::training_n_rows() const {
+  return impl_->training_n_rows();
+}
+double dtree::get_elapsed() const {
+  return impl_->get_elapsed();
+}
 
 conf_matrix* dtree::predict(table* t, table::subset* cases) const {
   return new conf_matrix(
@@ -83,8 +107,12 @@ double dtree::evaluate(datasource const& source, std::ostream& out, char separat
   return timer.get_elapsed();
 }
 
-void dtree::toTEXT(std::ostream& out) const { impl_->toTEXT(out, 0); }
+void dtree::toTEXT(std::ostream& out) const {
+  impl_->toTEXT(out, 0);
+}
 
-dtree* dtree::clone() const { return new dtree(impl_->clone()); }
+dtree* dtree::clone() const {
+  return new dtree(impl_->clone());
+}
 
 }  // namespace brix

@@ -9,18 +9,32 @@ namespace brix {
 
 table::subset::subset() : seq_(new impls::w_sequence()) {}
 table::subset::subset(impls::w_sequence* seq) : seq_(seq) {}
-table::subset::~subset() { delete seq_; }
-unsigned long table::subset::size() const { return seq_->size(); }
-void table::subset::reserve(unsigned long n) { seq_->reserve(n); }
-void table::subset::resize(unsigned long n) { seq_->resize(n); }
-void table::subset::push_back(unsigned long row, float weight) { seq_->push_back(row, weight); }
+table::subset::~subset() {
+  delete seq_;
+}
+unsigned long table::subset::size() const {
+  return seq_->size();
+}
+void table::subset::reserve(unsigned long n) {
+  seq_->reserve(n);
+}
+void table::subset::resize(unsigned long n) {
+  seq_->resize(n);
+}
+void table::subset::push_back(unsigned long row, float weight) {
+  seq_->push_back(row, weight);
+}
 void table::subset::set(unsigned long i, unsigned long row, float weight) {
   seq_->set(i, row, weight);
 }
-unsigned long table::subset::get(unsigned long i) const { return (*seq_)[i].first; }
+unsigned long table::subset::get(unsigned long i) const {
+  return (*seq_)[i].first;
+}
 
 table::table(std::string const& name) : impl_(new impls::table(name, true)) {}
-table::~table() { delete impl_; }
+table::~table() {
+  delete impl_;
+}
 
 void table::load_meta_data(datasource const& source) {
   impl_->load_meta_data(zel::inpout::stream::FROM_READER(source.get_descriptor()), true);
@@ -30,15 +44,24 @@ void table::load_data(datasource const& source, std::string const& null) {
   impl_->load_data(zel::inpout::stream::FROM_READER(source.get_descriptor()), null, true);
 }
 
-std::string table::get_name() const { return impl_->get_name(); }
-unsigned long table::get_no_rows() const { return impl_->get_no_rows(); }
-unsigned long table::get_no_columns() const {
-  return impl_->get_no_attributes() + (impl_->get_class() ? 1 : 0) +
-         (impl_->get_weights() ? 1 : 0);
+std::string table::get_name() const {
+  return impl_->get_name();
 }
-double table::get_elapsed() const { return impl_->get_elapsed(); }
-std::ostream* table::set_log(std::ostream* log) { return impl_->set_log(log); }
-unsigned long table::set_verbosity(unsigned long v) { return impl_->set_verbosity(v); }
+unsigned long table::get_no_rows() const {
+  return impl_->get_no_rows();
+}
+unsigned long table::get_no_columns() const {
+  return impl_->get_no_attributes() + (impl_->get_class() ? 1 : 0) + (impl_->get_weights() ? 1 : 0);
+}
+double table::get_elapsed() const {
+  return impl_->get_elapsed();
+}
+std::ostream* table::set_log(std::ostream* log) {
+  return impl_->set_log(log);
+}
+unsigned long table::set_verbosity(unsigned long v) {
+  return impl_->set_verbosity(v);
+}
 
 std::string table::get_class(unsigned long row) const {
   return impl_->get_class()->get_value(row);
@@ -49,7 +72,9 @@ float table::get_weight(unsigned long row) const {
   return w ? static_cast<float>(std::atof(w->get_value(row).c_str())) : 1.0f;
 }
 
-table::subset* table::get_wsubset_all() const { return new subset(impl_->get_wsubset_all()); }
+table::subset* table::get_wsubset_all() const {
+  return new subset(impl_->get_wsubset_all());
+}
 table::subset* table::get_wsubset_random(unsigned long n) const {
   return new subset(impl_->get_wsubset_random(n));
 }

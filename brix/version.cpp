@@ -2,9 +2,13 @@
 
 namespace brix {
 
-std::string get_version() { return "1.2.5"; }
+std::string get_version() {
+  return "1.2.5";
+}
 
-unsigned long get_build() { return 10205; }
+unsigned long get_build() {
+  return 10205;
+}
 
 std::string get_copyright() {
   return "Brix version 1.2.5 - Copyright (c) 2026 the Brix developers. All rights reserved.";

@@ -71,7 +71,8 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
   if (kind == IGNORE) return new column(kind, name, values);
   // Each width stops one below its largest value, which is never stored.
   unsigned long k = values->size_of_known();
-  if (k <= 2 && kind == DISCRETE && !values->contains_null()) return new column_bool(kind, name, values);
+  if (k <= 2 && kind == DISCRETE && !values->contains_null())
+    return new column_bool(kind, name, values);
   if (k <= 254UL) return new column_typed<std::uint8_t>(kind, name, values);
   if (k <= 65534UL) return new column_typed<std::uint16_t>(kind, name, values);
   if (k <= 4294967294UL) return new column_typed<std::uint32_t>(kind, name, values);
@@ -81,9 +82,13 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
 column::column(_type type, std::string const& name, o_set* values)
     : type_(type), name_(name), values_(values) {}
 
-column::~column() { delete values_; }
+column::~column() {
+  delete values_;
+}
 
-column* column::clone(bool) const { return new column(type_, name_, values_->clone()); }
+column* column::clone(bool) const {
+  return new column(type_, name_, values_->clone());
+}
 
 void column::toXML(std::ostream& out) const {
   out << "<WARNING value=\"XML output not implemented\" />";
@@ -115,6 +120,10 @@ namespace {
                            c.get_type() + "'");
 }
 
+// Orders of the father's cases, read once in the first pass and reused in
+// the second, so the column is read in row order only once per split.
+thread_local std::vector<std::uint32_t> partition_keys;
+
 // The two passes over the father's cases for a discrete split: per-branch
 // sums in case order, then each case copied to its branch and every unknown
 // one to all branches with the branch's share of its weight.
@@ -125,8 +134,11 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
   std::size_t k = children.size();
   std::vector<float> wv(k + 1, 0.0f);
   std::vector<std::size_t> count(k + 1, 0);
+  std::vector<std::uint32_t>& keys = partition_keys;
+  keys.resize(static_cast<std::size_t>(end - begin));
   for (w_case const* c = begin; c != end; ++c) {
-    unsigned long a = rd(c->first);
+    auto a = static_cast<std::uint32_t>(rd(c->first));
+    keys[static_cast<std::size_t>(c - begin)] = a;
     wv[a] += c->second;
     ++count[a];
   }
@@ -137,7 +149,7 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
     children[v - 1]->reserve(count[v] + count[0]);
   }
   for (w_case const* c = begin; c != end; ++c) {
-    unsigned long a = rd(c->first);
+    std::uint32_t a = keys[static_cast<std::size_t>(c - begin)];
     if (a != 0) {
       children[a - 1]->cases().push_back(*c);
     } else {
@@ -156,8 +168,11 @@ void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_cas
                           std::vector<float>& shares, std::vector<order_range>& ranges) {
   float w1 = 0.0f, w2 = 0.0f, wu = 0.0f;
   std::size_t n1 = 0, n2 = 0, nu = 0;
+  std::vector<std::uint32_t>& keys = partition_keys;
+  keys.resize(static_cast<std::size_t>(end - begin));
   for (w_case const* c = begin; c != end; ++c) {
     unsigned long a = rd(c->first);
+    keys[static_cast<std::size_t>(c - begin)] = static_cast<std::uint32_t>(a);
     if (a <= t) {
       w1 += c->second;
       ++n1;
@@ -176,7 +191,7 @@ void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_cas
   children[1]->reserve(n2 + nu);
   unsigned long lo1 = t, hi1 = t, lo2 = t, hi2 = t;
   for (w_case const* c = begin; c != end; ++c) {
-    unsigned long a = rd(c->first);
+    unsigned long a = keys[static_cast<std::size_t>(c - begin)];
     if (a == 0) {
       children[0]->cases().push_back(w_case{c->first, shares[0] * c->second});
       children[1]->cases().push_back(w_case{c->first, shares[1] * c->second});
@@ -208,18 +223,24 @@ void column::partition_all(w_case const* begin, w_case const* end, float total_w
     throw_no_partition(*this);
   }
   children.assign(k, nullptr);
-  for (auto& c : children) c = new w_sequence();
+  for (auto& c : children)
+    c = new w_sequence();
   shares.assign(k, 0.0f);
   ranges.assign(k, order_range(0, 0));
   try {
     if (k == 2 && is_continuous()) {
       unsigned long t = get_index(desc.threshold.c_str());
-      visit([&](auto rd) { partition_continuous(rd, t, begin, end, total_weight, children, shares, ranges); });
+      visit([&](auto rd) {
+        partition_continuous(rd, t, begin, end, total_weight, children, shares, ranges);
+      });
     } else {
-      visit([&](auto rd) { partition_discrete(rd, begin, end, total_weight, children, shares, ranges); });
+      visit([&](auto rd) {
+        partition_discrete(rd, begin, end, total_weight, children, shares, ranges);
+      });
     }
   } catch (...) {
-    for (auto* c : children) delete c;
+    for (auto* c : children)
+      delete c;
     children.clear();
     throw;
   }
@@ -285,7 +306,8 @@ column* column_bool::clone(bool empty) const {
   auto* c = new column_bool(type_, name_, values_->clone());
   if (!empty) {
     c->bits_.reserve(bits_.size());
-    for (unsigned long i = 0; i < bits_.size(); ++i) c->bits_.push_back(bits_.get(i));
+    for (unsigned long i = 0; i < bits_.size(); ++i)
+      c->bits_.push_back(bits_.get(i));
   }
   return c;
 }
@@ -293,8 +315,8 @@ column* column_bool::clone(bool empty) const {
 void column_bool::push_back(char const* value) {
   unsigned long order;
   if (!values_->get_order(value, order)) {
-    throw std::runtime_error("[column::push_back] index not found for value '" + std::string(value) +
-                             "'");
+    throw std::runtime_error("[column::push_back] index not found for value '" +
+                             std::string(value) + "'");
   }
   bits_.push_back(order == 2);
 }
@@ -303,14 +325,23 @@ column_filler::column_filler(column* target, id_buffer& ids,
                              std::vector<std::uint32_t> const& remap)
     : target_(target), ids_(ids), remap_(remap.data()) {
   switch (target->get_storage()) {
-    case storage_kind::u8: adopt(static_cast<column_typed<std::uint8_t>*>(target)->rows()); break;
-    case storage_kind::u16: adopt(static_cast<column_typed<std::uint16_t>*>(target)->rows()); break;
-    case storage_kind::u32: adopt(static_cast<column_typed<std::uint32_t>*>(target)->rows()); break;
+    case storage_kind::u8:
+      adopt(static_cast<column_typed<std::uint8_t>*>(target)->rows());
+      break;
+    case storage_kind::u16:
+      adopt(static_cast<column_typed<std::uint16_t>*>(target)->rows());
+      break;
+    case storage_kind::u32:
+      adopt(static_cast<column_typed<std::uint32_t>*>(target)->rows());
+      break;
     case storage_kind::u64:
       adopt(static_cast<column_typed<unsigned long long>*>(target)->rows());
       break;
-    case storage_kind::bit: static_cast<column_bool*>(target)->bits().reserve(ids.size()); break;
-    default: break;
+    case storage_kind::bit:
+      static_cast<column_bool*>(target)->bits().reserve(ids.size());
+      break;
+    default:
+      break;
   }
 }
 
@@ -328,9 +359,15 @@ void column_filler::adopt(std::vector<T>& rows) {
     }
   };
   switch (ids_.width()) {
-    case 1: take(ids_.u8()); break;
-    case 2: take(ids_.u16()); break;
-    default: take(ids_.u32()); break;
+    case 1:
+      take(ids_.u8());
+      break;
+    case 2:
+      take(ids_.u16());
+      break;
+    default:
+      take(ids_.u32());
+      break;
   }
   rows_ = &rows;
 }
@@ -338,12 +375,19 @@ void column_filler::adopt(std::vector<T>& rows) {
 void column_filler::fill(std::size_t from, std::size_t to) {
   auto remap_in_place = [&](auto* rows) {
     auto* d = rows->data();
-    for (std::size_t i = from; i < to; ++i) d[i] = static_cast<std::remove_reference_t<decltype(*d)>>(remap_[d[i]]);
+    for (std::size_t i = from; i < to; ++i)
+      d[i] = static_cast<std::remove_reference_t<decltype(*d)>>(remap_[d[i]]);
   };
   switch (target_->get_storage()) {
-    case storage_kind::u8: remap_in_place(static_cast<std::vector<std::uint8_t>*>(rows_)); break;
-    case storage_kind::u16: remap_in_place(static_cast<std::vector<std::uint16_t>*>(rows_)); break;
-    case storage_kind::u32: remap_in_place(static_cast<std::vector<std::uint32_t>*>(rows_)); break;
+    case storage_kind::u8:
+      remap_in_place(static_cast<std::vector<std::uint8_t>*>(rows_));
+      break;
+    case storage_kind::u16:
+      remap_in_place(static_cast<std::vector<std::uint16_t>*>(rows_));
+      break;
+    case storage_kind::u32:
+      remap_in_place(static_cast<std::vector<std::uint32_t>*>(rows_));
+      break;
     case storage_kind::u64:
       remap_in_place(static_cast<std::vector<unsigned long long>*>(rows_));
       break;
@@ -351,11 +395,13 @@ void column_filler::fill(std::size_t from, std::size_t to) {
       // Two known values without unknowns: the ids are bytes.
       zel::adt::bitmap& bits = static_cast<column_bool*>(target_)->bits();
       std::uint8_t const* ids = ids_.u8().data();
-      for (std::size_t i = from; i < to; ++i) bits.push_back(remap_[ids[i]] == 2);
+      for (std::size_t i = from; i < to; ++i)
+        bits.push_back(remap_[ids[i]] == 2);
       if (to == ids_.size()) std::vector<std::uint8_t>().swap(ids_.u8());
       break;
     }
-    default: break;
+    default:
+      break;
   }
 }
 

@@ -19,6 +19,14 @@ namespace impls {
 class id_buffer;
 struct options;
 
+// Told the order of a node's cases as soon as a continuous search has sorted
+// them, before it scans them: the parallel grower hands that order on to the
+// next attribute, as sequential growing does by sorting in place.
+struct order_publisher {
+  virtual ~order_publisher() = default;
+  virtual void sorted(w_sequence* cases) = 0;
+};
+
 // How a column keeps its rows; hot loops are instantiated once per width.
 enum class storage_kind { none, bit, u8, u16, u32, u64 };
 
@@ -67,6 +75,10 @@ class column {
   }
   virtual void toXML(std::ostream& out) const;
   virtual storage_kind get_storage() const { return storage_kind::none; }
+  // The rows of the binary table file; an ignored column stores none. bin_in
+  // checks every order against the value set.
+  virtual void bin_out(zel::inpout::obinstream& out) const {}
+  virtual void bin_in(zel::inpout::ibinstream& in) {}
 
   // The cases of one branch of a split on this column.
   w_sequence* partition(w_case const* begin, w_case const* end, unsigned long branch,
@@ -83,7 +95,13 @@ class column {
   // means no admissible split. sort_copy keeps the order of cases intact.
   void quality_measure(column const* class_column, float total_weight, w_sequence* cases,
                        order_range& range, float min_objects, options const* opts,
-                       splitting_desc& best, bool sort_copy) const;
+                       splitting_desc& best, bool sort_copy,
+                       order_publisher* publish = nullptr) const;
+  // Whether quality_measure sorts the cases (a continuous search by sorting).
+  bool sorts_cases(std::size_t n_cases, order_range const& range) const {
+    return is_continuous() && range.second - range.first > 1 && n_cases > 0 &&
+           !(n_cases / (range.second - range.first) > 2);
+  }
 
   _type get_kind() const { return type_; }
   std::string get_type() const;
@@ -126,6 +144,10 @@ struct bit_reader {
     return 1 + ((words[row >> 5] >> (row & 31)) & 1u);
   }
 };
+
+// The column record of the binary table file (null pointers as the flag 0).
+zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, column const* c);
+zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, column*& c);
 
 }  // namespace impls
 }  // namespace brix

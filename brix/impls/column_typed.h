@@ -4,6 +4,7 @@
 #define BRIX_IMPLS_COLUMN_TYPED_H
 
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <vector>
 
@@ -25,9 +26,15 @@ class id_buffer {
   void push_back(std::uint32_t id) {
     if (id > limit_) widen(id);
     switch (width_) {
-      case 1: u8_.push_back(static_cast<std::uint8_t>(id)); break;
-      case 2: u16_.push_back(static_cast<std::uint16_t>(id)); break;
-      default: u32_.push_back(id); break;
+      case 1:
+        u8_.push_back(static_cast<std::uint8_t>(id));
+        break;
+      case 2:
+        u16_.push_back(static_cast<std::uint16_t>(id));
+        break;
+      default:
+        u32_.push_back(id);
+        break;
     }
     ++n_;
   }
@@ -78,17 +85,25 @@ class column_typed : public column {
     rows_.push_back(static_cast<T>(order));
   }
   unsigned long get_row_index(unsigned long row) const override { return rows_[row]; }
-  bool less_than(unsigned long r1, unsigned long r2) const override { return rows_[r1] < rows_[r2]; }
+  bool less_than(unsigned long r1, unsigned long r2) const override {
+    return rows_[r1] < rows_[r2];
+  }
   storage_kind get_storage() const override {
     switch (sizeof(T)) {
-      case 1: return storage_kind::u8;
-      case 2: return storage_kind::u16;
-      case 4: return storage_kind::u32;
-      default: return storage_kind::u64;
+      case 1:
+        return storage_kind::u8;
+      case 2:
+        return storage_kind::u16;
+      case 4:
+        return storage_kind::u32;
+      default:
+        return storage_kind::u64;
     }
   }
   T const* data() const { return rows_.data(); }
   std::vector<T>& rows() { return rows_; }
+  void bin_out(zel::inpout::obinstream& out) const override;
+  void bin_in(zel::inpout::ibinstream& in) override;
 
  private:
   std::vector<T> rows_;
@@ -106,6 +121,8 @@ class column_bool : public column {
   storage_kind get_storage() const override { return storage_kind::bit; }
   zel::adt::bitmap& bits() { return bits_; }
   zel::adt::bitmap const& bits() const { return bits_; }
+  void bin_out(zel::inpout::obinstream& out) const override;
+  void bin_in(zel::inpout::ibinstream& in) override;
 
  private:
   zel::adt::bitmap bits_;
@@ -128,17 +145,38 @@ class column_filler {
   void* rows_ = nullptr;  // the adopted storage, of the target's width
 };
 
+// The loader for values kept by id: the set registers each value and the
+// rows keep provisional ids until the second pass.
+class id_loader : public value_loader {
+ public:
+  id_loader(o_set* set, bool keep_rows);
+  void add(char const* text) override;
+  void index() override;
+  void attach(column* target) override;
+  void fill(std::size_t from, std::size_t to) override;
+
+ private:
+  o_set* set_;
+  bool keep_;
+  id_buffer ids_;
+  std::vector<std::uint32_t> remap_;
+  std::unique_ptr<column_filler> filler_;
+};
+
 template <class F>
 decltype(auto) column::visit(F&& f) const {
   switch (get_storage()) {
     case storage_kind::bit:
       return f(bit_reader{static_cast<column_bool const*>(this)->bits().words()});
     case storage_kind::u8:
-      return f(typed_reader<std::uint8_t>{static_cast<column_typed<std::uint8_t> const*>(this)->data()});
+      return f(
+          typed_reader<std::uint8_t>{static_cast<column_typed<std::uint8_t> const*>(this)->data()});
     case storage_kind::u16:
-      return f(typed_reader<std::uint16_t>{static_cast<column_typed<std::uint16_t> const*>(this)->data()});
+      return f(typed_reader<std::uint16_t>{
+          static_cast<column_typed<std::uint16_t> const*>(this)->data()});
     case storage_kind::u32:
-      return f(typed_reader<std::uint32_t>{static_cast<column_typed<std::uint32_t> const*>(this)->data()});
+      return f(typed_reader<std::uint32_t>{
+          static_cast<column_typed<std::uint32_t> const*>(this)->data()});
     case storage_kind::u64:
       return f(typed_reader<unsigned long long>{
           static_cast<column_typed<unsigned long long> const*>(this)->data()});

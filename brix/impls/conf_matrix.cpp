@@ -14,7 +14,8 @@ conf_matrix::conf_matrix(table const* t) {
   unsigned long n = cls ? cls->get_distinct() + 1 : 0;
   cells_.assign(n, std::vector<float>(n, 0.0f));
   names_.reserve(n);
-  for (unsigned long i = 0; i < n; ++i) names_.push_back(cls->get_o_set()->get_value(i));
+  for (unsigned long i = 0; i < n; ++i)
+    names_.push_back(cls->get_o_set()->get_value(i));
 }
 
 conf_matrix::conf_matrix(std::vector<std::vector<float>> cells, std::vector<std::string> names)
@@ -23,7 +24,8 @@ conf_matrix::conf_matrix(std::vector<std::vector<float>> cells, std::vector<std:
 float conf_matrix::cases() const {
   float total = 0.0f;
   for (auto const& row : cells_) {
-    for (float v : row) total += v;
+    for (float v : row)
+      total += v;
   }
   return total;
 }
@@ -40,10 +42,12 @@ float conf_matrix::mis_perc() const {
 }
 
 void conf_matrix::toTEXT(std::ostream& out, unsigned long) const {
-  for (std::string const& name : names_) out << name << '\t';
+  for (std::string const& name : names_)
+    out << name << '\t';
   out << "actual/predicted" << '\n';
   for (std::size_t i = 0; i < cells_.size(); ++i) {
-    for (float v : cells_[i]) out << v << '\t';
+    for (float v : cells_[i])
+      out << v << '\t';
     out << names_[i] << '\n';
   }
 }

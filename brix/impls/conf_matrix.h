@@ -7,6 +7,13 @@
 #include <string>
 #include <vector>
 
+namespace zel {
+namespace inpout {
+class obinstream;
+class ibinstream;
+}  // namespace inpout
+}  // namespace zel
+
 namespace brix {
 namespace impls {
 
@@ -43,6 +50,11 @@ class conf_matrix {
   std::vector<std::string> names_;
   double elapsed_ = 0.0;
 };
+
+// The matrix record of the binary tree file: the cells row by row and the
+// class names; the elapsed time is not kept. A null matrix is the flag 0.
+zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, conf_matrix const* m);
+zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, conf_matrix*& m);
 
 }  // namespace impls
 }  // namespace brix

@@ -144,9 +144,13 @@ void decision_tree::prune(table* t) {
   elapsed_ = timer.get_elapsed();
 }
 
-unsigned long decision_tree::size() const { return root_ ? root_->size() : 0; }
+unsigned long decision_tree::size() const {
+  return root_ ? root_->size() : 0;
+}
 
-unsigned long decision_tree::depth() const { return root_ ? root_->depth() : 0; }
+unsigned long decision_tree::depth() const {
+  return root_ ? root_->depth() : 0;
+}
 
 unsigned long decision_tree::get_n_classes() const {
   column* c = meta_ ? meta_->get_class() : nullptr;
@@ -176,7 +180,8 @@ void _decision_tree::toTEXT(table* meta, std::ostream& out, unsigned long level)
   }
   for (unsigned long i = 0; i < get_no_childs(); ++i) {
     out << '\n';
-    for (unsigned long l = 0; l < level; ++l) out << "|   ";
+    for (unsigned long l = 0; l < level; ++l)
+      out << "|   ";
     n->toTEXT(meta, out, i);
     if (get_child(i) != nullptr) get_child(i)->toTEXT(meta, out, level + 1);
   }
@@ -192,7 +197,10 @@ void _decision_node::toTEXT(table* meta, std::ostream& out, unsigned long branch
   }
   column const* col = meta->get_attribute(leaf_or_att_);
   if (col->is_continuous()) {
-    out << col->get_name() << (branch == 0 ? " <= " : branch == 1 ? " > " : " unknown ")
+    out << col->get_name()
+        << (branch == 0   ? " <= "
+            : branch == 1 ? " > "
+                          : " unknown ")
         << partition_.threshold << " :";
   } else if (col->is_discrete()) {
     out << col->get_name() << " = " << col->get_o_set()->get_value(branch + 1) << ":";

@@ -68,6 +68,9 @@ class _decision_node {
   int split_gain(table* t, bool use_ratio, float min_obj, options const* opts);
   bool split_pre(table* t, int split_type, float min_obj);
   void split_att(table* t, float min_obj, options const* opts, unsigned long att, bool sort_copy);
+  // Scores one attribute on the given cases (the node's, or an order of them).
+  void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
+                    w_sequence* cases, order_publisher* publish);
   int split_post(table* t);
   int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
@@ -102,14 +105,18 @@ class _decision_node {
 
   // Collapses the node into a leaf with the given error.
   void make_leaf(float error);
+  // Hands owned cases over to the caller; the node keeps pointing to them.
+  w_sequence* share_cases();
 
   void toTEXT(table* meta, std::ostream& out, unsigned long branch) const;
   void print_att_gain(table* t, std::ostream& out) const;
+  // The XML model: the predicate that leads here, then the class distribution.
+  void toXML(table* meta, std::ostream& out) const;
+  void toXML_class_distribution(table* meta, std::ostream& out) const;
 
   // Fields restored by the binary tree reader.
   friend zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, _decision_node& n);
-  friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out,
-                                             _decision_node const& n);
+  friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, _decision_node const& n);
   friend class _decision_tree;
   friend class decision_tree;
 
@@ -162,7 +169,13 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   conf_matrix* predict(table* t, w_sequence const* cases) const;
 
   void toTEXT(table* meta, std::ostream& out, unsigned long level) const;
+  // One Node element of the XML model with its subtree.
+  void toXML(table* meta, std::ostream& out) const;
+  // The DOT lines of the subtree numbered from id; returns the largest number used.
+  unsigned long toDOT(table* meta, std::ostream& out, unsigned long total, unsigned long id) const;
 
+  // Replaces this tree by the subtree record read from in. Throws
+  // std::runtime_error on a short read or a shape no writer produces.
   void load_bin(zel::inpout::ibinstream& in, _decision_node* father);
 
   // Drops the children and turns the node into a leaf with the given error.
@@ -218,10 +231,12 @@ class decision_tree {
                   bool delete_stream) const;
 
   void toTEXT(std::ostream& out, unsigned long level) const;
+  // The XML model (with the test matrix when one is given) and the DOT graph.
+  void toXML(std::ostream& out, conf_matrix const* test) const;
+  void toDOT(std::ostream& out) const;
 
   friend zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, decision_tree& t);
-  friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out,
-                                             decision_tree const& t);
+  friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, decision_tree const& t);
 
  private:
   void build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned);

@@ -16,7 +16,8 @@ struct weight_type {
 };
 
 inline float log2w(float x) {
-  return static_cast<float>(std::log(static_cast<double>(x)) / static_cast<double>(weight_type::Log2));
+  return static_cast<float>(std::log(static_cast<double>(x)) /
+                            static_cast<double>(weight_type::Log2));
 }
 
 // x·log2(x) for integral x from a table: case counts are integral whenever

@@ -62,13 +62,15 @@ void _decision_node::set_father(_decision_node* father) {
     throw std::runtime_error("[_decision_node::activate_substitute_father()]: node is activated.");
   }
   if (father == nullptr) {
-    throw std::runtime_error("[_decision_node::activate_substitute_father()]: father node is NULL.");
+    throw std::runtime_error(
+        "[_decision_node::activate_substitute_father()]: father node is NULL.");
   }
   father_ = father;
 }
 
 void _decision_node::activate(table* t) {
-  if (t == nullptr) throw std::runtime_error("[_decision_node::activate()]: called with a NULL table.");
+  if (t == nullptr)
+    throw std::runtime_error("[_decision_node::activate()]: called with a NULL table.");
   if (activated_) disactivate();
   if (father_ == nullptr) {
     activate_root(t);
@@ -85,7 +87,8 @@ void _decision_node::activate_root(table* t) {
   delete att_ranges_;
   att_ranges_ = new std::vector<order_range>();
   att_ranges_->reserve(n);
-  for (unsigned long a = 0; a < n; ++a) att_ranges_->push_back(t->get_attribute(a)->get_range());
+  for (unsigned long a = 0; a < n; ++a)
+    att_ranges_->push_back(t->get_attribute(a)->get_range());
 }
 
 void _decision_node::activate_node(table* t) {
@@ -100,10 +103,9 @@ void _decision_node::activate_node(table* t) {
   att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
   unsigned long att = father_->leaf_or_att_;
   w_sequence const* fc = father_->all_cases_;
-  w_sequence* cases =
-      t->get_attribute(att)->partition(fc->data(), fc->data() + fc->size(), index_,
-                                       father_->cases_weight_, known_fract_, (*att_ranges_)[att],
-                                       father_->partition_);
+  w_sequence* cases = t->get_attribute(att)->partition(fc->data(), fc->data() + fc->size(), index_,
+                                                       father_->cases_weight_, known_fract_,
+                                                       (*att_ranges_)[att], father_->partition_);
   if (owns_cases_) delete all_cases_;
   all_cases_ = cases;
   owns_cases_ = true;
@@ -111,7 +113,8 @@ void _decision_node::activate_node(table* t) {
 
 void _decision_node::activate_substitute_father(table* t) {
   if (father_ == nullptr) {
-    throw std::runtime_error("[_decision_node::activate_substitute_father()]: father node is NULL.");
+    throw std::runtime_error(
+        "[_decision_node::activate_substitute_father()]: father node is NULL.");
   }
   if (!father_->activated_) {
     throw std::runtime_error(
@@ -144,7 +147,8 @@ void _decision_node::activate_with(table* t, w_sequence* cases, float known_frac
 }
 
 void _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
-                                std::vector<float>& shares, std::vector<order_range>& ranges) const {
+                                std::vector<float>& shares,
+                                std::vector<order_range>& ranges) const {
   w_sequence const* c = all_cases_;
   t->get_attribute(leaf_or_att_)
       ->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
@@ -158,11 +162,13 @@ void _decision_node::compute_statistics(table* t) {
   if (all_cases_ != nullptr) {
     float* d = class_distribution_.data();
     cls->visit([&](auto rd) {
-      for (w_case const& c : *all_cases_) d[rd(c.first)] += c.second;
+      for (w_case const& c : *all_cases_)
+        d[rd(c.first)] += c.second;
     });
   }
   float w = 0.0f;
-  for (float v : class_distribution_) w += v;
+  for (float v : class_distribution_)
+    w += v;
   cases_weight_ = w;
   most_frequent_ = 0;
   for (std::size_t i = 1; i < class_distribution_.size(); ++i) {
@@ -186,7 +192,8 @@ void _decision_node::disactivate() {
 // ---------------------------------------------------------------- split decision
 
 int _decision_node::split(table* t, int split_type, float min_obj, options const* opts) {
-  if (!activated_) throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
+  if (!activated_)
+    throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
   if (split_type != 0 && split_type != 1) {
     throw std::runtime_error("[_decision_node::split] called on an unsupported split type.");
   }
@@ -198,7 +205,8 @@ int _decision_node::split(table* t, int split_type, float min_obj, options const
 int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options const* opts) {
   if (split_pre(t, use_ratio ? 1 : 0, min_obj)) return status_;
   unsigned long n = t->get_no_attributes();
-  for (unsigned long a = 0; a < n; ++a) split_att(t, min_obj, opts, a, false);
+  for (unsigned long a = 0; a < n; ++a)
+    split_att(t, min_obj, opts, a, false);
   return split_post(t);
 }
 
@@ -214,7 +222,8 @@ void _decision_node::set_as_leaf() {
 }
 
 bool _decision_node::split_pre(table* t, int split_type, float min_obj) {
-  if (!activated_) throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
+  if (!activated_)
+    throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
   split_status_ = split_type;
   set_as_leaf();
   if (cases_weight_ == 0.0f) {
@@ -232,6 +241,12 @@ void _decision_node::split_att(table* t, float min_obj, options const* opts, uns
   t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, all_cases_,
                                          (*att_ranges_)[att], min_obj, opts, split_descs_[att],
                                          sort_copy);
+}
+
+void _decision_node::split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
+                                  w_sequence* cases, order_publisher* publish) {
+  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, cases, (*att_ranges_)[att],
+                                         min_obj, opts, split_descs_[att], false, publish);
 }
 
 bool _decision_node::split_att_worth(unsigned long att) {
@@ -300,12 +315,12 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
   for (std::size_t a = 0; a < split_descs_.size(); ++a) {
     auto const& d = split_descs_[a];
     order_range r = att_ranges_ ? (*att_ranges_)[a] : order_range(0, 0);
-    out << t->get_attribute(a)->get_name() << " " << d.gain << " " << d.split_info << " "
-        << r.first << " " << r.second << " " << cases_count_ << " " << std::endl;
+    out << t->get_attribute(a)->get_name() << " " << d.gain << " " << d.split_info << " " << r.first
+        << " " << r.second << " " << cases_count_ << " " << std::endl;
   }
   if (status_ == LEAF_NODE) {
-    out << "leaf node, class " << t->get_class()->get_o_set()->get_value(leaf_or_att_)
-        << ", error " << error_;
+    out << "leaf node, class " << t->get_class()->get_o_set()->get_value(leaf_or_att_) << ", error "
+        << error_;
   } else {
     out << "split node, best att: " << t->get_attribute(leaf_or_att_)->get_name();
   }

@@ -63,7 +63,8 @@ class line_fields {
     return fields_.size();
   }
   void restore() {
-    for (std::size_t j = 1; j < fields_.size(); ++j) fields_[j][-1] = sep_;
+    for (std::size_t j = 1; j < fields_.size(); ++j)
+      fields_[j][-1] = sep_;
     if (trailing_ != nullptr) *trailing_ = sep_;
   }
   char const* operator[](unsigned long j) const { return fields_[j]; }

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "brix/impls/column_typed.h"
 #include "brix/impls/o_set_typed.h"
 
 namespace brix {
@@ -23,19 +24,47 @@ o_set::o_set(std::string const& datatype, bool admits_null, std::string const& n
 o_set::~o_set() {}
 
 void o_set::insert_null() {
-  if (!admits_null_) throw std::runtime_error("[o_set::insert()] called with unadmitted null value");
+  if (!admits_null_)
+    throw std::runtime_error("[o_set::insert()] called with unadmitted null value");
   contains_null_ = true;
 }
 
 // The null set keeps no values: anything but the null text is dropped.
-void o_set::insert(char const* value) { insert_id(value); }
+void o_set::insert(char const* value) {
+  insert_id(value);
+}
 
 std::uint32_t o_set::insert_id(char const* value) {
   if (is_null_text(value)) insert_null();
   return 0;
 }
 
-void o_set::freeze_remap(std::vector<std::uint32_t>& remap) { remap.assign(1, 0); }
+void o_set::freeze_remap(std::vector<std::uint32_t>& remap) {
+  remap.assign(1, 0);
+}
+
+id_loader::id_loader(o_set* set, bool keep_rows) : set_(set), keep_(keep_rows) {}
+
+void id_loader::add(char const* text) {
+  std::uint32_t id = set_->insert_id(text);
+  if (keep_) ids_.push_back(id);
+}
+
+void id_loader::index() {
+  set_->freeze_remap(remap_);
+}
+
+void id_loader::attach(column* target) {
+  if (keep_) filler_.reset(new column_filler(target, ids_, remap_));
+}
+
+void id_loader::fill(std::size_t from, std::size_t to) {
+  if (filler_) filler_->fill(from, to);
+}
+
+value_loader* o_set::make_loader(bool keep_rows) {
+  return new id_loader(this, keep_rows);
+}
 
 bool o_set::get_order(char const* value, unsigned long& order) {
   if (contains_null_ && is_null_text(value)) {

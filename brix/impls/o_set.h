@@ -18,6 +18,21 @@ class ibinstream;
 namespace brix {
 namespace impls {
 
+class column;
+
+// Collects the values of one column while a table is read. add() takes each
+// row's value text; after the read, index() sorts the value set, attach()
+// hands the rows to the column built for it and fill() turns the rows of a
+// range into value orders (the second pass).
+class value_loader {
+ public:
+  virtual ~value_loader() = default;
+  virtual void add(char const* text) = 0;
+  virtual void index() = 0;
+  virtual void attach(column* target) = 0;
+  virtual void fill(std::size_t from, std::size_t to) = 0;
+};
+
 class o_set {
  public:
   // Makes the value set of a data type keyword; unknown keywords throw.
@@ -45,6 +60,13 @@ class o_set {
   // Makes the sorted view current; orders may be read concurrently afterwards.
   virtual void freeze() {}
 
+  // The values of the binary table file: a presence flag, the count and the
+  // values in ascending order. The null set writes the flag 0.
+  virtual void bin_out(zel::inpout::obinstream& out);
+  virtual void bin_in(zel::inpout::ibinstream& in);
+  // A loader for this set; keep_rows is false for columns that store no rows.
+  virtual value_loader* make_loader(bool keep_rows);
+
   bool admits_null() const { return admits_null_; }
   bool contains_null() const { return contains_null_; }
   void set_contains_null(bool c) { contains_null_ = c; }
@@ -61,6 +83,9 @@ class o_set {
  protected:
   // Registers the null text; throws when the set does not admit it.
   void insert_null();
+
+  template <class T>
+  friend class raw_loader;
   [[noreturn]] void throw_bad_mid(unsigned long i, unsigned long j) const;
 
   bool contains_null_;
@@ -68,6 +93,10 @@ class o_set {
   std::string null_;
   std::string datatype_;
 };
+
+// The value set record of the binary table file (null pointers as the flag 0).
+zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, o_set* s);
+zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, o_set*& s);
 
 }  // namespace impls
 }  // namespace brix

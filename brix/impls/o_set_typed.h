@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "brix/impls/column_typed.h"
 #include "brix/impls/o_set.h"
 #include "zel/adt/hash_index.h"
 #include "zel/adt/radix_sort.h"
@@ -19,6 +20,9 @@
 
 namespace brix {
 namespace impls {
+
+template <class T>
+class raw_loader;
 
 template <class T>
 class o_set_typed : public o_set {
@@ -108,7 +112,8 @@ class o_set_typed : public o_set {
   void freeze_remap(std::vector<std::uint32_t>& remap) override {
     if (frozen_) {
       remap.assign(sorted_.size() + 1, 0);
-      for (std::size_t i = 0; i < sorted_.size(); ++i) remap[i + 1] = static_cast<std::uint32_t>(i + 1);
+      for (std::size_t i = 0; i < sorted_.size(); ++i)
+        remap[i + 1] = static_cast<std::uint32_t>(i + 1);
       return;
     }
     remap.assign(pending_.size() + 1, 0);
@@ -118,6 +123,8 @@ class o_set_typed : public o_set {
   void freeze() override {
     if (!frozen_) sort_pending(nullptr);
   }
+
+  value_loader* make_loader(bool keep_rows) override;
 
   // Typed access for the binary formats.
   std::vector<value_type> const& sorted_values() {
@@ -130,6 +137,9 @@ class o_set_typed : public o_set {
     sorted_ = std::move(values);
     frozen_ = true;
   }
+  // Defined with the binary table format.
+  void bin_out(zel::inpout::obinstream& out) override;
+  void bin_in(zel::inpout::ibinstream& in) override;
 
  private:
   struct less_fn {
@@ -163,7 +173,8 @@ class o_set_typed : public o_set {
 
   void rebuild_index() {
     index_.clear();
-    for (std::uint32_t id = 0; id < pending_.size(); ++id) register_value(pending_[id], id);
+    for (std::uint32_t id = 0; id < pending_.size(); ++id)
+      register_value(pending_[id], id);
   }
 
   template <class V>
@@ -202,8 +213,9 @@ class o_set_typed : public o_set {
     if constexpr (std::is_arithmetic<value_type>::value) {
       zel::adt::radix_sort_by_key(ids, pending_);
     } else {
-      std::sort(ids.begin(), ids.end(),
-                [this](std::uint32_t a, std::uint32_t b) { return T::less(pending_[a], pending_[b]); });
+      std::sort(ids.begin(), ids.end(), [this](std::uint32_t a, std::uint32_t b) {
+        return T::less(pending_[a], pending_[b]);
+      });
     }
     std::vector<value_type> sorted;
     sorted.reserve(n);
@@ -217,6 +229,8 @@ class o_set_typed : public o_set {
     frozen_ = true;
   }
 
+  friend class raw_loader<T>;
+
   // Numbers sit in the index itself; strings stay in pending_ only.
   using index_type = std::conditional_t<std::is_arithmetic<value_type>::value,
                                         zel::adt::value_index<value_type>, zel::adt::hash_index>;
@@ -226,6 +240,190 @@ class o_set_typed : public o_set {
   std::vector<value_type> sorted_;
   bool frozen_ = true;
 };
+
+// Numbers are first registered by id like any value; once a column shows
+// more distinct values than 16-bit ids can hold, the ids become the values
+// themselves (raw bits, one per row) and the set stops hashing: a column of
+// mostly distinct numbers then costs one append per row and a radix sort at
+// the end, and no hash table of a million entries.
+template <class T>
+class raw_loader : public value_loader {
+  using V = typename T::value_type;
+  using raw_t = std::conditional_t<sizeof(V) == 4, std::uint32_t, std::uint64_t>;
+
+ public:
+  raw_loader(o_set_typed<T>* set, bool keep_rows) : set_(set), keep_(keep_rows) {}
+
+  void add(char const* text) override {
+    if (set_->is_null_text(text)) {
+      set_->insert_null();
+      if (raw_mode_) {
+        if (keep_) {
+          nulls_.push_back(rows_);
+          raw_.push_back(0);
+        }
+      } else if (keep_) {
+        ids_.push_back(0);
+      }
+      ++rows_;
+      return;
+    }
+    V v = T::parse(text);
+    ++rows_;
+    if (raw_mode_) {
+      raw_.push_back(to_raw(v));
+      return;
+    }
+    std::uint32_t id = set_->add(v) + 1;
+    if (keep_) ids_.push_back(id);
+    if (set_->pending_.size() > kIdLimit &&
+        (sizeof(V) == 4 || !keep_ || set_->pending_.size() * 10 > rows_)) {
+      to_raw_mode();
+    }
+  }
+
+  void index() override {
+    if (!raw_mode_) {
+      set_->freeze_remap(remap_);
+      return;
+    }
+    sort_raw();
+  }
+
+  void attach(column* target) override {
+    if (!keep_) return;
+    if (!raw_mode_) {
+      filler_.reset(new column_filler(target, ids_, remap_));
+      return;
+    }
+    // More than 65534 values: the column keeps 32-bit orders.
+    auto* typed = static_cast<column_typed<std::uint32_t>*>(target);
+    if constexpr (sizeof(raw_t) == 4) {
+      typed->rows().swap(raw_);
+    } else {
+      typed->rows().swap(orders_);
+    }
+  }
+
+  void fill(std::size_t from, std::size_t to) override {
+    if (filler_) filler_->fill(from, to);
+  }
+
+ private:
+  static constexpr std::size_t kIdLimit = 65534;
+
+  static raw_t to_raw(V v) {
+    raw_t r;
+    std::memcpy(&r, &v, sizeof r);
+    return r;
+  }
+  static V from_raw(raw_t r) {
+    V v;
+    std::memcpy(&v, &r, sizeof v);
+    return v;
+  }
+  // Keys that sort like the values; the two zeros of floating types are one.
+  static auto key_of(raw_t r) {
+    V v = from_raw(r);
+    if constexpr (std::is_floating_point<V>::value) {
+      if (v == 0) v = 0;
+    }
+    return zel::adt::detail::sortable_bits(v);
+  }
+
+  void to_raw_mode() {
+    if (keep_) {
+      raw_.reserve(rows_);
+      auto convert = [&](auto const& ids) {
+        for (std::size_t r = 0; r < ids.size(); ++r) {
+          std::uint32_t id = ids[r];
+          if (id == 0) nulls_.push_back(r);
+          raw_.push_back(id == 0 ? 0 : to_raw(set_->pending_[id - 1]));
+        }
+      };
+      switch (ids_.width()) {
+        case 1:
+          convert(ids_.u8());
+          break;
+        case 2:
+          convert(ids_.u16());
+          break;
+        default:
+          convert(ids_.u32());
+          break;
+      }
+      ids_ = id_buffer();
+    } else {
+      // Only the distinct values matter for a column that stores no rows.
+      for (V const& v : set_->pending_)
+        raw_.push_back(to_raw(v));
+    }
+    std::vector<V>().swap(set_->pending_);
+    set_->index_.clear();
+    raw_mode_ = true;
+  }
+
+  // Sorts the rows by value (stable, so the first row of each value gives
+  // the value kept), numbers the distinct values and writes each row's order.
+  void sort_raw() {
+    using key_t = decltype(key_of(raw_t()));
+    struct item {
+      key_t key;
+      std::uint32_t row;
+    };
+    std::vector<item> items;
+    items.reserve(raw_.size() - nulls_.size());
+    std::size_t next_null = 0;
+    for (std::size_t r = 0; r < raw_.size(); ++r) {
+      if (next_null < nulls_.size() && nulls_[next_null] == r) {
+        ++next_null;
+        continue;
+      }
+      items.push_back(item{key_of(raw_[r]), static_cast<std::uint32_t>(r)});
+    }
+    zel::adt::detail::lsd_radix(items, sizeof(key_t), [](item const& x) { return x.key; });
+    std::vector<V> values;
+    if constexpr (sizeof(raw_t) != 4) orders_.assign(raw_.size(), 0);
+    std::uint32_t order = 0;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      if (i == 0 || items[i].key != items[i - 1].key) {
+        values.push_back(from_raw(raw_[items[i].row]));
+        ++order;
+      }
+      if constexpr (sizeof(raw_t) == 4) {
+        raw_[items[i].row] = order;
+      } else {
+        orders_[items[i].row] = order;
+      }
+    }
+    for (std::size_t r : nulls_) {
+      if constexpr (sizeof(raw_t) == 4) raw_[r] = 0;
+    }
+    std::vector<item>().swap(items);
+    set_->set_sorted_values(std::move(values));
+    if constexpr (sizeof(raw_t) != 4) std::vector<raw_t>().swap(raw_);
+  }
+
+  o_set_typed<T>* set_;
+  bool keep_;
+  bool raw_mode_ = false;
+  std::size_t rows_ = 0;
+  id_buffer ids_;
+  std::vector<std::uint32_t> remap_;
+  std::unique_ptr<column_filler> filler_;
+  std::vector<raw_t> raw_;             // raw mode: the value of every row
+  std::vector<std::uint32_t> orders_;  // raw mode, 64-bit values: the orders
+  std::vector<std::size_t> nulls_;     // raw mode: rows holding the null text
+};
+
+template <class T>
+value_loader* o_set_typed<T>::make_loader(bool keep_rows) {
+  if constexpr (std::is_arithmetic<value_type>::value) {
+    return new raw_loader<T>(this, keep_rows);
+  } else {
+    return new id_loader(this, keep_rows);
+  }
+}
 
 // Insertion of text into a string set looks the text up without copying it.
 template <>

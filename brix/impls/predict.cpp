@@ -44,7 +44,8 @@ class threshold_test {
     if (generic_) return values_->leq(v, text_);
     if (values_->is_null_text(v.c_str())) return -1;
     if (kind_[0] == 'i') return zel::data_types::datatype<int>::parse(v.c_str()) > i_ ? 1 : 0;
-    if (kind_[0] == 'u') return zel::data_types::datatype<unsigned long>::parse(v.c_str()) > u_ ? 1 : 0;
+    if (kind_[0] == 'u')
+      return zel::data_types::datatype<unsigned long>::parse(v.c_str()) > u_ ? 1 : 0;
     return zel::data_types::datatype<float>::parse(v.c_str()) > f_ ? 1 : 0;
   }
 
@@ -57,7 +58,8 @@ class threshold_test {
  private:
   template <class X>
   unsigned long count_in(X bound) const {
-    auto const& v = static_cast<o_set_typed<zel::data_types::datatype<X>>*>(values_)->sorted_values();
+    auto const& v =
+        static_cast<o_set_typed<zel::data_types::datatype<X>>*>(values_)->sorted_values();
     return static_cast<unsigned long>(std::upper_bound(v.begin(), v.end(), bound) - v.begin());
   }
   unsigned long count_not_above() const {
@@ -92,7 +94,8 @@ class compiled_tree {
     if (n->get_node_status() == _decision_node::LEAF_NODE) {
       if (cw > 0.0f) {
         std::vector<float> const& d = n->get_class_distribution();
-        for (std::size_t c = 0; c < d.size() && c < dist.size(); ++c) dist[c] += w * d[c] / cw;
+        for (std::size_t c = 0; c < d.size() && c < dist.size(); ++c)
+          dist[c] += w * d[c] / cw;
       } else {
         dist[n->get_leaf()] += w;
       }
@@ -140,7 +143,8 @@ class compiled_tree {
       }
     }
     std::vector<std::size_t> kids;
-    for (unsigned long i = 0; i < tree->get_no_childs(); ++i) kids.push_back(add(tree->get_child(i)));
+    for (unsigned long i = 0; i < tree->get_no_childs(); ++i)
+      kids.push_back(add(tree->get_child(i)));
     entries_[at].children = std::move(kids);
     return at;
   }
@@ -224,7 +228,8 @@ std::pair<std::string, float> decision_tree::prediction(table* t, unsigned long 
   std::vector<std::string> values;
   unsigned long n = t->get_no_attributes();
   values.reserve(n);
-  for (unsigned long a = 0; a < n; ++a) values.push_back(t->get_attribute(a)->get_row_value(row));
+  for (unsigned long a = 0; a < n; ++a)
+    values.push_back(t->get_attribute(a)->get_row_value(row));
   return prediction(values, weight);
 }
 

@@ -21,14 +21,16 @@ float _decision_tree::CFCoefficient(float cf) {
   static float const level[9] = {0.0f, 0.001f, 0.005f, 0.01f, 0.05f, 0.10f, 0.20f, 0.40f, 1.00f};
   static float const dev[9] = {4.0f, 3.09f, 2.58f, 2.33f, 1.65f, 1.28f, 0.84f, 0.25f, 0.00f};
   int i = 1;
-  while (cf > level[i]) ++i;
+  while (cf > level[i])
+    ++i;
   float d = dev[i - 1] + (dev[i] - dev[i - 1]) * (cf - level[i - 1]) / (level[i] - level[i - 1]);
   return d * d;
 }
 
 float _decision_tree::add_errs(float cf, float coeff, float n, float e) {
   double N = n, E = e;
-  if (E < 0.000001) return static_cast<float>(N * (1.0 - std::exp(std::log(static_cast<double>(cf)) / N)));
+  if (E < 0.000001)
+    return static_cast<float>(N * (1.0 - std::exp(std::log(static_cast<double>(cf)) / N)));
   if (E < 0.9999) {
     double v = N * (1.0 - std::exp(std::log(static_cast<double>(cf)) / N));
     return static_cast<float>(v + E * (add_errs(cf, coeff, n, 1.0f) - v));
@@ -40,7 +42,9 @@ float _decision_tree::add_errs(float cf, float coeff, float n, float e) {
   return static_cast<float>(N * p - E);
 }
 
-float _decision_tree::prune_dt(table* t, float cf) { return prune_dt(t, cf, CFCoefficient(cf)); }
+float _decision_tree::prune_dt(table* t, float cf) {
+  return prune_dt(t, cf, CFCoefficient(cf));
+}
 
 float _decision_tree::prune_dt(table* t, float cf, float coeff) {
   _decision_node* n = get_node();
@@ -52,7 +56,8 @@ float _decision_tree::prune_dt(table* t, float cf, float coeff) {
     return estimate;
   }
   float sum = 0.0f;
-  for (unsigned long i = 0; i < get_no_childs(); ++i) sum += get_child(i)->prune_dt(t, cf, coeff);
+  for (unsigned long i = 0; i < get_no_childs(); ++i)
+    sum += get_child(i)->prune_dt(t, cf, coeff);
   if (estimate <= sum + kPruneSlack) {
     collapse(estimate);
     return estimate;

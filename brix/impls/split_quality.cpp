@@ -21,6 +21,9 @@ struct split_scratch {
   std::vector<float> freq;
   std::vector<float> totals;
   std::vector<std::uint32_t> counts;
+  std::vector<std::uint32_t> keys;
+  std::vector<std::uint32_t> sorted_keys;
+  std::vector<std::uint32_t> classes;
   std::vector<w_case> buffer;
 };
 thread_local split_scratch scratch;
@@ -80,14 +83,16 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   int reaching = 0;
   for (std::size_t r = 1; r < rows; ++r) {
     float s = 0.0f;
-    for (std::size_t k = 1; k < cols; ++k) s += freq[r * cols + k];
+    for (std::size_t k = 1; k < cols; ++k)
+      s += freq[r * cols + k];
     branch[r] = s;
     if (s >= min_objects) ++reaching;
   }
   if (reaching < 2) return no_split(best);
   float hc = info(logs, class_total + 1, classes);
   float hs = 0.0f;
-  for (std::size_t r = 1; r < rows; ++r) hs += info(logs, &freq[r * cols + 1], classes);
+  for (std::size_t r = 1; r < rows; ++r)
+    hs += info(logs, &freq[r * cols + 1], classes);
   float hsplit = info(logs, branch, rows);
   best.split_info = hsplit / total_weight;
   best.gain = (hc / known - hs / known) * (known / (unknown + known));
@@ -112,31 +117,61 @@ void finish_cut(column::splitting_desc& best, float best_gain, float split_info,
 
 // Sorts cases by attribute order: stable counting sort over the order stretch
 // when it is dense enough, comparison sort otherwise. The result lands in
-// cases itself.
+// cases itself, and keys[i] receives the order of the i-th sorted case, so
+// the scan that follows reads orders sequentially instead of by row.
 template <class Att>
-void sort_by_order(Att att, std::vector<w_case>& cases, order_range const& range) {
+void sort_by_order(Att att, std::vector<w_case>& cases, order_range const& range,
+                   std::vector<std::uint32_t>& keys) {
   std::size_t n = cases.size();
   unsigned long base = range.first - 1;
   unsigned long width = range.second - base;
+  keys.resize(n);
   if (width / n < kCountingSortRatio) {
     std::vector<std::uint32_t>& counts = scratch.counts;
     counts.assign(width + 2, 0);
-    for (w_case const& c : cases) ++counts[att(c.first) - base + 1];
-    for (unsigned long k = 1; k <= width; ++k) counts[k] += counts[k - 1];
+    std::vector<std::uint32_t>& own = scratch.keys;
+    own.resize(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      auto k = static_cast<std::uint32_t>(att(cases[i].first) - base);
+      own[i] = k;
+      ++counts[k + 1];
+    }
+    for (unsigned long k = 1; k <= width; ++k)
+      counts[k] += counts[k - 1];
     std::vector<w_case>& out = scratch.buffer;
     out.resize(n);
-    for (w_case const& c : cases) out[counts[att(c.first) - base]++] = c;
+    for (std::size_t i = 0; i < n; ++i) {
+      std::uint32_t at = counts[own[i]]++;
+      out[at] = cases[i];
+      keys[at] = static_cast<std::uint32_t>(own[i] + base);
+    }
     cases.swap(out);
   } else {
-    std::sort(cases.begin(), cases.end(),
-              [att](w_case const& a, w_case const& b) { return att(a.first) < att(b.first); });
+    // The comparisons, and so the permutation, are those of sorting the cases
+    // by the column's order of their rows; the order travels with each case
+    // so that no comparison reads the column.
+    struct keyed {
+      std::uint32_t key;
+      w_case c;
+    };
+    std::vector<keyed> items(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      items[i] = keyed{static_cast<std::uint32_t>(att(cases[i].first)), cases[i]};
+    }
+    std::sort(items.begin(), items.end(),
+              [](keyed const& a, keyed const& b) { return a.key < b.key; });
+    for (std::size_t i = 0; i < n; ++i) {
+      cases[i] = items[i].c;
+      keys[i] = items[i].key;
+    }
   }
 }
 
 template <class Att, class Cls>
 void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
                         w_sequence& node_cases, order_range const& range, float min_objects,
-                        options const* opts, column::splitting_desc& best, bool sort_copy) {
+                        options const* opts, column::splitting_desc& best, bool sort_copy,
+                        order_publisher* publish) {
   xlogx_table const& logs = logs_of(opts);
   best.branches = 2;
   std::vector<w_case> copy;
@@ -144,7 +179,13 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   if (sort_copy) copy = node_cases.cases();
   std::size_t n = cases.size();
   if (n == 0) return no_split(best);
-  sort_by_order(att, cases, range);
+  std::vector<std::uint32_t>& ord = scratch.sorted_keys;
+  sort_by_order(att, cases, range, ord);
+  if (publish != nullptr) publish->sorted(sort_copy ? nullptr : &node_cases);
+  std::vector<std::uint32_t>& cl = scratch.classes;
+  cl.resize(n);
+  for (std::size_t i = 0; i < n; ++i)
+    cl[i] = static_cast<std::uint32_t>(cls(cases[i].first));
 
   std::size_t cols = classes + 1;
   std::vector<float>& totals = scratch.totals;
@@ -153,12 +194,12 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   float* right = totals.data() + cols;
   float unknown = 0.0f;
   std::size_t first = 0;
-  for (w_case const& c : cases) {
-    if (att(c.first) == 0) {
-      unknown += c.second;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (ord[i] == 0) {
+      unknown += cases[i].second;
       ++first;
     } else {
-      right[cls(c.first)] += c.second;
+      right[cl[i]] += cases[i].second;
     }
   }
   float known = total_weight - unknown;
@@ -171,10 +212,10 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   unsigned long tried = 0, low = 0, high = 0;
   // The stretch of cases moved left since the last evaluated cut, while it
   // holds a single class.
-  unsigned long stretch_class = 0;
+  std::uint32_t stretch_class = 0;
   bool stretch_open = false, stretch_pure = true;
   for (std::size_t i = first; i + 1 < n; ++i) {
-    unsigned long c = cls(cases[i].first);
+    std::uint32_t c = cl[i];
     float w = cases[i].second;
     right[c] -= w;
     left[c] += w;
@@ -188,8 +229,7 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
     }
     if (l_weight < m) continue;
     if (l_weight > upper) break;
-    unsigned long a = att(cases[i].first);
-    unsigned long a_next = att(cases[i + 1].first);
+    std::uint32_t a = ord[i], a_next = ord[i + 1];
     if (a == a_next) continue;
     ++tried;
     if (stretch_pure) {
@@ -197,8 +237,8 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
       // brings another class or carries the left side past its limit.
       bool same = true;
       float ahead = l_weight;
-      for (std::size_t j = i + 1; j < n && att(cases[j].first) == a_next; ++j) {
-        if (cls(cases[j].first) != stretch_class) {
+      for (std::size_t j = i + 1; j < n && ord[j] == a_next; ++j) {
+        if (cl[j] != stretch_class) {
           same = false;
           break;
         }
@@ -273,7 +313,8 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
     if (!occupied(r)) continue;
     float const* row = &freq[r * cols];
     float s = 0.0f;
-    for (std::size_t k = 0; k < cols; ++k) s += row[k];
+    for (std::size_t k = 0; k < cols; ++k)
+      s += row[k];
     for (std::size_t k = 0; k < cols; ++k) {
       right[k] -= row[k];
       left[k] += row[k];
@@ -295,7 +336,8 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
   unsigned long low = 0, high = 0;
   if (found) {
     std::size_t next = best_row + 1;
-    while (next < rows && !occupied(next)) ++next;
+    while (next < rows && !occupied(next))
+      ++next;
     low = best_row + base;
     high = next + base;
   }
@@ -306,7 +348,7 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 
 void column::quality_measure(column const* class_column, float total_weight, w_sequence* cases,
                              order_range& range, float min_objects, options const* opts,
-                             splitting_desc& best, bool sort_copy) const {
+                             splitting_desc& best, bool sort_copy, order_publisher* publish) const {
   best.branches = 0;
   best.att = this;
   if (range.second - range.first <= 1) return no_split(best);
@@ -319,7 +361,7 @@ void column::quality_measure(column const* class_column, float total_weight, w_s
           quality_tally(att, cls, classes, total_weight, *cases, range, min_objects, opts, best);
         } else {
           quality_continuous(att, cls, classes, total_weight, *cases, range, min_objects, opts,
-                             best, sort_copy);
+                             best, sort_copy, publish);
         }
       });
     });

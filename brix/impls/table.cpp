@@ -52,7 +52,8 @@ table::table(std::string const& name, bool for_tree)
       for_tree_(for_tree) {}
 
 table::~table() {
-  for (column* c : columns_) delete c;
+  for (column* c : columns_)
+    delete c;
 }
 
 std::ostream* table::set_log(std::ostream* log) {
@@ -179,26 +180,27 @@ column* table::make_column(unsigned long i, o_set* values) const {
   return column::NEW_COLUMN(values, columns_[i]->get_name(), columns_[i]->get_type(), error);
 }
 
-// The rows are read once. Each value is registered in its column's value set
-// and its provisional id (order of first appearance) is kept at the width
-// that the final column will have; once every value is known the sets are
-// sorted and a second pass over the kept rows turns ids into orders in place.
+// The rows are read once. Each value goes to its column's loader, which
+// registers it in the value set and keeps the row's provisional id (or the
+// value itself, for columns of mostly distinct numbers); once every value is
+// known the sets are sorted and a second pass over the kept rows turns them
+// into orders, in place.
 void table::load_data(zel::inpout::stream* source, std::string const& null, bool owns) {
   zel::util::cronos timer;
   timer.start();
   source_guard guard{source, owns};
   std::vector<std::unique_ptr<o_set>> sets;
-  std::vector<id_buffer> ids;
+  std::vector<std::unique_ptr<value_loader>> loaders;
   std::vector<std::unique_ptr<column>> fresh;
   try {
     if (source == nullptr) throw std::runtime_error("no data provider detected.");
     std::string error;
     if (!consistency_check(columns_.size(), error)) throw std::runtime_error(error);
     unsigned long first = loaded_, total = columns_.size(), k = total - first;
-    for (unsigned long i = first; i < total; ++i) sets.emplace_back(make_column_o_set(i, null));
-    ids.resize(k);
-    std::vector<bool> keep(k);
-    for (unsigned long j = 0; j < k; ++j) keep[j] = !columns_[first + j]->is_ignore();
+    for (unsigned long i = first; i < total; ++i) {
+      sets.emplace_back(make_column_o_set(i, null));
+      loaders.emplace_back(sets.back()->make_loader(!columns_[i]->is_ignore()));
+    }
 
     if (log_ && verbosity_ >= 1) {
       *log_ << "Reading data ";
@@ -212,47 +214,41 @@ void table::load_data(zel::inpout::stream* source, std::string const& null, bool
       ++r;
       progress(log_, verbosity_, r);
       char* line = source->get_line();
-      if (r == 0xFFFFFFFFUL) throw std::runtime_error("too many rows: at most 4294967294 are supported");
+      if (r == 0xFFFFFFFFUL)
+        throw std::runtime_error("too many rows: at most 4294967294 are supported");
       if (fields.split_all(line, sep) != k) {
         fields.restore();
         throw std::runtime_error("bad row format (row " + std::to_string(r) + "): " + line);
       }
-      for (unsigned long j = 0; j < k; ++j) {
-        std::uint32_t id = sets[j]->insert_id(fields[j]);
-        if (keep[j]) ids[j].push_back(id);
-      }
+      for (unsigned long j = 0; j < k; ++j)
+        loaders[j]->add(fields[j]);
     }
     if (log_ && verbosity_ >= 1) *log_ << "  " << r << " rows read. Indexing ... ";
 
-    std::vector<std::vector<std::uint32_t>> remaps(k);
     for (unsigned long j = 0; j < k; ++j) {
-      sets[j]->freeze_remap(remaps[j]);
-      column* c = make_column(first + j, sets[j].get());
-      if (c == nullptr) {
-        std::string why;
-        column::NEW_COLUMN(sets[j].get(), columns_[first + j]->get_name(),
-                           columns_[first + j]->get_type(), why);
-        throw std::runtime_error(why);
-      }
+      loaders[j]->index();
+      std::string why;
+      column* c = column::NEW_COLUMN(sets[j].get(), columns_[first + j]->get_name(),
+                                     columns_[first + j]->get_type(), why);
+      if (c == nullptr) throw std::runtime_error(why);
       sets[j].release();
       fresh.emplace_back(c);
+      loaders[j]->attach(c);
     }
     if (log_ && verbosity_ >= 1) {
       *log_ << " done." << std::endl << " ... 2nd pass: " << std::endl;
     }
 
     // Second pass, in blocks of rows so that progress shows as it goes.
-    std::vector<column_filler> fillers;
-    for (unsigned long j = 0; j < k; ++j) {
-      if (keep[j]) fillers.emplace_back(fresh[j].get(), ids[j], remaps[j]);
-    }
     unsigned long r2 = 0;
     while (r2 < r) {
       unsigned long next = std::min(r, r2 + kProgressRows);
-      for (column_filler& f : fillers) f.fill(r2, next);
+      for (auto& l : loaders)
+        l->fill(r2, next);
       r2 = next;
       if (r2 % kProgressRows == 0) progress(log_, verbosity_, r2);
     }
+    loaders.clear();
 
     if (r2 > no_rows_) no_rows_ = r2;
     for (unsigned long j = 0; j < k; ++j) {
@@ -283,11 +279,13 @@ bool table::load_row(zel::inpout::stream* source, std::vector<std::string>& row)
   // Attributes first, then class and weight. The weights position is read
   // after the class entry has been taken out, without correcting for it.
   std::string cls = row[class_index_];
-  for (std::size_t j = class_index_; j + 1 < size; ++j) row[j].swap(row[j + 1]);
+  for (std::size_t j = class_index_; j + 1 < size; ++j)
+    row[j].swap(row[j + 1]);
   std::string weight = "1";
   if (weighted) {
     weight = row[weights_index_];
-    for (std::size_t j = weights_index_; j + 2 < size; ++j) row[j].swap(row[j + 1]);
+    for (std::size_t j = weights_index_; j + 2 < size; ++j)
+      row[j].swap(row[j + 1]);
   }
   row[size - 1] = weight;
   row[size - 2] = cls;
@@ -297,20 +295,24 @@ bool table::load_row(zel::inpout::stream* source, std::vector<std::string>& row)
 table* table::clone_metadata() const {
   auto* t = new table(name_, for_tree_);
   t->columns_.reserve(columns_.size());
-  for (column* c : columns_) t->columns_.push_back(c->clone(true));
+  for (column* c : columns_)
+    t->columns_.push_back(c->clone(true));
   t->set_state(0, loaded_, class_index_, weights_index_, verbosity_, for_tree_);
   return t;
 }
 
 // ---------------------------------------------------------------- case sequences
 
-w_sequence* table::get_wsubset_all() const { return get_wsubset_first_n(no_rows_); }
+w_sequence* table::get_wsubset_all() const {
+  return get_wsubset_first_n(no_rows_);
+}
 
 w_sequence* table::get_wsubset_first_n(unsigned long n) const {
   unsigned long m = std::min(n, no_rows_);
   auto* s = new w_sequence();
   s->reserve(m);
-  for (unsigned long i = 0; i < m; ++i) s->push_back(i, 1.0f);
+  for (unsigned long i = 0; i < m; ++i)
+    s->push_back(i, 1.0f);
   update_weights(s);
   return s;
 }
@@ -374,7 +376,8 @@ w_sequence* table::get_wsubset_balanced() const {
   unsigned long k = cls->get_distinct() + 1;  // order 0 included
   if (k <= 1) return out;
   std::vector<unsigned long> count(k, 0);
-  for (w_case const& c : *all) ++count[cls->get_row_index(c.first)];
+  for (w_case const& c : *all)
+    ++count[cls->get_row_index(c.first)];
   unsigned long quota = *std::min_element(count.begin() + 1, count.end());
   std::vector<unsigned long> left(k, quota);
   for (w_case const& c : *all) {
@@ -397,7 +400,8 @@ void table::update_weights(w_sequence* s) const {
   for (unsigned long o = 0; o <= k; ++o) {
     by_order[o] = static_cast<float>(std::atof(w->get_o_set()->get_value(o).c_str()));
   }
-  for (w_case& c : *s) c.second = by_order[w->get_row_index(c.first)];
+  for (w_case& c : *s)
+    c.second = by_order[w->get_row_index(c.first)];
 }
 
 }  // namespace impls

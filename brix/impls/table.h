@@ -12,7 +12,9 @@
 namespace zel {
 namespace inpout {
 class stream;
-}
+class obinstream;
+class ibinstream;
+}  // namespace inpout
 }  // namespace zel
 
 namespace brix {
@@ -79,6 +81,14 @@ class table {
   std::vector<column*>& columns() { return columns_; }
   void set_state(unsigned long no_rows, unsigned long loaded, unsigned long class_index,
                  unsigned long weights_index, unsigned long verbosity, bool for_tree);
+  // A counter that binary table files carry and give back unchanged; 0 for
+  // tables loaded from text.
+  unsigned long get_file_counter() const { return file_counter_; }
+  void set_file_counter(unsigned long c) { file_counter_ = c; }
+
+  // The DataDictionary and MiningSchema sections of the XML model.
+  void toXML_data_dictionary(std::ostream& out) const;
+  void toXML_mining_schema(std::ostream& out) const;
 
  private:
   void refresh_attributes();
@@ -94,7 +104,12 @@ class table {
   double elapsed_;
   bool for_tree_;
   std::vector<unsigned long> attribute_columns_;
+  unsigned long file_counter_ = 0;
 };
+
+// The table record of the binary table file (a null table is the flag 0).
+zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, table const* t);
+zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, table*& t);
 
 }  // namespace impls
 }  // namespace brix

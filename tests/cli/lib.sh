@@ -72,3 +72,9 @@ expect_line() {
   line=$(sed -n "${1}p" "$WORK/stdout")
   printf '%s\n' "$line" | grep -Eq -- "$2" || fail "line $1 is '$line', expected /$2/"
 }
+
+# expect_grep PATTERN [FILE]: some line of FILE (standard output by default) matches the extended
+# regular expression.
+expect_grep() {
+  grep -Eq -- "$1" "${2:-$WORK/stdout}" || fail "no line matches /$1/ in ${2:-standard output}"
+}

@@ -37,7 +37,8 @@ class basic_tree {
       Derived* t = pending.back();
       pending.pop_back();
       if (t == nullptr) continue;
-      for (Derived* c : t->childs_) pending.push_back(c);
+      for (Derived* c : t->childs_)
+        pending.push_back(c);
       t->childs_.clear();
       delete t;
     }

@@ -53,7 +53,8 @@ class hash_index {
     for (std::uint32_t s : old) {
       if (s == 0) continue;
       std::size_t i = hash_of(s - 1) & mask_;
-      while (slots_[i] != 0) i = (i + 1) & mask_;
+      while (slots_[i] != 0)
+        i = (i + 1) & mask_;
       slots_[i] = s;
     }
   }
@@ -111,7 +112,8 @@ class value_index {
     for (slot const& s : old) {
       if (s.id == npos) continue;
       std::size_t i = hash(s.key) & mask_;
-      while (slots_[i].id != npos) i = (i + 1) & mask_;
+      while (slots_[i].id != npos)
+        i = (i + 1) & mask_;
       slots_[i] = s;
     }
   }

@@ -31,22 +31,32 @@ inline std::uint64_t sortable_bits(double v) {
   return (b & 0x8000000000000000ULL) ? ~b : (b | 0x8000000000000000ULL);
 }
 
+// Stable LSD radix sort by the low key_bytes bytes of key_of(item). All the
+// digit histograms come from one pass; digits shared by every key are skipped.
 template <class Item, class KeyOf>
 void lsd_radix(std::vector<Item>& items, unsigned key_bytes, KeyOf key_of) {
-  std::vector<Item> buf(items.size());
+  std::size_t n = items.size();
+  std::vector<std::size_t> hist(key_bytes * 256, 0);
+  for (Item const& it : items) {
+    auto k = key_of(it);
+    for (unsigned byte = 0; byte < key_bytes; ++byte)
+      ++hist[byte * 256 + ((k >> (byte * 8)) & 0xFF)];
+  }
+  std::vector<Item> buf(n);
   for (unsigned byte = 0; byte < key_bytes; ++byte) {
-    unsigned shift = byte * 8;
-    std::size_t count[257] = {0};
-    for (Item const& it : items)
-      ++count[((key_of(it) >> shift) & 0xFF) + 1];
-    // A digit shared by every key changes nothing: skip the pass.
+    std::size_t* count = &hist[byte * 256];
     bool trivial = false;
-    for (int d = 1; d <= 256; ++d) {
-      if (count[d] == items.size()) trivial = true;
+    for (int d = 0; d < 256; ++d) {
+      if (count[d] == n) trivial = true;
     }
     if (trivial) continue;
-    for (int d = 0; d < 256; ++d)
-      count[d + 1] += count[d];
+    std::size_t sum = 0;
+    for (int d = 0; d < 256; ++d) {
+      std::size_t c = count[d];
+      count[d] = sum;
+      sum += c;
+    }
+    unsigned shift = byte * 8;
     for (Item const& it : items)
       buf[count[(key_of(it) >> shift) & 0xFF]++] = it;
     items.swap(buf);

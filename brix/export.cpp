@@ -1,0 +1,91 @@
+// Facade of the model outputs and of the binary table and tree files. Binary
+// files are gzip files at level 1.
+#include <memory>
+#include <stdexcept>
+
+#include "brix/brix.h"
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "zel/inpout/binstream.h"
+
+namespace brix {
+
+namespace {
+
+void check_written(zel::inpout::obinstream const& out) {
+  if (!out.good()) throw std::runtime_error("binary output failed");
+}
+
+// A file holds one record; bytes after it, or a gzip trailer that does not
+// check out, mean the file is not what it seems.
+void check_end(zel::inpout::ibinstream& in, char const* what) {
+  char c;
+  if (in.get_ioconn()->read(&c, 1) != 0) {
+    throw std::runtime_error(std::string(what) + ": damaged or unexpected data after the record");
+  }
+}
+
+}  // namespace
+
+void table::toXML_data_dictionary(std::ostream& out) const {
+  impl_->toXML_data_dictionary(out);
+}
+void table::toXML_mining_schema(std::ostream& out) const {
+  impl_->toXML_mining_schema(out);
+}
+
+void table::toBinary(std::string const& file) const {
+  zel::inpout::obinstream out(file, true, 1);
+  out << static_cast<impls::table const*>(impl_);
+  check_written(out);
+}
+
+table* table::fromBinary(std::string const& file) {
+  zel::inpout::ibinstream in(file, true);
+  impls::table* read = nullptr;
+  in >> read;
+  std::unique_ptr<impls::table> t(read);
+  if (!t) throw std::runtime_error("Binary table: the file holds no table");
+  check_end(in, "Binary table");
+  return new table(t.release());
+}
+
+void conf_matrix::toXML(std::ostream& out) const {
+  if (impl_) impl_->toXML(out, "Test");
+}
+
+void dtree::toXML(std::ostream& out, conf_matrix const* test) const {
+  impl_->toXML(out, test ? test->get_impl() : nullptr);
+}
+
+void dtree::toDOT(std::ostream& out) const {
+  impl_->toDOT(out);
+}
+
+void dtree::toBinary(std::string const& file) const {
+  zel::inpout::obinstream out(file, true, 1);
+  out << static_cast<unsigned char>(impl_ ? 1 : 0);
+  if (impl_) out << *impl_;
+  check_written(out);
+}
+
+dtree* dtree::fromBinary(std::string const& file) {
+  zel::inpout::ibinstream in(file, true);
+  std::unique_ptr<dtree> tree(new dtree("my_decision_tree"));
+  unsigned char present = 2;
+  in >> present;
+  if (!in.good() || present > 1) throw std::runtime_error("Binary tree: truncated or damaged data");
+  // The loaded model is there to test and score: it needs its tree, its
+  // metadata and its training matrix.
+  if (present == 0) throw std::runtime_error("Binary tree: the file holds no model");
+  in >> *tree->impl_;
+  check_end(in, "Binary tree");
+  impls::decision_tree const& t = *tree->impl_;
+  if (!t.get_root() || !t.get_metadata() || !t.get_prediction()) {
+    throw std::runtime_error("Binary tree: the model holds no grown tree");
+  }
+  return tree.release();
+}
+
+}  // namespace brix

@@ -1,0 +1,361 @@
+// Parallel growing on a task farm. The emitter owns the tree and every
+// counter; workers only evaluate: one attribute of a node (attribute task) or
+// a whole node (node task). Large nodes are split attribute by attribute,
+// small ones whole, and a node handled whole hands its children the same way.
+//
+// The tree must not depend on the number of workers. Sequential growing sorts
+// a node's cases in place attribute after attribute, so each attribute sees
+// the order the previous sorts left, and float sums follow that order. The
+// attribute tasks of a node therefore form a chain of orders: task p waits
+// for the order that task p - 1 publishes (right after sorting, before its
+// scan), sorts its own copy when its search sorts, and publishes the result.
+// Scans run side by side; only the sorts are serialised, and the node ends
+// with the very order sequential growing gives it.
+#include <condition_variable>
+#include <deque>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <unordered_map>
+#include <vector>
+
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "farm/task_farm.h"
+
+namespace brix {
+namespace impls {
+
+namespace {
+
+// Input-ring entries per worker, and the size of each feedback ring.
+constexpr std::size_t kInputQueuePerWorker = 4096;
+constexpr std::size_t kOutputQueue = 2176;
+// Back-off, in pause hints, between retries of a send to a full ring.
+constexpr unsigned long kSendBackoff = 1000;
+
+enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1 };
+
+// Wakes every task waiting on an order, and stops them all once any task of
+// the farm has failed (its error is rethrown by the farm).
+struct chain_signal {
+  std::mutex m;
+  std::condition_variable cv;
+  bool failed = false;
+};
+
+// The orders of one node's cases along its attribute tasks: order[p] is the
+// input of the p-th task, order[n] the node's final order.
+class order_chain {
+ public:
+  order_chain(chain_signal* signal, std::size_t tasks, w_sequence* cases)
+      : signal_(signal), order_(tasks + 1) {
+    order_[0] = std::shared_ptr<w_sequence>(cases, [](w_sequence*) {});  // the node owns it
+  }
+
+  std::shared_ptr<w_sequence> take(std::size_t p) {
+    std::unique_lock<std::mutex> lock(signal_->m);
+    signal_->cv.wait(lock, [&] { return order_[p] != nullptr || signal_->failed; });
+    if (order_[p] == nullptr) throw std::runtime_error("error running farm");
+    return std::move(order_[p]);
+  }
+
+  void publish(std::size_t p, std::shared_ptr<w_sequence> cases) {
+    {
+      std::lock_guard<std::mutex> lock(signal_->m);
+      order_[p] = std::move(cases);
+    }
+    signal_->cv.notify_all();
+  }
+
+  std::shared_ptr<w_sequence> const& final_order() const { return order_.back(); }
+
+ private:
+  chain_signal* signal_;
+  std::vector<std::shared_ptr<w_sequence>> order_;
+};
+
+struct ff_task {
+  _decision_tree* subtree;
+  int kind;
+  unsigned long attribute;
+  unsigned long weight;  // the node's case count when the task was sent
+  int worker;
+  order_chain* chain;  // attribute tasks: the node's chain and this task's place in it
+  std::size_t position;
+};
+
+// Publishes a sorted copy as the next order of the chain.
+struct chain_publisher : order_publisher {
+  order_chain* chain;
+  std::size_t position;
+  std::shared_ptr<w_sequence> cases;
+  void sorted(w_sequence*) override { chain->publish(position, cases); }
+};
+
+void fail(chain_signal* signal) {
+  {
+    std::lock_guard<std::mutex> lock(signal->m);
+    signal->failed = true;
+  }
+  signal->cv.notify_all();
+}
+
+}  // namespace
+
+// Names the worker the emitter chose; the emitter, not the balancer, places tasks.
+class ff_balancer : public farm::load_balancer {
+ public:
+  int selectworker() override { return choice; }
+  int choice = 0;
+};
+
+class _ff_worker : public farm::node {
+ public:
+  _ff_worker(table* t, int split_type, float min_obj, options const* opts, chain_signal* signal)
+      : table_(t), split_type_(split_type), min_obj_(min_obj), opts_(opts), signal_(signal) {}
+
+  void* svc(void* task) override {
+    auto* k = static_cast<ff_task*>(task);
+    try {
+      _decision_node* n = k->subtree->get_node();
+      if (k->kind == ATTRIBUTE_TASK) {
+        evaluate_attribute(n, k);
+      } else {
+        n->split(table_, split_type_, min_obj_, opts_);
+      }
+    } catch (...) {
+      fail(signal_);
+      throw;
+    }
+    return task;
+  }
+
+ private:
+  void evaluate_attribute(_decision_node* n, ff_task* k) {
+    std::shared_ptr<w_sequence> in = k->chain->take(k->position);
+    order_range const& range = (*n->get_att_ranges())[k->attribute];
+    if (table_->get_attribute(k->attribute)->sorts_cases(in->size(), range)) {
+      chain_publisher pub;
+      pub.chain = k->chain;
+      pub.position = k->position + 1;
+      pub.cases = std::make_shared<w_sequence>(*in);
+      in.reset();
+      w_sequence* mine = pub.cases.get();
+      n->split_att_on(table_, min_obj_, opts_, k->attribute, mine, &pub);
+    } else {
+      k->chain->publish(k->position + 1, in);
+      n->split_att_on(table_, min_obj_, opts_, k->attribute, in.get(), nullptr);
+    }
+  }
+
+  table* table_;
+  int split_type_;
+  float min_obj_;
+  options const* opts_;
+  chain_signal* signal_;
+};
+
+class _ff_emitter : public farm::node {
+ public:
+  _ff_emitter(_decision_tree* tree, table* t, int split_type, float min_obj, int nworkers,
+              ff_balancer* lb, chain_signal* signal)
+      : signal_(signal),
+        tree_(tree),
+        table_(t),
+        split_type_(split_type),
+        min_obj_(min_obj),
+        n_attributes_(t->get_no_attributes()),
+        n_rows_(t->get_no_rows()),
+        load_(static_cast<std::size_t>(nworkers), 0),
+        lb_(lb) {}
+
+  void* svc(void* task) override {
+    try {
+      return task == nullptr ? start() : feedback(static_cast<ff_task*>(task));
+    } catch (...) {
+      fail(signal_);
+      throw;
+    }
+  }
+
+ private:
+  struct counters {
+    unsigned long sent = 0;
+    unsigned long outstanding = 0;
+    std::unique_ptr<order_chain> chain;
+  };
+
+  void* feedback(ff_task* k) {
+    --in_flight_;
+    load_[static_cast<std::size_t>(k->worker)] -= k->weight;
+    if (k->kind == ATTRIBUTE_TASK) {
+      counters& c = counters_[k->subtree];
+      if (--c.outstanding > 0) {
+        release(k);
+        return go_on_or_end();
+      }
+      unsigned long sent = c.sent;
+      // The node keeps the order its last sort left, as in sequential growing.
+      _decision_node* node = k->subtree->get_node();
+      std::shared_ptr<w_sequence> const& last = c.chain->final_order();
+      if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
+      counters_.erase(k->subtree);
+      node->split_post(table_);
+      return expand(k->subtree, sent, k);
+    }
+    return expand(k->subtree, 0, k);
+  }
+
+  void* start() {
+    _decision_node* root = tree_->get_node();
+    if (root->split_pre(table_, split_type_, min_obj_)) {
+      root->disactivate();
+      return farm::EOS;
+    }
+    unsigned long sent = send_attribute_tasks(tree_, nullptr);
+    if (sent == 0) {
+      // Nothing to evaluate: the root decides on what it has.
+      root->split_post(table_);
+      return expand(tree_, 0, nullptr);
+    }
+    return farm::GO_ON;
+  }
+
+  // Creates and activates the children of a decided node, then hands each to
+  // the workers: whole when it is small against the table, attribute by
+  // attribute otherwise.
+  void* expand(_decision_tree* sub, unsigned long attribute_tasks, ff_task* reuse) {
+    _decision_node* node = sub->get_node();
+    std::vector<_decision_tree*> kids;
+    if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1) {
+      node->distribute(table_, parts_, shares_, ranges_);
+      for (std::size_t i = 0; i < parts_.size(); ++i) {
+        auto* child = new _decision_node(node, i + 1);
+        auto* ct = new _decision_tree();
+        ct->set_node(child);
+        sub->push_back_child(ct);
+        child->activate_with(table_, parts_[i], shares_[i], ranges_[i]);
+        parts_[i] = nullptr;
+        kids.push_back(ct);
+      }
+    }
+    node->disactivate();
+    unsigned long limit =
+        attribute_tasks > 0 ? n_rows_ / attribute_tasks : std::numeric_limits<unsigned long>::max();
+    for (_decision_tree* ct : kids) {
+      _decision_node* child = ct->get_node();
+      unsigned long c = child->get_cases_count();
+      if (limit > c * c) {
+        send(ct, NODE_TASK, 0, c, reuse);
+        reuse = nullptr;
+      } else if (child->split_pre(table_, split_type_, min_obj_)) {
+        child->disactivate();
+      } else {
+        unsigned long sent = send_attribute_tasks(ct, reuse);
+        if (sent > 0) {
+          reuse = nullptr;
+        } else {
+          child->split_post(table_);
+          child->disactivate();
+        }
+      }
+    }
+    if (reuse != nullptr) release(reuse);
+    return go_on_or_end();
+  }
+
+  void* go_on_or_end() const { return in_flight_ == 0 ? farm::EOS : farm::GO_ON; }
+
+  // Attributes with fewer than two candidate values are settled on the spot.
+  unsigned long send_attribute_tasks(_decision_tree* sub, ff_task* reuse) {
+    _decision_node* node = sub->get_node();
+    std::vector<unsigned long> worth;
+    for (unsigned long a = 0; a < n_attributes_; ++a) {
+      if (node->split_att_worth(a)) worth.push_back(a);
+    }
+    if (worth.empty()) return 0;
+    counters& c = counters_[sub];
+    c.sent = c.outstanding = worth.size();
+    c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
+    for (std::size_t p = 0; p < worth.size(); ++p) {
+      send(sub, ATTRIBUTE_TASK, worth[p], node->get_cases_count(), reuse, c.chain.get(), p);
+      reuse = nullptr;
+    }
+    return worth.size();
+  }
+
+  // The least loaded worker takes the task; ties go to the lowest index.
+  void send(_decision_tree* sub, int kind, unsigned long attribute, unsigned long weight,
+            ff_task* reuse, order_chain* chain = nullptr, std::size_t position = 0) {
+    std::size_t w = 0;
+    for (std::size_t i = 1; i < load_.size(); ++i) {
+      if (load_[i] < load_[w]) w = i;
+    }
+    ff_task* k = reuse != nullptr ? reuse : acquire();
+    *k = ff_task{sub, kind, attribute, weight, static_cast<int>(w), chain, position};
+    lb_->choice = static_cast<int>(w);
+    load_[w] += weight;
+    ++in_flight_;
+    if (!send_out(k, -1, kSendBackoff)) {
+      // Only an aborting farm refuses a send; its error is rethrown to the caller.
+      --in_flight_;
+      load_[w] -= weight;
+      release(k);
+    }
+  }
+
+  ff_task* acquire() {
+    if (!free_.empty()) {
+      ff_task* k = free_.back();
+      free_.pop_back();
+      return k;
+    }
+    pool_.emplace_back();
+    return &pool_.back();
+  }
+  void release(ff_task* k) { free_.push_back(k); }
+
+  chain_signal* signal_;
+  _decision_tree* tree_;
+  table* table_;
+  int split_type_;
+  float min_obj_;
+  unsigned long n_attributes_;
+  unsigned long n_rows_;
+  std::vector<unsigned long> load_;
+  ff_balancer* lb_;
+  unsigned long in_flight_ = 0;
+  std::unordered_map<_decision_tree*, counters> counters_;
+  std::deque<ff_task> pool_;  // every task record, freed with the emitter
+  std::vector<ff_task*> free_;
+  std::vector<w_sequence*> parts_;
+  std::vector<float> shares_;
+  std::vector<order_range> ranges_;
+};
+
+void _decision_tree::build_ff(table* t, int split_type, float min_obj, options const* opts,
+                              int nworkers) {
+  get_node()->activate(t);
+  chain_signal signal;
+  ff_balancer lb;
+  farm::task_farm f(&lb, kInputQueuePerWorker * static_cast<std::size_t>(nworkers), kOutputQueue);
+  std::vector<std::unique_ptr<_ff_worker>> workers;
+  std::vector<farm::node*> nodes;
+  for (int i = 0; i < nworkers; ++i) {
+    workers.emplace_back(new _ff_worker(t, split_type, min_obj, opts, &signal));
+    nodes.push_back(workers.back().get());
+  }
+  _ff_emitter emitter(this, t, split_type, min_obj, nworkers, &lb, &signal);
+  if (f.add_emitter(&emitter) < 0 || f.wrap_around() < 0) {
+    throw std::runtime_error("error running farm");
+  }
+  if (f.add_workers(nodes) < 0) {
+    throw std::runtime_error("FARM, try to add too many workers, please increase max_nworkers");
+  }
+  if (f.run_and_wait_end() < 0) throw std::runtime_error("error running farm");
+}
+
+}  // namespace impls
+}  // namespace brix

@@ -233,11 +233,12 @@ bool stream::read_line() {
       take_line(lf, static_cast<int>(lf - cursor_) + 1, true);
       return true;
     }
-    if (unread_ < bufsize_) {
-      // A short read means end of input: the remainder is the last line.
+    if (got == 0) {
+      // End of input: the remainder is the last line.
       take_line(buf_ + unread_, unread_, false);
       return true;
     }
+    // A short read from a pipe is not the end: read on until the source says so.
   }
 }
 

@@ -1,0 +1,344 @@
+// Pruning estimates and decisions, subtree raising, prepruning, prediction
+// of unknown values and ties, and the model's options.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "tests/brix/table_files.h"
+
+using brix::impls::_decision_node;
+using brix::impls::_decision_tree;
+using brix::impls::decision_tree;
+using brix::impls::table;
+using brix::impls::w_sequence;
+
+namespace {
+
+float const kCf = 0.25f;
+float const kCoeff = _decision_tree::CFCoefficient(kCf);
+
+TEST(TreeModel, DefaultsAndSetters) {
+  decision_tree dt("t");
+  EXPECT_EQ(dt.get_split_type(), decision_tree::GAIN_RATIO);
+  EXPECT_EQ(dt.get_pruning_strategy(), decision_tree::DT_PRUNING);
+  EXPECT_FLOAT_EQ(dt.get_min_obj(), 2.0f);
+  EXPECT_FLOAT_EQ(dt.get_conf_level(), 0.25f);
+  EXPECT_EQ(dt.get_root(), nullptr);
+  EXPECT_EQ(dt.size(), 0u);
+  EXPECT_EQ(dt.get_elapsed(), 0.0);
+
+  EXPECT_TRUE(dt.set_conf_level(0.0f));
+  EXPECT_TRUE(dt.set_conf_level(1.0f));
+  EXPECT_FALSE(dt.set_conf_level(1.01f));
+  EXPECT_FALSE(dt.set_conf_level(-0.01f));
+  EXPECT_FALSE(dt.set_conf_level(std::numeric_limits<float>::quiet_NaN()));
+  EXPECT_FLOAT_EQ(dt.get_conf_level(), 1.0f);
+  EXPECT_FALSE(dt.set_min_obj(0.0f));
+  EXPECT_FALSE(dt.set_min_obj(std::numeric_limits<float>::quiet_NaN()));
+  EXPECT_FLOAT_EQ(dt.get_min_obj(), 2.0f);
+  EXPECT_TRUE(dt.set_min_obj(0.5f));
+  EXPECT_FALSE(dt.set_split_type(2));
+  EXPECT_TRUE(dt.set_split_type(decision_tree::GAIN));
+  EXPECT_TRUE(dt.set_pruning_strategy(7));
+  EXPECT_EQ(dt.get_pruning_strategy(), 7);
+
+  table_files files;
+  auto t = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nv,q\n");
+  EXPECT_EQ(error_of([&] { dt.prune(t.get()); }), "no unpruned tree");
+  EXPECT_EQ(error_of([&] { dt.prune(nullptr); }), "no table provided to prune_dt");
+  EXPECT_EQ(error_of([&] { dt.build_pruned(nullptr, nullptr, true, 0); }),
+            "no table provided to prune_dt");
+}
+
+TEST(TreePrune, ConfidenceCoefficient) {
+  // 0.25 lies between the levels 0.20 and 0.40: 0.84 + (0.25 − 0.84)·0.05/0.20
+  // = 0.6925, squared 0.479556.
+  EXPECT_NEAR(kCoeff, 0.479556f, 1e-6);
+  EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.0f), 16.0f);
+  EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.1f), 1.28f * 1.28f);
+  EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(1.0f), 0.0f);
+  EXPECT_EQ(error_of([] { _decision_tree::CFCoefficient(1.01f); }),
+            "Confidence level required between 0.00 and 1.00");
+  EXPECT_EQ(error_of([] { _decision_tree::CFCoefficient(-0.01f); }),
+            "Confidence level required between 0.00 and 1.00");
+}
+
+TEST(TreePrune, AddedErrors) {
+  // No error: n·(1 − cf^(1/n)); 0.25^(1/6) = e^(−1.386294/6) = 0.793701, so
+  // 6·0.206299 = 1.237797.
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 6, 0), 1.237797f, 1e-6);
+  // Fewer than one error: between v = n·(1 − cf^(1/n)) and the estimate at
+  // one error. n = 10: v = 10·(1 − 0.870551) = 1.294494; at e = 1, p = (1.5 +
+  // c/2 + sqrt(c·(1.5·0.85 + c/4)))/(10 + c) = 2.557656/10.479556 = 0.244062,
+  // 10p − 1 = 1.440617; e = 0.5 gives 1.294494 + 0.5·0.146123 = 1.367556.
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 10, 1), 1.440617f, 2e-6);
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 10, 0.5f), 1.367556f, 2e-6);
+  // e + 0.5 ≥ n, equality included: 0.67·(n − e), 0.67·0.4 and 0.67·0.5.
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 3, 2.6f), 0.268f, 1e-6);
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 3, 2.5f), 0.335f, 1e-6);
+  // General case, n = 10, e = 2: (2.5 + 0.239778 + sqrt(c·(2.5·0.75 + c/4)))
+  // /10.479556 = 3.717870/10.479556 = 0.354774, 10p − 2 = 1.547735.
+  EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 10, 2), 1.547735f, 2e-6);
+}
+
+// A split whose two pure leaves weigh 1 each (min_obj 0.5 lets it grow).
+std::unique_ptr<decision_tree> two_leaves(table* t) {
+  auto dt = std::make_unique<decision_tree>("t");
+  dt->set_min_obj(0.5f);
+  dt->build_unpruned(t, nullptr, false);
+  return dt;
+}
+
+TEST(TreePrune, CollapsesWithinTenthOfAnError) {
+  table_files files;
+  auto t = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nv,q\n");
+  auto dt = two_leaves(t.get());
+  ASSERT_EQ(dt->size(), 3u);
+  // Leaves: 0 + 1·(1 − 0.25) each, S = 1.5. The leaf at the root estimates
+  // E(c) = 1 + add_errs(2, 1) = 1 + 2p − 1 with p rising from 0.75 with the
+  // coefficient c: E(0) = 1.5. Find the two neighbouring coefficients whose
+  // estimates lie on either side of S + 0.1.
+  float s = 0.0f;
+  for (int i = 0; i < 2; ++i)
+    s += 0.0f + _decision_tree::add_errs(kCf, 0.0f, 1, 0);
+  ASSERT_FLOAT_EQ(s, 1.5f);
+  auto estimate = [](float c) { return 1.0f + _decision_tree::add_errs(kCf, c, 2, 1); };
+  double bound = static_cast<double>(s) + 0.1;
+  float lo = 0.0f, hi = 4.0f;
+  ASSERT_LE(estimate(lo), bound);
+  ASSERT_GT(estimate(hi), bound);
+  while (std::nextafter(lo, hi) != hi) {
+    float mid = lo + (hi - lo) / 2;
+    (estimate(mid) <= bound ? lo : hi) = mid;
+  }
+  // S + 0.1 is taken in double: the float nearest 1.6 lies above it and keeps
+  // the subtree, the float below it collapses the subtree.
+  EXPECT_EQ(estimate(lo), std::nextafter(1.6f, 0.0f));
+  EXPECT_EQ(estimate(hi), 1.6f);
+
+  std::unique_ptr<_decision_tree> collapsed(dt->get_root()->clone());
+  EXPECT_FLOAT_EQ(collapsed->prune_dt(t.get(), kCf, lo), estimate(lo));
+  EXPECT_EQ(collapsed->get_no_childs(), 0u);
+  EXPECT_EQ(collapsed->get_node()->get_node_status(), _decision_node::LEAF_NODE);
+  EXPECT_EQ(collapsed->get_node()->get_error(), estimate(lo));
+
+  std::unique_ptr<_decision_tree> kept(dt->get_root()->clone());
+  EXPECT_FLOAT_EQ(kept->prune_dt(t.get(), kCf, hi), s);
+  EXPECT_EQ(kept->get_no_childs(), 2u);
+  EXPECT_EQ(kept->get_node()->get_error(), s);
+}
+
+// Cells of x, y and the class with the weight of each.
+struct cell {
+  char const* x;
+  char const* y;
+  char const* c;
+  float weight;
+};
+
+std::unique_ptr<table> cells_table(table_files& files, std::vector<cell> const& cells,
+                                   w_sequence& cases) {
+  std::string data;
+  for (cell const& c : cells) {
+    cases.push_back(cases.size(), c.weight);
+    data += std::string(c.x) + "," + c.y + "," + c.c + "\n";
+  }
+  return files.loaded("x,string,discrete\ny,string,discrete\nc,string,class\n", data);
+}
+
+TEST(TreePrune, RaisingCanBeatCollapsing) {
+  // x1: y1 6p 4q, y2 3p 8q; x2: y2 5q. W = 26, p 9, q 17.
+  // Root: x has gain (I(9,17) − I(9,12))/26 = (24.195239 − 20.689791)/26 =
+  // 0.134825 and split I(21,5)/26 = 0.706274 (ratio 0.190898); y has gain
+  // (24.195239 − I(6,4) − I(3,13))/26 = (24.195239 − 9.709506 −
+  // 11.139396)/26 = 0.128705 and split I(10,16)/26 = 0.961237 (ratio
+  // 0.133896). Both reach the average 0.131765: x is grown, then y in x1.
+  // Estimates (c = 0.479556), add_errs(n, e) = n·p − e:
+  //  y1 leaf 4 + add_errs(10, 4) = 4 + 1.587358 = 5.587358
+  //  y2 leaf 3 + add_errs(11, 3) = 3 + 1.634059 = 4.634059
+  //  x1 as a leaf 9 + add_errs(21, 9) = 11.084259 > 10.221416 + 0.1: kept
+  //  x2 leaf 5·(1 − 0.25^(1/5)) = 1.210709, so S = 11.432125
+  //  root as a leaf E = 9 + add_errs(26, 9) = 9 + 2.249455 = 11.249455
+  // E ≤ S + 0.1, so error-based pruning collapses the root. Raising x1's
+  // subtree over all 26 cases puts x2's 5q into y2 (3p 13q): 3 +
+  // add_errs(16, 3) = 4.766854, R = 5.587358 + 4.766854 = 10.354211. E > R +
+  // 0.1 and R ≤ S + 0.1: the full strategy raises y to the root instead.
+  table_files files;
+  w_sequence cases;
+  auto t = cells_table(files,
+                       {{"x1", "y1", "p", 6},
+                        {"x1", "y1", "q", 4},
+                        {"x1", "y2", "q", 8},
+                        {"x1", "y2", "p", 3},
+                        {"x2", "y2", "q", 5}},
+                       cases);
+  decision_tree dt("t");
+  dt.build_unpruned(t.get(), &cases, false);
+  ASSERT_EQ(dt.size(), 5u);
+
+  dt.build_pruned(t.get(), &cases, true, 0);
+  EXPECT_EQ(dt.size(), 1u);
+  EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 11.249455f, 2e-5);
+
+  dt.set_pruning_strategy(decision_tree::C45_PRUNING);
+  dt.build_pruned(t.get(), &cases, true, 0);
+  ASSERT_EQ(dt.size(), 3u);
+  _decision_node const* root = dt.get_root()->get_node();
+  EXPECT_EQ(root->get_split_attribute_index(), 1u);
+  EXPECT_EQ(root->get_father(), nullptr);
+  // The raised node stands for the old root: all its cases, its fraction.
+  EXPECT_FLOAT_EQ(root->get_cases_weight(), 26.0f);
+  EXPECT_FLOAT_EQ(root->get_known_fract_over_father(), 1.0f);
+  EXPECT_NEAR(root->get_error(), 10.354211f, 2e-5);
+  _decision_node const* y2 = dt.get_root()->get_child(1)->get_node();
+  EXPECT_EQ(y2->get_father(), root);
+  EXPECT_FLOAT_EQ(y2->get_cases_weight(), 16.0f);
+  EXPECT_NEAR(y2->get_error(), 4.766854f, 2e-5);
+  EXPECT_NEAR(dt.get_root()->get_child(0)->get_node()->get_error(), 5.587358f, 2e-5);
+  // Training cases: y1 predicts p (wrong for 4), y2 q (wrong for 3).
+  EXPECT_NEAR(dt.get_prediction()->mis_perc(), 7.0f / 26, 1e-6);
+}
+
+TEST(TreePrune, OfTwoEqualBranchesTheLaterIsRaised) {
+  // x1: y1 2p, y2 2p 3q; x2: y2 7q. y has the better ratio (0.305958/0.591673
+  // against x's 0.370507/1) but its gain is below the average 0.338232, so x
+  // is grown, then y in x1. Both branches weigh 7: the later, the leaf x2,
+  // counts as the largest, and raising a leaf only repeats the root's leaf
+  // estimate E = 4 + add_errs(14, 4) = 5.775575. The subtree estimates S =
+  // (2·0.5 + 2 + add_errs(5, 2)) + 7·(1 − 0.25^(1/7)) = 4.239583 + 1.257653 =
+  // 5.497236 < E − 0.1: kept as grown. (Raising x1 instead would give R = 1 +
+  // 2 + add_errs(12, 2) = 4.599244 and replace the root.)
+  table_files files;
+  w_sequence cases;
+  auto t = cells_table(
+      files,
+      {{"x1", "y1", "p", 2}, {"x1", "y2", "q", 3}, {"x1", "y2", "p", 2}, {"x2", "y2", "q", 7}},
+      cases);
+  decision_tree dt("t");
+  dt.set_pruning_strategy(decision_tree::C45_PRUNING);
+  dt.build_pruned(t.get(), &cases, true, 0);
+  EXPECT_EQ(dt.size(), 5u);
+  EXPECT_EQ(dt.get_root()->get_node()->get_split_attribute_index(), 0u);
+  EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 5.497236f, 2e-5);
+}
+
+TEST(TreeGrow, NodeOfTwiceTheMinimumIsSplit) {
+  table_files files;
+  auto t = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nu,p\nv,q\nv,q\n");
+  decision_tree dt("t");
+  dt.build_unpruned(t.get(), nullptr, false);
+  EXPECT_EQ(dt.size(), 3u);
+  dt.set_min_obj(2.01f);
+  dt.build_unpruned(t.get(), nullptr, false);
+  EXPECT_EQ(dt.size(), 1u);
+}
+
+TEST(TreePrune, PrepruneDropsSplitsThatDoNotLowerTheError) {
+  table_files files;
+  // u: 2p 1q, v: 2p. x has gain (I(4,1) − I(2,1))/5 = (11.609640 − 8 −
+  // 2.754888)/5 = 0.170950 and is grown, but its leaves err 1 + 0 like the
+  // root leaf (p 4, q 1). At the root the bound is min(1, 1 − 0.001) =
+  // 0.999; u alone reaches it with 1, not below 0.999: collapsed.
+  auto same = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nu,p\nu,q\nv,p\nv,p\n");
+  std::unique_ptr<w_sequence> all(same->get_wsubset_all());
+  _decision_node node(all.get());
+  node.activate(same.get());
+  brix::impls::options opts;
+  EXPECT_EQ(node.split(same.get(), 1, 2.0f, &opts), _decision_node::SPLIT_NODE);
+  decision_tree dt("t");
+  dt.build_unpruned(same.get(), nullptr, false);
+  EXPECT_EQ(dt.size(), 1u);
+  EXPECT_EQ(dt.get_root()->get_node()->get_node_status(), _decision_node::LEAF_NODE);
+  EXPECT_EQ(dt.get_root()->get_node()->get_leaf(), 1u);
+  EXPECT_FLOAT_EQ(dt.get_root()->get_node()->get_error(), 1.0f);
+
+  // u: 3p 1q, v: 3p 1q: leaf error 2, children 1 + 1. The bound handed down
+  // from the top is 1: u's error reaches it, v is not visited, and the
+  // partial sum 1 is below 2 − 0.001, so the split stays with error 1.
+  auto bounded = files.loaded("x,string,discrete\nc,string,class\n",
+                              "u,p\nu,p\nu,p\nu,q\nv,p\nv,p\nv,p\nv,q\n");
+  dt.build_unpruned(bounded.get(), nullptr, false);
+  EXPECT_EQ(dt.size(), 3u);
+  EXPECT_FLOAT_EQ(dt.get_root()->get_node()->get_error(), 1.0f);
+}
+
+// x of value a for 30 cases (24 p, 6 q) and value b for 10 (2 p, 8 q).
+std::string thirty_ten(char const* a, char const* b) {
+  std::string s;
+  for (int i = 0; i < 40; ++i) {
+    s += std::string(i < 30 ? a : b) + ((i < 30 ? i < 24 : i < 32) ? ",p\n" : ",q\n");
+  }
+  return s;
+}
+
+TEST(TreePredict, UnknownValueFollowsEveryBranch) {
+  table_files files;
+  struct {
+    char const* type;
+    char const* a;
+    char const* b;
+  } kinds[] = {{"string,discrete", "a", "b"}, {"integer,continuous", "1", "2"}};
+  for (auto const& k : kinds) {
+    SCOPED_TRACE(k.type);
+    auto t = files.loaded(std::string("x,") + k.type + "\nc,string,class\n", thirty_ten(k.a, k.b));
+    decision_tree dt("t");
+    dt.build_unpruned(t.get(), nullptr, false);
+    ASSERT_EQ(dt.size(), 3u);
+    // 30/40 of the case goes to a, 10/40 to b: p = 0.75·24/30 + 0.25·2/10 =
+    // 0.65, q = 0.75·6/30 + 0.25·8/10 = 0.35.
+    auto unknown = dt.predict({"?"}, 1.0f);
+    EXPECT_EQ(unknown.first, 1u);
+    EXPECT_NEAR(unknown.second, 0.65f, 1e-6);
+    EXPECT_EQ(dt.prediction({"?"}, 2.0f).first, "p");
+    EXPECT_NEAR(dt.prediction({"?"}, 2.0f).second, 1.3f, 1e-6);
+    auto b = dt.predict({k.b}, 1.0f);
+    EXPECT_EQ(b.first, 2u);
+    EXPECT_NEAR(b.second, 0.8f, 1e-6);
+  }
+}
+
+TEST(TreePredict, TiesGoToTheLowerClass) {
+  table_files files;
+  // a: 10 q, b: 10 p; an unknown x gets 0.5 of each.
+  std::string data;
+  for (int i = 0; i < 20; ++i)
+    data += i < 10 ? "a,q\n" : "b,p\n";
+  auto t = files.loaded("x,string,discrete\nc,string,class\n", data);
+  decision_tree dt("t");
+  dt.build_unpruned(t.get(), nullptr, false);
+  ASSERT_EQ(dt.size(), 3u);
+  auto p = dt.predict({"?"}, 1.0f);
+  EXPECT_EQ(p.first, 1u);
+  EXPECT_FLOAT_EQ(p.second, 0.5f);
+}
+
+TEST(TreePredict, EmptyLeafTakesItsFathersClass) {
+  table_files files;
+  // Training on all rows but the last: c never occurs, and the father's most
+  // frequent class is q (5 against 3).
+  auto t = files.loaded("x,string,discrete\nc,string,class\n",
+                        "a,p\na,p\na,p\nb,q\nb,q\nb,q\nb,q\nb,q\nc,p\n");
+  std::unique_ptr<w_sequence> first(t->get_wsubset_first_n(8));
+  decision_tree dt("t");
+  dt.build_pruned(t.get(), first.get(), true, 0);
+  ASSERT_EQ(dt.size(), 4u);
+  _decision_node const* empty = dt.get_root()->get_child(2)->get_node();
+  EXPECT_FLOAT_EQ(empty->get_cases_weight(), 0.0f);
+  EXPECT_EQ(empty->get_leaf(), 2u);
+  auto c = dt.predict({"c"}, 1.0f);
+  EXPECT_EQ(c.first, 2u);
+  EXPECT_FLOAT_EQ(c.second, 1.0f);
+  std::ostringstream text;
+  dt.toTEXT(text, 0);
+  EXPECT_NE(text.str().find("\nx = c: q (0.0)"), std::string::npos) << text.str();
+}
+
+}  // namespace

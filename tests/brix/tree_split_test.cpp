@@ -1,0 +1,435 @@
+// Split choice and split measures: the average-gain filter, ties, the least
+// weight on either side of a cut, the penalty for cuts tried, and the two
+// continuous searches agreeing bit for bit.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "tests/brix/table_files.h"
+
+using brix::impls::_decision_node;
+using brix::impls::column;
+using brix::impls::decision_tree;
+using brix::impls::options;
+using brix::impls::order_range;
+using brix::impls::table;
+using brix::impls::w_case;
+using brix::impls::w_sequence;
+
+namespace {
+
+// The attribute a root node grown from these cases splits on (-1: a leaf).
+long chosen_attribute(table* t, w_sequence& cases, int split_type = decision_tree::GAIN_RATIO) {
+  _decision_node node(&cases);
+  node.activate(t);
+  options opts;
+  int status = node.split(t, split_type, 2.0f, &opts);
+  return status == _decision_node::SPLIT_NODE ? static_cast<long>(node.get_split_attribute_index())
+                                              : -1;
+}
+
+// a splits off one heavy pure row (a2, weight 8) from 32 rows; b names each of
+// the 32 rows (b01..b16 p, b17..b32 q, and the a2 row has b32); each dN is a
+// copy of one attribute that says nothing about the class.
+std::string filter_names(int dummies) {
+  std::string s = "a,string,discrete\nb,string,discrete\n";
+  for (int d = 1; d <= dummies; ++d)
+    s += "d" + std::to_string(d) + ",string,discrete\n";
+  return s + "c,string,class\n";
+}
+
+std::string filter_data(int dummies) {
+  std::ostringstream out;
+  for (int i = 1; i <= 33; ++i) {
+    bool p = i <= 16;
+    // d0/d1 hold p 8/8 and q 12/12 once the a2 row weighs 8.
+    char const* d = (p ? i <= 8 : i <= 28) ? "d0" : "d1";
+    char b[8];
+    std::snprintf(b, sizeof b, "b%02d", i == 33 ? 32 : i);
+    out << (i == 33 ? "a2," : "a1,") << b;
+    for (int k = 0; k < dummies; ++k)
+      out << ',' << d;
+    out << (p ? ",p\n" : ",q\n");
+  }
+  return out.str();
+}
+
+// Each row weighs `unit`, the a2 row 8 units.
+w_sequence filter_cases(float unit) {
+  w_sequence s;
+  for (unsigned long r = 0; r < 33; ++r)
+    s.push_back(r, r == 32 ? 8 * unit : unit);
+  return s;
+}
+
+TEST(TreeSplit, RatioCountsOnlyAtOrAboveTheAverageGain) {
+  // Rows weigh 10 (the a2 row 80) so that every b value reaches min_obj;
+  // per unit of weight it is N = 40: p 16, q 24, Hc = I(16,24) = 40·log2 40
+  // − 64 − 24·log2 24 = 212.877124 − 64 − 110.039100 = 38.838024.
+  // a: a1 16p 16q, a2 8q: gain (38.838024 − 32)/40 = 0.170951, split
+  //   I(32,8)/40 = (212.877124 − 160 − 24)/40 = 0.721928, ratio 0.236798.
+  // b: every value pure, gain 38.838024/40 = 0.970951, split I(1 × 31, 9)/40
+  //   = (212.877124 − 9·log2 9)/40 = 4.608695, ratio 0.210678.
+  table_files files;
+  auto two = files.loaded(filter_names(0), filter_data(0));
+  w_sequence cases = filter_cases(10.0f);
+  _decision_node node(&cases);
+  node.activate(two.get());
+  options opts;
+  node.split(two.get(), decision_tree::GAIN_RATIO, 2.0f, &opts);
+  auto const& d = node.get_split_descs();
+  EXPECT_NEAR(d[0].gain, 0.170951f, 2e-6);
+  EXPECT_NEAR(d[0].split_info, 0.721928f, 2e-6);
+  EXPECT_NEAR(d[1].gain, 0.970951f, 2e-6);
+  EXPECT_NEAR(d[1].split_info, 4.608695f, 4e-6);
+  // The average (0.170951 + 0.970951)/2 = 0.570951 shuts a out despite its
+  // better ratio.
+  EXPECT_EQ(node.get_split_attribute_index(), 1u);
+
+  // Five attributes of zero gain bring the average down to 1.141902/7 =
+  // 0.163129, and a wins on ratio.
+  auto seven = files.loaded(filter_names(5), filter_data(5));
+  EXPECT_EQ(chosen_attribute(seven.get(), cases), 0);
+}
+
+TEST(TreeSplit, EqualScoresKeepTheLowerAttribute) {
+  // n is independent of the class; x1 and x2 are the same column.
+  table_files files;
+  auto t =
+      files.loaded("n,string,discrete\nx1,string,discrete\nx2,string,discrete\nc,string,class\n",
+                   "s,u,u,p\nt,u,u,p\ns,u,u,p\nt,u,u,q\ns,v,v,q\nt,v,v,q\ns,v,v,q\nt,v,v,p\n");
+  std::unique_ptr<w_sequence> all(t->get_wsubset_all());
+  EXPECT_EQ(chosen_attribute(t.get(), *all, decision_tree::GAIN_RATIO), 1);
+  EXPECT_EQ(chosen_attribute(t.get(), *all, decision_tree::GAIN), 1);
+}
+
+// A table of every (x, class) pair for x = 1..values: row (x, k) is
+// (x − 1)·classes + k; then one row of unknown x per class.
+std::unique_ptr<table> grid(table_files& files, unsigned long values, unsigned long classes) {
+  std::string names = "x,integer,continuous\nc,string,class\n";
+  std::string data;
+  for (unsigned long x = 1; x <= values + 1; ++x) {
+    for (unsigned long k = 0; k < classes; ++k) {
+      data +=
+          (x <= values ? std::to_string(x) : std::string("?")) + ",k" + std::to_string(k) + "\n";
+    }
+  }
+  return files.loaded(names, data);
+}
+
+unsigned long grid_row(unsigned long x, unsigned long k, unsigned long classes) {
+  return (x - 1) * classes + k;
+}
+
+struct cut {
+  float gain;
+  float split_info;
+  unsigned long low, high;
+};
+
+// Scores x over the cases with the stretch (lo, hi) of orders.
+cut score(table* t, w_sequence& cases, unsigned long lo, unsigned long hi, float min_obj,
+          bool count_cases = false) {
+  options opts;
+  opts.flag = count_cases;
+  float w = 0.0f;
+  for (w_case const& c : cases)
+    w += c.second;
+  column::splitting_desc d;
+  order_range range(lo, hi);
+  t->get_attribute(0)->quality_measure(t->get_class(), w, &cases, range, min_obj, &opts, d, true);
+  EXPECT_EQ(d.branches, 2u);
+  return {d.gain, d.split_info, d.low, d.high};
+}
+
+// Two occupied values, x = 1 of class k0 and x = 2 of the other classes:
+// `left` and `right` are the weights on each side. The tally search sees 3
+// cases per value over the stretch (1, 3); the sorting search one case per
+// class over the stretch (1, 41).
+bool splits(table* t, unsigned long classes, float left, float right, float min_obj, bool tally) {
+  w_sequence s;
+  int parts = tally ? 3 : 1;
+  for (int i = 0; i < parts; ++i)
+    s.push_back(grid_row(1, 0, classes), left / parts);
+  for (int i = 0; i < parts; ++i) {
+    for (unsigned long k = 1; k < classes; ++k) {
+      s.push_back(grid_row(2, k, classes), right / parts / (classes - 1));
+    }
+  }
+  cut c = score(t, s, 1, tally ? 3 : 41, min_obj);
+  return c.gain > -0.001f;
+}
+
+TEST(TreeSplit, LeastWeightOnEitherSideOfACut) {
+  table_files files;
+  auto two = grid(files, 40, 2);
+  auto ten = grid(files, 40, 10);
+  for (bool tally : {false, true}) {
+    SCOPED_TRACE(tally ? "tally search" : "sorting search");
+    // K = 1000, C = 2: 0.1·1000/2 = 50, capped at 25.
+    EXPECT_FALSE(splits(two.get(), 2, 24, 976, 2, tally));
+    EXPECT_TRUE(splits(two.get(), 2, 25, 975, 2, tally));
+    // K = 200, C = 2: 0.1·200/2 = 10 replaces min_objects 2.
+    EXPECT_FALSE(splits(two.get(), 2, 9, 191, 2, tally));
+    EXPECT_TRUE(splits(two.get(), 2, 10, 190, 2, tally));
+    // K = 100, C = 10: 0.1·100/10 = 1 is not above min_objects, m stays 2.
+    EXPECT_FALSE(splits(ten.get(), 10, 1.5f, 98.5f, 2, tally));
+    EXPECT_TRUE(splits(ten.get(), 10, 2, 98, 2, tally));
+    // A min_objects of 25 or more stands, here 30 although 0.1·K/C = 50.
+    EXPECT_FALSE(splits(two.get(), 2, 29, 971, 30, tally));
+    EXPECT_TRUE(splits(two.get(), 2, 30, 970, 30, tally));
+  }
+}
+
+// Cases of the given classes at x = 1, 2, ... (one class list per value).
+w_sequence cases_at(std::vector<std::vector<int>> const& by_value, float weight, int copies = 1) {
+  w_sequence s;
+  for (int c = 0; c < copies; ++c) {
+    // Values in descending order, so that sorting has work to do.
+    for (unsigned long x = by_value.size(); x >= 1; --x) {
+      for (int k : by_value[x - 1])
+        s.push_back(grid_row(x, k, 2), weight);
+    }
+  }
+  return s;
+}
+
+TEST(TreeSplit, PenaltyForCutsTried) {
+  table_files files;
+  auto t = grid(files, 40, 2);
+  // Two occupied values: the one cut tried costs log2(1) = 0. Hc = I(3,3) =
+  // 6·log2 6 − 6·log2 3 = 6, Hs = 0: gain 1, split I(0,3,3)/6 = 1.
+  w_sequence two = cases_at({{0, 0, 0}, {1, 1, 1}}, 1.0f);
+  cut c = score(t.get(), two, 1, 41, 2);
+  EXPECT_FLOAT_EQ(c.gain, 1.0f);
+  EXPECT_FLOAT_EQ(c.split_info, 1.0f);
+
+  // x = 1: 3 k0, x = 2: 3 k1, x = 3: 3 k1; W = 9, m = 2, K − m = 7. Cut 1|2
+  // (L = 3): Hs = 0, gain I(3,6)/9 = (9·log2 9 − 3·log2 3 − 6·log2 6)/9 =
+  // 8.264663/9 = 0.918296. Cut 2|3 (L = 6): the run since the last cut is all
+  // k1 like the next block, but that block ends at L = 9 > 7, so this cut is
+  // evaluated too: two tried, penalty log2(2)/9 = 0.111111 → 0.807185.
+  w_sequence three = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
+  for (unsigned long hi : {4ul, 41ul}) {  // 9 cases over 3 orders: tally; over 40: sorting
+    c = score(t.get(), three, 1, hi, 2);
+    EXPECT_NEAR(c.gain, 0.807185f, 1e-6) << hi;
+    EXPECT_EQ(c.low, 1u);
+    EXPECT_EQ(c.high, 2u);
+  }
+  // Weight 2 per case: the gains per unit of weight are the same, and the
+  // penalty is divided by the weight 18, or by the 9 cases under the flag.
+  w_sequence heavy = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 2.0f);
+  EXPECT_NEAR(score(t.get(), heavy, 1, 41, 2).gain, 0.918296f - 1.0f / 18, 1e-6);
+  EXPECT_NEAR(score(t.get(), heavy, 1, 41, 2, true).gain, 0.918296f - 1.0f / 9, 1e-6);
+}
+
+TEST(TreeSplit, EqualGainsKeepTheLowerCut) {
+  table_files files;
+  auto t = grid(files, 40, 2);
+  // x = 1: 2 k0, x = 2: 2 k1, x = 3: 2 k0. Both cuts give Hs = I(2,2) = 4:
+  // gain (I(4,2) − 4)/6 = (15.509775 − 10 − 4)/6 = 0.251629, less the
+  // penalty log2(2)/W: 0.084963 for W = 6, 0.196073 for three copies (W =
+  // 18). The cut 1|2 wins.
+  for (int copies : {1, 3}) {  // 6 cases over 3 orders: sorting; 18: tally
+    w_sequence s = cases_at({{0, 0}, {1, 1}, {0, 0}}, 1.0f, copies);
+    cut c = score(t.get(), s, 1, 4, 2);
+    EXPECT_NEAR(c.gain, copies == 1 ? 0.084963f : 0.196073f, 1e-6) << copies;
+    EXPECT_EQ(c.low, 1u) << copies;
+    EXPECT_EQ(c.high, 2u) << copies;
+  }
+}
+
+TEST(TreeSplit, LastCutBeforeTheLimitIsEvaluated) {
+  table_files files;
+  auto t = grid(files, 40, 2);
+  // x = 1..9 of class k0 weighing 10 each, x = 10 of k1 weighing 4: K = 94,
+  // m = 0.1·94/2 = 4.7, K − m = 89.3. The cuts 1|2 .. 8|9 are tried (L = 10
+  // .. 80) and 9|10 is not (L = 90). All lie in one run of k0, but after 8|9
+  // the next block ends at 90 > 89.3: that cut must be evaluated. Hc =
+  // I(90,4) = 94·log2 94 − 90·log2 90 − 8 = 23.864596, Hs = I(10,4) = 14·
+  // log2 14 − 10·log2 10 − 8 = 12.083688; gain (23.864596 − 12.083688)/94 −
+  // log2(8)/94 = 0.125329 − 0.031915 = 0.093414.
+  for (int parts : {1, 3}) {  // 10 cases over 40 orders: sorting; 30 over 10: tally
+    w_sequence s;
+    for (unsigned long x = 1; x <= 10; ++x) {
+      for (int i = 0; i < parts; ++i) {
+        float w = x < 10 ? 10.0f : 4.0f;
+        if (parts == 3) w = i < 2 ? (x < 10 ? 3.0f : 1.0f) : (x < 10 ? 4.0f : 2.0f);
+        s.push_back(grid_row(x, x < 10 ? 0 : 1, 2), w);
+      }
+    }
+    cut c = score(t.get(), s, 1, parts == 1 ? 41 : 11, 2);
+    EXPECT_NEAR(c.gain, 0.093414f, 1e-6) << parts;
+    EXPECT_EQ(c.low, 8u);
+    EXPECT_EQ(c.high, 9u);
+  }
+}
+
+TEST(TreeSplit, SortingSearchSortsTheNodeUnlessAskedForACopy) {
+  table_files files;
+  auto t = grid(files, 40, 2);
+  w_sequence s = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
+  std::vector<w_case> before(s.begin(), s.end());
+  score(t.get(), s, 1, 41, 2);  // with a copy
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), s.begin(),
+                         [](w_case a, w_case b) { return a.first == b.first; }));
+  options opts;
+  column::splitting_desc d;
+  order_range range(1, 41);
+  t->get_attribute(0)->quality_measure(t->get_class(), 9.0f, &s, range, 2.0f, &opts, d, false);
+  column const* x = t->get_attribute(0);
+  for (std::size_t i = 1; i < s.size(); ++i) {
+    EXPECT_LE(x->get_row_index(s[i - 1].first), x->get_row_index(s[i].first));
+  }
+}
+
+TEST(TreeSplit, SortingAndTallySearchesAgree) {
+  // Random nodes of integer weights. The same node is scored over a narrow
+  // stretch of orders (at least three cases per order: the tally search),
+  // over a stretch as wide as the node (sorting by counting) and over one 17
+  // times wider (comparison sort); the three must agree bit for bit.
+  constexpr unsigned long kValues = 4000, kClasses = 3;
+  table_files files;
+  auto t = grid(files, kValues, kClasses);
+  std::mt19937 rng(20240611);
+  auto pick = [&rng](unsigned long n) {
+    return std::uniform_int_distribution<unsigned long>(0, n - 1)(rng);
+  };
+  unsigned long const widths[] = {2, 3, 4, 6, 10, 25, 60};
+  int found = 0, none = 0;
+  for (int trial = 0; trial < 1000; ++trial) {
+    bool unknowns = pick(3) == 0;
+    unsigned long w = widths[pick(7)];
+    // A stretch holding unknown cases starts at order 0 or 1, as in a grown
+    // tree; without unknowns it may start anywhere.
+    unsigned long lo = unknowns ? pick(2) : 1 + pick(200);
+    unsigned long first = std::max(lo, 1ul), last = lo + w - 1;
+    // Occupied orders: all of the stretch, about half, or two.
+    std::vector<unsigned long> occupied;
+    unsigned long density = pick(3);
+    for (unsigned long x = first; x <= last; ++x) {
+      if (density == 0 || (density == 1 && pick(2) == 0)) occupied.push_back(x);
+    }
+    if (occupied.size() < 2) occupied = {first, last};
+    unsigned long n = 3 * w + 1 + pick(40);
+    unsigned long classes = 2 + pick(2);
+    unsigned long bands = 2 + pick(3);
+    bool noisy = pick(3) != 0;
+    // Or one class throughout but for the highest value: the best cut then
+    // often lies at the limit K − m inside a run of one class.
+    bool tail = pick(4) == 0;
+    bool unit = pick(2) == 0;
+    w_sequence s;
+    for (unsigned long i = 0; i < n; ++i) {
+      float weight = unit ? 1.0f : static_cast<float>(1 + pick(3));
+      unsigned long k = pick(classes);
+      if (unknowns && pick(7) == 0) {
+        s.push_back(grid_row(kValues + 1, k, kClasses), weight);
+        continue;
+      }
+      unsigned long x = occupied[pick(occupied.size())];
+      // Classes by bands of orders, so that runs of one class occur.
+      if (!noisy || pick(5) != 0) k = (x - first) * bands / (last - first + 1) % classes;
+      if (tail) k = x == occupied.back() ? 1 : 0;
+      s.push_back(grid_row(x, k, kClasses), weight);
+    }
+    float min_obj = static_cast<float>(1 + pick(4));
+    bool count_cases = pick(2) == 0;
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    ASSERT_GT(n / w, 2u);
+    cut tally = score(t.get(), s, lo, lo + w, min_obj, count_cases);
+    cut counting = score(t.get(), s, lo, lo + n, min_obj, count_cases);
+    cut comparison = score(t.get(), s, lo, lo + 17 * n + 17, min_obj, count_cases);
+    for (cut const& c : {counting, comparison}) {
+      EXPECT_EQ(std::memcmp(&c.gain, &tally.gain, sizeof(float)), 0) << c.gain << " " << tally.gain;
+      EXPECT_EQ(std::memcmp(&c.split_info, &tally.split_info, sizeof(float)), 0);
+      EXPECT_EQ(c.low, tally.low);
+      EXPECT_EQ(c.high, tally.high);
+    }
+    (tally.gain > -0.001f ? found : none)++;
+  }
+  // Both outcomes are well represented.
+  EXPECT_GT(found, 500);
+  EXPECT_GT(none, 20);
+}
+
+TEST(TreeSplit, PartitionsShareUnknownCases) {
+  table_files files;
+  auto t = files.loaded("x,integer,continuous\ny,string,discrete\nc,string,class\n",
+                        "1,a,p\n2,b,q\n3,?,p\n?,a,q\n5,c,p\n");
+  column const* x = t->get_attribute(0);
+  column const* y = t->get_attribute(1);
+  // x: 1 (w 1), 2 (w 1), 3 (w 2), ? (w 1); W = 5, threshold 2 (order 2).
+  w_sequence s;
+  s.push_back(0, 1.0f);
+  s.push_back(1, 1.0f);
+  s.push_back(2, 2.0f);
+  s.push_back(3, 1.0f);
+  column::partition_desc desc;
+  desc.threshold = "2";
+  desc.branches = 2;
+  float share = 0;
+  order_range range;
+  // Branch 1 counts the unknown case in its own weight: (1 + 1 + 1)/5 = 0.6.
+  std::unique_ptr<w_sequence> b1(x->partition(s.data(), s.data() + 4, 1, 5.0f, share, range, desc));
+  EXPECT_FLOAT_EQ(share, 0.6f);
+  ASSERT_EQ(b1->size(), 3u);
+  EXPECT_EQ((*b1)[2].first, 3u);
+  EXPECT_FLOAT_EQ((*b1)[2].second, 0.6f);
+  EXPECT_EQ(range, order_range(0, 3));
+  // Branch 2: 2/(5 − 1) = 0.5.
+  std::unique_ptr<w_sequence> b2(x->partition(s.data(), s.data() + 4, 2, 5.0f, share, range, desc));
+  EXPECT_FLOAT_EQ(share, 0.5f);
+  ASSERT_EQ(b2->size(), 2u);
+  EXPECT_FLOAT_EQ((*b2)[1].second, 0.5f);
+  EXPECT_EQ(range, order_range(0, 4));
+
+  // The grower distributes all branches at once; it must agree.
+  std::vector<w_sequence*> parts;
+  std::vector<float> shares;
+  std::vector<order_range> ranges;
+  x->partition_all(s.data(), s.data() + 4, 5.0f, desc, parts, shares, ranges);
+  ASSERT_EQ(parts.size(), 2u);
+  EXPECT_EQ(shares, (std::vector<float>{0.6f, 0.5f}));
+  EXPECT_EQ(ranges[0], order_range(0, 3));
+  EXPECT_EQ(ranges[1], order_range(0, 4));
+  for (int b = 0; b < 2; ++b) {
+    w_sequence const& one = b == 0 ? *b1 : *b2;
+    ASSERT_EQ(parts[b]->size(), one.size());
+    for (std::size_t i = 0; i < one.size(); ++i) {
+      EXPECT_EQ((*parts[b])[i].first, one[i].first);
+      EXPECT_EQ((*parts[b])[i].second, one[i].second);
+    }
+    delete parts[b];
+  }
+
+  // Without unknown cases both stretches start from the threshold order.
+  std::unique_ptr<w_sequence> known(
+      x->partition(s.data(), s.data() + 3, 2, 4.0f, share, range, desc));
+  EXPECT_EQ(range, order_range(2, 4));
+  EXPECT_FLOAT_EQ(share, 0.5f);
+
+  // y: a (w 1), b (w 1), ? (w 2), a (w 1); branch a: 2/(5 − 2) of the unknown.
+  w_sequence d;
+  d.push_back(0, 1.0f);
+  d.push_back(1, 1.0f);
+  d.push_back(2, 2.0f);
+  d.push_back(3, 1.0f);
+  std::unique_ptr<w_sequence> a(
+      y->partition(d.data(), d.data() + 4, 1, 5.0f, share, range, column::partition_desc()));
+  EXPECT_FLOAT_EQ(share, 2.0f / 3);
+  ASSERT_EQ(a->size(), 3u);
+  EXPECT_FLOAT_EQ((*a)[1].second, 2 * (2.0f / 3));
+  EXPECT_EQ(range, order_range(1, 2));
+}
+
+}  // namespace

@@ -381,7 +381,7 @@ class raw_loader : public value_loader {
       }
       items.push_back(item{key_of(raw_[r]), static_cast<std::uint32_t>(r)});
     }
-    zel::adt::detail::lsd_radix(items, sizeof(key_t), [](item const& x) { return x.key; });
+    zel::adt::lsd_radix(items, sizeof(key_t), [](item const& x) { return x.key; });
     std::vector<V> values;
     if constexpr (sizeof(raw_t) != 4) orders_.assign(raw_.size(), 0);
     std::uint32_t order = 0;

@@ -10,14 +10,22 @@
 #include "brix/impls/column_typed.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/entropy.h"
+#include "zel/adt/radix_sort.h"
 
 namespace brix {
 namespace impls {
 
 namespace {
 
+// A case with its attribute order, sorted together.
+struct keyed_case {
+  std::uint32_t key;
+  w_case c;
+};
+
 // Working tables of one thread, reused from node to node.
 struct split_scratch {
+  std::vector<keyed_case> items;
   std::vector<float> freq;
   std::vector<float> totals;
   std::vector<std::uint32_t> counts;
@@ -33,6 +41,16 @@ constexpr float kNoGain = -0.001f;
 // Nodes with fewer cases than this per possible value are sorted by
 // comparison instead of by counting.
 constexpr unsigned long kCountingSortRatio = 17;
+// Order stretches up to this width are counted in one pass; wider ones in
+// byte digits, so that the tallies stay in cache.
+constexpr unsigned long kOnePassWidth = 1UL << 16;
+
+unsigned bytes_for(unsigned long width) {
+  unsigned b = 1;
+  while (b < 4 && (width >> (8 * b)) != 0)
+    ++b;
+  return b;
+}
 
 void no_split(column::splitting_desc& best) {
   best.gain = kNoGain;
@@ -126,7 +144,7 @@ void sort_by_order(Att att, std::vector<w_case>& cases, order_range const& range
   unsigned long base = range.first - 1;
   unsigned long width = range.second - base;
   keys.resize(n);
-  if (width / n < kCountingSortRatio) {
+  if (width / n < kCountingSortRatio && width <= kOnePassWidth) {
     std::vector<std::uint32_t>& counts = scratch.counts;
     counts.assign(width + 2, 0);
     std::vector<std::uint32_t>& own = scratch.keys;
@@ -146,20 +164,30 @@ void sort_by_order(Att att, std::vector<w_case>& cases, order_range const& range
       keys[at] = static_cast<std::uint32_t>(own[i] + base);
     }
     cases.swap(out);
+  } else if (width / n < kCountingSortRatio) {
+    // A wide stretch: the same stable sort as counting over every order,
+    // done in passes of small digits whose tallies stay in cache.
+    std::vector<keyed_case>& items = scratch.items;
+    items.resize(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      items[i] = keyed_case{static_cast<std::uint32_t>(att(cases[i].first) - base), cases[i]};
+    }
+    zel::adt::lsd_radix(items, bytes_for(width), [](keyed_case const& x) { return x.key; });
+    for (std::size_t i = 0; i < n; ++i) {
+      cases[i] = items[i].c;
+      keys[i] = static_cast<std::uint32_t>(items[i].key + base);
+    }
   } else {
     // The comparisons, and so the permutation, are those of sorting the cases
     // by the column's order of their rows; the order travels with each case
     // so that no comparison reads the column.
-    struct keyed {
-      std::uint32_t key;
-      w_case c;
-    };
-    std::vector<keyed> items(n);
+    std::vector<keyed_case>& items = scratch.items;
+    items.resize(n);
     for (std::size_t i = 0; i < n; ++i) {
-      items[i] = keyed{static_cast<std::uint32_t>(att(cases[i].first)), cases[i]};
+      items[i] = keyed_case{static_cast<std::uint32_t>(att(cases[i].first)), cases[i]};
     }
     std::sort(items.begin(), items.end(),
-              [](keyed const& a, keyed const& b) { return a.key < b.key; });
+              [](keyed_case const& a, keyed_case const& b) { return a.key < b.key; });
     for (std::size_t i = 0; i < n; ++i) {
       cases[i] = items[i].c;
       keys[i] = items[i].key;

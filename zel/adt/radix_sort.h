@@ -31,6 +31,8 @@ inline std::uint64_t sortable_bits(double v) {
   return (b & 0x8000000000000000ULL) ? ~b : (b | 0x8000000000000000ULL);
 }
 
+}  // namespace detail
+
 // Stable LSD radix sort by the low key_bytes bytes of key_of(item). All the
 // digit histograms come from one pass; digits shared by every key are skipped.
 template <class Item, class KeyOf>
@@ -62,7 +64,6 @@ void lsd_radix(std::vector<Item>& items, unsigned key_bytes, KeyOf key_of) {
     items.swap(buf);
   }
 }
-}  // namespace detail
 
 // Sorts ids (indexes into values) by ascending value. Values must be distinct
 // and free of NaNs.
@@ -80,7 +81,7 @@ void radix_sort_by_key(std::vector<std::uint32_t>& ids, std::vector<V> const& va
     for (std::size_t i = 0; i < ids.size(); ++i) {
       items[i] = (static_cast<std::uint64_t>(detail::sortable_bits(values[ids[i]])) << 32) | ids[i];
     }
-    detail::lsd_radix(items, 4, [](std::uint64_t x) { return x >> 32; });
+    lsd_radix(items, 4, [](std::uint64_t x) { return x >> 32; });
     for (std::size_t i = 0; i < ids.size(); ++i)
       ids[i] = static_cast<std::uint32_t>(items[i]);
   } else {
@@ -92,7 +93,7 @@ void radix_sort_by_key(std::vector<std::uint32_t>& ids, std::vector<V> const& va
     for (std::size_t i = 0; i < ids.size(); ++i) {
       items[i] = item{detail::sortable_bits(values[ids[i]]), ids[i]};
     }
-    detail::lsd_radix(items, 8, [](item const& x) { return x.key; });
+    lsd_radix(items, 8, [](item const& x) { return x.key; });
     for (std::size_t i = 0; i < ids.size(); ++i)
       ids[i] = items[i].id;
   }

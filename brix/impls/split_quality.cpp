@@ -70,6 +70,26 @@ xlogx_table const& logs_of(options const* opts) {
   return (opts != nullptr && opts->logs != nullptr) ? *opts->logs : none;
 }
 
+// One pass over the cases: the weight of each (value, class) pair, in row
+// value - base, and of each class, in case order. Returns the weight of the
+// cases whose value is unknown.
+template <class Att, class Cls>
+float tally(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::size_t cols,
+            float* freq, float* class_total) {
+  float unknown = 0.0f;
+  for (w_case const& c : cases) {
+    unsigned long a = att(c.first);
+    if (a == 0) {
+      unknown += c.second;
+    } else {
+      unsigned long k = cls(c.first);
+      freq[(a - base) * cols + k] += c.second;
+      class_total[k] += c.second;
+    }
+  }
+  return unknown;
+}
+
 template <class Att, class Cls>
 void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
                       w_sequence const& cases, order_range const& range, float min_objects,
@@ -84,17 +104,7 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   totals.assign(rows + cols, 0.0f);
   float* branch = totals.data();
   float* class_total = totals.data() + rows;
-  float unknown = 0.0f;
-  for (w_case const& c : cases) {
-    unsigned long a = att(c.first);
-    if (a == 0) {
-      unknown += c.second;
-    } else {
-      unsigned long k = cls(c.first);
-      freq[(a - base) * cols + k] += c.second;
-      class_total[k] += c.second;
-    }
-  }
+  float unknown = tally(att, cls, cases, base, cols, freq.data(), class_total);
   float known = total_weight - unknown;
   if (known == 0.0f) return no_split(best);
   branch[0] = unknown;
@@ -303,17 +313,7 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
   totals.assign(2 * cols, 0.0f);
   float* left = totals.data();
   float* right = totals.data() + cols;
-  float unknown = 0.0f;
-  for (w_case const& c : cases) {
-    unsigned long a = att(c.first);
-    if (a == 0) {
-      unknown += c.second;
-    } else {
-      unsigned long k = cls(c.first);
-      freq[(a - base) * cols + k] += c.second;
-      right[k] += c.second;
-    }
-  }
+  float unknown = tally(att, cls, cases, base, cols, freq.data(), right);
   float known = total_weight - unknown;
   if (known < 2 * min_objects) return no_split(best);
   float hc = info(logs, right + 1, classes);

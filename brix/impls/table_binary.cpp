@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "brix/impls/binary_checks.h"
 #include "brix/impls/column_typed.h"
 #include "brix/impls/o_set_typed.h"
 #include "brix/impls/table.h"
@@ -22,43 +23,22 @@ using zel::inpout::obinstream;
 
 namespace {
 
+constexpr char kKind[] = "Binary table";
+using checks = binary_checks<kKind>;
+
 // Loading stores row numbers in 32 bits and stops one below the largest.
 constexpr std::uint64_t kMaxRows = 0xFFFFFFFEull;
-
-[[noreturn]] void damaged(std::string const& what) {
-  throw std::runtime_error("Binary table: " + what);
-}
-
-void check(ibinstream& in) {
-  if (!in.good()) damaged("truncated or damaged data");
-}
-
-// A presence flag: true for 1, false for 0; anything else ends the read.
-bool read_flag(ibinstream& in) {
-  unsigned char f = 2;
-  in >> f;
-  check(in);
-  if (f > 1) damaged("bad presence flag");
-  return f == 1;
-}
-
-std::uint64_t read_count(ibinstream& in) {
-  std::uint64_t n = 0;
-  in >> n;
-  check(in);
-  return n;
-}
 
 // Elements that are items of their own are added as they arrive, so that a
 // count no file backs ends at the first short read instead of allocating.
 template <class T>
 void read_items(ibinstream& in, std::vector<T>& v) {
-  std::uint64_t n = read_count(in);
+  std::uint64_t n = checks::read_count(in);
   v.clear();
   for (std::uint64_t i = 0; i < n; ++i) {
     T item{};
     in >> item;
-    check(in);
+    checks::check(in);
     v.push_back(std::move(item));
   }
 }
@@ -68,7 +48,8 @@ void read_items(ibinstream& in, std::vector<T>& v) {
 void check_order_bounds(column const& c, unsigned long max, bool zero) {
   o_set const* s = c.get_o_set();
   if (max > s->size_of_known() || (zero && !s->contains_null())) {
-    damaged("column '" + c.get_name() + "' holds a value order its value set does not have");
+    checks::damaged("column '" + c.get_name() +
+                    "' holds a value order its value set does not have");
   }
 }
 
@@ -81,7 +62,7 @@ void o_set::bin_out(obinstream& out) {
 }
 
 void o_set::bin_in(ibinstream& in) {
-  if (read_flag(in)) damaged("the null value set holds values");
+  if (checks::read_flag(in)) checks::damaged("the null value set holds values");
 }
 
 template <class T>
@@ -92,10 +73,10 @@ void o_set_typed<T>::bin_out(obinstream& out) {
 template <class T>
 void o_set_typed<T>::bin_in(ibinstream& in) {
   std::vector<value_type> values;
-  if (read_flag(in)) {
+  if (checks::read_flag(in)) {
     if constexpr (std::is_arithmetic<value_type>::value) {
       in >> values;
-      check(in);
+      checks::check(in);
     } else {
       read_items(in, values);
     }
@@ -104,7 +85,7 @@ void o_set_typed<T>::bin_in(ibinstream& in) {
   // and distinct, which also keeps NaN out.
   for (std::size_t i = 1; i < values.size(); ++i) {
     if (!T::less(values[i - 1], values[i]))
-      damaged("value set of type " + datatype_ + " not in order");
+      checks::damaged("value set of type " + datatype_ + " not in order");
   }
   set_sorted_values(std::move(values));
 }
@@ -130,18 +111,18 @@ obinstream& operator<<(obinstream& out, o_set* s) {
 
 ibinstream& operator>>(ibinstream& in, o_set*& s) {
   s = nullptr;
-  if (!read_flag(in)) return in;
+  if (!checks::read_flag(in)) return in;
   std::string type, null;
   bool admits = false, contains = false;
   in >> type >> admits >> contains >> null;
-  check(in);
+  checks::check(in);
   std::unique_ptr<o_set> set;
   try {
     set.reset(o_set::NEW_O_SET(type, admits, null));
   } catch (std::exception const&) {
     throw std::runtime_error("Failed to create object");
   }
-  if (contains && !admits) damaged("value set holds an unknown value it does not admit");
+  if (contains && !admits) checks::damaged("value set holds an unknown value it does not admit");
   set->set_contains_null(contains);
   set->bin_in(in);
   s = set.release();
@@ -158,7 +139,7 @@ void column_typed<T>::bin_out(obinstream& out) const {
 template <class T>
 void column_typed<T>::bin_in(ibinstream& in) {
   in >> rows_;
-  check(in);
+  checks::check(in);
   T max = 0;
   bool zero = false;
   for (T v : rows_) {
@@ -183,8 +164,8 @@ void column_bool::bin_out(obinstream& out) const {
 }
 
 void column_bool::bin_in(ibinstream& in) {
-  std::uint64_t n = read_count(in);
-  if (n > kMaxRows) damaged("column '" + name_ + "' has too many rows");
+  std::uint64_t n = checks::read_count(in);
+  if (n > kMaxRows) checks::damaged("column '" + name_ + "' has too many rows");
   // The words arrive into a vector that grows with them; the bitmap is
   // sized once they are all there.
   std::uint64_t count = zel::adt::bitmap::words_for(n), done = 0;
@@ -193,7 +174,7 @@ void column_bool::bin_in(ibinstream& in) {
     std::uint64_t k = std::min<std::uint64_t>(count - done, 1u << 18);
     words.resize(done + k);
     in.read_array(words.data() + done, k);
-    check(in);
+    checks::check(in);
     done += k;
   }
   // Bits past the last row stay clear, as a loaded column keeps them.
@@ -217,13 +198,13 @@ obinstream& operator<<(obinstream& out, column const* c) {
 
 ibinstream& operator>>(ibinstream& in, column*& c) {
   c = nullptr;
-  if (!read_flag(in)) return in;
+  if (!checks::read_flag(in)) return in;
   o_set* raw = nullptr;
   in >> raw;
   std::unique_ptr<o_set> values(raw);
   std::string name, kind, error;
   in >> name >> kind;
-  check(in);
+  checks::check(in);
   std::unique_ptr<column> col(column::NEW_COLUMN(values.get(), name, kind, error));
   if (!col) throw std::runtime_error("Failed to create object");
   values.release();
@@ -260,30 +241,31 @@ namespace {
 column* read_column(ibinstream& in) {
   column* c = nullptr;
   in >> c;
-  if (c == nullptr) damaged("column missing");
+  if (c == nullptr) checks::damaged("column missing");
   return c;
 }
 
 // Everything later code indexes with: row counts, class and weights.
 void validate(table& t, std::uint64_t class_index, std::uint64_t weights_index) {
   unsigned long loaded = t.get_loaded_columns(), n = t.get_no_columns();
-  if (loaded > n) damaged("more loaded columns than columns");
-  if (t.get_no_rows() > kMaxRows) damaged("too many rows");
+  if (loaded > n) checks::damaged("more loaded columns than columns");
+  if (t.get_no_rows() > kMaxRows) checks::damaged("too many rows");
   for (unsigned long i = 0; i < n; ++i) {
     column const* c = t.get_column(i);
     unsigned long want = i < loaded && !c->is_ignore() ? t.get_no_rows() : 0;
-    if (c->size() != want) damaged("column '" + c->get_name() + "' does not hold the table's rows");
+    if (c->size() != want)
+      checks::damaged("column '" + c->get_name() + "' does not hold the table's rows");
   }
   // Without the tree rules the check only marks class and weights as none.
   if (t.is_for_tree() && loaded == 0) return;
   std::string error;
-  if (!t.consistency_check(loaded, error)) damaged(error);
+  if (!t.consistency_check(loaded, error)) checks::damaged(error);
   // Indexes at or past the loaded columns all mean "none".
   auto same = [loaded](std::uint64_t stored, unsigned long found) {
     return found < loaded ? stored == found : stored >= loaded;
   };
   if (!same(class_index, t.get_class_index()) || !same(weights_index, t.get_weights_index())) {
-    damaged("class or weights column index does not match the columns");
+    checks::damaged("class or weights column index does not match the columns");
   }
 }
 
@@ -291,20 +273,20 @@ void validate(table& t, std::uint64_t class_index, std::uint64_t weights_index) 
 
 ibinstream& operator>>(ibinstream& in, table*& out) {
   out = nullptr;
-  if (!read_flag(in)) return in;
+  if (!checks::read_flag(in)) return in;
   std::unique_ptr<table> t(new table("", true));
   std::string name;
   in >> name;
-  check(in);
+  checks::check(in);
   t->set_name(name);
 
   // The first copy of the column list is read, checked and dropped.
-  std::uint64_t first = read_count(in);
+  std::uint64_t first = checks::read_count(in);
   for (std::uint64_t i = 0; i < first; ++i)
     delete read_column(in);
-  std::uint64_t class_index = read_count(in);
-  std::uint64_t second = read_count(in);
-  if (second != first) damaged("the two column lists differ");
+  std::uint64_t class_index = checks::read_count(in);
+  std::uint64_t second = checks::read_count(in);
+  if (second != first) checks::damaged("the two column lists differ");
   std::vector<column*>& columns = t->columns();
   for (std::uint64_t i = 0; i < second; ++i)
     columns.push_back(read_column(in));
@@ -312,8 +294,8 @@ ibinstream& operator>>(ibinstream& in, table*& out) {
   std::uint64_t rows = 0, verbosity = 0, weights_index = 0, loaded = 0, counter = 0;
   bool for_tree = true;
   in >> rows >> verbosity >> for_tree >> weights_index >> loaded >> counter;
-  check(in);
-  if (loaded > columns.size()) damaged("more loaded columns than columns");
+  checks::check(in);
+  if (loaded > columns.size()) checks::damaged("more loaded columns than columns");
   t->set_state(rows, loaded, class_index, weights_index, verbosity, for_tree);
   t->set_file_counter(counter);
   validate(*t, class_index, weights_index);

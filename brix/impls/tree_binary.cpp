@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "brix/impls/binary_checks.h"
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
@@ -24,37 +25,17 @@ using zel::inpout::obinstream;
 
 namespace {
 
+constexpr char kKind[] = "Binary tree";
+using checks = binary_checks<kKind>;
+
 // Deeper files are refused: prediction and the writers recurse per level.
 constexpr std::size_t kMaxDepth = 10000;
 // Cases go through a buffer of this many (row, weight) pairs at a time.
 constexpr std::size_t kCaseBlock = 1 << 16;
 constexpr std::size_t kCaseBytes = 12;  // u64 row, f32 weight
 
-[[noreturn]] void damaged(std::string const& what) {
-  throw std::runtime_error("Binary tree: " + what);
-}
-
-void check(ibinstream& in) {
-  if (!in.good()) damaged("truncated or damaged data");
-}
-
-bool read_flag(ibinstream& in) {
-  unsigned char f = 2;
-  in >> f;
-  check(in);
-  if (f > 1) damaged("bad presence flag");
-  return f == 1;
-}
-
-std::uint64_t read_count(ibinstream& in) {
-  std::uint64_t n = 0;
-  in >> n;
-  check(in);
-  return n;
-}
-
 void check_finite(float v, char const* what) {
-  if (!std::isfinite(v)) damaged(std::string(what) + " is not a finite number");
+  if (!std::isfinite(v)) checks::damaged(std::string(what) + " is not a finite number");
 }
 
 void write_cases(obinstream& out, w_sequence const& cases) {
@@ -74,14 +55,14 @@ void write_cases(obinstream& out, w_sequence const& cases) {
 }
 
 w_sequence* read_cases(ibinstream& in) {
-  std::uint64_t n = read_count(in);
+  std::uint64_t n = checks::read_count(in);
   std::unique_ptr<w_sequence> cases(new w_sequence());
   std::vector<char> buf;
   for (std::uint64_t at = 0; at < n;) {
     std::size_t k = static_cast<std::size_t>(std::min<std::uint64_t>(kCaseBlock, n - at));
     buf.resize(k * kCaseBytes);
     in.read_array(buf.data(), buf.size());
-    check(in);
+    checks::check(in);
     char const* p = buf.data();
     for (std::size_t i = 0; i < k; ++i, p += kCaseBytes) {
       std::uint64_t row;
@@ -89,7 +70,7 @@ w_sequence* read_cases(ibinstream& in) {
       std::memcpy(&row, p, 8);
       std::memcpy(&weight, p + 8, 4);
       // Case sequences keep 32-bit row numbers.
-      if (row > 0xFFFFFFFFull) damaged("case row number beyond 32 bits");
+      if (row > 0xFFFFFFFFull) checks::damaged("case row number beyond 32 bits");
       check_finite(weight, "case weight");
       cases->push_back(static_cast<unsigned long>(row), weight);
     }
@@ -134,42 +115,42 @@ ibinstream& operator>>(ibinstream& in, _decision_node& n) {
   float weight = 0.0f, known = 0.0f;
   std::vector<float> dist;
   in >> index >> status >> activated >> weight >> count >> dist >> known >> most;
-  check(in);
-  if (status > _decision_node::SPLIT_NODE) damaged("unknown node status");
+  checks::check(in);
+  if (status > _decision_node::SPLIT_NODE) checks::damaged("unknown node status");
   check_finite(weight, "cases weight");
   check_finite(known, "known fraction");
   for (float v : dist)
     check_finite(v, "class distribution entry");
 
   std::unique_ptr<std::vector<order_range>> ranges;
-  if (activated && read_flag(in)) {
-    std::uint64_t k = read_count(in);
+  if (activated && checks::read_flag(in)) {
+    std::uint64_t k = checks::read_count(in);
     ranges.reset(new std::vector<order_range>());
     for (std::uint64_t i = 0; i < k; ++i) {
       std::uint64_t first = 0, second = 0;
       in >> first >> second;
-      check(in);
-      if (first > second) damaged("bad attribute range");
+      checks::check(in);
+      if (first > second) checks::damaged("bad attribute range");
       ranges->emplace_back(first, second);
     }
   }
   std::unique_ptr<w_sequence> cases;
-  if (read_flag(in)) cases.reset(read_cases(in));
+  if (checks::read_flag(in)) cases.reset(read_cases(in));
   in >> split_status;
-  check(in);
-  if (split_status > 1) damaged("unknown split type");
+  checks::check(in);
+  if (split_status > 1) checks::damaged("unknown split type");
 
   float error = 0.0f;
   std::uint64_t leaf_or_att = 0, branches = 0;
   std::string threshold;
   if (status != _decision_node::UNDEFINED_NODE) {
     in >> error >> leaf_or_att;
-    check(in);
+    checks::check(in);
     check_finite(error, "node error");
   }
   if (status == _decision_node::SPLIT_NODE) {
     in >> threshold >> branches;
-    check(in);
+    checks::check(in);
   }
 
   if (n.owns_cases_) delete n.all_cases_;
@@ -246,11 +227,11 @@ void _decision_tree::load_bin(ibinstream& in, _decision_node* father) {
     t->set_node(new _decision_node(f, 0));
     in >> *t->get_node();
     _decision_node const* n = t->get_node();
-    std::uint64_t children = read_count(in);
+    std::uint64_t children = checks::read_count(in);
     // Only split nodes have children, one per branch.
     bool split = n->get_node_status() == _decision_node::SPLIT_NODE;
     if (children != (split ? n->get_no_of_splits() : 0)) {
-      damaged("child count does not match the node's split");
+      checks::damaged("child count does not match the node's split");
     }
     stack.push_back({t, children});
   };
@@ -263,11 +244,11 @@ void _decision_tree::load_bin(ibinstream& in, _decision_node* father) {
     }
     --f.left;
     _decision_tree* parent = f.tree;
-    if (!read_flag(in)) {
+    if (!checks::read_flag(in)) {
       parent->push_back_child(nullptr);
       continue;
     }
-    if (stack.size() >= kMaxDepth) damaged("tree too deep");
+    if (stack.size() >= kMaxDepth) checks::damaged("tree too deep");
     auto* sub = new _decision_tree();
     parent->push_back_child(sub);
     load_one(sub, parent->get_node());
@@ -283,23 +264,23 @@ obinstream& operator<<(obinstream& out, conf_matrix const* m) {
 
 ibinstream& operator>>(ibinstream& in, conf_matrix*& m) {
   m = nullptr;
-  if (!read_flag(in)) return in;
+  if (!checks::read_flag(in)) return in;
   std::vector<std::vector<float>> cells;
-  std::uint64_t rows = read_count(in);
+  std::uint64_t rows = checks::read_count(in);
   for (std::uint64_t i = 0; i < rows; ++i) {
     std::vector<float> row;
     in >> row;
-    check(in);
-    if (row.size() != rows) damaged("confusion matrix not square");
+    checks::check(in);
+    if (row.size() != rows) checks::damaged("confusion matrix not square");
     cells.push_back(std::move(row));
   }
   std::vector<std::string> names;
-  std::uint64_t n = read_count(in);
-  if (n != rows) damaged("confusion matrix names do not match its size");
+  std::uint64_t n = checks::read_count(in);
+  if (n != rows) checks::damaged("confusion matrix names do not match its size");
   for (std::uint64_t i = 0; i < n; ++i) {
     std::string name;
     in >> name;
-    check(in);
+    checks::check(in);
     names.push_back(std::move(name));
   }
   m = new conf_matrix(std::move(cells), std::move(names));
@@ -340,37 +321,38 @@ bool threshold_parses(column const* col, std::string const& text) {
 
 void validate_node(_decision_node const& n, table const& meta, unsigned long classes) {
   if (n.get_class_distribution().size() != classes + 1) {
-    damaged("class distribution does not match the class column");
+    checks::damaged("class distribution does not match the class column");
   }
-  if (n.get_most_frequent_class() > classes) damaged("most frequent class out of range");
+  if (n.get_most_frequent_class() > classes) checks::damaged("most frequent class out of range");
   if (n.get_node_status() == _decision_node::LEAF_NODE && n.get_leaf() > classes) {
-    damaged("leaf class out of range");
+    checks::damaged("leaf class out of range");
   }
   unsigned long attributes = meta.get_no_attributes();
   if (auto const* ranges = n.get_att_ranges()) {
-    if (ranges->size() != attributes) damaged("attribute ranges do not match the attributes");
+    if (ranges->size() != attributes)
+      checks::damaged("attribute ranges do not match the attributes");
     for (unsigned long a = 0; a < attributes; ++a) {
       if ((*ranges)[a].second > meta.get_attribute(a)->get_distinct() + 1) {
-        damaged("attribute range out of bounds");
+        checks::damaged("attribute range out of bounds");
       }
     }
   }
   if (n.get_node_status() != _decision_node::SPLIT_NODE) return;
-  if (n.get_split_attribute_index() >= attributes) damaged("split attribute out of range");
+  if (n.get_split_attribute_index() >= attributes) checks::damaged("split attribute out of range");
   column const* col = meta.get_attribute(n.get_split_attribute_index());
   unsigned long branches = n.get_no_of_splits();
   if (col->is_continuous()) {
-    if (branches != 2) damaged("continuous split without two branches");
+    if (branches != 2) checks::damaged("continuous split without two branches");
     if (!threshold_parses(col, n.get_threshold())) {
-      damaged("threshold '" + n.get_threshold() + "' is not a value of column '" + col->get_name() +
-              "'");
+      checks::damaged("threshold '" + n.get_threshold() + "' is not a value of column '" +
+                      col->get_name() + "'");
     }
   } else if (col->is_discrete()) {
     if (branches == 0 || branches != col->get_distinct()) {
-      damaged("discrete split without one branch per value");
+      checks::damaged("discrete split without one branch per value");
     }
   } else {
-    damaged("split on column '" + col->get_name() + "' of type " + col->get_type());
+    checks::damaged("split on column '" + col->get_name() + "' of type " + col->get_type());
   }
 }
 
@@ -378,10 +360,10 @@ void validate_node(_decision_node const& n, table const& meta, unsigned long cla
 void validate_tree(_decision_tree const& root, table const* meta) {
   if (meta == nullptr || !meta->is_for_tree() || meta->get_loaded_columns() == 0 ||
       meta->get_loaded_columns() != meta->get_no_columns() || meta->get_class() == nullptr) {
-    damaged("the model's metadata does not describe a class");
+    checks::damaged("the model's metadata does not describe a class");
   }
   unsigned long classes = meta->get_class()->get_distinct();
-  if (root.get_node()->get_index() != 0) damaged("root with a branch index");
+  if (root.get_node()->get_index() != 0) checks::damaged("root with a branch index");
   std::vector<_decision_tree const*> pending{&root};
   while (!pending.empty()) {
     _decision_tree const* t = pending.back();
@@ -390,7 +372,7 @@ void validate_tree(_decision_tree const& root, table const* meta) {
     for (unsigned long i = 0; i < t->get_no_childs(); ++i) {
       _decision_tree const* c = t->get_child(i);
       if (c == nullptr) continue;
-      if (c->get_node()->get_index() != i + 1) damaged("child with a wrong branch index");
+      if (c->get_node()->get_index() != i + 1) checks::damaged("child with a wrong branch index");
       pending.push_back(c);
     }
   }
@@ -400,7 +382,7 @@ void validate_tree(_decision_tree const& root, table const* meta) {
 
 ibinstream& operator>>(ibinstream& in, decision_tree& t) {
   std::unique_ptr<_decision_tree> root;
-  if (read_flag(in)) {
+  if (checks::read_flag(in)) {
     root.reset(new _decision_tree());
     root->load_bin(in, nullptr);
   }
@@ -415,16 +397,16 @@ ibinstream& operator>>(ibinstream& in, decision_tree& t) {
   std::uint32_t split_type = 0, pruning = 0;
   std::string name;
   in >> elapsed >> conf_level >> min_obj >> split_type >> name >> pruning;
-  check(in);
+  checks::check(in);
 
-  if (split_type > decision_tree::GAIN_RATIO) damaged("unknown split type");
-  if (pruning > decision_tree::DT_PRUNING) damaged("unknown pruning strategy");
-  if (!(conf_level >= 0.0f && conf_level <= 1.0f)) damaged("confidence level out of range");
-  if (!(min_obj > 0.0f)) damaged("minimum cases out of range");
+  if (split_type > decision_tree::GAIN_RATIO) checks::damaged("unknown split type");
+  if (pruning > decision_tree::DT_PRUNING) checks::damaged("unknown pruning strategy");
+  if (!(conf_level >= 0.0f && conf_level <= 1.0f)) checks::damaged("confidence level out of range");
+  if (!(min_obj > 0.0f)) checks::damaged("minimum cases out of range");
   if (root) validate_tree(*root, meta.get());
   column const* cls = meta ? meta->get_class() : nullptr;
   if (training && cls && training->size() != cls->get_distinct() + 1) {
-    damaged("training matrix does not match the class column");
+    checks::damaged("training matrix does not match the class column");
   }
 
   t.root_ = std::move(root);

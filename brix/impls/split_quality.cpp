@@ -126,6 +126,26 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   best.gain = (hc / known - hs / known) * (known / (unknown + known));
 }
 
+// The best binary cut so far: a cut is kept when its gain on the known
+// cases is strictly greater, so ties keep the earlier (lower) cut.
+struct cut_score {
+  xlogx_table const& logs;
+  std::size_t classes;
+  float hc, known, unknown;
+  float best_gain = kNoGain;
+  float split_info = 0.0f;
+
+  bool consider(float const* left, float const* right, float l_weight) {
+    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
+    float gain = (known / (unknown + known)) * (hc / known - hs / known);
+    if (!(gain > best_gain)) return false;
+    best_gain = gain;
+    float parts[3] = {unknown, l_weight, known - l_weight};
+    split_info = info(logs, parts, 3);
+    return true;
+  }
+};
+
 // Penalises the best cut by log2 of the cuts tried and fills the result.
 void finish_cut(column::splitting_desc& best, float best_gain, float split_info,
                 unsigned long tried, float total_weight, std::size_t n_cases, options const* opts,
@@ -246,7 +266,8 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   float m = least_side_weight(min_objects, known, classes);
   float upper = known - m;
 
-  float best_gain = kNoGain, split_info = 0.0f, l_weight = 0.0f;
+  cut_score score{logs, classes, hc, known, unknown};
+  float l_weight = 0.0f;
   unsigned long tried = 0, low = 0, high = 0;
   // The stretch of cases moved left since the last evaluated cut, while it
   // holds a single class.
@@ -285,17 +306,12 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
       if (same && ahead <= upper) continue;
     }
     stretch_open = false;
-    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
-    float gain = (known / (unknown + known)) * (hc / known - hs / known);
-    if (gain > best_gain) {
-      best_gain = gain;
+    if (score.consider(left, right, l_weight)) {
       low = a;
       high = a_next;
-      float parts[3] = {unknown, l_weight, known - l_weight};
-      split_info = info(logs, parts, 3);
     }
   }
-  finish_cut(best, best_gain, split_info, tried, total_weight, n, opts, low, high);
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
 }
 
 template <class Att, class Cls>
@@ -333,7 +349,8 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
       break;
     }
   }
-  float best_gain = kNoGain, split_info = 0.0f, l_weight = 0.0f;
+  cut_score score{logs, classes, hc, known, unknown};
+  float l_weight = 0.0f;
   unsigned long tried = 0;
   std::size_t best_row = 0;
   bool found = false;
@@ -351,14 +368,9 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
     if (l_weight < m) continue;
     if (l_weight > upper) break;
     ++tried;
-    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
-    float gain = (known / (unknown + known)) * (hc / known - hs / known);
-    if (gain > best_gain) {
-      best_gain = gain;
+    if (score.consider(left, right, l_weight)) {
       best_row = r;
       found = true;
-      float parts[3] = {unknown, l_weight, known - l_weight};
-      split_info = info(logs, parts, 3);
     }
   }
   unsigned long low = 0, high = 0;
@@ -369,7 +381,8 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
     low = best_row + base;
     high = next + base;
   }
-  finish_cut(best, best_gain, split_info, tried, total_weight, cases.size(), opts, low, high);
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, cases.size(), opts, low,
+             high);
 }
 
 }  // namespace

@@ -1,39 +1,17 @@
-// Tables made from text written into a scratch directory under /tmp.
+// Tables made from text written into a scratch directory.
 #ifndef TESTS_BRIX_TABLE_FILES_H
 #define TESTS_BRIX_TABLE_FILES_H
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include "brix/impls/table.h"
+#include "tests/zel/inpout/scratch_dir.h"
 #include "zel/inpout/stream.h"
 
-class table_files {
+class table_files : public scratch_dir {
  public:
-  table_files() {
-    char templ[] = "/tmp/brix_tables_XXXXXX";
-    if (mkdtemp(templ) == nullptr) throw std::runtime_error("mkdtemp failed");
-    dir_ = templ;
-  }
-  ~table_files() {
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  table_files(table_files const&) = delete;
-  table_files& operator=(table_files const&) = delete;
-
-  std::string path(std::string const& name) const { return dir_ + "/" + name; }
-
-  std::string write(std::string const& name, std::string const& text) const {
-    std::string p = path(name);
-    std::ofstream(p, std::ios::binary) << text;
-    return p;
-  }
+  std::string path(std::string const& name) const { return file(name); }
 
   // A line stream over a file of the given text.
   zel::inpout::stream* source(std::string const& name, std::string const& text,
@@ -56,20 +34,6 @@ class table_files {
     t->load_data(source("t.data", data), "?", true);
     return t;
   }
-
- private:
-  std::string dir_;
 };
-
-// The message of the runtime error that f throws, or "" when it throws none.
-template <class F>
-std::string error_of(F&& f) {
-  try {
-    f();
-  } catch (std::runtime_error const& e) {
-    return e.what();
-  }
-  return "";
-}
 
 #endif

@@ -22,7 +22,6 @@ namespace {
 struct loaded {
   std::vector<unsigned long> orders;
   std::vector<std::string> values;
-  bool bits = false;
 };
 
 loaded load(std::string const& type, std::string const& kind,
@@ -40,7 +39,6 @@ loaded load(std::string const& type, std::string const& kind,
     l->fill(from, std::min(texts.size(), from + 10000));
   }
   loaded out;
-  out.bits = c->get_storage() == storage_kind::bit;
   for (std::size_t r = 0; r < texts.size(); ++r)
     out.orders.push_back(c->get_row_index(r));
   for (unsigned long o = 1; o <= set->size_of_known(); ++o)
@@ -111,13 +109,6 @@ TEST(ValueLoader, TheFirstOfTwoZerosIsTheValueKept) {
   EXPECT_EQ(got.orders[70000], 1u);
   EXPECT_EQ(got.orders[70001], 1u);
   EXPECT_EQ(got.orders[0], 2u);
-}
-
-TEST(ValueLoader, FewValuesStayNarrow) {
-  std::vector<std::string> texts = {"b", "a", "b", "a"};
-  loaded got = load("string", "discrete", texts);
-  EXPECT_TRUE(got.bits);
-  EXPECT_EQ(got.orders, (std::vector<unsigned long>{2, 1, 2, 1}));
 }
 
 }  // namespace

@@ -2,62 +2,37 @@
 # standard output, status 0.
 source "$(dirname "$0")/lib.sh"
 
-NAMES='outlook,string,discrete
-temp,integer,continuous
-humidity,float,continuous
-play,string,class'
+NAMES='outlook,string,discrete\ntemp,integer,continuous\nhumidity,float,continuous\nplay,string,class\n'
 
-# fails_with MESSAGE DATA [NAMES]: loading DATA is refused with MESSAGE.
+# fails_with MESSAGE DATA [NAMES]: loading DATA is refused with MESSAGE; in DATA and NAMES, \n
+# ends a line.
 fails_with() {
-  printf '%s\n' "${3:-$NAMES}" >bad.names
-  printf '%s' "$2" >bad.data
+  printf '%b' "${3:-$NAMES}" >bad.names
+  printf '%b' "$2" >bad.data
   run -f bad
   expect_status 0
   expect_output "$1"
 }
 
-fails_with "Reading training data: bad row format (row 2): rainy,70,96,yes,extra" 'sunny,85,85,no
-rainy,70,96,yes,extra
-'
-fails_with "Reading training data: bad row format (row 3): rainy,70,yes" 'sunny,85,85,no
-sunny,85,85,no
-rainy,70,yes
-'
-fails_with "Reading training data: bad row format (row 2): " 'sunny,85,85,no
-
-'
-fails_with "Reading training data: [o_set::insert()] called with unadmitted null value" 'sunny,85,85,no
-rainy,70,96,?
-'
-fails_with "Reading training data: 8.5: _not an int" 'sunny,8.5,85,no
-'
-fails_with "Reading training data: : not an int" 'sunny,,85,no
-'
-fails_with "Reading training data: high: not a float" 'sunny,85,high,no
-'
-fails_with "Reading training data: there must be only one class column" 'sunny,85,85,no
-' 'outlook,string,class
-temp,integer,continuous
-humidity,float,continuous
-play,string,class'
-fails_with "Reading training data: there must be only one class column" 'sunny,85,85,no
-' 'outlook,string,discrete
-temp,integer,continuous
-humidity,float,continuous
-play,string,discrete'
-fails_with "Reading training data: there must be at most one weights column" 'sunny,1,2,no
-' 'outlook,string,discrete
-temp,integer,weights
-humidity,float,weights
-play,string,class'
-fails_with "Reading training data: [o_set::insert()] called with unadmitted null value" 'sunny,?,85,no
-' 'outlook,string,discrete
-temp,integer,weights
-humidity,float,continuous
-play,string,class'
+ROW='sunny,85,85,no\n'
+fails_with "Reading training data: bad row format (row 2): rainy,70,96,yes,extra" "${ROW}rainy,70,96,yes,extra\n"
+fails_with "Reading training data: bad row format (row 3): rainy,70,yes" "$ROW${ROW}rainy,70,yes\n"
+fails_with "Reading training data: bad row format (row 2): " "$ROW\n"
+fails_with "Reading training data: [o_set::insert()] called with unadmitted null value" "${ROW}rainy,70,96,?\n"
+fails_with "Reading training data: 8.5: _not an int" 'sunny,8.5,85,no\n'
+fails_with "Reading training data: : not an int" 'sunny,,85,no\n'
+fails_with "Reading training data: high: not a float" 'sunny,85,high,no\n'
+fails_with "Reading training data: there must be only one class column" "$ROW" \
+  'outlook,string,class\ntemp,integer,continuous\nhumidity,float,continuous\nplay,string,class\n'
+fails_with "Reading training data: there must be only one class column" "$ROW" \
+  'outlook,string,discrete\ntemp,integer,continuous\nhumidity,float,continuous\nplay,string,discrete\n'
+fails_with "Reading training data: there must be at most one weights column" 'sunny,1,2,no\n' \
+  'outlook,string,discrete\ntemp,integer,weights\nhumidity,float,weights\nplay,string,class\n'
+fails_with "Reading training data: [o_set::insert()] called with unadmitted null value" 'sunny,?,85,no\n' \
+  'outlook,string,discrete\ntemp,integer,weights\nhumidity,float,continuous\nplay,string,class\n'
 
 # Unknown values where they are admitted, and a final separator, load.
-printf '%s\n' "$NAMES" >ok.names
+printf '%b' "$NAMES" >ok.names
 printf 'sunny,?,85,no,\n?,70,?,yes\n' >ok.data
 run -f ok -lstd
 expect_status 0

@@ -16,10 +16,7 @@ expect_status 0
 expect_head "$golf_log"
 expect_line 7 "$TIME_LINE"
 
-# The same through -fm and -fd, and with the log appended to a file instead.
-run -fm "$ROOT/examples/golf.names" -fd "$ROOT/examples/golf.data" -lstd
-expect_status 0
-expect_head "$golf_log"
+# The log appended to a file instead.
 echo "earlier run" >log.txt
 run -f "$ROOT/examples/golf" -l log.txt -lstd
 expect_status 0

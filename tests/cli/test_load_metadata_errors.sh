@@ -2,55 +2,31 @@
 # status 0.
 source "$(dirname "$0")/lib.sh"
 
-DATA='sunny,85,no
-rainy,70,yes'
-
-# fails_with MESSAGE NAMES: a table declared by NAMES (with good data) is refused with MESSAGE.
+# fails_with MESSAGE NAMES: a table declared by NAMES (with good data; \n ends a line) is
+# refused with MESSAGE.
 fails_with() {
-  printf '%s' "$2" >bad.names
-  printf '%s\n' "$DATA" >bad.data
+  printf '%b' "$2" >bad.names
+  printf 'sunny,85,no\nrainy,70,yes\n' >bad.data
   run -f bad
   expect_status 0
   expect_output "$1"
 }
 
-fails_with "Reading metadata: bad row format (row 3): a,b" 'outlook,string,discrete
-temp,integer,continuous
-a,b
-play,string,class
-'
-fails_with "Reading metadata: bad row format (row 2): " 'outlook,string,discrete
-
-play,string,class
-'
-fails_with "Reading metadata: bad row format (row 2): temp,integer," 'outlook,string,discrete
-temp,integer,
-play,string,class
-'
-fails_with "Reading metadata: invalid o_set type = x" 'outlook,x,discrete
-temp,integer,continuous
-play,string,class
-'
-fails_with "Reading metadata: Unknown column type: nominal" 'outlook,string,nominal
-temp,integer,continuous
-play,string,class
-'
-fails_with "Reading metadata: Continuous column 'outlook' requires a numeric data type" 'outlook,string,continuous
-temp,integer,continuous
-play,string,class
-'
-fails_with "Reading metadata: Continuous column 'temp' requires a numeric data type" 'outlook,string,discrete
-temp,double,continuous
-play,string,class
-'
-fails_with "Reading metadata: Weights column 'temp' requires a non-negative numeric data type" 'outlook,string,discrete
-temp,string,weights
-play,string,class
-'
-fails_with "Reading metadata: Null set of column values can only be used for ignore column type" 'outlook,null,discrete
-temp,integer,continuous
-play,string,class
-'
+TEMP='temp,integer,continuous\n'
+PLAY='play,string,class\n'
+fails_with "Reading metadata: bad row format (row 3): a,b" "outlook,string,discrete\n${TEMP}a,b\n$PLAY"
+fails_with "Reading metadata: bad row format (row 2): " "outlook,string,discrete\n\n$PLAY"
+fails_with "Reading metadata: bad row format (row 2): temp,integer," "outlook,string,discrete\ntemp,integer,\n$PLAY"
+fails_with "Reading metadata: invalid o_set type = x" "outlook,x,discrete\n$TEMP$PLAY"
+fails_with "Reading metadata: Unknown column type: nominal" "outlook,string,nominal\n$TEMP$PLAY"
+fails_with "Reading metadata: Continuous column 'outlook' requires a numeric data type" \
+  "outlook,string,continuous\n$TEMP$PLAY"
+fails_with "Reading metadata: Continuous column 'temp' requires a numeric data type" \
+  "outlook,string,discrete\ntemp,double,continuous\n$PLAY"
+fails_with "Reading metadata: Weights column 'temp' requires a non-negative numeric data type" \
+  "outlook,string,discrete\ntemp,string,weights\n$PLAY"
+fails_with "Reading metadata: Null set of column values can only be used for ignore column type" \
+  "outlook,null,discrete\n$TEMP$PLAY"
 # The metadata is read with the data separator.
 printf 'outlook,string,discrete\nplay,string,class\n' >semi.names
 printf 'sunny;no\n' >semi.data

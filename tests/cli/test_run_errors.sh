@@ -1,11 +1,6 @@
 # Failures while running print their message on standard output and still end with status 0.
 source "$(dirname "$0")/lib.sh"
 
-run -f missing_stem
-expect_status 0
-expect_line_count 1
-[ -s "$WORK/stdout" ] || fail "no message"
-
 run -bd missing.bin
 expect_status 0
 expect_output "File missing.bin: not binary format"

@@ -1,4 +1,4 @@
-# Every shared dataset trains, tests and scores under each pruning strategy. The score output
+# Every shared dataset trains on all its rows, tests and scores under each pruning strategy. The score output
 # is checked row by row, and its misclassifications must agree with the report's figure for the
 # same rows (the test file, or the training data when there is none).
 source "$(dirname "$0")/lib.sh"
@@ -33,6 +33,7 @@ check_scores() {
 
 while read -r base names data test; do
   class_field=$(awk -F, '$3 == "class" { print NR; exit }' "$names")
+  rows=$(gzip -cdf "$data" | wc -l)  # every line of the data is a training row
   for strategy in "" -c4.5 -np; do
     if [ -n "$test" ]; then
       run -fm "$names" -fd "$data" -ft "$test" -fs "$test" -s scores.csv -tstd $strategy
@@ -44,7 +45,7 @@ while read -r base names data test; do
     fi
     expect_status 0
     expect_grep '^TREE SIZE: [1-9][0-9]*$'
-    expect_grep '^MISCLASSIFICATION on training: [-0-9.e+]+% of [0-9]+ cases\. $'
+    expect_grep "^MISCLASSIFICATION on training: [-0-9.e+]+% of $rows cases\\. \$"
   done
 done < <(datasets)
 

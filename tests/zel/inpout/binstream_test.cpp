@@ -97,7 +97,7 @@ TEST(BinStream, ItemBytes) {
             }));
 }
 
-TEST(BinStream, CompressedRoundTripIsExact) {
+TEST(BinStream, RoundTripIsExactPlainOrCompressed) {
   scratch_dir dir;
   const std::string name = dir.file("t.bin");
   const float fvals[] = {1.0f / 3, -0.0f, std::numeric_limits<float>::denorm_min(),
@@ -112,149 +112,117 @@ TEST(BinStream, CompressedRoundTripIsExact) {
   std::vector<float> cells(100000);
   for (size_t i = 0; i < cells.size(); ++i)
     cells[i] = std::sin(static_cast<float>(i));
-  {
-    obinstream out(name, true, 1);
-    for (float f : fvals)
-      out << f;
-    out << static_cast<std::uint64_t>(cells.size());
-    out.write_array(cells.data(), cells.size());
-    out << &p << static_cast<point*>(nullptr) << &words << "text" << 'q' << 123456789012LL
-        << shade::light << true;
-    EXPECT_TRUE(out.good());
-  }
-  EXPECT_EQ("1F 8B", hex(scratch_dir::read(name).substr(0, 2)));
-
-  ibinstream in(name, true);
-  for (float f : fvals) {
-    float g = 7;
-    in >> g;
-    EXPECT_EQ(bits(f), bits(g));
-  }
-  std::uint64_t n = 0;
-  in >> n;
-  ASSERT_EQ(cells.size(), n);
-  std::vector<float> back(n);
-  in.read_array(back.data(), n);
-  EXPECT_EQ(0, std::memcmp(cells.data(), back.data(), n * sizeof(float)));
-
-  point* q = nullptr;
-  point* none = &p;
-  std::vector<std::string>* w = nullptr;
-  char* text = nullptr;
-  char c = 0;
-  long long big = 0;
-  shade s = shade::dark;
-  bool flag = false;
-  in >> q >> none >> w >> text >> c >> big >> s >> flag;
-  std::unique_ptr<point> own_q(q);
-  std::unique_ptr<std::vector<std::string>> own_w(w);
-  std::unique_ptr<char[]> own_text(text);
-  EXPECT_TRUE(in.good());
-  ASSERT_NE(nullptr, q);
-  EXPECT_EQ(p.id, q->id);
-  EXPECT_EQ(bits(p.x), bits(q->x));
-  EXPECT_EQ(p.label, q->label);
-  EXPECT_EQ(p.trail, q->trail);
-  EXPECT_EQ(nullptr, none);
-  ASSERT_NE(nullptr, w);
-  EXPECT_EQ(words, *w);
-  EXPECT_STREQ("text", text);
-  EXPECT_EQ('q', c);
-  EXPECT_EQ(123456789012LL, big);
-  EXPECT_EQ(shade::light, s);
-  EXPECT_TRUE(flag);
-
-  int more = 5;
-  in >> more;
-  EXPECT_FALSE(in.good());
-  EXPECT_EQ(5, more);
-}
-
-TEST(BinStream, PlainRoundTripThroughTheBuffer) {
-  scratch_dir dir;
   std::vector<std::int64_t> codes(50000);
   for (size_t i = 0; i < codes.size(); ++i)
     codes[i] = static_cast<std::int64_t>(i * i) - 7;
-  {
-    obinstream out(dir.file("p.bin"), false, 0);
-    for (int i = 0; i < 1000; ++i)
-      out << i << std::to_string(i);
-    out << codes;
+  for (bool compressed : {true, false}) {
+    SCOPED_TRACE(compressed ? "compressed" : "plain");
+    {
+      obinstream out(name, compressed, 1);
+      for (float f : fvals)
+        out << f;
+      out << static_cast<std::uint64_t>(cells.size());
+      out.write_array(cells.data(), cells.size());
+      for (int i = 0; i < 1000; ++i)  // many small items across the buffer's edges
+        out << i << std::to_string(i);
+      out << codes << &p << static_cast<point*>(nullptr) << &words << "text" << 'q'
+          << 123456789012LL << shade::light << true;
+      EXPECT_TRUE(out.good());
+    }
+    EXPECT_EQ(compressed, hex(scratch_dir::read(name).substr(0, 2)) == "1F 8B");
+
+    ibinstream in(name, compressed);
+    for (float f : fvals) {
+      float g = 7;
+      in >> g;
+      EXPECT_EQ(bits(f), bits(g));
+    }
+    std::uint64_t n = 0;
+    in >> n;
+    ASSERT_EQ(cells.size(), n);
+    std::vector<float> back(n);
+    in.read_array(back.data(), n);
+    EXPECT_EQ(0, std::memcmp(cells.data(), back.data(), n * sizeof(float)));
+    bool same = true;
+    for (int i = 0; i < 1000; ++i) {
+      int k = -1;
+      std::string s;
+      in >> k >> s;
+      same = same && k == i && s == std::to_string(i);
+    }
+    EXPECT_TRUE(same);
+    std::vector<std::int64_t> codes_back;
+    in >> codes_back;
+    EXPECT_EQ(codes, codes_back);
+
+    point* q = nullptr;
+    point* none = &p;
+    std::vector<std::string>* w = nullptr;
+    char* text = nullptr;
+    char c = 0;
+    long long big = 0;
+    shade s = shade::dark;
+    bool flag = false;
+    in >> q >> none >> w >> text >> c >> big >> s >> flag;
+    std::unique_ptr<point> own_q(q);
+    std::unique_ptr<std::vector<std::string>> own_w(w);
+    std::unique_ptr<char[]> own_text(text);
+    EXPECT_TRUE(in.good());
+    ASSERT_NE(nullptr, q);
+    EXPECT_EQ(p.id, q->id);
+    EXPECT_EQ(bits(p.x), bits(q->x));
+    EXPECT_EQ(p.label, q->label);
+    EXPECT_EQ(p.trail, q->trail);
+    EXPECT_EQ(nullptr, none);
+    ASSERT_NE(nullptr, w);
+    EXPECT_EQ(words, *w);
+    EXPECT_STREQ("text", text);
+    EXPECT_EQ('q', c);
+    EXPECT_EQ(123456789012LL, big);
+    EXPECT_EQ(shade::light, s);
+    EXPECT_TRUE(flag);
+
+    int more = 5;
+    in >> more;
+    EXPECT_FALSE(in.good());
+    EXPECT_EQ(5, more);
   }
-  ibinstream in(dir.file("p.bin"), false);
-  bool same = true;
-  for (int i = 0; i < 1000; ++i) {
-    int k = -1;
-    std::string s;
-    in >> k >> s;
-    same = same && k == i && s == std::to_string(i);
-  }
-  EXPECT_TRUE(same);
-  std::vector<std::int64_t> back;
-  in >> back;
-  EXPECT_EQ(codes, back);
-  EXPECT_TRUE(in.good());
 }
 
 TEST(BinStream, ShortAndForeignInputIsFlaggedNotFatal) {
   scratch_dir dir;
+  // Reads one T from a plain file of the given bytes; returns whether the stream stayed good.
+  auto good_after = [&dir](std::string const& bytes, auto& value) {
+    ibinstream in(dir.write("f", bytes), false);
+    in >> value;
+    return static_cast<bool>(in);
+  };
   // A string claiming 2^40 bytes, a vector claiming 2^40 elements, then the file ends.
   std::string lie("\x01\x00\x00\x00\x00\x00\x01\x00\x00xy", 11);
-  {
-    ibinstream in(dir.write("s", lie), false);
-    std::string s = "old";
-    in >> s;
-    EXPECT_FALSE(in.good());
-  }
-  {
-    ibinstream in(dir.write("c", lie), false);
-    char* s = nullptr;
-    in >> s;
-    EXPECT_FALSE(in.good());
-    EXPECT_EQ(nullptr, s);
-  }
-  {
-    // A believable 1 GiB length over a 2-byte body costs no gigabyte.
-    ibinstream in(dir.write("g", std::string("\x01\x00\x00\x00\x40\x00\x00\x00\x00xy", 11)), false);
-    char* s = nullptr;
-    in >> s;
-    std::unique_ptr<char[]> own(s);
-    EXPECT_FALSE(in.good());
-    EXPECT_STREQ("xy", s);
-  }
-  {
-    ibinstream in(dir.write("v", lie.substr(1)), false);
-    std::vector<std::string> v;
-    in >> v;
-    EXPECT_FALSE(in.good());
-    EXPECT_LE(v.size(), 1u);
-  }
-  {
-    std::string body(
-        "\x01\x05\x00\x00\x00\x00\x00\x00\x00"
-        "abc",
-        12);  // 5 promised, 3 given
-    ibinstream in(dir.write("t", body), false);
-    char* s = nullptr;
-    in >> s;
-    std::unique_ptr<char[]> own(s);
-    EXPECT_FALSE(in.good());
-    ASSERT_NE(nullptr, s);
-    EXPECT_STREQ("abc", s);
-  }
-  {
-    ibinstream in(dir.write("f", std::string("\x07", 1)), false);  // not a presence byte
-    point* p = nullptr;
-    in >> p;
-    EXPECT_EQ(nullptr, p);
-    EXPECT_FALSE(static_cast<bool>(in));
-  }
-  {
-    ibinstream in(dir.write("i", std::string("\x01\x02", 2)), false);
-    std::vector<int> v;
-    in >> v;
-    EXPECT_FALSE(in.good());
-  }
+  std::string s = "old";
+  EXPECT_FALSE(good_after(lie, s));
+  char* text = nullptr;
+  EXPECT_FALSE(good_after(lie, text));
+  EXPECT_EQ(nullptr, text);
+  std::vector<std::string> v;
+  EXPECT_FALSE(good_after(lie.substr(1), v));
+  EXPECT_LE(v.size(), 1u);
+  // A believable 1 GiB length over a 2-byte body costs no gigabyte.
+  EXPECT_FALSE(good_after(std::string("\x01\x00\x00\x00\x40\x00\x00\x00\x00xy", 11), text));
+  std::unique_ptr<char[]> own(text);
+  EXPECT_STREQ("xy", text);
+  // 5 characters promised, 3 given.
+  EXPECT_FALSE(good_after(std::string("\x01\x05\x00\x00\x00\x00\x00\x00\x00"
+                                      "abc",
+                                      12),
+                          text));
+  own.reset(text);
+  EXPECT_STREQ("abc", text);
+  point* p = nullptr;
+  EXPECT_FALSE(good_after(std::string("\x07", 1), p));  // not a presence byte
+  EXPECT_EQ(nullptr, p);
+  std::vector<int> ints;
+  EXPECT_FALSE(good_after(std::string("\x01\x02", 2), ints));
 }
 
 TEST(BinStream, OpenFailures) {

@@ -1,4 +1,5 @@
-// A fresh directory under /tmp for one test, removed with everything in it afterwards.
+// A fresh directory under /tmp for one test, removed with everything in it afterwards, and the
+// message of a runtime error.
 #ifndef TESTS_ZEL_INPOUT_SCRATCH_DIR_H
 #define TESTS_ZEL_INPOUT_SCRATCH_DIR_H
 
@@ -40,5 +41,16 @@ class scratch_dir {
  private:
   std::string path_;
 };
+
+// The message of the runtime error that f throws, or "" when it throws none.
+template <class F>
+std::string error_of(F&& f) {
+  try {
+    f();
+  } catch (std::runtime_error const& e) {
+    return e.what();
+  }
+  return "";
+}
 
 #endif

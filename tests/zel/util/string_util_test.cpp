@@ -4,6 +4,9 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+
+#include "tests/zel/inpout/scratch_dir.h"
 
 using zel::util::string_util;
 
@@ -12,24 +15,17 @@ namespace {
 // The message of the runtime error that str2int throws, or "" when it succeeds.
 template <class T>
 std::string str2int_error(const char* s, T& out) {
-  try {
-    string_util::str2int(s, out);
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
+  return error_of([&] { string_util::str2int(s, out); });
 }
 
 TEST(Str2Int, UnsignedAcceptsLeadingBlanksSignAndFullRange) {
-  unsigned long v = 7;
-  string_util::str2int("  42", v);
-  EXPECT_EQ(v, 42UL);
-  string_util::str2int("+17", v);
-  EXPECT_EQ(v, 17UL);
-  string_util::str2int("18446744073709551615", v);
-  EXPECT_EQ(v, 18446744073709551615UL);
-  string_util::str2int("+", v);  // a lone sign reads as 0
-  EXPECT_EQ(v, 0UL);
+  std::pair<char const*, unsigned long> const accepted[] = {
+      {"  42", 42}, {"+17", 17}, {"18446744073709551615", 18446744073709551615UL}, {"+", 0}};
+  for (auto const& [text, want] : accepted) {  // a lone sign reads as 0
+    unsigned long v = 7;
+    string_util::str2int(text, v);
+    EXPECT_EQ(v, want) << text;
+  }
 }
 
 TEST(Str2Int, UnsignedRejectsWithItsMessagesAndKeepsOutput) {

@@ -33,11 +33,9 @@ TEST(Tokenizer, EmptyFieldsAndTrailingDelimiter) {
   EXPECT_EQ(strings({"a,b\tc", ""}), fields("a,b\tc", '\0', 2));
 }
 
-TEST(Tokenizer, DefaultsToTabAndNoString) {
+TEST(Tokenizer, RestAtEndAndNoString) {
   tokenizer t;
-  EXPECT_EQ('\t', t.get_delim());
   EXPECT_STREQ("", t.next());
-  EXPECT_STREQ("", tokenizer::EMPTY);
   t.reset("p\tq", '\t');
   EXPECT_STREQ("p", t.next());
   EXPECT_STREQ("q", t.rest());
@@ -46,6 +44,7 @@ TEST(Tokenizer, DefaultsToTabAndNoString) {
   EXPECT_TRUE(t.at_end());
   t.reset(nullptr, ',');
   EXPECT_EQ(tokenizer::EMPTY, t.get_string());
+  EXPECT_STREQ("", tokenizer::EMPTY);
 }
 
 TEST(Tokenizer, FieldsOfEveryLengthIncludingLongOnes) {

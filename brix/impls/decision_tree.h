@@ -32,10 +32,15 @@ class xlogx_table;
 
 // Options handed unchanged to the split measures: when flag is set, the
 // penalty of continuous cuts is divided by the number of cases instead of
-// their weight. logs is the growing's table of x·log2(x) (may be null).
+// their weight. The other fields are set by the grower for one build: logs is
+// its table of x·log2(x) (may be null); any_order says that every weight sum
+// is exact whatever the order of the cases (whole weights, no unknown values
+// to share out), so nodes below the root may keep their cases in row order,
+// which reads the columns far faster, and searches sort copies.
 struct options {
   bool flag = false;
   xlogx_table const* logs = nullptr;
+  bool any_order = false;
 };
 
 class _decision_node {
@@ -77,7 +82,7 @@ class _decision_node {
   void set_as_leaf();
   // Distributes the cases to every branch of the split at once.
   void distribute(table* t, std::vector<w_sequence*>& children, std::vector<float>& shares,
-                  std::vector<order_range>& ranges) const;
+                  std::vector<order_range>& ranges, options const* opts) const;
 
   node_status get_node_status() const { return status_; }
   void set_node_status(node_status s) { status_ = s; }

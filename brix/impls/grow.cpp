@@ -147,12 +147,17 @@ void _decision_node::activate_with(table* t, w_sequence* cases, float known_frac
 }
 
 void _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
-                                std::vector<float>& shares,
-                                std::vector<order_range>& ranges) const {
+                                std::vector<float>& shares, std::vector<order_range>& ranges,
+                                options const* opts) const {
   w_sequence const* c = all_cases_;
   t->get_attribute(leaf_or_att_)
       ->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
                       ranges);
+  // The root sorted its own cases; its children start the row order again.
+  if (opts != nullptr && opts->any_order && father_ == nullptr) {
+    for (w_sequence* child : children)
+      sort_by_row(*child);
+  }
 }
 
 void _decision_node::compute_statistics(table* t) {
@@ -205,8 +210,11 @@ int _decision_node::split(table* t, int split_type, float min_obj, options const
 int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options const* opts) {
   if (split_pre(t, use_ratio ? 1 : 0, min_obj)) return status_;
   unsigned long n = t->get_no_attributes();
+  // Below the root, when the order of cases cannot change a sum, searches
+  // sort copies and the node keeps its row order.
+  bool copy = opts != nullptr && opts->any_order && father_ != nullptr;
   for (unsigned long a = 0; a < n; ++a)
-    split_att(t, min_obj, opts, a, false);
+    split_att(t, min_obj, opts, a, copy);
   return split_post(t);
 }
 
@@ -355,7 +363,7 @@ void _decision_tree::build_breadth(table* t, int split_type, float min_obj, opti
     _decision_node* node = tree->get_node();
     int status = node->split(t, split_type, min_obj, opts);
     if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1) {
-      node->distribute(t, parts, shares, ranges);
+      node->distribute(t, parts, shares, ranges, opts);
       for (std::size_t i = 0; i < parts.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* sub = new _decision_tree();

@@ -134,6 +134,10 @@ class _ff_worker : public farm::node {
 
  private:
   void evaluate_attribute(_decision_node* n, ff_task* k) {
+    if (k->chain == nullptr) {
+      n->split_att(table_, min_obj_, opts_, k->attribute, true);
+      return;
+    }
     std::shared_ptr<w_sequence> in = k->chain->take(k->position);
     order_range const& range = (*n->get_att_ranges())[k->attribute];
     if (table_->get_attribute(k->attribute)->sorts_cases(in->size(), range)) {
@@ -159,9 +163,10 @@ class _ff_worker : public farm::node {
 
 class _ff_emitter : public farm::node {
  public:
-  _ff_emitter(_decision_tree* tree, table* t, int split_type, float min_obj, int nworkers,
-              ff_balancer* lb, chain_signal* signal)
+  _ff_emitter(_decision_tree* tree, table* t, int split_type, float min_obj, options const* opts,
+              int nworkers, ff_balancer* lb, chain_signal* signal)
       : signal_(signal),
+        opts_(opts),
         tree_(tree),
         table_(t),
         split_type_(split_type),
@@ -199,8 +204,10 @@ class _ff_emitter : public farm::node {
       unsigned long sent = c.sent;
       // The node keeps the order its last sort left, as in sequential growing.
       _decision_node* node = k->subtree->get_node();
-      std::shared_ptr<w_sequence> const& last = c.chain->final_order();
-      if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
+      if (c.chain) {
+        std::shared_ptr<w_sequence> const& last = c.chain->final_order();
+        if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
+      }
       counters_.erase(k->subtree);
       node->split_post(table_);
       return expand(k->subtree, sent, k);
@@ -230,7 +237,7 @@ class _ff_emitter : public farm::node {
     _decision_node* node = sub->get_node();
     std::vector<_decision_tree*> kids;
     if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1) {
-      node->distribute(table_, parts_, shares_, ranges_);
+      node->distribute(table_, parts_, shares_, ranges_, opts_);
       for (std::size_t i = 0; i < parts_.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* ct = new _decision_tree();
@@ -278,7 +285,11 @@ class _ff_emitter : public farm::node {
     if (worth.empty()) return 0;
     counters& c = counters_[sub];
     c.sent = c.outstanding = worth.size();
-    c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
+    // Orders matter only where sums depend on them, and at the root, whose
+    // final order is kept with the model.
+    if (!(opts_ != nullptr && opts_->any_order && sub != tree_)) {
+      c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
+    }
     for (std::size_t p = 0; p < worth.size(); ++p) {
       send(sub, ATTRIBUTE_TASK, worth[p], node->get_cases_count(), reuse, c.chain.get(), p);
       reuse = nullptr;
@@ -318,6 +329,7 @@ class _ff_emitter : public farm::node {
   void release(ff_task* k) { free_.push_back(k); }
 
   chain_signal* signal_;
+  options const* opts_;
   _decision_tree* tree_;
   table* table_;
   int split_type_;
@@ -347,7 +359,7 @@ void _decision_tree::build_ff(table* t, int split_type, float min_obj, options c
     workers.emplace_back(new _ff_worker(t, split_type, min_obj, opts, &signal));
     nodes.push_back(workers.back().get());
   }
-  _ff_emitter emitter(this, t, split_type, min_obj, nworkers, &lb, &signal);
+  _ff_emitter emitter(this, t, split_type, min_obj, opts, nworkers, &lb, &signal);
   if (f.add_emitter(&emitter) < 0 || f.wrap_around() < 0) {
     throw std::runtime_error("error running farm");
   }

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "zel/adt/radix_sort.h"
+
 namespace brix {
 namespace impls {
 
@@ -55,6 +57,17 @@ class w_sequence {
  private:
   std::vector<w_case> cases_;
 };
+
+// Puts the cases in ascending row order (rows are distinct in a node).
+inline void sort_by_row(w_sequence& s) {
+  std::uint32_t top = 0;
+  for (w_case const& c : s)
+    top |= c.first;
+  unsigned bytes = 1;
+  while (bytes < 4 && (top >> (8 * bytes)) != 0)
+    ++bytes;
+  zel::adt::lsd_radix(s.cases(), bytes, [](w_case const& c) { return c.first; });
+}
 
 }  // namespace impls
 }  // namespace brix

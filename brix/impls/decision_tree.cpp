@@ -142,7 +142,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
       all.reset(t->get_wsubset_all());
       seq = all.get();
     }
-    training_.reset(root_->predict(t, seq));
+    training_.reset(root_->predict(t, seq, workers));
   } else if (!training_) {
     training_.reset(new conf_matrix(t));
   }

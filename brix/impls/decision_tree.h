@@ -171,7 +171,8 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   // Adds the weighted class distribution that a case reaches to dist.
   void predict(std::vector<std::string> const& values, std::vector<float>& dist, table* meta,
                float weight) const;
-  conf_matrix* predict(table* t, w_sequence const* cases) const;
+  // The confusion matrix of a table's cases, classified on up to threads threads.
+  conf_matrix* predict(table* t, w_sequence const* cases, int threads = 1) const;
 
   void toTEXT(table* meta, std::ostream& out, unsigned long level) const;
   // One Node element of the XML model with its subtree.

@@ -254,11 +254,12 @@ class _ff_emitter : public farm::node {
     for (_decision_tree* ct : kids) {
       _decision_node* child = ct->get_node();
       unsigned long c = child->get_cases_count();
-      if (limit > c * c) {
+      if (child->split_pre(table_, split_type_, min_obj_)) {
+        // Already a leaf: no worker needs to see it.
+        child->disactivate();
+      } else if (limit > c * c) {
         send(ct, NODE_TASK, 0, c, reuse);
         reuse = nullptr;
-      } else if (child->split_pre(table_, split_type_, min_obj_)) {
-        child->disactivate();
       } else {
         unsigned long sent = send_attribute_tasks(ct, reuse);
         if (sent > 0) {

@@ -1,9 +1,12 @@
 // Prediction: a case descends from the root; where its value of a split
 // attribute is unknown it follows every branch with its weight shared by the
 // branches' training weights. Confusion matrices and score output.
+#include <cstdint>
 #include <cstdlib>
+#include <exception>
 #include <ostream>
 #include <stdexcept>
+#include <thread>
 
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
@@ -153,6 +156,9 @@ class compiled_tree {
   std::vector<entry> entries_;
 };
 
+// Fewer cases than this are not worth a thread.
+constexpr std::size_t kParallelPredictCases = 50000;
+
 // The first class holding the strictly largest weight.
 unsigned long best_class(std::vector<float> const& dist) {
   unsigned long best = 0;
@@ -179,22 +185,54 @@ void _decision_tree::predict(std::vector<std::string> const& values, std::vector
   compiled_tree(this, meta).descend(0, weight, dist, text_branch{values});
 }
 
-conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases) const {
+conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases, int threads) const {
   zel::util::cronos timer;
   timer.start();
   std::unique_ptr<conf_matrix> m(new conf_matrix(t));
   compiled_tree tree(this, t);
   column const* cls = t->get_class();
-  std::vector<float> dist(cls->get_distinct() + 1);
-  for (w_case const& c : *cases) {
-    unsigned long row = c.first;
-    std::fill(dist.begin(), dist.end(), 0.0f);
-    tree.descend(0, c.second, dist, [&](compiled_tree::entry const& e) -> long {
-      unsigned long order = e.col->get_row_index(row);
-      if (e.test) return e.test->side_of_order(order);
-      return static_cast<long>(order) - 1;
+  std::size_t n = cases->size();
+  // Cases are classified in parallel chunks; the matrix is then filled in
+  // case order, so that its sums do not depend on the thread count.
+  std::vector<std::uint32_t> predicted(n);
+  auto classify = [&](std::size_t from, std::size_t to) {
+    std::vector<float> dist(cls->get_distinct() + 1);
+    for (std::size_t i = from; i < to; ++i) {
+      unsigned long row = (*cases)[i].first;
+      std::fill(dist.begin(), dist.end(), 0.0f);
+      tree.descend(0, (*cases)[i].second, dist, [&](compiled_tree::entry const& e) -> long {
+        unsigned long order = e.col->get_row_index(row);
+        if (e.test) return e.test->side_of_order(order);
+        return static_cast<long>(order) - 1;
+      });
+      predicted[i] = static_cast<std::uint32_t>(best_class(dist));
+    }
+  };
+  std::size_t parts =
+      threads > 1 && n >= kParallelPredictCases ? static_cast<std::size_t>(threads) : 1;
+  std::vector<std::thread> pool;
+  std::vector<std::exception_ptr> errors(parts);
+  for (std::size_t p = 1; p < parts; ++p) {
+    pool.emplace_back([&, p] {
+      try {
+        classify(n * p / parts, n * (p + 1) / parts);
+      } catch (...) {
+        errors[p] = std::current_exception();
+      }
     });
-    m->add(best_class(dist), cls->get_row_index(row), c.second);
+  }
+  try {
+    classify(0, n / parts);
+  } catch (...) {
+    errors[0] = std::current_exception();
+  }
+  for (std::thread& th : pool)
+    th.join();
+  for (std::exception_ptr const& e : errors) {
+    if (e) std::rethrow_exception(e);
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    m->add(predicted[i], cls->get_row_index((*cases)[i].first), (*cases)[i].second);
   }
   timer.stop();
   m->set_elapsed(timer.get_elapsed());

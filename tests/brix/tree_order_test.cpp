@@ -64,6 +64,20 @@ TEST(TreeOrder, RowOrderBelowTheRootGrowsTheSameTree) {
   }
 }
 
+TEST(TreeOrder, MoreWorkersThanTheFarmTakesAreRefused) {
+  table_files files;
+  auto t = files.loaded("a,integer,continuous\nk,string,class\n", "1,p\n2,p\n3,n\n4,n\n5,p\n6,n\n");
+  decision_tree d("d");
+  try {
+    d.build_pruned(t.get(), nullptr, true, 65);
+    ADD_FAILURE() << "65 workers accepted";
+  } catch (std::runtime_error const& e) {
+    EXPECT_STREQ(e.what(), "FARM, try to add too many workers, please increase max_nworkers");
+  }
+  d.build_pruned(t.get(), nullptr, true, 64);
+  EXPECT_GE(d.size(), 1u);
+}
+
 }  // namespace
 }  // namespace impls
 }  // namespace brix

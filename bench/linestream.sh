@@ -5,6 +5,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+source "$root/bench/helpers.bash"
 brixcmd=${1:-$root/build/brixcmd}
 build=$(cd "$(dirname "$brixcmd")" && pwd)
 prog=$build/bench/linestream_bench
@@ -62,30 +63,36 @@ row() {  # label, input, seconds
     "$(awk -v b="$bytes" -v s="$3" 'BEGIN { printf "%.0f", b / s / 1e6 }')"
 }
 
+lines_plain=$(best_of_3 "$prog" --lines "$plain")
+wc_plain=$(best_of_3 wc -l "$plain")
+lines_gz=$(best_of_3 "$prog" --lines "$gz")
+wc_gz=$(best_of_3 zcat_wc "$gz")
 table=$(
   echo "| Reader | Input | Seconds (best of 3) | MB/s of text |"
   echo "|---|---|---:|---:|"
   row "stream, lines and fields" "plain" "$(best_of_3 "$prog" "$plain")"
-  row "stream, lines only" "plain" "$(best_of_3 "$prog" --lines "$plain")"
-  row "wc -l" "plain" "$(best_of_3 wc -l "$plain")"
+  row "stream, lines only" "plain" "$lines_plain"
+  row "wc -l" "plain" "$wc_plain"
   row "stream, lines and fields" "gzip" "$(best_of_3 "$prog" "$gz")"
-  row "stream, lines only" "gzip" "$(best_of_3 "$prog" --lines "$gz")"
-  row "zcat \\| wc -l" "gzip" "$(best_of_3 zcat_wc "$gz")"
+  row "stream, lines only" "gzip" "$lines_gz"
+  row "zcat \\| wc -l" "gzip" "$wc_gz"
 )
+# verdict OURS THEIRS WHAT: the target is a stream not slower than the reference tool.
+verdict() {
+  awk -v a="$1" -v b="$2" -v w="$3" 'BEGIN {
+    printf "- lines only against %s: %.2f x its time, target <= 1: %s\n", w, a / b,
+      (a <= b ? "met" : "MISSED") }'
+}
 
-cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')
-commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo unknown)
-if [ -n "$(git -C "$root" status --porcelain 2>/dev/null)" ]; then commit="$commit (uncommitted changes)"; fi
 section=$(
-  echo "## Line stream, $(date '+%Y-%m-%d %H:%M'), $cpu, $(nproc) cores, commit $commit"
+  section_header "$root" "Line stream"
   echo
   echo "$(basename "$plain"): $lines lines, $bytes bytes ($gz_bytes gzip-compressed)."
   echo "Wall time of the whole command; the stream splits every field unless \"lines only\"."
   echo
   echo "$table"
+  echo
+  verdict "$lines_plain" "$wc_plain" "wc -l"
+  verdict "$lines_gz" "$wc_gz" "zcat | wc -l"
 )
-
-echo "$section"
-results=$root/bench/RESULTS.md
-[ -f "$results" ] || printf '# Benchmark results\n\nSections are appended by bench/run.sh, newest last.\n' >"$results"
-printf '\n%s\n' "$section" >>"$results"
+append_results "$root" "$section"

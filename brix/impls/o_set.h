@@ -8,12 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace zel {
-namespace inpout {
-class obinstream;
-class ibinstream;
-}  // namespace inpout
-}  // namespace zel
+#include "zel/inpout/fwd.h"
 
 namespace brix {
 namespace impls {

@@ -8,14 +8,7 @@
 
 #include "brix/impls/column.h"
 #include "brix/impls/w_sequence.h"
-
-namespace zel {
-namespace inpout {
-class stream;
-class obinstream;
-class ibinstream;
-}  // namespace inpout
-}  // namespace zel
+#include "zel/inpout/fwd.h"
 
 namespace brix {
 namespace impls {

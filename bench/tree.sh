@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Trees on every shared dataset: size, depth, errors, the log's stage times, the separate
 # grow / prune / predict times of bench/tree_stages and the peak memory; tree size and test
-# error with the full pruning strategy (-c4.5) up to 100,000 rows; and the whole default run on
-# the 1,000,000-row dataset against its targets (wall <= 2.5 s, peak RSS <= 130 MB).
+# error with the other two pruning strategies (-c4.5, -np), which also score a file; and the
+# whole default run on the 1,000,000-row dataset against its targets (wall <= 2.5 s, peak RSS
+# <= 130 MB).
 # Prints a markdown section and appends it to bench/RESULTS.md.
 # Usage: bash bench/tree.sh path/to/brixcmd   (the bench programs sit beside it)
 set -euo pipefail
@@ -19,7 +20,7 @@ out=$work/tree_out.txt
 sec() { fmt %.4f "$1"; }
 pct() { fmt %.2f%% "$1"; }
 
-rows_table= c45_table=
+rows_table= strategy_table=
 while read -r -u 3 name stem test; do
   test_args=()
   [ -z "$test" ] || test_args=(-ft "$test")
@@ -39,12 +40,21 @@ while read -r -u 3 name stem test; do
     "$(sec "$(field tested "$b")")" "$(sec "$(field grow "$s")")" \
     "$(sec "$(field prune "$s")")" "$(sec "$(field train "$s")")" \
     "$(sec "$(field test "$s")")" "$(field peak_mb "$b")")
-  if [ "$rows" -le 100000 ]; then
-    c=$(brix_run "$out" "$brixcmd" -f "$stem" "${test_args[@]}" -c4.5)
-    c45_table+=$(printf '\n| %s | %s | %s | %s | %s |' "$name" "$(field size "$b")" \
-      "$(field size "$c")" "$(pct "$(field test_error "$b")")" \
-      "$(pct "$(field test_error "$c")")")
-  fi
+  # The other two pruning strategies, each also scoring its test (or training) file.
+  scored=${test:-$stem.data}
+  strategy_row="| $name | $(field size "$b")"
+  errors="$(pct "$(field test_error "$b")")"
+  for strategy in -c4.5 -np; do
+    c=$(brix_run "$out" "$brixcmd" -f "$stem" "${test_args[@]}" "$strategy" \
+      -fs "$scored" -s "$work/scores.txt")
+    if [ "$(wc -l <"$work/scores.txt")" -ne "$(wc -l <"$scored")" ]; then
+      echo "tree.sh: $name $strategy: the score file lacks rows" >&2
+      exit 1
+    fi
+    strategy_row+=" | $(field size "$c")"
+    errors+=" | $(pct "$(field test_error "$c")")"
+  done
+  strategy_table+=$'\n'"$strategy_row | $errors |"
 done 3< <(bench_datasets "$root")
 
 # The whole default run on the largest dataset, without outputs, from the plain and the gzip
@@ -83,11 +93,12 @@ section=$(
   echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
   echo "${rows_table#$'\n'}"
   echo
-  echo "Full pruning strategy with subtree raising (\`-c4.5\`), datasets up to 100,000 rows:"
+  echo "The three pruning strategies: default, full with subtree raising (\`-c4.5\`) and none"
+  echo "(\`-np\`); the last two runs also score their test file (\`-fs\`, \`-s\`), one line a row."
   echo
-  echo "| Dataset | Tree size, default | Tree size, -c4.5 | Test error, default | Test error, -c4.5 |"
-  echo "|---|---:|---:|---:|---:|"
-  echo "${c45_table#$'\n'}"
+  echo "| Dataset | Tree size, default | -c4.5 | -np | Test error, default | -c4.5 | -np |"
+  echo "|---|---:|---:|---:|---:|---:|---:|"
+  echo "${strategy_table#$'\n'}"
   if [ -n "$big_table" ]; then
     echo
     echo "$big, whole run \`brixcmd ... -ft $big.test\` (load, grow, prune, evaluation on the"

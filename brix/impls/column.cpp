@@ -304,11 +304,7 @@ w_sequence* column::partition(w_case const* begin, w_case const* end, unsigned l
 
 column* column_bool::clone(bool empty) const {
   auto* c = new column_bool(type_, name_, values_->clone());
-  if (!empty) {
-    c->bits_.reserve(bits_.size());
-    for (unsigned long i = 0; i < bits_.size(); ++i)
-      c->bits_.push_back(bits_.get(i));
-  }
+  if (!empty) c->bits_ = bits_;
   return c;
 }
 
@@ -358,17 +354,7 @@ void column_filler::adopt(std::vector<T>& rows) {
       std::decay_t<decltype(ids)>().swap(ids);
     }
   };
-  switch (ids_.width()) {
-    case 1:
-      take(ids_.u8());
-      break;
-    case 2:
-      take(ids_.u16());
-      break;
-    default:
-      take(ids_.u32());
-      break;
-  }
+  ids_.visit(take);
   rows_ = &rows;
 }
 

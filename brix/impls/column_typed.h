@@ -43,6 +43,22 @@ class id_buffer {
   std::vector<std::uint16_t>& u16() { return u16_; }
   std::vector<std::uint32_t>& u32() { return u32_; }
 
+  // Calls f with the vector of the current width.
+  template <class F>
+  void visit(F&& f) {
+    switch (width_) {
+      case 1:
+        f(u8_);
+        break;
+      case 2:
+        f(u16_);
+        break;
+      default:
+        f(u32_);
+        break;
+    }
+  }
+
  private:
   void widen(std::uint32_t id) {
     if (width_ == 1) {

@@ -341,17 +341,7 @@ class raw_loader : public value_loader {
           raw_.push_back(id == 0 ? 0 : to_raw(set_->pending_[id - 1]));
         }
       };
-      switch (ids_.width()) {
-        case 1:
-          convert(ids_.u8());
-          break;
-        case 2:
-          convert(ids_.u16());
-          break;
-        default:
-          convert(ids_.u32());
-          break;
-      }
+      ids_.visit(convert);
       ids_ = id_buffer();
     } else {
       // Only the distinct values matter for a column that stores no rows.

@@ -310,7 +310,10 @@ double decision_tree::evaluate(zel::inpout::stream* source, std::ostream& out, c
   timer.start();
   if (!root_) throw std::runtime_error("Found a null node");
   compiled_tree tree(root_.get(), meta_.get());
-  column const* cls = meta_->get_class();
+  // Class texts made once, not per scored row.
+  std::vector<std::string> class_names;
+  for (unsigned long c = 0; c <= get_n_classes(); ++c)
+    class_names.push_back(get_class_value(c));
   std::vector<std::string> row;
   std::vector<float> dist(get_n_classes() + 1);
   unsigned long r = 0;
@@ -328,8 +331,7 @@ double decision_tree::evaluate(zel::inpout::stream* source, std::ostream& out, c
       std::fill(dist.begin(), dist.end(), 0.0f);
       tree.descend(0, 1.0f, dist, text_branch{row});
       unsigned long c = best_class(dist);
-      out << source->get_line() << separator << cls->get_o_set()->get_value(c) << separator
-          << dist[c] << '\n';
+      out << source->get_line() << separator << class_names[c] << separator << dist[c] << '\n';
     }
   } catch (std::runtime_error const& e) {
     throw std::runtime_error(std::string("Reading score data: ") + e.what());

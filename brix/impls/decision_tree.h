@@ -73,9 +73,10 @@ class _decision_node {
   int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
   void set_as_leaf();
-  // Distributes the cases to every branch of the split at once.
-  void distribute(table* t, std::vector<w_sequence*>& children, std::vector<float>& shares,
-                  std::vector<order_range>& ranges, options const* opts) const;
+  // Distributes the cases to every branch of the split at once. Returns false, and turns the
+  // node into a leaf, when no threshold can separate its cases.
+  bool distribute(table* t, std::vector<w_sequence*>& children, std::vector<float>& shares,
+                  std::vector<order_range>& ranges, options const* opts);
 
   node_status get_node_status() const { return status_; }
   void set_node_status(node_status s) { status_ = s; }
@@ -120,6 +121,8 @@ class _decision_node {
 
  private:
   void reset_partition() { partition_ = column::partition_desc(); }
+  bool holds_all(std::vector<w_sequence*> const& children) const;
+  static void drop(std::vector<w_sequence*>& children);
 
   node_status status_ = UNDEFINED_NODE;
   bool activated_ = false;

@@ -146,18 +146,46 @@ void _decision_node::activate_with(table* t, w_sequence* cases, float known_frac
   activated_ = true;
 }
 
-void _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
+bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
                                 std::vector<float>& shares, std::vector<order_range>& ranges,
-                                options const* opts) const {
+                                options const* opts) {
   w_sequence const* c = all_cases_;
-  t->get_attribute(leaf_or_att_)
-      ->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
-                      ranges);
+  column const* att = t->get_attribute(leaf_or_att_);
+  att->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
+                     ranges);
+  if (holds_all(children) && att->is_continuous()) {
+    // Deliberate: the midpoint of two neighbouring values, rounded to the column's type, can be
+    // the higher value itself (always so next to an infinity); the cut then separates nothing.
+    // Only there is the lower value taken as the threshold, so no tree that ends changes.
+    drop(children);
+    partition_.threshold = att->get_o_set()->get_value(split_descs_[leaf_or_att_].low);
+    att->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children,
+                       shares, ranges);
+  }
+  if (holds_all(children)) {
+    // A child equal to its father would be split the same way for ever.
+    drop(children);
+    set_as_leaf();
+    return false;
+  }
   // The root sorted its own cases; its children start the row order again.
   if (opts != nullptr && opts->any_order && father_ == nullptr) {
     for (w_sequence* child : children)
       sort_by_row(*child);
   }
+  return true;
+}
+
+bool _decision_node::holds_all(std::vector<w_sequence*> const& children) const {
+  for (w_sequence const* child : children)
+    if (child->size() == all_cases_->size()) return true;
+  return false;
+}
+
+void _decision_node::drop(std::vector<w_sequence*>& children) {
+  for (w_sequence* child : children)
+    delete child;
+  children.clear();
 }
 
 void _decision_node::compute_statistics(table* t) {
@@ -362,8 +390,8 @@ void _decision_tree::build_breadth(table* t, int split_type, float min_obj, opti
     queue.pop_front();
     _decision_node* node = tree->get_node();
     int status = node->split(t, split_type, min_obj, opts);
-    if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1) {
-      node->distribute(t, parts, shares, ranges, opts);
+    if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1 &&
+        node->distribute(t, parts, shares, ranges, opts)) {
       for (std::size_t i = 0; i < parts.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* sub = new _decision_tree();

@@ -236,8 +236,8 @@ class _ff_emitter : public farm::node {
   void* expand(_decision_tree* sub, unsigned long attribute_tasks, ff_task* reuse) {
     _decision_node* node = sub->get_node();
     std::vector<_decision_tree*> kids;
-    if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1) {
-      node->distribute(table_, parts_, shares_, ranges_, opts_);
+    if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1 &&
+        node->distribute(table_, parts_, shares_, ranges_, opts_)) {
       for (std::size_t i = 0; i < parts_.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* ct = new _decision_tree();

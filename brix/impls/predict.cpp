@@ -1,6 +1,7 @@
 // Prediction: a case descends from the root; where its value of a split
 // attribute is unknown it follows every branch with its weight shared by the
 // branches' training weights. Confusion matrices and score output.
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -291,7 +292,9 @@ conf_matrix* decision_tree::predict(zel::inpout::stream* source, bool delete_str
       std::fill(dist.begin(), dist.end(), 0.0f);
       tree.descend(0, 1.0f, dist, text_branch{row});
       unsigned long actual = cls->get_index(row[n].c_str());
-      auto weight = static_cast<float>(std::atof(row[n + 1].c_str()));
+      float weight = case_weight(row[n + 1].c_str());
+      if (!(weight >= 0.0f && std::isfinite(weight)))
+        throw std::runtime_error("weight '" + row[n + 1] + "' is not a finite non-negative number");
       m->add(best_class(dist), actual, weight);
     } catch (std::runtime_error const& e) {
       throw std::runtime_error("Reading test data: (row " + std::to_string(r) + "): " + e.what());
@@ -323,9 +326,12 @@ double decision_tree::evaluate(zel::inpout::stream* source, std::ostream& out, c
       bool got;
       try {
         got = meta_->load_row(source, row);
+      } catch (zel::inpout::read_error const&) {
+        throw;
       } catch (std::runtime_error const&) {
+        char const* line = source->get_line();
         throw std::runtime_error("bad row format (row " + std::to_string(r) +
-                                 "): " + source->get_line());
+                                 "): " + (line != nullptr ? line : ""));
       }
       if (!got) break;
       std::fill(dist.begin(), dist.end(), 0.0f);

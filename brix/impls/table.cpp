@@ -1,6 +1,7 @@
 #include "brix/impls/table.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -397,11 +398,23 @@ void table::update_weights(w_sequence* s) const {
   // per distinct value.
   unsigned long k = w->get_distinct();
   std::vector<float> by_order(k + 1, 0.0f);
+  bool any_bad = false;
   for (unsigned long o = 0; o <= k; ++o) {
-    by_order[o] = static_cast<float>(std::atof(w->get_o_set()->get_value(o).c_str()));
+    by_order[o] = case_weight(w->get_o_set()->get_value(o).c_str());
+    any_bad = any_bad || !(by_order[o] >= 0.0f && std::isfinite(by_order[o]));
   }
-  for (w_case& c : *s)
+  for (w_case& c : *s) {
     c.second = by_order[w->get_row_index(c.first)];
+    if (any_bad && !(c.second >= 0.0f && std::isfinite(c.second))) {
+      throw std::runtime_error("Weights column '" + w->get_name() + "': weight '" +
+                               w->get_value(c.first) + "' on row " + std::to_string(c.first + 1) +
+                               " is not a finite non-negative number");
+    }
+  }
+}
+
+float case_weight(char const* text) {
+  return static_cast<float>(std::atof(text));
 }
 
 }  // namespace impls

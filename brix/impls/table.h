@@ -100,6 +100,9 @@ class table {
   unsigned long file_counter_ = 0;
 };
 
+// A case weight from its text: lenient, as every weight is read (text that is not a number is 0).
+float case_weight(char const* text);
+
 // The table record of the binary table file (a null table is the flag 0).
 zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, table const* t);
 zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, table*& t);

@@ -3,10 +3,18 @@
 #ifndef ZEL_INPOUT_IOCONN_H
 #define ZEL_INPOUT_IOCONN_H
 
+#include <stdexcept>
 #include <string>
 
 namespace zel {
 namespace inpout {
+
+// Input that cannot be read to its end (a damaged or cut-short stream): unlike a malformed
+// line, the data itself are lost, so callers pass it on as it is.
+class read_error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 class ioconn {
  public:

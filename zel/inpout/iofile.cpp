@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 namespace zel {
@@ -36,6 +37,14 @@ bool iofile::open(const std::string& name, int mode, int perm) {
   if (mode & TRUNCATE) flags |= O_TRUNC;
   fd_ = ::open64(name.c_str(), flags | O_CLOEXEC, perm);
   if (fd_ < 0) return false;
+  struct stat64 st;
+  if (::fstat64(fd_, &st) == 0 && S_ISDIR(st.st_mode)) {
+    // A directory opens for reading but reads fail: it is no file to read.
+    ::close(fd_);
+    fd_ = -1;
+    errno = EISDIR;
+    return false;
+  }
   mode_ = mode;
   name_ = name;
   return true;
@@ -155,6 +164,11 @@ bool iofile::mem_unmap(void* addr, long long len) {
 bool iofile::mem_sync(void* addr, long long len) {
   if (addr == nullptr) return true;
   return ::msync(addr, static_cast<size_t>(len), MS_SYNC) == 0;
+}
+
+bool iofile::is_directory(const std::string& name) {
+  struct stat64 st;
+  return ::stat64(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 bool iofile::is_pipe(const std::string& name) {

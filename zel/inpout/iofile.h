@@ -48,6 +48,7 @@ class iofile : public ioconn {
   // Page size, asked of the system once per process.
   static long allocation_granularity();
   static bool is_pipe(const std::string& name);
+  static bool is_directory(const std::string& name);
 
  private:
   int mode_;

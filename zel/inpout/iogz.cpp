@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace zel {
 namespace inpout {
@@ -64,7 +65,19 @@ bool iogz::rewind() {
 int iogz::read(void* buf, int n) {
   if (file_ == nullptr) return -1;
   if (n < 1) return 0;
-  return gzread(gz(file_), buf, static_cast<unsigned>(n));
+  int got = gzread(gz(file_), buf, static_cast<unsigned>(n));
+  if (got < n) {
+    // A short read is the end only when the stream ended cleanly: a stream cut short or damaged
+    // must not read as a shorter file.
+    int err = Z_OK;
+    char const* what = gzerror(gz(file_), &err);
+    if (err != Z_OK) {
+      std::string reason = what;
+      if (reason.compare(0, name_.size() + 2, name_ + ": ") == 0) reason.erase(0, name_.size() + 2);
+      throw read_error("File " + name_ + ": truncated or corrupt compressed data (" + reason + ")");
+    }
+  }
+  return got;
 }
 
 int iogz::write(const void* buf, int n) {

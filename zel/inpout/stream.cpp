@@ -57,6 +57,8 @@ stream* stream::FROM_READER(const std::string& source) {
 
 stream* stream::FROM_FILE(const std::string& name, char sep) {
   if (name.size() > 2 && name.compare(name.size() - 3, 3, ".gz") == 0) {
+    if (iofile::is_directory(name))
+      throw std::runtime_error("File: " + name + " not found or inaccessible");
     std::unique_ptr<iogz> gz(new iogz());
     // A ".gz" that can not be opened reads as an empty file, so the result is not checked.
     gz->open(name, 3, 1, 0);

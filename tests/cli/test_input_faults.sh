@@ -1,0 +1,74 @@
+# Inputs that once hung, were taken as valid, or lost rows without a word.
+source "$(dirname "$0")/lib.sh"
+
+# run_limited ARGS...: run with a time limit, so a hang fails the check instead of the suite.
+run_limited() {
+  LAST="brixcmd $*"
+  timeout 20 "$BRIXCMD" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
+  STATUS=$?
+  [ "$STATUS" -eq 124 ] && fail "did not end within 20 s"
+}
+
+printf 'x,float,continuous\nc,string,class\n' >t.names
+
+# Cuts next to an infinity or between neighbouring floats: the rounded midpoint is the higher value,
+# which once separated nothing and grew for ever. The lower value is the threshold there.
+printf '1,a\n1,a\ninf,b\ninf,b\n' >inf.data
+run_limited -fm t.names -fd inf.data -tstd
+expect_grep '^x <= 1\.0+ : a \(2\.0/1\.0\)$'
+expect_grep '^x > 1\.0+ : b \(2\.0/1\.0\)$'
+printf -- '-inf,a\n-inf,a\n2,b\n2,b\n' >ninf.data
+run_limited -fm t.names -fd ninf.data -tstd
+expect_grep '^x <= -inf : a \(2\.0/1\.0\)$'
+printf '1.00000012,a\n1.00000012,a\n1.00000024,b\n1.00000024,b\n' >ulp.data
+run_limited -fm t.names -fd ulp.data -tstd
+expect_grep '^x <= 1\.000000119209289550781250000000 : a \(2\.0/1\.0\)$'
+# With unknown values the same cut still ends, on the farm too.
+printf '1,a\n1,a\ninf,b\ninf,b\n?,a\n?,b\n' >infu.data
+run_limited -fm t.names -fd infu.data -tstd -ff 2
+expect_grep '^x > 1\.0+ : b'
+
+# Case weights must be finite and non-negative, in training and in test rows.
+printf 'x,float,continuous\nw,float,weights\nc,string,class\n' >w.names
+printf '1,1,a\n2,inf,a\n3,1,b\n4,1,b\n' >w.data
+run -fm w.names -fd w.data -tstd
+expect_output "Weights column 'w': weight 'inf' on row 2 is not a finite non-negative number"
+printf '1,1,a\n2,1,a\n3,1,b\n4,1,b\n' >ok.data
+printf '1,1,a\n2,-1,a\n' >neg.data
+run -fm w.names -fd ok.data -ft neg.data -tstd
+expect_grep "^Reading test data: \(row 2\): weight '-1' is not a finite non-negative number$"
+
+# A compressed input cut short (at a row boundary or inside one) or damaged is an error, never a
+# shorter table; a missing one still reads as empty.
+seq 1 100 | awk '{print $1 "," ($1 % 2 ? "a" : "b")}' | gzip -c >full.data.gz
+size=$(stat -c %s full.data.gz)
+head -c $((size - 8)) full.data.gz >notrailer.data.gz
+head -c $((size / 2)) full.data.gz >half.data.gz
+cp full.data.gz flipped.data.gz
+printf '\xff' | dd of=flipped.data.gz bs=1 seek=$((size / 2)) conv=notrunc status=none
+for f in notrailer half flipped; do
+  run -fm t.names -fd $f.data.gz -tstd
+  expect_output "$(printf 'Reading training data: File %s.data.gz: truncated or corrupt compressed data (%s)' \
+    $f "$([ $f = flipped ] && echo 'incorrect data check' || echo 'unexpected end of file')")"
+done
+run -fm t.names -fd full.data.gz -ft half.data.gz -tstd
+expect_grep '^Reading test data: \(row [0-9]+\): File half\.data\.gz: truncated or corrupt compressed data'
+run -fm t.names -fd full.data.gz -fs flipped.data.gz -s scores.txt
+expect_output "Reading score data: File flipped.data.gz: truncated or corrupt compressed data (incorrect data check)"
+run -fm t.names -fd full.data.gz -tstd
+expect_line 5 '^MISCLASSIFICATION on training: 50% of 100 cases\. $'
+
+# A directory is no file to read, whatever the option naming it.
+mkdir dir dir.gz
+run -fm dir -fd full.data.gz -tstd
+expect_output "File: dir not found or inaccessible"
+for d in dir dir.gz; do
+  run -fm t.names -fd $d -tstd
+  expect_output "File: $d not found or inaccessible"
+done
+run -fm t.names -fd full.data.gz -ft dir -tstd
+expect_grep '^File: dir not found or inaccessible$'
+run -fm t.names -fd full.data.gz -fs dir -s scores.txt
+expect_output "File: dir not found or inaccessible"
+
+finish

@@ -1,5 +1,8 @@
 // Facade of the model outputs and of the binary table and tree files. Binary
 // files are gzip files at level 1.
+#include <sys/stat.h>
+
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -13,8 +16,19 @@ namespace brix {
 
 namespace {
 
-void check_written(zel::inpout::obinstream const& out) {
-  if (!out.good()) throw std::runtime_error("binary output failed");
+// Writes a binary file; on any failure a partial regular file is removed, so that nothing is
+// left that looks complete.
+template <class Write>
+void write_binary(std::string const& file, Write write) {
+  try {
+    zel::inpout::obinstream out(file, true, 1);
+    write(out);
+    if (!out.finish()) throw std::runtime_error("binary output failed");
+  } catch (...) {
+    struct stat st;
+    if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) std::remove(file.c_str());
+    throw;
+  }
 }
 
 // A file holds one record; bytes after it, or a gzip trailer that does not
@@ -36,9 +50,8 @@ void table::toXML_mining_schema(std::ostream& out) const {
 }
 
 void table::toBinary(std::string const& file) const {
-  zel::inpout::obinstream out(file, true, 1);
-  out << static_cast<impls::table const*>(impl_);
-  check_written(out);
+  write_binary(
+      file, [&](zel::inpout::obinstream& out) { out << static_cast<impls::table const*>(impl_); });
 }
 
 table* table::fromBinary(std::string const& file) {
@@ -64,10 +77,10 @@ void dtree::toDOT(std::ostream& out) const {
 }
 
 void dtree::toBinary(std::string const& file) const {
-  zel::inpout::obinstream out(file, true, 1);
-  out << static_cast<unsigned char>(impl_ ? 1 : 0);
-  if (impl_) out << *impl_;
-  check_written(out);
+  write_binary(file, [&](zel::inpout::obinstream& out) {
+    out << static_cast<unsigned char>(impl_ ? 1 : 0);
+    if (impl_) out << *impl_;
+  });
 }
 
 dtree* dtree::fromBinary(std::string const& file) {

@@ -148,6 +148,12 @@ std::string file_source(const std::string& file, const std::string& separator) {
 }
 
 // Opens an output file; the caller keeps it alive for the rest of the run.
+// File streams buffer their output: a full disk or a failed write shows once they are flushed.
+void check_written(std::ofstream* out, const std::string& file) {
+  if (out != nullptr && !out->flush())
+    throw std::runtime_error("File " + file + ": error writing output");
+}
+
 std::unique_ptr<std::ofstream> open_output(const std::string& file, std::ios::openmode mode) {
   std::unique_ptr<std::ofstream> out(new std::ofstream(file, std::ios::out | mode));
   if (!out->is_open()) throw std::runtime_error("File " + file + ": cannot be opened for writing");
@@ -345,6 +351,7 @@ void evaluate(brix::dtree* tree, const std::string& separator, const std::string
   std::unique_ptr<std::ofstream> out = open_output(score_out, std::ios::trunc);
   double seconds =
       tree->evaluate(brix::datasource(file_source(score_file, separator)), *out, separator[0]);
+  check_written(out.get(), score_out);
   log_time(log, "Evaluation done.", seconds);
 }
 
@@ -380,9 +387,13 @@ int run(const settings& s) {
   }
 
   save_tree(built.tree.get(), s.tree_bin_out, dot, log);
+  check_written(dot_file.get(), s.dot_file);
   test(table.get(), built.tree.get(), s.separator, s.test_file, built.holdout.get(), text, xml,
        log);
+  check_written(text_file.get(), s.text_file);
+  check_written(xml_file.get(), s.xml_file);
   evaluate(built.tree.get(), s.separator, s.score_file, s.score_out, log);
+  check_written(log_file.get(), s.log_file);
   return 0;
 }
 

@@ -71,4 +71,27 @@ expect_grep '^File: dir not found or inaccessible$'
 run -fm t.names -fd full.data.gz -fs dir -s scores.txt
 expect_output "File: dir not found or inaccessible"
 
+# Every output is checked: a failed write is an error naming the file, and a binary file that
+# could not be written whole is not left behind.
+for o in -t -x -d -l; do
+  run -fm t.names -fd full.data.gz $o /dev/full
+  expect_output "File /dev/full: error writing output"
+done
+run -fm t.names -fd full.data.gz -fs full.data.gz -s /dev/full
+expect_output "File /dev/full: error writing output"
+for o in -db -tb; do
+  run -fm t.names -fd full.data.gz $o /dev/full
+  expect_output "File /dev/full: error with binary output"
+done
+seq 1 20000 | awk '{print $1 "," ($1 % 3 ? "a" : "b")}' >many.data
+# A file size limit stands in for a full disk: writes past 4 KiB fail.
+LAST="binary outputs past a file size limit"
+(
+  trap '' XFSZ
+  ulimit -f 4
+  "$BRIXCMD" -fm t.names -fd many.data -db many.bin >"$WORK/stdout"
+)
+expect_output "File many.bin: error with binary output"
+[ -e many.bin ] && fail "a partial binary table was left behind"
+
 finish

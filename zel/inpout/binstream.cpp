@@ -46,6 +46,15 @@ obinstream::~obinstream() {
   }
 }
 
+bool obinstream::finish() {
+  if (owns_ && conn_ != nullptr) {
+    if (!conn_->finish()) failed_ = true;
+    delete conn_;
+    conn_ = nullptr;
+  }
+  return !failed_;
+}
+
 void obinstream::put_block(const void* p, std::size_t n) {
   const char* at = static_cast<const char*>(p);
   while (n > 0) {

@@ -84,6 +84,8 @@ class obinstream {
 
   // False once a write came back short or failed.
   bool good() const { return !failed_; }
+  // Flushes and closes the file; false when any byte may not have reached it.
+  bool finish();
   ioconn* get_ioconn() const { return conn_; }
 
  private:

@@ -52,6 +52,20 @@ bool iobuf::flush() {
   return true;
 }
 
+bool iobuf::finish() {
+  bool ok = true;
+  if (conn_ != nullptr) {
+    if (writing() && fill_ > 0) ok = flush();
+    ioconn* conn = conn_;
+    bool owned = owns_;
+    conn_ = nullptr;
+    ok = conn->finish() && ok;
+    if (owned) delete conn;
+  }
+  close();
+  return ok;
+}
+
 void iobuf::close() {
   if (conn_ != nullptr) {
     if (writing() && fill_ > 0) flush();

@@ -14,6 +14,7 @@ class iobuf : public ioconn {
 
   // Flushes, closes the connection and deletes it when owned.
   void close() override;
+  bool finish() override;
   bool eof() override;
   bool is_open() const override;
   int get_mode() const override;

@@ -36,6 +36,12 @@ class ioconn {
   ioconn& operator=(const ioconn&) = delete;
 
   virtual void close() = 0;
+  // Closes and says whether every byte written reached its destination (buffered and compressed
+  // writers fail only here on a full disk).
+  virtual bool finish() {
+    close();
+    return true;
+  }
   // Base rule: tell() == size().
   virtual bool eof();
   virtual bool is_open() const = 0;

@@ -19,6 +19,13 @@ iofile::~iofile() {
   close();
 }
 
+bool iofile::finish() {
+  bool ok = fd_ < 0 || ::close(fd_) == 0;
+  fd_ = -1;
+  close();
+  return ok;
+}
+
 void iofile::close() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;

@@ -16,6 +16,7 @@ class iofile : public ioconn {
   ~iofile() override;
 
   void close() override;
+  bool finish() override;
   bool is_open() const override { return fd_ >= 0; }
   int get_mode() const override { return mode_; }
   int write(const void* buf, int n) override;

@@ -48,6 +48,13 @@ bool iogz::open(const std::string& name, int mode, int level, int strategy) {
   return true;
 }
 
+bool iogz::finish() {
+  bool ok = file_ == nullptr || gzclose(gz(file_)) == Z_OK;
+  file_ = nullptr;
+  mode_ = 0;
+  return ok;
+}
+
 void iogz::close() {
   if (file_ != nullptr) gzclose(gz(file_));
   file_ = nullptr;

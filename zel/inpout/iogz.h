@@ -15,6 +15,7 @@ class iogz : public ioconn {
   ~iogz() override;
 
   void close() override;
+  bool finish() override;
   bool eof() override;
   bool is_open() const override { return file_ != nullptr; }
   int get_mode() const override { return mode_; }

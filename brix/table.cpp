@@ -1,11 +1,26 @@
 // Facade of tables and case subsets.
 #include <cstdlib>
+#include <stdexcept>
+#include <string>
 
 #include "brix/brix.h"
 #include "brix/impls/table.h"
 #include "zel/inpout/stream.h"
 
 namespace brix {
+
+namespace {
+
+// Bad arguments to the public classes are errors the caller can catch, never undefined reads.
+void require(bool ok, char const* call, std::string const& what) {
+  if (!ok) throw std::runtime_error(std::string("[brix::") + call + "] " + what);
+}
+
+std::string out_of(unsigned long i, unsigned long n, char const* what) {
+  return what + (" " + std::to_string(i)) + " out of range (" + std::to_string(n) + ")";
+}
+
+}  // namespace
 
 table::subset::subset() : seq_(new impls::w_sequence()) {}
 table::subset::subset(impls::w_sequence* seq) : seq_(seq) {}
@@ -25,9 +40,11 @@ void table::subset::push_back(unsigned long row, float weight) {
   seq_->push_back(row, weight);
 }
 void table::subset::set(unsigned long i, unsigned long row, float weight) {
+  require(i < seq_->size(), "table::subset::set", out_of(i, seq_->size(), "position"));
   seq_->set(i, row, weight);
 }
 unsigned long table::subset::get(unsigned long i) const {
+  require(i < seq_->size(), "table::subset::get", out_of(i, seq_->size(), "position"));
   return (*seq_)[i].first;
 }
 
@@ -64,10 +81,14 @@ unsigned long table::set_verbosity(unsigned long v) {
 }
 
 std::string table::get_class(unsigned long row) const {
+  require(impl_->get_class() != nullptr, "table::get_class", "the table has no class column");
+  require(row < impl_->get_no_rows(), "table::get_class", out_of(row, impl_->get_no_rows(), "row"));
   return impl_->get_class()->get_value(row);
 }
 
 float table::get_weight(unsigned long row) const {
+  require(row < impl_->get_no_rows(), "table::get_weight",
+          out_of(row, impl_->get_no_rows(), "row"));
   impls::column* w = impl_->get_weights();
   return w ? static_cast<float>(std::atof(w->get_value(row).c_str())) : 1.0f;
 }
@@ -82,6 +103,7 @@ table::subset* table::get_wsubset_first_n(unsigned long n) const {
   return new subset(impl_->get_wsubset_first_n(n));
 }
 table::subset* table::get_wsubset_difference(subset* s) const {
+  require(s != nullptr, "table::get_wsubset_difference", "no subset given");
   return new subset(impl_->get_wsubset_difference(s->get_impl()));
 }
 

@@ -31,10 +31,13 @@ struct binary_checks {
     return f == 1;
   }
 
-  static std::uint64_t read_count(zel::inpout::ibinstream& in) {
+  // A count of items that take at least item_bytes each in the file; one the rest of the
+  // file cannot hold is refused before anything is allocated for it.
+  static std::uint64_t read_count(zel::inpout::ibinstream& in, std::uint64_t item_bytes = 1) {
     std::uint64_t n = 0;
     in >> n;
     check(in);
+    if (n > in.bytes_left_bound() / item_bytes) damaged("truncated or damaged data");
     return n;
   }
 };

@@ -31,14 +31,17 @@ constexpr std::uint64_t kMaxRows = 0xFFFFFFFEull;
 
 // Elements that are items of their own are added as they arrive, so that a
 // count no file backs ends at the first short read instead of allocating.
-template <class T>
-void read_items(ibinstream& in, std::vector<T>& v) {
+// in_order(previous, item) is asked of every item after the first as it arrives, so that a
+// long run of equal items (cheap to compress) is refused at its second item.
+template <class T, class InOrder>
+void read_items(ibinstream& in, std::vector<T>& v, InOrder in_order) {
   std::uint64_t n = checks::read_count(in);
   v.clear();
   for (std::uint64_t i = 0; i < n; ++i) {
     T item{};
     in >> item;
     checks::check(in);
+    if (!v.empty() && !in_order(v.back(), item)) return;
     v.push_back(std::move(item));
   }
 }
@@ -78,7 +81,10 @@ void o_set_typed<T>::bin_in(ibinstream& in) {
       in >> values;
       checks::check(in);
     } else {
-      read_items(in, values);
+      read_items(in, values, [this](value_type const& a, value_type const& b) {
+        if (!T::less(a, b)) checks::damaged("value set of type " + datatype_ + " not in order");
+        return true;
+      });
     }
   }
   // Orders are positions in this view, found by binary search: ascending
@@ -256,6 +262,7 @@ void validate(table& t, std::uint64_t class_index, std::uint64_t weights_index) 
     if (c->size() != want)
       checks::damaged("column '" + c->get_name() + "' does not hold the table's rows");
   }
+  if (loaded == 0 && t.get_no_rows() != 0) checks::damaged("rows without loaded columns");
   // Without the tree rules the check only marks class and weights as none.
   if (t.is_for_tree() && loaded == 0) return;
   std::string error;

@@ -124,7 +124,7 @@ ibinstream& operator>>(ibinstream& in, _decision_node& n) {
 
   std::unique_ptr<std::vector<order_range>> ranges;
   if (activated && checks::read_flag(in)) {
-    std::uint64_t k = checks::read_count(in);
+    std::uint64_t k = checks::read_count(in, 2 * sizeof(std::uint64_t));
     ranges.reset(new std::vector<order_range>());
     for (std::uint64_t i = 0; i < k; ++i) {
       std::uint64_t first = 0, second = 0;

@@ -71,6 +71,8 @@ expect_grep '^File: dir not found or inaccessible$'
 run -fm t.names -fd full.data.gz -fs dir -s scores.txt
 expect_output "File: dir not found or inaccessible"
 
+"$BRIXCMD" -f "$ROOT/examples/golf" -tb golf.tree >/dev/null
+
 # Every output is checked: a failed write is an error naming the file, and a binary file that
 # could not be written whole is not left behind.
 for o in -t -x -d -l; do
@@ -93,5 +95,34 @@ LAST="binary outputs past a file size limit"
 )
 expect_output "File many.bin: error with binary output"
 [ -e many.bin ] && fail "a partial binary table was left behind"
+
+# Binary files whose counts no file could back: refused before anything is allocated for them.
+python3 - <<'PY'
+import gzip, struct
+u64 = lambda n: struct.pack('<Q', n)
+text = lambda t: b'\x01' + u64(len(t)) + t.encode()
+# A table of 2^31 rows and no columns.
+with gzip.open('rows.bin', 'wb') as f:
+    f.write(b'\x01' + text('t') + u64(0) + u64(0) + u64(0) + u64(1 << 31) + u64(0) + b'\x01' + u64(0) * 3)
+# A value set claiming 2^40 strings, followed by a long run of empty ones.
+with gzip.open('strings.bin', 'wb') as f:
+    f.write(b'\x01' + text('t') + u64(1) + b'\x01' + b'\x01' + text('string') + b'\x01\x00' +
+            text('?') + b'\x01' + u64(1 << 40))
+# The golf tree with a root claiming 2^62 branches and as many children.
+raw = gzip.open('golf.tree', 'rb').read()
+at = raw.index(u64(3) + u64(3))
+with gzip.open('children.tree', 'wb') as f:
+    f.write(raw[:at] + u64(1 << 62) * 2)
+PY
+head -c 600M /dev/zero | gzip -1 >zeros.gz
+cat zeros.gz >>strings.bin
+cat zeros.gz >>children.tree
+LAST="binary files with counts no file backs"
+for f in rows.bin strings.bin; do
+  (ulimit -v 4000000; timeout 60 "$BRIXCMD" -bd $f >"$WORK/stdout")
+  expect_output "File $f: not binary format"
+done
+(ulimit -v 4000000; timeout 60 "$BRIXCMD" -bt children.tree -tstd >"$WORK/stdout")
+expect_output "Binary tree: truncated or damaged data"
 
 finish

@@ -1,5 +1,7 @@
 #include "zel/inpout/binstream.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 #include <memory>
 
@@ -87,7 +89,22 @@ obinstream& obinstream::operator<<(const std::string& s) {
 }
 
 ibinstream::ibinstream(const std::string& name, bool compressed)
-    : conn_(open_connection(name, compressed, ioconn::READ, 1)), owns_(true), failed_(false) {}
+    : conn_(open_connection(name, compressed, ioconn::READ, 1)),
+      owns_(true),
+      failed_(false),
+      limit_(UINT64_MAX) {
+  struct stat st;
+  if (::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+    auto size = static_cast<std::uint64_t>(st.st_size);
+    limit_ = compressed ? size * 1032 + 1024 : size;
+  }
+}
+
+std::uint64_t ibinstream::bytes_left_bound() const {
+  long long at = conn_->tell();
+  auto pos = static_cast<std::uint64_t>(at < 0 ? 0 : at);
+  return pos >= limit_ ? 0 : limit_ - pos;
+}
 
 ibinstream::~ibinstream() {
   if (owns_ && conn_ != nullptr) {

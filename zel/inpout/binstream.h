@@ -138,6 +138,10 @@ class ibinstream {
     static_assert(!std::is_same<T, bool>::value, "vector<bool> has no item encoding");
     std::uint64_t n = 0;
     if (!get(&n, sizeof n)) return *this;
+    if (n > bytes_left_bound() / (detail::is_raw<T>::value ? sizeof(T) : 1)) {
+      failed_ = true;
+      return *this;
+    }
     read_vector(v, n, detail::is_raw<T>{});
     return *this;
   }
@@ -164,6 +168,10 @@ class ibinstream {
     get_block(a, n * sizeof(T));
     return *this;
   }
+
+  // At least the bytes still to read (deflate expands a stream at most 1032 times), so that a
+  // count can be refused before anything is allocated for it.
+  std::uint64_t bytes_left_bound() const;
 
   // False once a read returned fewer bytes than asked (truncated or foreign file) or a
   // presence byte was neither 0 nor 1. Later reads still run; check once after a record.
@@ -215,6 +223,7 @@ class ibinstream {
   ioconn* conn_;
   bool owns_;
   bool failed_;
+  std::uint64_t limit_;
 };
 
 }  // namespace inpout

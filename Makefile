@@ -3,7 +3,9 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-.PHONY: all build demo test bench sanitize tsan clean format
+FUZZ_SECONDS ?= 60
+
+.PHONY: all build demo test bench sanitize tsan fuzz clean format
 
 all: build
 
@@ -33,8 +35,14 @@ tsan:
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L farm
 
+# Every fuzz harness for FUZZ_SECONDS each, from its checked-in corpus (clang with libFuzzer).
+fuzz:
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DBRIX_FUZZ=ON
+	cmake --build build-fuzz -j $(JOBS)
+	bash tests/fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz

@@ -310,12 +310,12 @@ w_sequence* table::get_wsubset_all() const {
 
 w_sequence* table::get_wsubset_first_n(unsigned long n) const {
   unsigned long m = std::min(n, no_rows_);
-  auto* s = new w_sequence();
+  std::unique_ptr<w_sequence> s(new w_sequence());
   s->reserve(m);
   for (unsigned long i = 0; i < m; ++i)
     s->push_back(i, 1.0f);
-  update_weights(s);
-  return s;
+  update_weights(s.get());
+  return s.release();
 }
 
 // Selection sampling: every subset of m rows is equally likely and the rows
@@ -323,7 +323,7 @@ w_sequence* table::get_wsubset_first_n(unsigned long n) const {
 w_sequence* table::get_wsubset_random(unsigned long n) const {
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   unsigned long m = std::min(n, no_rows_), big_n = no_rows_, i = 0;
-  auto* s = new w_sequence();
+  std::unique_ptr<w_sequence> s(new w_sequence());
   s->reserve(m);
   while (m > 0) {
     long double u = std::rand() / zel::util::rand_gen::rmax;
@@ -335,28 +335,28 @@ w_sequence* table::get_wsubset_random(unsigned long n) const {
     --big_n;
     ++i;
   }
-  update_weights(s);
-  return s;
+  update_weights(s.get());
+  return s.release();
 }
 
 w_sequence* table::get_wsubset_random_repeated(unsigned long n) const {
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   unsigned long m = std::min(n, no_rows_);
-  auto* s = new w_sequence();
+  std::unique_ptr<w_sequence> s(new w_sequence());
   s->reserve(m);
   for (unsigned long i = 0; i < m; ++i) {
     long double u = std::rand() / zel::util::rand_gen::rmax;
     s->push_back(static_cast<unsigned long>(static_cast<long double>(no_rows_) * u), 1.0f);
   }
-  update_weights(s);
-  return s;
+  update_weights(s.get());
+  return s.release();
 }
 
 // The walk advances through s only on a match, so a row listed twice stops
 // all later matches: every later row is kept. Callers pass sets of rows.
 w_sequence* table::get_wsubset_difference(w_sequence* s) const {
   std::sort(s->begin(), s->end());
-  auto* d = new w_sequence();
+  std::unique_ptr<w_sequence> d(new w_sequence());
   std::size_t p = 0;
   for (unsigned long row = 0; row < no_rows_; ++row) {
     if (p < s->size() && (*s)[p].first == row) {
@@ -365,8 +365,8 @@ w_sequence* table::get_wsubset_difference(w_sequence* s) const {
     }
     d->push_back(row, 1.0f);
   }
-  update_weights(d);
-  return d;
+  update_weights(d.get());
+  return d.release();
 }
 
 w_sequence* table::get_wsubset_balanced() const {

@@ -78,3 +78,17 @@ expect_line() {
 expect_grep() {
   grep -Eq -- "$1" "${2:-$WORK/stdout}" || fail "no line matches /$1/ in ${2:-standard output}"
 }
+
+# limited SECONDS ARGS...: runs brixcmd under a time limit and, unless it is built with
+# AddressSanitizer (whose shadow memory needs more), a 4 GB address-space limit.
+limited() {
+  local seconds=$1
+  shift
+  LAST="brixcmd $*"
+  (
+    grep -q __asan_init "$BRIXCMD" 2>/dev/null || ulimit -v 4000000
+    exec timeout "$seconds" "$BRIXCMD" "$@"
+  ) >"$WORK/stdout" 2>"$WORK/stderr"
+  STATUS=$?
+  [ "$STATUS" -eq 124 ] && fail "did not end within $seconds s"
+}

@@ -1,5 +1,7 @@
 #include "zel/inpout/iogz.h"
 
+#include "zel/inpout/iofile.h"
+
 #include <zlib.h>
 
 #include <stdexcept>
@@ -38,6 +40,8 @@ std::string iogz::zlib_mode(int mode, int level) {
 
 bool iogz::open(const std::string& name, int mode, int level, int strategy) {
   close();
+  // zlib would open a directory for reading and fail on the first read.
+  if (iofile::is_directory(name)) return false;
   gzFile f = gzopen(name.c_str(), zlib_mode(mode, level).c_str());
   if (f == nullptr) return false;
   gzbuffer(f, GZ_BUFFER);

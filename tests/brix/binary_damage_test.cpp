@@ -67,12 +67,11 @@ void damage(golf_files& g, std::string const& good, Read read) {
   for (std::size_t n = 0; n < good.size(); ++n) {
     EXPECT_FALSE(read(g, good.substr(0, n))) << "truncated at " << n;
   }
+  // One flip per byte: the fuzz harnesses explore other damage far more widely.
   for (std::size_t at = 0; at < good.size(); ++at) {
-    for (unsigned char mask : {0x01, 0x80, 0xFF}) {
-      std::string s = good;
-      s[at] = static_cast<char>(s[at] ^ mask);
-      read(g, s);
-    }
+    std::string s = good;
+    s[at] = static_cast<char>(~s[at]);
+    read(g, s);
   }
   std::uint64_t huge = std::uint64_t(1) << 60;
   for (std::size_t at = 0; at + 8 <= good.size(); ++at) {

@@ -41,8 +41,8 @@ check_outputs() {  # name names data test
     expect_xpath "$x" 'count(/PMML/TreeModel/Node/True)' 1
     expect_xpath "$x" 'count(//Node/SimplePredicate)' $((size - 1))
     # Threshold tests on continuous fields, equality on categorical ones.
-    expect_xpath "$x" 'count(//SimplePredicate[@operator="equal"][not(@field = //DataField[@optype="categorical"]/@name)])' 0
-    expect_xpath "$x" 'count(//SimplePredicate[@operator!="equal"][not(@field = //DataField[@optype="continuous"]/@name)])' 0
+    expect_xpath "$x" 'count(//SimplePredicate[@operator="equal"][not(@field = /PMML/DataDictionary/DataField[@optype="categorical"]/@name)])' 0
+    expect_xpath "$x" 'count(//SimplePredicate[@operator!="equal"][not(@field = /PMML/DataDictionary/DataField[@optype="continuous"]/@name)])' 0
     # Leaves score a class, split nodes none; every node lists every class.
     expect_xpath "$x" 'count(//Node[not(Node)][@score=""]) + count(//Node[Node][@score!=""])' 0
     expect_xpath "$x" "count(//Node[count(ScoreDistribution) != $classes])" 0
@@ -53,7 +53,13 @@ check_outputs() {  # name names data test
   fi
 
   if [ -n "$have_dot" ]; then
-    dot -Tsvg "$d" >"$1.svg" 2>"$1.dot.err" || fail "$1: dot failed: $(head -3 "$1.dot.err")"
+    # Laying out thousands of nodes takes dot seconds: large graphs are only parsed here, by
+    # graphviz's own reader (make bench renders them all).
+    if [ "$size" -le 500 ]; then
+      dot -Tsvg "$d" >"$1.svg" 2>"$1.dot.err" || fail "$1: dot failed: $(head -3 "$1.dot.err")"
+    else
+      gc -n "$d" >/dev/null 2>"$1.dot.err" || fail "$1: DOT does not parse: $(head -3 "$1.dot.err")"
+    fi
     [ "$(grep -c ' \[ shape=' "$d")" = "$size" ] || fail "$1: DOT node count is not $size"
     [ "$(grep -c ' -> ' "$d")" = $((size - 1)) ] || fail "$1: DOT edge count is not $((size - 1))"
   fi

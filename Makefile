@@ -4,20 +4,42 @@ BUILD ?= build
 CMAKE_FLAGS ?=
 
 FUZZ_SECONDS ?= 60
+PREFIX ?= /usr/local
 
-.PHONY: all build demo test bench sanitize tsan fuzz clean format
+.PHONY: all deps configure build demo test bench sanitize tsan fuzz install clean format
 
 all: build
 
-build:
+# Debian packages the build, the tests and the fuzz run need; missing ones are installed when we
+# are root (one apt-get update first), otherwise named.
+DEPS = g++ cmake make zlib1g-dev libgtest-dev pkg-config libxml2-utils graphviz clang \
+       libclang-rt-14-dev
+
+deps:
+	@missing=$$(for p in $(DEPS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
+	    echo "installing: $$missing"; \
+	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	  else \
+	    echo "missing Debian packages (install them as root): $$missing"; exit 1; \
+	  fi; \
+	fi
+
+configure: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+
+build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-demo: build
+DEMO = ./$(BUILD)/brixcmd -f examples/golf -tstd
+demo: configure
+	cmake --build $(BUILD) -j $(JOBS) --target brixcmd
 	@echo
-	@echo "== brixcmd -f examples/golf -tstd  (tree and evaluation on the 14-day golf table)"
+	@echo "== $(DEMO)"
+	@echo "   (a tree grown on the 14-day golf table, then its evaluation on the same days)"
 	@echo
-	./$(BUILD)/brixcmd -f examples/golf -tstd -lstd
+	@$(DEMO)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -25,18 +47,22 @@ test: build
 bench: build
 	bash bench/run.sh $(BUILD)/brixcmd
 
+# The command, libraries, headers, CMake package, pkg-config file and man pages under PREFIX.
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
 # The same tests with AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Debug -DBRIX_SANITIZE=address,undefined"
 
 # The farm tests with ThreadSanitizer.
-tsan:
+tsan: deps
 	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIX_SANITIZE=thread
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L farm
 
 # Every fuzz harness for FUZZ_SECONDS each, from its checked-in corpus (clang with libFuzzer).
-fuzz:
+fuzz: deps
 	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DBRIX_FUZZ=ON
 	cmake --build build-fuzz -j $(JOBS)
 	bash tests/fuzz/run.sh build-fuzz $(FUZZ_SECONDS)

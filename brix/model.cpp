@@ -1,0 +1,288 @@
+// The trained-tree API over the facade and the tree implementation.
+#include "brix/model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <numeric>
+#include <ostream>
+#include <stdexcept>
+
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+
+namespace brix {
+
+namespace {
+
+using impls::_decision_node;
+using impls::_decision_tree;
+
+[[noreturn]] void bad(std::string const& what) {
+  throw std::invalid_argument("[brix::tree_model] " + what);
+}
+
+impls::decision_tree& impl(dtree const& t) {
+  return *t.get_impl();
+}
+
+// Information of a class distribution (index 0, the unknown class, included), in bits.
+double info(std::vector<float> const& d) {
+  double total = 0.0, sum = 0.0;
+  for (float w : d)
+    total += w;
+  if (total <= 0.0) return 0.0;
+  for (float w : d)
+    if (w > 0.0f) sum -= (w / total) * std::log2(w / total);
+  return sum;
+}
+
+// Walks the tree, telling f each split node with the set of attributes tested above it.
+template <class F>
+void each_split(_decision_tree const* t, std::vector<bool>& above, F const& f) {
+  if (t == nullptr || t->get_node() == nullptr) return;
+  _decision_node const* n = t->get_node();
+  if (n->get_node_status() != _decision_node::SPLIT_NODE) return;
+  unsigned long a = n->get_split_attribute_index();
+  f(*t, a, above[a]);
+  bool was = above[a];
+  above[a] = true;
+  for (unsigned long i = 0; i < t->get_no_childs(); ++i)
+    each_split(t->get_child(i), above, f);
+  above[a] = was;
+}
+
+std::uint64_t splitmix64(std::uint64_t& state) {
+  std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+  return z ^ (z >> 31);
+}
+
+// Fisher-Yates with draws made unbiased by rejection.
+void shuffle(std::vector<unsigned long>& v, std::uint64_t& state) {
+  for (std::size_t i = v.size(); i > 1; --i) {
+    std::uint64_t bound = i, limit = UINT64_MAX - UINT64_MAX % bound, r;
+    do {
+      r = splitmix64(state);
+    } while (r >= limit);
+    std::swap(v[i - 1], v[static_cast<std::size_t>(r % bound)]);
+  }
+}
+
+}  // namespace
+
+tree_model::tree_model(std::unique_ptr<dtree> tree) : tree_(std::move(tree)) {}
+tree_model::~tree_model() = default;
+
+std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
+                                              std::vector<unsigned long> const* rows) {
+  if (!(o.confidence > 0.0f && o.confidence <= 1.0f)) bad("confidence must be in (0,1]");
+  if (!(o.min_cases > 1.0f)) bad("min_cases must be > 1");
+  if (o.threads < 1 || o.threads > 64) bad("threads must be in [1,64]");
+  if (t.get_impl()->get_class() == nullptr) bad("the table has no class column");
+  if (t.get_no_rows() == 0) bad("the table has no rows");
+  std::unique_ptr<table::subset> cases;
+  if (rows != nullptr) {
+    if (rows->empty()) bad("no rows to train on");
+    cases.reset(new table::subset());
+    cases->reserve(rows->size());
+    for (unsigned long r : *rows) {
+      if (r >= t.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+      cases->push_back(r, t.get_weight(r));
+    }
+  }
+  auto tree = std::make_unique<dtree>(t.get_name());
+  tree->set_conf_level(o.confidence);
+  tree->set_min_obj(o.min_cases);
+  tree->set_pruning_strategy(o.prune == pruning::none   ? dtree::NO_PRUNING
+                             : o.prune == pruning::full ? dtree::C45_PRUNING
+                                                        : dtree::DT_PRUNING);
+  tree->build(&t, cases.get(), true, o.threads > 1 ? o.threads : 0);
+  return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
+}
+
+std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
+  std::unique_ptr<dtree> tree(dtree::fromBinary(path));
+  if (impl(*tree).get_metadata() == nullptr || impl(*tree).get_root() == nullptr)
+    throw std::runtime_error("File " + path + ": holds no tree");
+  return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
+}
+
+void tree_model::save(std::string const& path) const {
+  std::string part = path + ".part";
+  tree_->toBinary(part);
+  if (std::rename(part.c_str(), path.c_str()) != 0) {
+    std::remove(part.c_str());
+    throw std::runtime_error("File " + path + ": cannot be written");
+  }
+}
+
+std::vector<std::string> tree_model::classes() const {
+  std::vector<std::string> out;
+  for (unsigned long c = 1; c <= impl(*tree_).get_n_classes(); ++c)
+    out.push_back(impl(*tree_).get_class_value(c));
+  return out;
+}
+
+std::vector<std::string> tree_model::attributes() const {
+  impls::table const* meta = impl(*tree_).get_metadata();
+  std::vector<std::string> out;
+  for (unsigned long a = 0; a < meta->get_no_attributes(); ++a)
+    out.push_back(meta->get_attribute(a)->get_name());
+  return out;
+}
+
+unsigned long tree_model::size() const {
+  return tree_->size();
+}
+unsigned long tree_model::depth() const {
+  return tree_->depth();
+}
+
+std::vector<double> tree_model::predict_proba(std::vector<std::string> const& values) const {
+  impls::decision_tree const& t = impl(*tree_);
+  if (values.size() != t.get_metadata()->get_no_attributes()) {
+    bad(std::to_string(values.size()) + " values given for " +
+        std::to_string(t.get_metadata()->get_no_attributes()) + " attributes");
+  }
+  std::vector<float> dist(t.get_n_classes() + 1, 0.0f);
+  t.get_root()->predict(values, dist, t.get_metadata(), 1.0f);
+  double sum = 0.0;
+  for (std::size_t c = 1; c < dist.size(); ++c)
+    sum += dist[c];
+  std::vector<double> p(dist.size() - 1, 0.0);
+  for (std::size_t c = 1; c < dist.size(); ++c)
+    p[c - 1] = sum > 0.0 ? dist[c] / sum : 0.0;
+  return p;
+}
+
+std::vector<std::string> tree_model::case_values(table const& t, unsigned long row) const {
+  if (row >= t.get_no_rows()) bad("row " + std::to_string(row) + " is not in the table");
+  impls::table const& tab = *t.get_impl();
+  impls::table const* meta = impl(*tree_).get_metadata();
+  std::vector<std::string> values;
+  values.reserve(meta->get_no_attributes());
+  for (unsigned long a = 0; a < meta->get_no_attributes(); ++a) {
+    std::string const& name = meta->get_attribute(a)->get_name();
+    impls::column const* col = nullptr;
+    for (unsigned long i = 0; i < tab.get_loaded_columns() && col == nullptr; ++i)
+      if (tab.get_column(i)->get_name() == name) col = tab.get_column(i);
+    if (col == nullptr) bad("the table has no column '" + name + "'");
+    unsigned long order = col->get_row_index(row);
+    // An unknown value reads as the tree's own unknown text.
+    values.push_back(order == 0 ? meta->get_attribute(a)->get_o_set()->get_null()
+                                : col->get_value(row));
+  }
+  return values;
+}
+
+std::vector<double> tree_model::predict_proba(table const& t, unsigned long row) const {
+  return predict_proba(case_values(t, row));
+}
+
+std::vector<double> tree_model::predict_proba(table const& t) const {
+  std::vector<double> out;
+  out.reserve(t.get_no_rows() * impl(*tree_).get_n_classes());
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
+    std::vector<double> p = predict_proba(t, r);
+    out.insert(out.end(), p.begin(), p.end());
+  }
+  return out;
+}
+
+std::string tree_model::predict(table const& t, unsigned long row) const {
+  std::vector<double> p = predict_proba(t, row);
+  // The first class of the largest share wins, as in prediction.
+  auto best = std::max_element(p.begin(), p.end()) - p.begin();
+  return impl(*tree_).get_class_value(static_cast<unsigned long>(best) + 1);
+}
+
+std::vector<std::string> tree_model::predict(table const& t) const {
+  std::vector<std::string> out;
+  out.reserve(t.get_no_rows());
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    out.push_back(predict(t, r));
+  return out;
+}
+
+std::vector<double> tree_model::attribute_usage() const {
+  impls::decision_tree const& t = impl(*tree_);
+  std::size_t n = t.get_metadata()->get_no_attributes();
+  std::vector<double> usage(n, 0.0);
+  std::vector<bool> above(n, false);
+  double total = t.get_root()->get_node()->get_cases_weight();
+  // A case is counted once per attribute, at the first node on its path that tests it.
+  each_split(t.get_root(), above, [&](_decision_tree const& node, unsigned long a, bool seen) {
+    if (!seen) usage[a] += node.get_node()->get_cases_weight();
+  });
+  for (double& u : usage)
+    u = total > 0.0 ? u / total : 0.0;
+  return usage;
+}
+
+std::vector<double> tree_model::importance() const {
+  impls::decision_tree const& t = impl(*tree_);
+  std::size_t n = t.get_metadata()->get_no_attributes();
+  std::vector<double> imp(n, 0.0);
+  std::vector<bool> above(n, false);
+  each_split(t.get_root(), above, [&](_decision_tree const& node, unsigned long a, bool) {
+    _decision_node const* p = node.get_node();
+    double children = 0.0, weighted = 0.0;
+    for (unsigned long i = 0; i < node.get_no_childs(); ++i) {
+      _decision_tree const* c = node.get_child(i);
+      if (c == nullptr || c->get_node() == nullptr) continue;
+      double w = c->get_node()->get_cases_weight();
+      children += w;
+      weighted += w * info(c->get_node()->get_class_distribution());
+    }
+    double gain = info(p->get_class_distribution()) - (children > 0.0 ? weighted / children : 0.0);
+    imp[a] += p->get_cases_weight() * std::max(gain, 0.0);
+  });
+  double sum = std::accumulate(imp.begin(), imp.end(), 0.0);
+  for (double& v : imp)
+    v = sum > 0.0 ? v / sum : 0.0;
+  return imp;
+}
+
+void tree_model::write_text(std::ostream& out) const {
+  tree_->toTEXT(out);
+}
+
+holdout_split split_holdout(unsigned long n_rows, double test_fraction, std::uint64_t seed) {
+  if (!(test_fraction >= 0.0 && test_fraction <= 1.0))
+    throw std::invalid_argument("[brix::split_holdout] the test fraction must be in [0,1]");
+  std::vector<unsigned long> rows(n_rows);
+  std::iota(rows.begin(), rows.end(), 0ul);
+  std::uint64_t state = seed;
+  shuffle(rows, state);
+  auto n_test = static_cast<std::size_t>(std::llround(test_fraction * static_cast<double>(n_rows)));
+  holdout_split s;
+  s.test.assign(rows.begin(), rows.begin() + static_cast<long>(n_test));
+  s.train.assign(rows.begin() + static_cast<long>(n_test), rows.end());
+  std::sort(s.test.begin(), s.test.end());
+  std::sort(s.train.begin(), s.train.end());
+  return s;
+}
+
+std::vector<unsigned> kfold(unsigned long n_rows, unsigned k, std::uint64_t seed,
+                            std::vector<unsigned long> const* labels) {
+  if (k < 2 || k > n_rows) throw std::invalid_argument("[brix::kfold] k must be in [2, rows]");
+  if (labels != nullptr && labels->size() != n_rows)
+    throw std::invalid_argument("[brix::kfold] one label per row is needed");
+  std::vector<unsigned long> rows(n_rows);
+  std::iota(rows.begin(), rows.end(), 0ul);
+  std::uint64_t state = seed;
+  shuffle(rows, state);
+  // Stratified: rows of one label stay together in the dealing order, so each label is dealt
+  // round the folds in turn.
+  if (labels != nullptr)
+    std::stable_sort(rows.begin(), rows.end(),
+                     [&](unsigned long a, unsigned long b) { return (*labels)[a] < (*labels)[b]; });
+  std::vector<unsigned> fold(n_rows);
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    fold[rows[i]] = static_cast<unsigned>(i % k);
+  return fold;
+}
+
+}  // namespace brix

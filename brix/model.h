@@ -1,0 +1,90 @@
+// A trained tree with owning, typed calls beside the facade: training on rows of a table,
+// class probabilities, attribute usage and importance, and reproducible splits of a table.
+// Everything runs on the same growing, pruning and prediction code as brixcmd.
+#ifndef BRIX_MODEL_H
+#define BRIX_MODEL_H
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "brix/brix.h"
+
+namespace brix {
+
+// error: prune by estimated error (brixcmd's default); full: also raise subtrees (-c4.5);
+// none: no pruning (-np).
+enum class pruning { error, full, none };
+
+struct tree_options {
+  float confidence = 0.25f;  // in (0, 1]
+  float min_cases = 2.0f;    // > 1
+  pruning prune = pruning::error;
+  int threads = 1;  // above 1: grown on that many worker threads, to the same tree
+};
+
+class tree_model {
+ public:
+  ~tree_model();
+  tree_model(tree_model const&) = delete;
+  tree_model& operator=(tree_model const&) = delete;
+
+  // Grows and prunes on every row of the table, or on the given rows (each once, with the
+  // table's weights). Throws std::invalid_argument for bad options or rows.
+  static std::unique_ptr<tree_model> train(table& t, tree_options const& o = {},
+                                           std::vector<unsigned long> const* rows = nullptr);
+  // The binary tree file, as brixcmd -tb writes and -bt reads it.
+  static std::unique_ptr<tree_model> load(std::string const& path);
+  // Written to a temporary file beside path and renamed when complete.
+  void save(std::string const& path) const;
+
+  // Class values, in the order of every probability vector.
+  std::vector<std::string> classes() const;
+  // Attribute names, in table order (class and weights columns left out).
+  std::vector<std::string> attributes() const;
+  unsigned long size() const;
+  unsigned long depth() const;
+
+  // The class distribution at the leaves a case reaches, normalised to sum to 1; a case with an
+  // unknown value follows every branch with a share of its weight. Values: one text per
+  // attribute, "?" for unknown.
+  std::vector<double> predict_proba(std::vector<std::string> const& values) const;
+  // A row of a table: its columns are matched to the attributes by name.
+  std::vector<double> predict_proba(table const& t, unsigned long row) const;
+  // Every row: rows x classes, row-major.
+  std::vector<double> predict_proba(table const& t) const;
+  std::string predict(table const& t, unsigned long row) const;
+  std::vector<std::string> predict(table const& t) const;
+
+  // Per attribute: the share of training weight that passes through a node testing it.
+  std::vector<double> attribute_usage() const;
+  // Per attribute: the sum over its split nodes of node weight times information gain,
+  // normalised to sum to 1 (all 0 for a tree of one leaf).
+  std::vector<double> importance() const;
+
+  // The tree as brixcmd's text report prints it.
+  void write_text(std::ostream& out) const;
+  dtree const& facade() const { return *tree_; }
+
+ private:
+  explicit tree_model(std::unique_ptr<dtree> tree);
+  std::vector<std::string> case_values(table const& t, unsigned long row) const;
+  std::unique_ptr<dtree> tree_;
+};
+
+// Splits drawn from a generator of our own (splitmix64): the same on every machine, and the C
+// library's rand() state is left alone.
+struct holdout_split {
+  std::vector<unsigned long> train, test;  // ascending
+};
+holdout_split split_holdout(unsigned long n_rows, double test_fraction, std::uint64_t seed);
+// fold[i] is the fold of row i, 0..k-1, folds as equal in size as possible; with labels, each
+// label's rows are spread over the folds as evenly as possible.
+std::vector<unsigned> kfold(unsigned long n_rows, unsigned k, std::uint64_t seed,
+                            std::vector<unsigned long> const* labels = nullptr);
+
+}  // namespace brix
+
+#endif

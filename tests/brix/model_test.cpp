@@ -1,0 +1,143 @@
+// The trained-tree API: figures on the golf table worked out by hand, agreement with brixcmd's
+// score file, round trips, reproducible splits and refused arguments.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "brix/model.h"
+#include "tests/zel/inpout/scratch_dir.h"
+
+namespace {
+
+std::string const kExamples = std::string(BRIX_TEST_DATA) + "/../../examples/";
+
+std::unique_ptr<brix::table> load(std::string const& names, std::string const& data) {
+  auto t = std::make_unique<brix::table>("t");
+  t->load_meta_data(brix::datasource("FILE#" + names + "#,"));
+  t->load_data(brix::datasource("FILE#" + data + "#,"), "?");
+  return t;
+}
+
+TEST(TreeModel, GolfUsageImportanceAndProbabilities) {
+  auto t = load(kExamples + "golf.names", kExamples + "golf.data");
+  auto m = brix::tree_model::train(*t);
+  EXPECT_EQ((std::vector<std::string>{"no", "yes"}), m->classes());
+  EXPECT_EQ((std::vector<std::string>{"outlook", "temperature", "humidity", "windy"}),
+            m->attributes());
+  // outlook at the root; humidity under sunny (5 of 14 days), windy under rainy (5 of 14).
+  std::vector<double> usage = m->attribute_usage();
+  EXPECT_DOUBLE_EQ(1.0, usage[0]);
+  EXPECT_DOUBLE_EQ(0.0, usage[1]);
+  EXPECT_NEAR(5.0 / 14, usage[2], 1e-7);
+  EXPECT_NEAR(5.0 / 14, usage[3], 1e-7);
+  // Gains: outlook 14 x 0.2467 bits; humidity and windy each separate 5 days (0.971 bits).
+  std::vector<double> imp = m->importance();
+  double h = -(5.0 / 14) * std::log2(5.0 / 14) - (9.0 / 14) * std::log2(9.0 / 14);
+  double h5 = -(0.4) * std::log2(0.4) - 0.6 * std::log2(0.6);
+  double outlook = 14 * (h - (5.0 / 14) * h5 * 2), split = 5 * h5;
+  EXPECT_NEAR(outlook / (outlook + 2 * split), imp[0], 1e-6);
+  EXPECT_NEAR(split / (outlook + 2 * split), imp[2], 1e-6);
+  EXPECT_DOUBLE_EQ(0.0, imp[1]);
+
+  // An unknown humidity on a sunny day follows both branches: 2 days yes, 3 days no.
+  std::vector<double> p = m->predict_proba({"sunny", "70", "?", "TRUE"});
+  EXPECT_NEAR(0.6, p[0], 1e-6);
+  EXPECT_NEAR(0.4, p[1], 1e-6);
+  EXPECT_EQ("yes", m->predict(*t, 2));
+  std::vector<double> all = m->predict_proba(*t);
+  ASSERT_EQ(28u, all.size());
+  for (std::size_t r = 0; r < 14; ++r)
+    EXPECT_NEAR(1.0, all[2 * r] + all[2 * r + 1], 1e-6);
+}
+
+// Every row of the votes test file: the class and the figure brixcmd's score file prints.
+TEST(TreeModel, ProbabilitiesAgreeWithTheScoreFile) {
+  auto t = load(kExamples + "votes.names", kExamples + "votes.data");
+  auto test = load(kExamples + "votes.names", kExamples + "votes.test");
+  auto m = brix::tree_model::train(*t);
+  std::ifstream golden(std::string(BRIX_TEST_DATA) + "/../cli/golden/votes_scores.txt");
+  std::string line;
+  unsigned long row = 0;
+  while (std::getline(golden, line)) {
+    std::size_t cut = line.rfind(','), before = line.rfind(',', cut - 1);
+    std::vector<double> p = m->predict_proba(*test, row);
+    std::string cls = m->predict(*test, row);
+    std::size_t c = cls == m->classes()[0] ? 0 : 1;
+    std::ostringstream figure;
+    figure << static_cast<float>(p[c]);
+    EXPECT_EQ(line.substr(before + 1, cut - before - 1), cls) << "row " << row;
+    EXPECT_EQ(line.substr(cut + 1), figure.str()) << "row " << row;
+    ++row;
+  }
+  EXPECT_EQ(test->get_no_rows(), row);
+}
+
+class TreeModelFiles : public ::testing::Test, public scratch_dir {};
+
+TEST_F(TreeModelFiles, RowsSaveAndLoadGiveTheFacadeTree) {
+  auto t = load(kExamples + "iris.names", kExamples + "iris.data");
+  std::vector<unsigned long> rows(60);
+  std::iota(rows.begin(), rows.end(), 0ul);
+  brix::tree_options o;
+  o.prune = brix::pruning::full;
+  auto m = brix::tree_model::train(*t, o, &rows);
+  brix::dtree d("t");
+  d.set_pruning_strategy(brix::dtree::C45_PRUNING);
+  std::unique_ptr<brix::table::subset> first(t->get_wsubset_first_n(60));
+  d.build(t.get(), first.get(), true, 0);
+  std::ostringstream a, b, c;
+  m->write_text(a);
+  d.toTEXT(b);
+  EXPECT_EQ(b.str(), a.str());
+  m->save(file("iris.tree"));
+  brix::tree_model::load(file("iris.tree"))->write_text(c);
+  EXPECT_EQ(a.str(), c.str());
+}
+
+TEST(TreeModel, SplitsAreReproducibleAndBalanced) {
+  // The generator is ours: these folds are the same on every machine.
+  EXPECT_EQ((std::vector<unsigned>{0, 0, 1, 2, 0, 0, 1, 2, 2, 1}), brix::kfold(10, 3, 1));
+  EXPECT_EQ(brix::kfold(1000, 10, 7), brix::kfold(1000, 10, 7));
+  EXPECT_NE(brix::kfold(1000, 10, 7), brix::kfold(1000, 10, 8));
+  std::vector<unsigned long> labels(1000);
+  for (std::size_t i = 0; i < labels.size(); ++i)
+    labels[i] = i < 100 ? 1 : 0;  // a rare class
+  std::vector<unsigned> f = brix::kfold(1000, 10, 3, &labels);
+  std::vector<int> per_fold(10, 0), rare(10, 0);
+  for (std::size_t i = 0; i < f.size(); ++i) {
+    ++per_fold[f[i]];
+    rare[f[i]] += labels[i] == 1;
+  }
+  for (int k = 0; k < 10; ++k) {
+    EXPECT_EQ(100, per_fold[k]);
+    EXPECT_EQ(10, rare[k]);
+  }
+  brix::holdout_split s = brix::split_holdout(10, 0.3, 5);
+  EXPECT_EQ(3u, s.test.size());
+  EXPECT_EQ(7u, s.train.size());
+  EXPECT_EQ(s.test, brix::split_holdout(10, 0.3, 5).test);
+}
+
+TEST(TreeModel, RefusedArguments) {
+  auto t = load(kExamples + "golf.names", kExamples + "golf.data");
+  brix::tree_options o;
+  o.confidence = 0.0f;
+  EXPECT_THROW(brix::tree_model::train(*t, o), std::invalid_argument);
+  std::vector<unsigned long> rows{99};
+  EXPECT_THROW(brix::tree_model::train(*t, {}, &rows), std::invalid_argument);
+  auto m = brix::tree_model::train(*t);
+  EXPECT_THROW(m->predict_proba(std::vector<std::string>{"sunny"}), std::invalid_argument);
+  auto other = load(kExamples + "iris.names", kExamples + "iris.data");
+  EXPECT_THROW(m->predict(*other, 0), std::invalid_argument);  // no column "outlook"
+  EXPECT_THROW(brix::kfold(5, 1, 0), std::invalid_argument);
+}
+
+}  // namespace

@@ -83,6 +83,8 @@ class table {
 
   void toBinary(std::string const& file) const;
   static table* fromBinary(std::string const& file);
+  // A table around an implementation built elsewhere (the readers); takes ownership.
+  static table* adopt(impls::table* impl) { return new table(impl); }
 
   impls::table* get_impl() const { return impl_; }
 

@@ -187,81 +187,108 @@ column* table::make_column(unsigned long i, o_set* values) const {
 // known the sets are sorted and a second pass over the kept rows turns them
 // into orders, in place.
 void table::load_data(zel::inpout::stream* source, std::string const& null, bool owns) {
-  zel::util::cronos timer;
-  timer.start();
   source_guard guard{source, owns};
-  std::vector<std::unique_ptr<o_set>> sets;
-  std::vector<std::unique_ptr<value_loader>> loaders;
-  std::vector<std::unique_ptr<column>> fresh;
   try {
     if (source == nullptr) throw std::runtime_error("no data provider detected.");
-    std::string error;
-    if (!consistency_check(columns_.size(), error)) throw std::runtime_error(error);
-    unsigned long first = loaded_, total = columns_.size(), k = total - first;
-    for (unsigned long i = first; i < total; ++i) {
-      sets.emplace_back(make_column_o_set(i, null));
-      loaders.emplace_back(sets.back()->make_loader(!columns_[i]->is_ignore()));
-    }
-
-    if (log_ && verbosity_ >= 1) {
-      *log_ << "Reading data ";
-      if (verbosity_ > 1) *log_ << std::endl << " ... 1st pass: " << std::endl;
-    }
-
     char sep = source->get_delim();
     line_fields fields;
-    unsigned long r = 0;
-    while (source->read_line()) {
-      ++r;
-      progress(log_, verbosity_, r);
-      char* line = source->get_line();
-      if (r == 0xFFFFFFFFUL)
-        throw std::runtime_error("too many rows: at most 4294967294 are supported");
-      if (fields.split_all(line, sep) != k) {
-        fields.restore();
-        throw std::runtime_error("bad row format (row " + std::to_string(r) + "): " + line);
-      }
-      for (unsigned long j = 0; j < k; ++j)
-        loaders[j]->add(fields[j]);
-    }
-    if (log_ && verbosity_ >= 1) *log_ << "  " << r << " rows read. Indexing ... ";
-
-    for (unsigned long j = 0; j < k; ++j) {
-      loaders[j]->index();
-      std::string why;
-      column* c = column::NEW_COLUMN(sets[j].get(), columns_[first + j]->get_name(),
-                                     columns_[first + j]->get_type(), why);
-      if (c == nullptr) throw std::runtime_error(why);
-      sets[j].release();
-      fresh.emplace_back(c);
-      loaders[j]->attach(c);
-    }
-    if (log_ && verbosity_ >= 1) {
-      *log_ << " done." << std::endl << " ... 2nd pass: " << std::endl;
-    }
-
-    // Second pass, in blocks of rows so that progress shows as it goes.
-    unsigned long r2 = 0;
-    while (r2 < r) {
-      unsigned long next = std::min(r, r2 + kProgressRows);
-      for (auto& l : loaders)
-        l->fill(r2, next);
-      r2 = next;
-      if (r2 % kProgressRows == 0) progress(log_, verbosity_, r2);
-    }
-    loaders.clear();
-
-    if (r2 > no_rows_) no_rows_ = r2;
-    for (unsigned long j = 0; j < k; ++j) {
-      delete columns_[first + j];
-      columns_[first + j] = fresh[j].release();
-    }
-    loaded_ = total;
-    refresh_attributes();
-    if (log_ && verbosity_ > 1) *log_ << "  " << r2 << " rows read." << std::endl;
+    unsigned long r = 0, k = columns_.size() - loaded_;
+    std::vector<char const*> row(k);
+    load_from(
+        [&]() { return source->read_line(); },
+        [&]() -> char const* const* {
+          ++r;
+          char* line = source->get_line();
+          if (fields.split_all(line, sep) != k) {
+            fields.restore();
+            throw std::runtime_error("bad row format (row " + std::to_string(r) + "): " + line);
+          }
+          for (unsigned long j = 0; j < k; ++j)
+            row[j] = fields[j];
+          return row.data();
+        },
+        null);
   } catch (std::runtime_error const& e) {
     throw std::runtime_error(std::string("Reading training data: ") + e.what());
   }
+}
+
+void table::load_rows(std::function<char const* const*()> const& next, std::string const& null) {
+  char const* const* row = nullptr;
+  load_from([&]() { return (row = next()) != nullptr; }, [&]() { return row; }, null);
+}
+
+// The rows are read once. Each value goes to its column's loader, which
+// registers it in the value set and keeps the row's provisional id (or the
+// value itself, for columns of mostly distinct numbers); once every value is
+// known the sets are sorted and a second pass over the kept rows turns them
+// into orders, in place. advance() moves to the next row (false after the last one), fields()
+// gives its field texts.
+template <class Advance, class Fields>
+void table::load_from(Advance&& advance, Fields&& fields, std::string const& null) {
+  zel::util::cronos timer;
+  timer.start();
+  std::vector<std::unique_ptr<o_set>> sets;
+  std::vector<std::unique_ptr<value_loader>> loaders;
+  std::vector<std::unique_ptr<column>> fresh;
+  std::string error;
+  if (!consistency_check(columns_.size(), error)) throw std::runtime_error(error);
+  unsigned long first = loaded_, total = columns_.size(), k = total - first;
+  for (unsigned long i = first; i < total; ++i) {
+    sets.emplace_back(make_column_o_set(i, null));
+    loaders.emplace_back(sets.back()->make_loader(!columns_[i]->is_ignore()));
+  }
+
+  if (log_ && verbosity_ >= 1) {
+    *log_ << "Reading data ";
+    if (verbosity_ > 1) *log_ << std::endl << " ... 1st pass: " << std::endl;
+  }
+
+  unsigned long r = 0;
+  while (advance()) {
+    ++r;
+    progress(log_, verbosity_, r);
+    if (r == 0xFFFFFFFFUL)
+      throw std::runtime_error("too many rows: at most 4294967294 are supported");
+    char const* const* row = fields();
+    for (unsigned long j = 0; j < k; ++j)
+      loaders[j]->add(row[j]);
+  }
+  if (log_ && verbosity_ >= 1) *log_ << "  " << r << " rows read. Indexing ... ";
+
+  for (unsigned long j = 0; j < k; ++j) {
+    loaders[j]->index();
+    std::string why;
+    column* c = column::NEW_COLUMN(sets[j].get(), columns_[first + j]->get_name(),
+                                   columns_[first + j]->get_type(), why);
+    if (c == nullptr) throw std::runtime_error(why);
+    sets[j].release();
+    fresh.emplace_back(c);
+    loaders[j]->attach(c);
+  }
+  if (log_ && verbosity_ >= 1) {
+    *log_ << " done." << std::endl << " ... 2nd pass: " << std::endl;
+  }
+
+  // Second pass, in blocks of rows so that progress shows as it goes.
+  unsigned long r2 = 0;
+  while (r2 < r) {
+    unsigned long next_block = std::min(r, r2 + kProgressRows);
+    for (auto& l : loaders)
+      l->fill(r2, next_block);
+    r2 = next_block;
+    if (r2 % kProgressRows == 0) progress(log_, verbosity_, r2);
+  }
+  loaders.clear();
+
+  if (r2 > no_rows_) no_rows_ = r2;
+  for (unsigned long j = 0; j < k; ++j) {
+    delete columns_[first + j];
+    columns_[first + j] = fresh[j].release();
+  }
+  loaded_ = total;
+  refresh_attributes();
+  if (log_ && verbosity_ > 1) *log_ << "  " << r2 << " rows read." << std::endl;
   timer.stop();
   elapsed_ = timer.get_elapsed();
 }

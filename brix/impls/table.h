@@ -2,6 +2,7 @@
 #ifndef BRIX_IMPLS_TABLE_H
 #define BRIX_IMPLS_TABLE_H
 
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -25,6 +26,9 @@ class table {
   void push_back(std::string const& name, std::string const& datatype, std::string const& kind);
   // Reads every row of the source into the columns not loaded yet.
   void load_data(zel::inpout::stream* source, std::string const& null, bool owns);
+  // Rows from any reader into the columns not loaded yet: next() gives one row's field texts (one
+  // per such column, the null text for an unknown value), or null after the last row.
+  void load_rows(std::function<char const* const*()> const& next, std::string const& null);
   // One row of a test or score file, reordered to attributes, class, weight.
   bool load_row(zel::inpout::stream* source, std::vector<std::string>& row) const;
 
@@ -85,6 +89,8 @@ class table {
 
  private:
   void refresh_attributes();
+  template <class Advance, class Fields>
+  void load_from(Advance&& advance, Fields&& fields, std::string const& null);
 
   std::string name_;
   std::ostream* log_;

@@ -1,0 +1,297 @@
+// The CSV reader: the file is read whole, parsed once in place (quotes removed, fields ended by
+// NUL), column types are inferred from the parsed fields, and the rows are handed to the same
+// loader as .data files.
+#include "brix/data.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <ostream>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+
+#include "brix/impls/table.h"
+#include "zel/inpout/iofile.h"
+#include "zel/inpout/iogz.h"
+
+namespace brix {
+
+std::string keyword(value_type t) {
+  switch (t) {
+    case value_type::integer:
+      return "integer";
+    case value_type::uinteger:
+      return "uinteger";
+    case value_type::float32:
+      return "float";
+    case value_type::float64:
+      return "double";
+    case value_type::string:
+      return "string";
+  }
+  return "string";
+}
+
+std::string keyword(column_kind k) {
+  switch (k) {
+    case column_kind::discrete:
+      return "discrete";
+    case column_kind::continuous:
+      return "continuous";
+    case column_kind::class_label:
+      return "class";
+    case column_kind::weights:
+      return "weights";
+    case column_kind::ignore:
+      return "ignore";
+  }
+  return "discrete";
+}
+
+namespace {
+
+bool ends_with(std::string const& s, char const* tail) {
+  std::size_t n = std::strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
+}
+
+// The whole file, inflated when its name ends in .gz.
+std::string slurp(std::string const& path) {
+  if (zel::inpout::iofile::is_directory(path))
+    throw std::runtime_error("File " + path + ": is a directory");
+  std::unique_ptr<zel::inpout::ioconn> in;
+  if (ends_with(path, ".gz")) {
+    auto gz = std::make_unique<zel::inpout::iogz>();
+    if (!gz->open(path, zel::inpout::ioconn::READ, -1, 0))
+      throw std::runtime_error("File " + path + ": not found or inaccessible");
+    in = std::move(gz);
+  } else {
+    auto f = std::make_unique<zel::inpout::iofile>();
+    if (!f->open(path, zel::inpout::ioconn::READ, 0))
+      throw std::runtime_error("File " + path + ": not found or inaccessible");
+    in = std::move(f);
+  }
+  std::string text;
+  std::size_t have = 0;
+  for (;;) {
+    if (text.size() - have < (1 << 20))
+      text.resize(std::max<std::size_t>(text.size() * 2, 1 << 20));
+    int got =
+        in->read(&text[have], static_cast<int>(std::min<std::size_t>(text.size() - have, 1 << 30)));
+    if (got < 0) throw std::runtime_error("File " + path + ": read error");
+    if (got == 0) break;
+    have += static_cast<std::size_t>(got);
+  }
+  text.resize(have);
+  return text;
+}
+
+struct parsed {
+  std::vector<std::string> names;
+  std::vector<char const*> cells;  // row-major, names.size() per row
+  std::vector<std::size_t> lines;  // the line each row starts on
+};
+
+// Parses in place: each field's text is moved to the front of its span and ended by a NUL.
+parsed parse(std::string& text, char sep, std::string const& path) {
+  auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
+  parsed p;
+  char* s = &text[0];
+  char* end = s + text.size();
+  if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
+  if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr)
+    throw std::runtime_error("File " + path + ": holds NUL bytes, not a text table");
+  std::size_t line = 1;
+  std::vector<char const*> row;
+  bool header = true;
+  while (s < end) {
+    std::size_t row_line = line;
+    row.clear();
+    // One record.
+    for (;;) {
+      char* out = s;
+      char* field = s;
+      std::size_t field_line = line;
+      if (s < end && *s == '"') {
+        ++s;
+        for (;;) {
+          if (s >= end)
+            throw std::runtime_error(where(field_line) + ", column " +
+                                     std::to_string(row.size() + 1) + ": quote not closed");
+          if (*s == '"') {
+            if (s + 1 < end && s[1] == '"') {
+              *out++ = '"';
+              s += 2;
+              continue;
+            }
+            ++s;
+            break;
+          }
+          if (*s == '\n') ++line;
+          *out++ = *s++;
+        }
+        if (s < end && *s != sep && *s != '\n' && !(*s == '\r' && s + 1 < end && s[1] == '\n') &&
+            !(*s == '\r' && s + 1 == end))
+          throw std::runtime_error(where(line) + ", column " + std::to_string(row.size() + 1) +
+                                   ": text after a closing quote");
+      } else {
+        while (s < end && *s != sep && *s != '\n')
+          *out++ = *s++;
+        if (out > field && out[-1] == '\r' && (s >= end || *s == '\n')) --out;
+      }
+      bool last = s >= end || *s == '\n' || *s == '\r';
+      if (s < end && *s == '\r') ++s;
+      if (s < end) ++s;  // separator or line feed
+      *out = '\0';
+      row.push_back(field);
+      if (last) {
+        ++line;
+        break;
+      }
+    }
+    if (header) {
+      for (char const* f : row)
+        p.names.emplace_back(f);
+      header = false;
+      continue;
+    }
+    if (row.size() == 1 && row[0][0] == '\0') continue;  // a blank line
+    if (row.size() != p.names.size())
+      throw std::runtime_error(where(row_line) + ": " + std::to_string(row.size()) +
+                               " fields, the header has " + std::to_string(p.names.size()));
+    p.cells.insert(p.cells.end(), row.begin(), row.end());
+    p.lines.push_back(row_line);
+  }
+  if (p.names.empty()) throw std::runtime_error("File " + path + ": empty, no header row");
+  if (p.lines.empty()) throw std::runtime_error("File " + path + ": a header and no rows");
+  return p;
+}
+
+bool is_int32(char const* s) {
+  long v = 0;
+  char const* e = s + std::strlen(s);
+  auto r = std::from_chars(s + (*s == '+'), e, v);
+  return r.ec == std::errc() && r.ptr == e && e != s && v >= std::numeric_limits<int>::min() &&
+         v <= std::numeric_limits<int>::max();
+}
+
+bool is_number(char const* s, double& v) {
+  char const* e = s + std::strlen(s);
+  auto r = std::from_chars(s + (*s == '+'), e, v);
+  return r.ec == std::errc() && r.ptr == e && e != s && !std::isnan(v);
+}
+
+}  // namespace
+
+std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
+  char sep = opts.separator != 0                                       ? opts.separator
+             : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
+                                                                       : ',';
+  std::string text = slurp(path);
+  parsed p = parse(text, sep, path);
+  std::size_t k = p.names.size(), rows = p.lines.size();
+  std::set<std::string> seen;
+  for (auto const& n : p.names) {
+    if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
+    if (!seen.insert(n).second)
+      throw std::runtime_error("File " + path + ", line 1: column '" + n + "' named twice");
+  }
+  std::size_t cls = k - 1;
+  if (!opts.class_column.empty()) {
+    auto it = std::find(p.names.begin(), p.names.end(), opts.class_column);
+    if (it == p.names.end()) {
+      if (opts.require_class)
+        throw std::runtime_error("File " + path + ": no column '" + opts.class_column + "'");
+      cls = k;
+    } else {
+      cls = static_cast<std::size_t>(it - p.names.begin());
+    }
+  } else if (!opts.require_class) {
+    cls = k;
+  }
+  for (auto const& o : opts.types)
+    if (!seen.count(o.first))
+      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+  for (auto const& o : opts.kinds)
+    if (!seen.count(o.first))
+      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+
+  // Looked up by view: no string is made per cell.
+  std::set<std::string, std::less<>> missing(opts.missing.begin(), opts.missing.end());
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  for (std::size_t j = 0; j < k; ++j) {
+    std::string const& name = p.names[j];
+    column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
+    value_type type = value_type::string;
+    if (j != cls) {
+      bool all_int = true, all_num = true, any = false, lossy = false;
+      std::string lossy_value;
+      for (std::size_t r = 0; r < rows && all_num; ++r) {
+        char const* v = p.cells[r * k + j];
+        if (missing.count(std::string_view(v))) continue;
+        any = true;
+        double d;
+        if (all_int && is_int32(v)) continue;
+        all_int = false;
+        if (!is_number(v, d)) {
+          all_num = false;
+        } else if (!lossy && static_cast<double>(static_cast<float>(d)) != d) {
+          // Lossy when the float's shortest text differs from the value's.
+          char a[64], b[64];
+          auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
+          auto rb = std::to_chars(b, b + sizeof b, d);
+          if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
+            lossy = true;
+            lossy_value = v;
+          }
+        }
+      }
+      if (any && all_num) {
+        kind = column_kind::continuous;
+        type = all_int ? value_type::integer : value_type::float32;
+        if (!all_int && lossy && opts.warnings)
+          *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
+                         << lossy_value << "' are not exact in 32-bit float" << std::endl;
+      }
+    }
+    auto t = opts.types.find(name);
+    if (t != opts.types.end()) type = t->second;
+    auto kd = opts.kinds.find(name);
+    if (kd != opts.kinds.end()) kind = kd->second;
+    try {
+      impl->push_back(name, keyword(type), keyword(kind));
+    } catch (std::runtime_error const& e) {
+      throw std::runtime_error("File " + path + ", column '" + name + "': " + e.what());
+    }
+  }
+
+  // Unknown values reach the loader as the table's null text.
+  std::vector<char const*> row(k);
+  std::size_t r = 0;
+  try {
+    impl->load_rows(
+        [&]() -> char const* const* {
+          if (r == rows) return nullptr;
+          for (std::size_t j = 0; j < k; ++j) {
+            char const* v = p.cells[r * k + j];
+            row[j] = missing.count(std::string_view(v)) ? "?" : v;
+          }
+          ++r;
+          return row.data();
+        },
+        "?");
+  } catch (std::runtime_error const& e) {
+    // The loader stops at the first value its column refuses; find which one it was.
+    std::string msg = e.what();
+    std::size_t at = r == 0 ? 0 : r - 1;
+    throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
+  }
+  return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+}  // namespace brix

@@ -1,0 +1,43 @@
+// Tables from the files users have: CSV and TSV with a header row, read straight into the
+// library's table, with column types inferred and unknown values recognised.
+#ifndef BRIX_DATA_H
+#define BRIX_DATA_H
+
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "brix/brix.h"
+
+namespace brix {
+
+enum class column_kind { discrete, continuous, class_label, weights, ignore };
+enum class value_type { integer, uinteger, float32, float64, string };
+
+struct read_options {
+  std::string class_column;  // by name; empty: the last column
+  std::vector<std::string> missing = {"", "?", "NA", "N/A", "NaN", "null"};
+  char separator = 0;  // 0: '\t' for names ending in .tsv or .tsv.gz, ',' otherwise
+  std::map<std::string, value_type> types;   // overrides by column name
+  std::map<std::string, column_kind> kinds;  // overrides by column name
+  bool require_class = true;         // false: a table to classify, the class column may be absent
+  std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
+};
+
+// RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled
+// quotes, separators and line feeds inside; CR LF or LF; a UTF-8 byte order mark is skipped;
+// a name ending in .gz is inflated. Integers that fit 32 bits make integer continuous columns,
+// other numbers float continuous ones, anything else string discrete ones; the class column is
+// string. Errors (std::runtime_error) name the file, line, column and value; nothing is returned
+// then.
+std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts = {});
+
+// The keywords of a .names file for a type and a kind.
+std::string keyword(value_type t);
+std::string keyword(column_kind k);
+
+}  // namespace brix
+
+#endif

@@ -1,6 +1,8 @@
 // The trained-tree API over the facade and the tree implementation.
 #include "brix/model.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -110,11 +112,18 @@ std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
 }
 
 void tree_model::save(std::string const& path) const {
-  std::string part = path + ".part";
-  tree_->toBinary(part);
-  if (std::rename(part.c_str(), path.c_str()) != 0) {
+  // A device or a pipe is written as it is: there is nothing to rename onto it.
+  struct stat st;
+  bool special = ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
+  std::string part = special ? path : path + ".part";
+  try {
+    tree_->toBinary(part);
+  } catch (std::exception const&) {
+    throw std::runtime_error("File " + path + ": error with binary output");
+  }
+  if (!special && std::rename(part.c_str(), path.c_str()) != 0) {
     std::remove(part.c_str());
-    throw std::runtime_error("File " + path + ": cannot be written");
+    throw std::runtime_error("File " + path + ": error with binary output");
   }
 }
 

@@ -3,7 +3,7 @@
 # man pages.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS brixcmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS brixcmd brix_cmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS brix zel farm EXPORT brixTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 

@@ -1,0 +1,457 @@
+// brix: the command for today's users, on the library. Subcommands train, predict, cv and show
+// grow exactly the trees brixcmd grows; data come as CSV/TSV with a header or as a .names/.data
+// stem. Errors go to standard error; the status is 0 on success, 1 for a data or model error and
+// 2 for a usage error; an output file is written beside its name and renamed once complete.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "brix/brix.h"
+#include "brix/data.h"
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "brix/model.h"
+
+namespace {
+
+struct usage_error : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// ---------------------------------------------------------------- options
+
+struct settings {
+  std::vector<std::string> args;  // positional
+  std::string class_column, test, model, output, format = "text", id;
+  double test_fraction = 0.0;
+  std::uint64_t seed = 1;
+  unsigned folds = 10;
+  bool stratified = false, proba = false, quiet = false, verbose = false;
+  long max_depth = -1;
+  brix::tree_options tree;
+};
+
+double number(std::string const& word, std::string const& text) {
+  char* end = nullptr;
+  double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !std::isfinite(v))
+    throw usage_error(word + ": '" + text + "' is not a number");
+  return v;
+}
+
+// Each option: its word, whether it takes a value, and what it does with the value, checks
+// included, side by side.
+struct option {
+  char const* word;
+  bool takes_value;
+  std::function<void(settings&, std::string const&)> apply;
+};
+
+std::vector<option> const& options() {
+  static std::vector<option> const table = {
+      {"--class", true, [](settings& s, std::string const& v) { s.class_column = v; }},
+      {"--test", true, [](settings& s, std::string const& v) { s.test = v; }},
+      {"--test-fraction", true,
+       [](settings& s, std::string const& v) {
+         s.test_fraction = number("--test-fraction", v);
+         if (!(s.test_fraction > 0 && s.test_fraction < 1))
+           throw usage_error("--test-fraction must be in (0,1)");
+       }},
+      {"--seed", true,
+       [](settings& s, std::string const& v) {
+         double d = number("--seed", v);
+         if (d < 0 || d != std::floor(d)) throw usage_error("--seed must be a whole number >= 0");
+         s.seed = static_cast<std::uint64_t>(d);
+       }},
+      {"--confidence", true,
+       [](settings& s, std::string const& v) {
+         s.tree.confidence = static_cast<float>(number("--confidence", v));
+         if (!(s.tree.confidence > 0 && s.tree.confidence <= 1))
+           throw usage_error("--confidence must be in (0,1]");
+       }},
+      {"--min-cases", true,
+       [](settings& s, std::string const& v) {
+         s.tree.min_cases = static_cast<float>(number("--min-cases", v));
+         if (!(s.tree.min_cases > 1)) throw usage_error("--min-cases must be > 1");
+       }},
+      {"--pruning", true,
+       [](settings& s, std::string const& v) {
+         if (v == "error")
+           s.tree.prune = brix::pruning::error;
+         else if (v == "full")
+           s.tree.prune = brix::pruning::full;
+         else if (v == "none")
+           s.tree.prune = brix::pruning::none;
+         else
+           throw usage_error("--pruning must be error, full or none");
+       }},
+      {"--threads", true,
+       [](settings& s, std::string const& v) {
+         double d = number("--threads", v);
+         long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+         if (d < 1 || d > cpus || d != std::floor(d))
+           throw usage_error("--threads must be in [1," + std::to_string(cpus) + "]");
+         s.tree.threads = static_cast<int>(d);
+       }},
+      {"--model", true, [](settings& s, std::string const& v) { s.model = v; }},
+      {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
+      {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
+      {"--format", true,
+       [](settings& s, std::string const& v) {
+         if (v != "text" && v != "dot" && v != "pmml")
+           throw usage_error("--format must be text, dot or pmml");
+         s.format = v;
+       }},
+      {"-k", true,
+       [](settings& s, std::string const& v) {
+         double d = number("-k", v);
+         if (d < 2 || d != std::floor(d)) throw usage_error("-k must be a whole number >= 2");
+         s.folds = static_cast<unsigned>(d);
+       }},
+      {"--max-depth", true,
+       [](settings& s, std::string const& v) {
+         double d = number("--max-depth", v);
+         if (d < 0 || d != std::floor(d)) throw usage_error("--max-depth must be >= 0");
+         s.max_depth = static_cast<long>(d);
+       }},
+      {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
+      {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
+      {"--quiet", false, [](settings& s, std::string const&) { s.quiet = true; }},
+      {"-v", false, [](settings& s, std::string const&) { s.verbose = true; }},
+  };
+  return table;
+}
+
+settings parse(int argc, char** argv, int first) {
+  settings s;
+  for (int i = first; i < argc; ++i) {
+    std::string w = argv[i];
+    if (w.size() > 1 && w[0] == '-') {
+      option const* o = nullptr;
+      for (auto const& c : options())
+        if (w == c.word) o = &c;
+      if (o == nullptr) throw usage_error("unknown option " + w);
+      std::string value;
+      if (o->takes_value) {
+        if (i + 1 >= argc) throw usage_error(w + " needs a value");
+        value = argv[++i];
+      }
+      o->apply(s, value);
+    } else {
+      s.args.push_back(w);
+    }
+  }
+  return s;
+}
+
+// ---------------------------------------------------------------- data and outputs
+
+bool is_csv(std::string const& p) {
+  for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"}) {
+    std::string tail = e;
+    if (p.size() > tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
+      return true;
+  }
+  return false;
+}
+
+bool exists(std::string const& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0;
+}
+
+// DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
+std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
+  if (is_csv(data)) {
+    brix::read_options o;
+    o.class_column = s.class_column;
+    o.require_class = need_class;
+    o.warnings = s.quiet ? nullptr : &std::cerr;
+    return brix::read_csv(data, o);
+  }
+  std::string names = data + ".names", rows = data + ".data";
+  if (!exists(names)) throw std::runtime_error("File " + names + ": not found");
+  if (!exists(rows) && exists(rows + ".gz")) rows += ".gz";
+  auto t = std::make_unique<brix::table>(data);
+  t->load_meta_data(brix::datasource("FILE#" + names + "#,"));
+  t->load_data(brix::datasource("FILE#" + rows + "#,"), "?");
+  return t;
+}
+
+// Writes to NAME.part beside the output and renames it once the writer succeeded.
+void write_file(std::string const& path, std::function<void(std::ostream&)> const& write) {
+  // A device or a pipe is written as it is: there is nothing to rename onto it.
+  struct stat st;
+  bool special = ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
+  std::string part = special ? path : path + ".part";
+  {
+    std::ofstream out(part);
+    if (!out) throw std::runtime_error("File " + path + ": cannot be opened for writing");
+    write(out);
+    out.flush();
+    if (!out) {
+      out.close();
+      if (!special) std::remove(part.c_str());
+      throw std::runtime_error("File " + path + ": error writing output");
+    }
+  }
+  if (!special && std::rename(part.c_str(), path.c_str()) != 0) {
+    std::remove(part.c_str());
+    throw std::runtime_error("File " + path + ": cannot be written");
+  }
+}
+
+void refuse_same(std::string const& out, std::vector<std::string> const& ins) {
+  for (auto const& in : ins)
+    if (!out.empty() && out == in) throw usage_error("the output " + out + " is also an input");
+}
+
+// A whole number as one, others as the stream prints floats.
+std::string count(double v) {
+  std::ostringstream o;
+  if (v == std::floor(v) && std::fabs(v) < 1e15)
+    o << static_cast<long long>(v);
+  else
+    o << v;
+  return o.str();
+}
+
+void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix const& m) {
+  out << heading << m.mis_perc() * 100.0f << "% of " << m.cases() << " cases. " << std::endl;
+  m.toTEXT(out, 0);
+}
+
+// The confusion matrix of a table's rows whose columns are matched to the tree by name.
+std::unique_ptr<brix::conf_matrix> evaluate(brix::tree_model const& m, brix::table const& t) {
+  brix::impls::decision_tree const& tree = *m.facade().get_impl();
+  auto cells = std::make_unique<brix::impls::conf_matrix>(tree.get_metadata());
+  brix::impls::column const* cls = tree.get_metadata()->get_class();
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
+    std::vector<double> p = m.predict_proba(t, r);
+    unsigned long best = 0;
+    for (std::size_t c = 1; c < p.size(); ++c)
+      if (p[c] > p[best]) best = c;
+    cells->add(best + 1, cls->get_index(t.get_class(r).c_str()), t.get_weight(r));
+  }
+  return std::make_unique<brix::conf_matrix>(cells.release());
+}
+
+void warn_past_exact(brix::table const& t, settings const& s) {
+  double w = 0;
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    w += t.get_weight(r);
+  if (w > 16777216.0 && !s.quiet)
+    std::cerr << "brix: the training weight passes 2^24 (16,777,216): 32-bit sums stop counting "
+                 "every case exactly from there, as brixcmd's arithmetic requires"
+              << std::endl;
+}
+
+// ---------------------------------------------------------------- subcommands
+
+int train(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
+  if (!s.test.empty() && s.test_fraction > 0)
+    throw usage_error("--test and --test-fraction exclude each other");
+  refuse_same(s.model, {s.args[0], s.test});
+  auto t = load(s.args[0], s, true);
+  warn_past_exact(*t, s);
+  std::unique_ptr<brix::tree_model> m;
+  std::vector<unsigned long> held;
+  if (s.test_fraction > 0) {
+    brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
+    m = brix::tree_model::train(*t, s.tree, &h.train);
+    held = h.test;
+  } else {
+    m = brix::tree_model::train(*t, s.tree);
+  }
+  brix::dtree const& tree = m->facade();
+  std::ostream& out = std::cout;
+  std::unique_ptr<brix::conf_matrix> training(tree.get_prediction());
+  out << brix::get_copyright() << std::endl
+      << std::endl
+      << "TREE SIZE: " << tree.size() << std::endl
+      << std::endl;
+  report_matrix(out, "MISCLASSIFICATION on training: ", *training);
+  if (!s.test.empty()) {
+    std::unique_ptr<brix::conf_matrix> test;
+    if (is_csv(s.test)) {
+      test = evaluate(*m, *load(s.test, s, true));
+    } else {
+      test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));
+    }
+    out << std::endl;
+    report_matrix(out, "MISCLASSIFICATION on test file: ", *test);
+  }
+  if (!held.empty()) {
+    brix::table::subset sub;
+    for (unsigned long r : held)
+      sub.push_back(r, t->get_weight(r));
+    std::unique_ptr<brix::conf_matrix> h(const_cast<brix::dtree&>(tree).predict(t.get(), &sub));
+    out << std::endl;
+    report_matrix(out, "MISCLASSIFICATION on holdout test: ", *h);
+  }
+  out << std::endl << "Decision Tree" << std::endl << std::endl;
+  m->write_text(out);
+  out << std::endl << "Attribute usage" << std::endl << std::endl;
+  std::vector<std::string> names = m->attributes();
+  std::vector<double> usage = m->attribute_usage();
+  for (std::size_t a = 0; a < names.size(); ++a)
+    if (usage[a] > 0) out << "  " << std::lround(usage[a] * 100) << "%\t" << names[a] << std::endl;
+  if (!s.model.empty()) m->save(s.model);
+  return 0;
+}
+
+int predict(settings const& s) {
+  if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
+  refuse_same(s.output, s.args);
+  auto m = brix::tree_model::load(s.args[0]);
+  auto t = load(s.args[1], s, false);
+  std::vector<std::string> classes = m->classes();
+  brix::impls::column const* id = nullptr;
+  if (!s.id.empty()) {
+    brix::impls::table const& i = *t->get_impl();
+    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
+      if (i.get_column(c)->get_name() == s.id) id = i.get_column(c);
+    if (id == nullptr) throw std::runtime_error("DATA has no column '" + s.id + "'");
+  }
+  auto write = [&](std::ostream& out) {
+    if (id) out << s.id << ",";
+    out << "predicted";
+    if (s.proba)
+      for (auto const& c : classes)
+        out << ",p(" << c << ")";
+    out << "\n";
+    for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
+      std::vector<double> p = m->predict_proba(*t, r);
+      std::size_t best = 0;
+      for (std::size_t c = 1; c < p.size(); ++c)
+        if (p[c] > p[best]) best = c;
+      if (id) out << id->get_value(r) << ",";
+      out << classes[best];
+      if (s.proba)
+        for (double v : p)
+          out << "," << v;
+      out << "\n";
+    }
+  };
+  if (s.output.empty()) {
+    write(std::cout);
+  } else {
+    write_file(s.output, write);
+  }
+  return 0;
+}
+
+int cv(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("cv takes one DATA argument");
+  auto t = load(s.args[0], s, true);
+  if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
+  warn_past_exact(*t, s);
+  std::vector<unsigned long> labels;
+  brix::impls::column const* cls = t->get_impl()->get_class();
+  for (unsigned long r = 0; r < t->get_no_rows(); ++r)
+    labels.push_back(cls->get_row_index(r));
+  std::vector<unsigned> fold =
+      brix::kfold(t->get_no_rows(), s.folds, s.seed, s.stratified ? &labels : nullptr);
+  std::vector<double> errors;
+  std::cout << "fold\terror %\tsize\ttest cases" << std::endl;
+  for (unsigned k = 0; k < s.folds; ++k) {
+    std::vector<unsigned long> train;
+    brix::table::subset test;
+    for (unsigned long r = 0; r < fold.size(); ++r) {
+      if (fold[r] == k)
+        test.push_back(r, t->get_weight(r));
+      else
+        train.push_back(r);
+    }
+    auto m = brix::tree_model::train(*t, s.tree, &train);
+    std::unique_ptr<brix::conf_matrix> c(
+        const_cast<brix::dtree&>(m->facade()).predict(t.get(), &test));
+    double e = c->mis_perc() * 100.0;
+    errors.push_back(e);
+    std::cout << k + 1 << "\t" << e << "\t" << m->size() << "\t" << count(c->cases()) << std::endl;
+  }
+  double mean = std::accumulate(errors.begin(), errors.end(), 0.0) / errors.size(), var = 0;
+  for (double e : errors)
+    var += (e - mean) * (e - mean);
+  double sd = errors.size() > 1 ? std::sqrt(var / (errors.size() - 1)) : 0.0;
+  std::cout << "mean error " << mean << "%, standard deviation " << sd << " (" << s.folds
+            << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
+            << std::endl;
+  return 0;
+}
+
+int show(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
+  auto m = brix::tree_model::load(s.args[0]);
+  if (s.format == "text")
+    m->write_text(std::cout);
+  else if (s.format == "dot")
+    m->facade().toDOT(std::cout);
+  else
+    m->facade().toXML(std::cout, nullptr);
+  return 0;
+}
+
+char const* const kUsage =
+    "usage: brix COMMAND [ARGS] [OPTIONS]\n"
+    "\n"
+    "  brix train DATA [--class NAME] [--test FILE | --test-fraction P] [--seed N]\n"
+    "                  [--confidence CF] [--min-cases M] [--pruning error|full|none]\n"
+    "                  [--threads N] [--model OUT]\n"
+    "  brix predict MODEL DATA [--proba] [--id COLUMN] [--output FILE]\n"
+    "  brix cv DATA [-k K] [--seed N] [--stratified] [training options]\n"
+    "  brix show MODEL [--format text|dot|pmml]\n"
+    "\n"
+    "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt, optionally .gz) or the stem\n"
+    "of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt reads it too).\n"
+    "Options: --quiet (no warnings), --help, --version.\n"
+    "Exit status: 0 success, 1 data or model error, 2 usage error.\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::map<std::string, int (*)(settings const&)> const commands = {
+      {"train", train}, {"predict", predict}, {"cv", cv}, {"show", show}};
+  try {
+    if (argc < 2) throw usage_error("no command given");
+    std::string cmd = argv[1];
+    if (cmd == "--help" || cmd == "-h" || cmd == "help") {
+      std::cout << kUsage;
+      return 0;
+    }
+    if (cmd == "--version") {
+      std::cout << "brix " << brix::get_version() << std::endl;
+      return 0;
+    }
+    auto it = commands.find(cmd);
+    if (it == commands.end()) throw usage_error("unknown command " + cmd);
+    for (int i = 2; i < argc; ++i)
+      if (std::string(argv[i]) == "--help") {
+        std::cout << kUsage;
+        return 0;
+      }
+    return it->second(parse(argc, argv, 2));
+  } catch (usage_error const& e) {
+    std::cerr << "brix: " << e.what() << "\n(brix --help lists the commands and options)"
+              << std::endl;
+    return 2;
+  } catch (std::exception const& e) {
+    std::cerr << "brix: " << e.what() << std::endl;
+    return 1;
+  }
+}

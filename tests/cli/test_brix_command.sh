@@ -1,0 +1,94 @@
+# The brix command: the trees and reports of brixcmd from stems and from CSV, models that brixcmd
+# reads, probabilities that agree with its score file, reproducible cross-validation, and every
+# failure on standard error with its status and no output file left behind.
+source "$(dirname "$0")/lib.sh"
+source "$ROOT/tests/cli/datasets.sh"
+BRIX=$(dirname "$BRIXCMD")/brix
+EX=$ROOT/examples
+
+# brix_run ARGS...: like run, for brix.
+brix_run() {
+  LAST="brix $*"
+  "$BRIX" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
+  STATUS=$?
+}
+
+# The report of brix train starts with brixcmd's whole report.
+same_report() {  # label brix-args... -- brixcmd-args...
+  local label=$1
+  shift
+  local b=() c=()
+  while [ "$1" != -- ]; do b+=("$1"); shift; done
+  shift
+  "$BRIX" train "${b[@]}" >brix.txt 2>brix.err || fail "$label: brix failed: $(head -2 brix.err)"
+  "$BRIXCMD" "$@" -tstd >brixcmd.txt
+  head -n "$(wc -l <brixcmd.txt)" brix.txt | cmp -s - brixcmd.txt || fail "$label: reports differ"
+}
+
+same_report iris-stem "$EX/iris" --test "$EX/iris.test" -- -f "$EX/iris" -ft "$EX/iris.test"
+same_report iris-csv "$EX/iris.csv" --test "$EX/iris_test.csv" -- -f "$EX/iris" -ft "$EX/iris.test"
+same_report votes-full "$EX/votes" --test "$EX/votes.test" --pruning full -- \
+  -f "$EX/votes" -ft "$EX/votes.test" -c4.5
+same_report golf-options "$EX/golf" --min-cases 3 --confidence 0.5 -- -f "$EX/golf" -m 3 -c 0.5
+while read -r name names data test; do
+  [ -n "$test" ] || continue
+  stem=${names%.names}
+  same_report "$name" "$stem" --test "$test" -- -f "$stem" -ft "$test"
+done < <(datasets)
+grep -q '^Attribute usage$' brix.txt || fail "no attribute usage after the report"
+
+# A model brixcmd reads, and predictions that agree with brixcmd's scores.
+brix_run train "$EX/votes" --model votes.tree
+expect_status 0
+"$BRIXCMD" -bt votes.tree -ft "$EX/votes.test" -tstd >from_model.txt
+"$BRIXCMD" -f "$EX/votes" -ft "$EX/votes.test" -tstd >direct.txt
+cmp -s from_model.txt direct.txt || fail "brixcmd -bt on brix's model gives another report"
+brix_run predict votes.tree "$EX/votes" --proba --output votes.pred
+expect_status 0
+"$BRIXCMD" -f "$EX/votes" -fs "$EX/votes.data" -s votes.scores
+paste -d, <(tail -n +2 votes.pred | cut -d, -f1) <(awk -F, '{ print $(NF-1) }' votes.scores) |
+  awk -F, '$1 != $2 { bad = 1 } END { exit bad }' || fail "predicted classes differ from the scores"
+[ "$(head -1 votes.pred)" = "predicted,p(democrat),p(republican)" ] || fail "header: $(head -1 votes.pred)"
+
+# Cross-validation: the same on two runs and on one or two threads.
+"$BRIX" cv "$EX/votes" -k 10 --seed 1 >cv1.txt
+"$BRIX" cv "$EX/votes" -k 10 --seed 1 --threads 2 --stratified >cv2.txt
+"$BRIX" cv "$EX/votes" -k 10 --seed 1 --threads 1 --stratified >cv3.txt
+"$BRIX" cv "$EX/votes" -k 10 --seed 1 >cv4.txt
+cmp -s cv1.txt cv4.txt || fail "cv differs between two runs"
+cmp -s cv2.txt cv3.txt || fail "cv differs between one and two threads"
+[ "$(wc -l <cv1.txt)" -eq 12 ] || fail "cv prints $(wc -l <cv1.txt) lines"
+
+# Conventions: help, version, statuses, one line on standard error, nothing left behind.
+brix_run --help
+expect_status 0
+expect_grep '^usage: brix COMMAND'
+brix_run train --help
+expect_status 0
+brix_run --version
+expect_output "brix 1.2.5"
+for args in "" "nonsense" "train" "train $EX/iris.csv --pruning maybe" "train $EX/iris.csv --min-cases 1" \
+  "cv $EX/iris.csv -k" "train $EX/iris.csv --model $EX/iris.csv"; do
+  brix_run $args
+  expect_status 2
+  [ -s "$WORK/stdout" ] && fail "usage errors print nothing on standard output"
+done
+printf 'a,b,c\n1,"x,2\n' >unclosed.csv
+printf 'a,b,c\n1,2,3\n4,5\n' >ragged.csv
+: >empty.csv
+printf 'not a model' >fake.tree
+for args in "train missing.csv" "train unclosed.csv" "train ragged.csv" "train empty.csv" \
+  "train $EX/iris.csv --class nope" "predict fake.tree $EX/iris_test.csv" "show fake.tree"; do
+  brix_run $args
+  expect_status 1
+  [ "$(wc -l <"$WORK/stderr")" -eq 1 ] || fail "not one line on standard error: $(cat "$WORK/stderr")"
+done
+brix_run predict votes.tree "$EX/votes" --output nodir/out.csv
+expect_status 1
+brix_run predict votes.tree "$EX/votes" --output /dev/full
+expect_status 1
+brix_run train "$EX/votes" --model /dev/full
+expect_status 1
+ls ./*.part nodir 2>/dev/null && fail "a partial output was left behind"
+
+finish

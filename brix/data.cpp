@@ -294,4 +294,90 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
 
+struct table_builder::column_values {
+  std::string name;
+  column_kind kind;
+  value_type type;
+  std::vector<double> numbers;
+  std::vector<std::string> texts;
+  std::vector<bool> known;
+  std::size_t size() const { return type == value_type::string ? texts.size() : numbers.size(); }
+};
+
+table_builder::table_builder(std::string name) : name_(std::move(name)) {}
+table_builder::~table_builder() = default;
+
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::vector<double> const& values,
+                                          std::vector<bool> const& known) {
+  if (type == value_type::string)
+    throw std::invalid_argument("[brix::table_builder] column '" + name +
+                                "': numbers of type string");
+  if (!known.empty() && known.size() != values.size())
+    throw std::invalid_argument("[brix::table_builder] column '" + name +
+                                "': " + std::to_string(known.size()) + " known flags for " +
+                                std::to_string(values.size()) + " values");
+  columns_.push_back(column_values{name, kind, type, values, {}, known});
+  return *this;
+}
+
+table_builder& table_builder::add_strings(std::string const& name, column_kind kind,
+                                          std::vector<std::string> const& values,
+                                          std::vector<bool> const& known) {
+  if (kind == column_kind::continuous || kind == column_kind::weights)
+    throw std::invalid_argument("[brix::table_builder] column '" + name + "': a " + keyword(kind) +
+                                " column needs numbers");
+  if (!known.empty() && known.size() != values.size())
+    throw std::invalid_argument("[brix::table_builder] column '" + name +
+                                "': " + std::to_string(known.size()) + " known flags for " +
+                                std::to_string(values.size()) + " values");
+  columns_.push_back(column_values{name, kind, value_type::string, {}, values, known});
+  return *this;
+}
+
+std::unique_ptr<table> table_builder::build(bool require_class) {
+  auto bad = [](std::string const& what) {
+    throw std::invalid_argument("[brix::table_builder] " + what);
+  };
+  if (columns_.empty()) bad("no columns");
+  std::size_t rows = columns_[0].size();
+  std::set<std::string> names;
+  bool has_class = false;
+  for (auto const& c : columns_) {
+    if (c.size() != rows)
+      bad("column '" + c.name + "' has " + std::to_string(c.size()) + " values, column '" +
+          columns_[0].name + "' " + std::to_string(rows));
+    if (!names.insert(c.name).second) bad("column '" + c.name + "' given twice");
+    has_class |= c.kind == column_kind::class_label;
+  }
+  if (rows == 0) bad("no rows");
+  if (require_class && !has_class) bad("no class column");
+  auto impl = std::make_unique<impls::table>(name_, has_class);
+  std::vector<std::function<void(impls::value_loader&, std::size_t)>> put;
+  for (auto const& c : columns_) {
+    try {
+      impl->push_back(c.name, keyword(c.type), keyword(c.kind));
+    } catch (std::runtime_error const& e) {
+      bad("column '" + c.name + "': " + e.what());
+    }
+    column_values const* v = &c;
+    if (c.type == value_type::string) {
+      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+        bool known = v->known.empty() || v->known[r];
+        l.add(known ? v->texts[r].c_str() : "?");
+      });
+    } else {
+      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+        l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
+      });
+    }
+  }
+  try {
+    impl->load_columns(put, rows);
+  } catch (std::runtime_error const& e) {
+    throw std::invalid_argument(std::string("[brix::table_builder] ") + e.what());
+  }
+  return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
 }  // namespace brix

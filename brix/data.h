@@ -3,6 +3,7 @@
 #ifndef BRIX_DATA_H
 #define BRIX_DATA_H
 
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -24,6 +25,31 @@ struct read_options {
   std::map<std::string, column_kind> kinds;  // overrides by column name
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
+};
+
+// A table built from columns in memory, with no text in between: the same table (value orders,
+// storage widths, hence the same tree) as loading the same values from .names/.data.
+class table_builder {
+ public:
+  explicit table_builder(std::string name);
+  ~table_builder();
+  // Numbers of a numeric type; unknown where known[i] is false (an empty known: all known) or
+  // where the value is NaN. Integer types refuse fractions and values out of their range.
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             std::vector<double> const& values,
+                             std::vector<bool> const& known = {});
+  // Texts, for discrete, class and ignored columns; unknown where known[i] is false.
+  table_builder& add_strings(std::string const& name, column_kind kind,
+                             std::vector<std::string> const& values,
+                             std::vector<bool> const& known = {});
+  // Throws std::invalid_argument for columns of different lengths, repeated names, no class
+  // column (when require_class) or no rows; the builder can be used again afterwards.
+  std::unique_ptr<table> build(bool require_class = true);
+
+ private:
+  struct column_values;
+  std::string name_;
+  std::vector<column_values> columns_;
 };
 
 // RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,11 @@ class value_loader {
  public:
   virtual ~value_loader() = default;
   virtual void add(char const* text) = 0;
+  // A number given as such, or an unknown value when known is false; only numeric sets take
+  // numbers.
+  virtual void add_number(double value, bool known) {
+    throw std::runtime_error("numbers given for a column of texts");
+  }
   virtual void index() = 0;
   virtual void attach(column* target) = 0;
   virtual void fill(std::size_t from, std::size_t to) = 0;

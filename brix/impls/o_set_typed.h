@@ -5,6 +5,9 @@
 #define BRIX_IMPLS_O_SET_TYPED_H
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
 #include <numeric>
 #include <stdexcept>
 #include <string>
@@ -256,19 +259,46 @@ class raw_loader : public value_loader {
 
   void add(char const* text) override {
     if (set_->is_null_text(text)) {
-      set_->insert_null();
-      if (raw_mode_) {
-        if (keep_) {
-          nulls_.push_back(rows_);
-          raw_.push_back(0);
-        }
-      } else if (keep_) {
-        ids_.push_back(0);
-      }
-      ++rows_;
+      add_unknown();
       return;
     }
-    V v = T::parse(text);
+    add_value(T::parse(text));
+  }
+
+  void add_number(double x, bool known) override {
+    if (!known || std::isnan(x)) {
+      add_unknown();
+      return;
+    }
+    if constexpr (std::is_integral<V>::value) {
+      if (x != std::floor(x) || !(x >= static_cast<double>(std::numeric_limits<V>::min())) ||
+          !(x <= static_cast<double>(std::numeric_limits<V>::max())))
+        throw std::runtime_error(number_text(x) + ": not a value of type " + T::keyword());
+    }
+    add_value(static_cast<V>(x));
+  }
+
+ private:
+  static std::string number_text(double x) {
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, x);
+    return std::string(buf, r.ptr);
+  }
+
+  void add_unknown() {
+    set_->insert_null();
+    if (raw_mode_) {
+      if (keep_) {
+        nulls_.push_back(rows_);
+        raw_.push_back(0);
+      }
+    } else if (keep_) {
+      ids_.push_back(0);
+    }
+    ++rows_;
+  }
+
+  void add_value(V v) {
     ++rows_;
     if (raw_mode_) {
       raw_.push_back(to_raw(v));
@@ -282,6 +312,7 @@ class raw_loader : public value_loader {
     }
   }
 
+ public:
   void index() override {
     if (!raw_mode_) {
       set_->freeze_remap(remap_);

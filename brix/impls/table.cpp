@@ -193,10 +193,9 @@ void table::load_data(zel::inpout::stream* source, std::string const& null, bool
     char sep = source->get_delim();
     line_fields fields;
     unsigned long r = 0, k = columns_.size() - loaded_;
-    std::vector<char const*> row(k);
     load_from(
         [&]() { return source->read_line(); },
-        [&]() -> char const* const* {
+        [&](std::vector<std::unique_ptr<value_loader>>& loaders) {
           ++r;
           char* line = source->get_line();
           if (fields.split_all(line, sep) != k) {
@@ -204,8 +203,7 @@ void table::load_data(zel::inpout::stream* source, std::string const& null, bool
             throw std::runtime_error("bad row format (row " + std::to_string(r) + "): " + line);
           }
           for (unsigned long j = 0; j < k; ++j)
-            row[j] = fields[j];
-          return row.data();
+            loaders[j]->add(fields[j]);
         },
         null);
   } catch (std::runtime_error const& e) {
@@ -215,17 +213,36 @@ void table::load_data(zel::inpout::stream* source, std::string const& null, bool
 
 void table::load_rows(std::function<char const* const*()> const& next, std::string const& null) {
   char const* const* row = nullptr;
-  load_from([&]() { return (row = next()) != nullptr; }, [&]() { return row; }, null);
+  load_from([&]() { return (row = next()) != nullptr; },
+            [&](std::vector<std::unique_ptr<value_loader>>& loaders) {
+              for (std::size_t j = 0; j < loaders.size(); ++j)
+                loaders[j]->add(row[j]);
+            },
+            null);
+}
+
+void table::load_columns(std::vector<std::function<void(value_loader&, std::size_t)>> const& put,
+                         std::size_t rows) {
+  if (put.size() != columns_.size() - loaded_)
+    throw std::runtime_error("one value source per column not loaded yet is needed");
+  std::size_t r = 0;
+  load_from([&]() { return r < rows; },
+            [&](std::vector<std::unique_ptr<value_loader>>& loaders) {
+              for (std::size_t j = 0; j < loaders.size(); ++j)
+                put[j](*loaders[j], r);
+              ++r;
+            },
+            "?");
 }
 
 // The rows are read once. Each value goes to its column's loader, which
 // registers it in the value set and keeps the row's provisional id (or the
 // value itself, for columns of mostly distinct numbers); once every value is
 // known the sets are sorted and a second pass over the kept rows turns them
-// into orders, in place. advance() moves to the next row (false after the last one), fields()
-// gives its field texts.
-template <class Advance, class Fields>
-void table::load_from(Advance&& advance, Fields&& fields, std::string const& null) {
+// into orders, in place. advance() moves to the next row (false after the last one), put_row()
+// hands its values to the loaders.
+template <class Advance, class PutRow>
+void table::load_from(Advance&& advance, PutRow&& put_row, std::string const& null) {
   zel::util::cronos timer;
   timer.start();
   std::vector<std::unique_ptr<o_set>> sets;
@@ -250,9 +267,7 @@ void table::load_from(Advance&& advance, Fields&& fields, std::string const& nul
     progress(log_, verbosity_, r);
     if (r == 0xFFFFFFFFUL)
       throw std::runtime_error("too many rows: at most 4294967294 are supported");
-    char const* const* row = fields();
-    for (unsigned long j = 0; j < k; ++j)
-      loaders[j]->add(row[j]);
+    put_row(loaders);
   }
   if (log_ && verbosity_ >= 1) *log_ << "  " << r << " rows read. Indexing ... ";
 

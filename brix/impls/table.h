@@ -29,6 +29,10 @@ class table {
   // Rows from any reader into the columns not loaded yet: next() gives one row's field texts (one
   // per such column, the null text for an unknown value), or null after the last row.
   void load_rows(std::function<char const* const*()> const& next, std::string const& null);
+  // Values given column by column without text: put[j](loader, row) hands row's value of the
+  // j-th column not loaded yet to its loader. Unknown values are "?".
+  void load_columns(std::vector<std::function<void(value_loader&, std::size_t)>> const& put,
+                    std::size_t rows);
   // One row of a test or score file, reordered to attributes, class, weight.
   bool load_row(zel::inpout::stream* source, std::vector<std::string>& row) const;
 
@@ -89,8 +93,8 @@ class table {
 
  private:
   void refresh_attributes();
-  template <class Advance, class Fields>
-  void load_from(Advance&& advance, Fields&& fields, std::string const& null);
+  template <class Advance, class PutRow>
+  void load_from(Advance&& advance, PutRow&& put_row, std::string const& null);
 
   std::string name_;
   std::ostream* log_;

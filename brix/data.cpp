@@ -3,7 +3,10 @@
 // loader as .data files.
 #include "brix/data.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -292,6 +295,223 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
   }
   return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+namespace {
+
+// Splits an ARFF line at unquoted commas (or, with blanks, at unquoted blanks), removing quotes
+// and the blanks around fields; false when a quote is not closed.
+bool arff_fields(std::string const& line, std::vector<std::string>& out, bool by_blank) {
+  out.clear();
+  std::string f;
+  bool any = false;
+  std::size_t keep = 0;  // f up to its last character that is not a trailing blank
+  auto end_field = [&]() {
+    f.resize(keep);
+    out.push_back(f);
+    f.clear();
+    any = false;
+    keep = 0;
+  };
+  for (std::size_t i = 0; i < line.size();) {
+    char c = line[i];
+    if (c == ' ' || c == '\t') {
+      if (by_blank) {
+        if (any) end_field();
+      } else if (any) {
+        f += c;  // inside a value; dropped again if nothing follows
+      }
+      ++i;
+      continue;
+    }
+    if (c == '\'' || c == '"') {
+      std::size_t close = line.find(c, i + 1);
+      while (close != std::string::npos && line[close - 1] == '\\')
+        close = line.find(c, close + 1);
+      if (close == std::string::npos) return false;
+      f += line.substr(i + 1, close - i - 1);
+      any = true;
+      keep = f.size();
+      i = close + 1;
+      continue;
+    }
+    if (!by_blank && c == ',') {
+      end_field();
+      ++i;
+      continue;
+    }
+    f += c;
+    any = true;
+    keep = f.size();
+    ++i;
+  }
+  if (any || !by_blank) end_field();
+  return true;
+}
+
+std::string lower(std::string s) {
+  for (char& c : s)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+}  // namespace
+
+std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
+  std::string text = slurp(path);
+  struct attribute {
+    std::string name;
+    value_type type;
+    column_kind kind;
+    std::vector<std::string> nominal;
+  };
+  std::vector<attribute> atts;
+  std::vector<std::vector<std::string>> rows;
+  std::vector<std::size_t> lines;
+  std::size_t at = 0, line_no = 0;
+  bool data = false;
+  std::vector<std::string> f;
+  auto where = [&]() { return "File " + path + ", line " + std::to_string(line_no); };
+  while (at < text.size()) {
+    std::size_t nl = text.find('\n', at);
+    if (nl == std::string::npos) nl = text.size();
+    std::string line = text.substr(at, nl - at);
+    at = nl + 1;
+    ++line_no;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    std::size_t first = line.find_first_not_of(" \t");
+    if (first == std::string::npos || line[first] == '%') continue;
+    line = line.substr(first);
+    if (!data) {
+      if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
+      std::string word = lower(line.substr(0, line.find_first_of(" \t")));
+      if (word == "@relation") continue;
+      if (word == "@data") {
+        data = true;
+        continue;
+      }
+      if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
+      std::string rest = line.substr(word.size());
+      std::size_t brace = rest.find('{');
+      std::vector<std::string> head;
+      if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
+          head.empty())
+        throw std::runtime_error(where() + ": bad attribute declaration");
+      attribute a{head[0], value_type::string, column_kind::discrete, {}};
+      if (brace != std::string::npos) {
+        std::size_t close = rest.rfind('}');
+        if (close == std::string::npos || close < brace)
+          throw std::runtime_error(where() + ": nominal values without a closing brace");
+        if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
+          throw std::runtime_error(where() + ": quote not closed");
+      } else {
+        std::string type = head.size() > 1 ? lower(head[1]) : "";
+        if (type == "integer") {
+          a.type = value_type::integer;
+          a.kind = column_kind::continuous;
+        } else if (type == "numeric" || type == "real") {
+          a.type = value_type::float32;
+          a.kind = column_kind::continuous;
+        } else if (type != "string") {
+          throw std::runtime_error(where() + ", attribute '" + a.name + "': type '" + type +
+                                   "' is not supported");
+        }
+      }
+      atts.push_back(a);
+      continue;
+    }
+    if (atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
+    std::vector<std::string> row(atts.size());
+    if (line[0] == '{') {
+      // Sparse: absent entries are 0, or a nominal attribute's first value.
+      for (std::size_t j = 0; j < atts.size(); ++j)
+        row[j] = atts[j].nominal.empty() ? (atts[j].type == value_type::string ? "" : "0")
+                                         : atts[j].nominal[0];
+      std::size_t close = line.rfind('}');
+      if (close == std::string::npos) throw std::runtime_error(where() + ": sparse row not closed");
+      if (!arff_fields(line.substr(1, close - 1), f, false))
+        throw std::runtime_error(where() + ": quote not closed");
+      for (auto const& entry : f) {
+        if (entry.empty()) continue;
+        std::vector<std::string> iv;
+        arff_fields(entry, iv, true);
+        char* end = nullptr;
+        unsigned long i = iv.empty() ? 0 : std::strtoul(iv[0].c_str(), &end, 10);
+        if (iv.size() != 2 || *end != '\0' || i >= atts.size())
+          throw std::runtime_error(where() + ": bad sparse entry '" + entry + "'");
+        row[i] = iv[1];
+      }
+    } else {
+      if (!arff_fields(line, f, false)) throw std::runtime_error(where() + ": quote not closed");
+      if (f.size() != atts.size())
+        throw std::runtime_error(where() + ": " + std::to_string(f.size()) + " values, " +
+                                 std::to_string(atts.size()) + " attributes declared");
+      row = f;
+    }
+    rows.push_back(std::move(row));
+    lines.push_back(line_no);
+  }
+  if (atts.empty()) throw std::runtime_error("File " + path + ": no attribute declared");
+  if (rows.empty()) throw std::runtime_error("File " + path + ": no data rows");
+
+  std::size_t k = atts.size(), cls = k - 1;
+  if (!opts.class_column.empty()) {
+    cls = k;
+    for (std::size_t j = 0; j < k; ++j)
+      if (atts[j].name == opts.class_column) cls = j;
+    if (cls == k && opts.require_class)
+      throw std::runtime_error("File " + path + ": no attribute '" + opts.class_column + "'");
+  } else if (!opts.require_class) {
+    cls = k;
+  }
+  std::set<std::string, std::less<>> missing{"?"};
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  for (std::size_t j = 0; j < k; ++j) {
+    attribute& a = atts[j];
+    if (j == cls) {
+      a.type = value_type::string;
+      a.kind = column_kind::class_label;
+    }
+    auto t = opts.types.find(a.name);
+    if (t != opts.types.end()) a.type = t->second;
+    auto kd = opts.kinds.find(a.name);
+    if (kd != opts.kinds.end()) a.kind = kd->second;
+    try {
+      impl->push_back(a.name, keyword(a.type), keyword(a.kind));
+    } catch (std::runtime_error const& e) {
+      throw std::runtime_error("File " + path + ", attribute '" + a.name + "': " + e.what());
+    }
+  }
+  std::vector<char const*> cells(k);
+  std::size_t r = 0;
+  try {
+    impl->load_rows(
+        [&]() -> char const* const* {
+          if (r == rows.size()) return nullptr;
+          for (std::size_t j = 0; j < k; ++j)
+            cells[j] = missing.count(std::string_view(rows[r][j])) ? "?" : rows[r][j].c_str();
+          ++r;
+          return cells.data();
+        },
+        "?");
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error("File " + path + ", line " +
+                             std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
+  }
+  return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
+  if (ends_with(path, ".arff") || ends_with(path, ".arff.gz")) return read_arff(path, opts);
+  for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"})
+    if (ends_with(path, e)) return read_csv(path, opts);
+  std::string rows = path + ".data";
+  struct stat st;
+  if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
+  auto t = std::make_unique<table>(path);
+  t->load_meta_data(datasource("FILE#" + path + ".names#,"));
+  t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  return t;
 }
 
 struct table_builder::column_values {

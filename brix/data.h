@@ -60,6 +60,18 @@ class table_builder {
 // then.
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts = {});
 
+// ARFF: '%' comments, @relation, @attribute NAME numeric|real|integer|string|{v1,v2,...} (names
+// and values quoted with ' or " when they hold blanks or commas), @data, then one row per line,
+// dense or sparse ({index value, ...}, absent entries 0 or the first nominal value), '?' for
+// unknown. integer attributes make integer continuous columns, numeric and real ones float
+// continuous columns, the rest discrete; the class is the last attribute unless
+// opts.class_column names another. Overrides, errors and the result as for read_csv.
+std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts = {});
+
+// By name: .arff (or .arff.gz) through read_arff, .csv/.tsv/.txt (or .gz) through read_csv,
+// anything else as the stem of a .names/.data (or .data.gz) pair.
+std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
+
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);
 std::string keyword(column_kind k);

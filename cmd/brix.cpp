@@ -160,8 +160,9 @@ settings parse(int argc, char** argv, int first) {
 
 // ---------------------------------------------------------------- data and outputs
 
-bool is_csv(std::string const& p) {
-  for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"}) {
+bool is_table_file(std::string const& p) {
+  for (char const* e :
+       {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz", ".arff", ".arff.gz"}) {
     std::string tail = e;
     if (p.size() > tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
       return true;
@@ -176,20 +177,13 @@ bool exists(std::string const& p) {
 
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
 std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
-  if (is_csv(data)) {
-    brix::read_options o;
-    o.class_column = s.class_column;
-    o.require_class = need_class;
-    o.warnings = s.quiet ? nullptr : &std::cerr;
-    return brix::read_csv(data, o);
-  }
-  std::string names = data + ".names", rows = data + ".data";
-  if (!exists(names)) throw std::runtime_error("File " + names + ": not found");
-  if (!exists(rows) && exists(rows + ".gz")) rows += ".gz";
-  auto t = std::make_unique<brix::table>(data);
-  t->load_meta_data(brix::datasource("FILE#" + names + "#,"));
-  t->load_data(brix::datasource("FILE#" + rows + "#,"), "?");
-  return t;
+  brix::read_options o;
+  o.class_column = s.class_column;
+  o.require_class = need_class;
+  o.warnings = s.quiet ? nullptr : &std::cerr;
+  if (!is_table_file(data) && !exists(data + ".names"))
+    throw std::runtime_error("File " + data + ".names: not found");
+  return brix::read_table(data, o);
 }
 
 // Writes to NAME.part beside the output and renames it once the writer succeeded.
@@ -288,7 +282,7 @@ int train(settings const& s) {
   report_matrix(out, "MISCLASSIFICATION on training: ", *training);
   if (!s.test.empty()) {
     std::unique_ptr<brix::conf_matrix> test;
-    if (is_csv(s.test)) {
+    if (is_table_file(s.test)) {
       test = evaluate(*m, *load(s.test, s, true));
     } else {
       test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));
@@ -417,8 +411,9 @@ char const* const kUsage =
     "  brix cv DATA [-k K] [--seed N] [--stratified] [training options]\n"
     "  brix show MODEL [--format text|dot|pmml]\n"
     "\n"
-    "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt, optionally .gz) or the stem\n"
-    "of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt reads it too).\n"
+    "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
+    "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt "
+    "reads it too).\n"
     "Options: --quiet (no warnings), --help, --version.\n"
     "Exit status: 0 success, 1 data or model error, 2 usage error.\n";
 

@@ -93,6 +93,29 @@ class CsvFiles : public ::testing::Test, public scratch_dir {
     return csv;
   }
 
+  // The same rows as ARFF, the .names types as attribute types.
+  std::string rewrite_arff(std::string const& stem) {
+    auto names = read_names(stem + ".names");
+    std::string arff = file(fs::path(stem).filename().string() + ".arff");
+    std::ofstream out(arff);
+    out << "% a rewrite\n@relation 'rewrite of " << stem << "'\n";
+    for (auto const& n : names) {
+      std::string type = n.kind == "continuous" || n.kind == "weights"
+                             ? (n.type == "integer" ? "integer" : "real")
+                             : "string";
+      out << "@attribute '" << n.name << "' " << type << "\n";
+    }
+    out << "\n@data\n";
+    gzFile in =
+        gzopen((fs::exists(stem + ".data") ? stem + ".data" : stem + ".data.gz").c_str(), "rb");
+    char buf[1 << 16];
+    int n;
+    while ((n = gzread(in, buf, sizeof buf)) > 0)
+      out.write(buf, n);
+    gzclose(in);
+    return arff;
+  }
+
   void same_tree(std::string const& stem) {
     brix::table pair("t");
     pair.load_meta_data(brix::datasource("FILE#" + stem + ".names#,"));
@@ -103,7 +126,11 @@ class CsvFiles : public ::testing::Test, public scratch_dir {
     brix::read_options opts;
     opts.missing = {"?"};
     auto csv = brix::read_csv(rewrite(stem, opts), opts);
-    EXPECT_EQ(report(pair), report(*csv)) << stem;
+    std::string expected = report(pair);
+    EXPECT_EQ(expected, report(*csv)) << stem;
+    // ARFF declares only numeric or not: the kinds and classes come from the .names too.
+    auto arff = brix::read_table(rewrite_arff(stem), opts);
+    EXPECT_EQ(expected, report(*arff)) << stem << ".arff";
   }
 
   std::string error_of(std::string const& name, std::string const& text) {
@@ -257,6 +284,37 @@ TEST_F(CsvFiles, QuotesLineEndsMarkersAndInference) {
   EXPECT_EQ("float", i.get_column(2)->get_o_set()->get_datatype());
   EXPECT_EQ(0u, i.get_column(2)->get_row_index(1));  // NA: unknown
   EXPECT_EQ("no", t->get_class(3));
+}
+
+TEST_F(CsvFiles, ArffQuotesSparseRowsAndErrors) {
+  std::ofstream(file("t.arff")) << "@RELATION r\n@attribute 'the x' numeric\n"
+                                   "@attribute colour {red, 'dark blue'}\n@attribute n integer\n"
+                                   "@attribute class {yes,no}\n@data\n"
+                                   "1.5, 'dark blue', 3, yes\n{0 2.5, 3 no}\n?, red, ?, yes\n";
+  auto t = brix::read_table(file("t.arff"));
+  brix::impls::table const& i = *t->get_impl();
+  ASSERT_EQ(3u, t->get_no_rows());
+  EXPECT_EQ("the x", i.get_column(0)->get_name());
+  EXPECT_EQ("dark blue", i.get_column(1)->get_value(0));
+  EXPECT_EQ("red", i.get_column(1)->get_value(1));  // absent from a sparse row: the first value
+  EXPECT_EQ("0", i.get_column(2)->get_value(1));    // absent and numeric: 0
+  EXPECT_EQ(0u, i.get_column(2)->get_row_index(2));
+  EXPECT_EQ("no", t->get_class(1));
+  auto error_of = [&](std::string const& text) {
+    std::ofstream(file("e.arff")) << text;
+    try {
+      brix::read_arff(file("e.arff"));
+    } catch (std::runtime_error const& e) {
+      return std::string(e.what());
+    }
+    return std::string("(read)");
+  };
+  std::string e = "File " + file("e.arff");
+  EXPECT_EQ(e + ", line 2, attribute 'd': type 'date' is not supported",
+            error_of("@relation r\n@attribute d date\n@data\n1\n"));
+  EXPECT_EQ(e + ": no data rows", error_of("@relation r\n@attribute c {a,b}\n@data\n"));
+  EXPECT_EQ(e + ", line 3: quote not closed", error_of("@attribute c {a,b}\n@data\n'a\n"));
+  EXPECT_EQ(e + ", line 3: bad sparse entry '9 a'", error_of("@attribute c {a,b}\n@data\n{9 a}\n"));
 }
 
 TEST_F(CsvFiles, MalformedFilesNameFileLineAndColumn) {

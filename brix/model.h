@@ -66,6 +66,15 @@ class tree_model {
 
   // The tree as brixcmd's text report prints it.
   void write_text(std::ostream& out) const;
+  // PMML 4.4: the data dictionary with types and values, the mining schema, the tree with record
+  // counts and class distributions; unknown values are aggregated over the branches, as the
+  // tree itself does.
+  void write_pmml(std::ostream& out) const;
+  // Graphviz DOT, every label escaped; nodes deeper than max_depth (when >= 0) are cut to one
+  // summary node each; leaves show their class counts, coloured by class.
+  void write_dot(std::ostream& out, long max_depth = -1) const;
+  // JSON of the whole tree (docs/json-model.md describes it).
+  void write_json(std::ostream& out) const;
   dtree const& facade() const { return *tree_; }
 
  private:

@@ -112,8 +112,8 @@ std::vector<option> const& options() {
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
       {"--format", true,
        [](settings& s, std::string const& v) {
-         if (v != "text" && v != "dot" && v != "pmml")
-           throw usage_error("--format must be text, dot or pmml");
+         if (v != "text" && v != "dot" && v != "pmml" && v != "json")
+           throw usage_error("--format must be text, dot, pmml or json");
          s.format = v;
        }},
       {"-k", true,
@@ -395,9 +395,11 @@ int show(settings const& s) {
   if (s.format == "text")
     m->write_text(std::cout);
   else if (s.format == "dot")
-    m->facade().toDOT(std::cout);
+    m->write_dot(std::cout, s.max_depth);
+  else if (s.format == "pmml")
+    m->write_pmml(std::cout);
   else
-    m->facade().toXML(std::cout, nullptr);
+    m->write_json(std::cout);
   return 0;
 }
 
@@ -409,7 +411,7 @@ char const* const kUsage =
     "                  [--threads N] [--model OUT]\n"
     "  brix predict MODEL DATA [--proba] [--id COLUMN] [--output FILE]\n"
     "  brix cv DATA [-k K] [--seed N] [--stratified] [training options]\n"
-    "  brix show MODEL [--format text|dot|pmml]\n"
+    "  brix show MODEL [--format text|dot|pmml|json] [--max-depth D]\n"
     "\n"
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
     "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt "

@@ -157,12 +157,11 @@ std::vector<double> tree_model::predict_proba(std::vector<std::string> const& va
   }
   std::vector<float> dist(t.get_n_classes() + 1, 0.0f);
   t.get_root()->predict(values, dist, t.get_metadata(), 1.0f);
-  double sum = 0.0;
-  for (std::size_t c = 1; c < dist.size(); ++c)
-    sum += dist[c];
+  // The shares as prediction sums them in 32-bit floats, so that they equal the figures of the
+  // score file; they add up to 1 up to that rounding.
   std::vector<double> p(dist.size() - 1, 0.0);
   for (std::size_t c = 1; c < dist.size(); ++c)
-    p[c - 1] = sum > 0.0 ? dist[c] / sum : 0.0;
+    p[c - 1] = dist[c];
   return p;
 }
 

@@ -47,7 +47,8 @@ class tree_model {
   unsigned long size() const;
   unsigned long depth() const;
 
-  // The class distribution at the leaves a case reaches, normalised to sum to 1; a case with an
+  // The class distribution at the leaves a case reaches (the shares prediction sums in 32-bit
+  // floats, which the score file prints; they add up to 1 up to that rounding); a case with an
   // unknown value follows every branch with a share of its weight. Values: one text per
   // attribute, "?" for unknown.
   std::vector<double> predict_proba(std::vector<std::string> const& values) const;

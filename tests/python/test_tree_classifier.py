@@ -1,0 +1,145 @@
+"""brix.TreeClassifier: scikit-learn's estimator checks, the trees and scores of brixcmd on every
+dataset, and the errors users meet."""
+import os
+import pickle
+import subprocess
+
+import numpy as np
+import pandas as pd
+import pytest
+from sklearn.model_selection import GridSearchCV, cross_val_score
+from sklearn.pipeline import make_pipeline
+from sklearn.utils.estimator_checks import check_estimator
+
+import brix
+
+BRIXCMD = os.environ.get("BRIXCMD", "build/brixcmd")
+ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
+SHARED = os.environ.get("BRIX_SHARED_DATA", os.path.join(ROOT, "..", "shared", "data"))
+PRUNING = {"error": [], "full": ["-c4.5"], "none": ["-np"]}
+
+
+def read_stem(stem, data_file=None):
+    """A .names/.data pair as pandas reads it: the declared kinds give the dtypes."""
+    names = [line.strip().split(",") for line in open(stem + ".names") if line.strip()]
+    dtypes = {}
+    for name, typ, kind in (n[:3] for n in names):
+        if kind in ("discrete", "class", "ignore"):
+            dtypes[name] = str
+        elif typ in ("integer", "uinteger"):
+            dtypes[name] = "Int64"
+        else:
+            dtypes[name] = float
+    path = data_file or (stem + ".data" if os.path.exists(stem + ".data") else stem + ".data.gz")
+    df = pd.read_csv(path, header=None, names=[n[0] for n in names], dtype=dtypes,
+                     na_values=["?"], keep_default_na=False)
+    for name, _, kind in (n[:3] for n in names):
+        if kind == "discrete":
+            df[name] = df[name].astype("category")
+    cls = next(n[0] for n in names if n[2] == "class")
+    weights = next((n[0] for n in names if n[2] == "weights"), None)
+    ignored = [n[0] for n in names if n[2] == "ignore"]
+    X = df.drop(columns=[cls] + ignored + ([weights] if weights else []))
+    return X, df[cls], (df[weights] if weights else None)
+
+
+def brixcmd(*args):
+    return subprocess.run([BRIXCMD, *args], check=True, capture_output=True, text=True).stdout
+
+
+def tree_of(report):
+    return report.split("Decision Tree\n\n", 1)[1]
+
+
+def datasets():
+    if not os.path.isdir(SHARED):
+        return []
+    return sorted(f[:-6] for f in os.listdir(SHARED)
+                  if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
+
+
+def test_scikit_learn_estimator_checks():
+    check_estimator(brix.TreeClassifier())
+
+
+@pytest.mark.parametrize("pruning", sorted(PRUNING))
+def test_examples_grow_the_trees_of_brixcmd(pruning):
+    for name in ("golf", "iris", "votes"):
+        stem = os.path.join(ROOT, "examples", name)
+        X, y, _ = read_stem(stem)
+        clf = brix.TreeClassifier(pruning=pruning).fit(X, y)
+        assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *PRUNING[pruning]))
+
+
+# Every dataset with the default pruning; the other strategies on the smaller ones, to keep the
+# suite short (the examples run all three).
+CASES = [(name, "error") for name in datasets()] + [
+    (name, p) for name in datasets() for p in ("full", "none")
+    if os.path.getsize(os.path.join(SHARED, name + ".names")) and name not in (
+        "mlb_letter", "syn_agrawal_f2_100k")]
+
+
+@pytest.mark.skipif(not datasets(), reason="../shared/data not found")
+@pytest.mark.parametrize("name,pruning", CASES)
+def test_datasets_grow_the_trees_and_scores_of_brixcmd(name, pruning, tmp_path):
+    stem = os.path.join(SHARED, name)
+    X, y, w = read_stem(stem)
+    clf = brix.TreeClassifier(pruning=pruning).fit(X, y, sample_weight=w)
+    assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *PRUNING[pruning]))
+    if not os.path.exists(stem + ".test"):
+        return
+    Xt, _, _ = read_stem(stem, stem + ".test")
+    proba = clf.predict_proba(Xt)
+    scores = tmp_path / "scores"
+    brixcmd("-f", stem, "-fs", stem + ".test", "-s", str(scores), *PRUNING[pruning])
+    for p, line in zip(proba, open(scores)):
+        cls, figure = line.rstrip("\n").rsplit(",", 2)[1:]
+        best = int(np.argmax(p))
+        assert str(clf.classes_[best]) == cls
+        assert f"{np.float32(p[best]).item():.6g}" == figure
+        assert abs(p.sum() - 1) < 1e-6
+
+
+def test_frames_arrays_and_scikit_learn_tools():
+    X, y, _ = read_stem(os.path.join(ROOT, "examples", "iris"))
+    clf = brix.TreeClassifier(n_jobs=2).fit(X, y)
+    assert list(clf.feature_names_in_) == list(X.columns)
+    assert clf.export_text() == brix.TreeClassifier().fit(X.to_numpy(), y).export_text().replace(
+        "x3", "petalwidth").replace("x2", "petallength").replace("x1", "sepalwidth").replace(
+        "x0", "sepallength")
+    assert abs(clf.feature_importances_.sum() - 1) < 1e-9
+    assert clf.attribute_usage_.max() == 1
+    assert cross_val_score(brix.TreeClassifier(), X, y, cv=5).mean() > 0.85
+    grid = GridSearchCV(brix.TreeClassifier(), {"confidence": [0.1, 0.25]}, cv=3).fit(X, y)
+    assert grid.best_params_["confidence"] in (0.1, 0.25)
+    assert make_pipeline(brix.TreeClassifier()).fit(X, y).score(X, y) > 0.9
+    again = pickle.loads(pickle.dumps(clf))
+    assert (again.predict_proba(X) == clf.predict_proba(X)).all()
+    for text in (clf.export_dot(max_depth=1), clf.export_pmml(), clf.to_json()):
+        assert "petalwidth" in text
+
+
+def test_saved_model_reads_in_brixcmd(tmp_path):
+    # The model's columns are the frame's, then the class: iris has that layout already.
+    stem = os.path.join(ROOT, "examples", "iris")
+    X, y, _ = read_stem(stem)
+    brix.TreeClassifier().fit(X, y).save(tmp_path / "iris.tree")
+    assert brixcmd("-bt", str(tmp_path / "iris.tree"), "-ft", stem + ".test", "-tstd") == \
+        brixcmd("-f", stem, "-ft", stem + ".test", "-tstd")
+
+
+def test_bad_input_raises_clear_errors():
+    X = np.array([[1.0, 2.0], [3.0, 4.0], [5.0, 6.0]])
+    with pytest.raises(ValueError, match="NaN"):
+        brix.TreeClassifier().fit(X, [1.0, np.nan, 2.0])
+    with pytest.raises(ValueError, match="infinity"):
+        brix.TreeClassifier().fit(np.array([[1.0], [np.inf], [2.0]]), [0, 1, 0])
+    clf = brix.TreeClassifier().fit(X, [0, 1, 1])
+    with pytest.raises(ValueError, match="features"):
+        clf.predict(np.ones((2, 3)))
+    with pytest.raises(ValueError, match="0 sample"):
+        clf.predict(np.ones((0, 2)))
+    with pytest.raises(ValueError, match="pruning"):
+        brix.TreeClassifier(pruning="maybe").fit(X, [0, 1, 1])
+    with pytest.raises(ValueError, match="min_cases"):
+        brix.TreeClassifier(min_cases=1).fit(X, [0, 1, 1])

@@ -40,7 +40,8 @@ class builder {
                py::array_t<double, py::array::c_style | py::array::forcecast> values) {
     auto v = values.unchecked<1>();
     std::vector<double> x(static_cast<std::size_t>(v.shape(0)));
-    for (py::ssize_t i = 0; i < v.shape(0); ++i) x[static_cast<std::size_t>(i)] = v(i);
+    for (py::ssize_t i = 0; i < v.shape(0); ++i)
+      x[static_cast<std::size_t>(i)] = v(i);
     b_.add_numbers(name, kind_of(kind), type_of(type), x);
   }
   void strings(std::string const& name, std::string const& kind,
@@ -90,10 +91,11 @@ PYBIND11_MODULE(_core, m) {
             py::gil_scoped_release release;
             return std::shared_ptr<brix::tree_model>(brix::tree_model::train(t, o).release());
           })
-      .def_static("load",
-                  [](std::string const& path) {
-                    return std::shared_ptr<brix::tree_model>(brix::tree_model::load(path).release());
-                  })
+      .def_static(
+          "load",
+          [](std::string const& path) {
+            return std::shared_ptr<brix::tree_model>(brix::tree_model::load(path).release());
+          })
       .def("save", &brix::tree_model::save)
       .def_property_readonly("classes", &brix::tree_model::classes)
       .def_property_readonly("attributes", &brix::tree_model::attributes)
@@ -108,8 +110,8 @@ PYBIND11_MODULE(_core, m) {
                p = model.predict_proba(t);
              }
              std::size_t k = model.classes().size();
-             py::array_t<double> out({static_cast<py::ssize_t>(t.get_no_rows()),
-                                      static_cast<py::ssize_t>(k)});
+             py::array_t<double> out(
+                 {static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
              std::copy(p.begin(), p.end(), out.mutable_data());
              return out;
            })

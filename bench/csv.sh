@@ -23,12 +23,28 @@ best() {  # command...: best wall seconds of 3 runs, and peak RSS in MB of the l
   done
   echo "$b $(awk '{ printf "%.1f", $1 / 1024 }' "$work/rss")"
 }
+load_only=$(dirname "$brixcmd")/bench/load_only
+load_best() {  # args...: best load seconds of 3 as load_only reports them
+  local b= s
+  for _ in 1 2 3; do
+    s=$("$load_only" "$@" | awk '{ print $2 }')
+    b=$(min "$s" "$b")
+  done
+  echo "$b"
+}
+load_data=$(load_best -f "$stem")
+load_csv=$(load_best -c "$csv")
+load_ratio=$(awk -v a="$load_csv" -v b="$load_data" 'BEGIN { printf "%.2f", a / b }')
+load_verdict=$(awk -v r="$load_ratio" 'BEGIN { print (r <= 1.5) ? "met" : "missed" }')
 read -r cmd_s cmd_mb < <(best "$brixcmd" -f "$stem" -tstd)
 read -r csv_s csv_mb < <(best "$brix" train "$csv" --quiet)
 ratio=$(awk -v a="$csv_s" -v b="$cmd_s" 'BEGIN { printf "%.2f", a / b }')
 verdict=$(awk -v r="$ratio" 'BEGIN { print (r <= 1.5) ? "met" : "missed" }')
 append_results "$root" "$(
   section_header "$root" "brix train on CSV against brixcmd on .data, agrawal F2 1M"
+  echo
+  echo "Loading alone (bench/load_only, best of 3): .data $load_data s, CSV $load_csv s, ratio"
+  echo "$load_ratio, target <= 1.5: $load_verdict."
   echo
   echo "| Run | Wall (best of 3) | Peak RSS |"
   echo "|---|---:|---:|"

@@ -5,6 +5,7 @@
 //                                           write the binary table (not timed)
 //        load_only -b <file>                load a binary table file
 //        load_only -z <file>                only inflate the gzip file: the bound of -b
+//        load_only -c <file>                read a CSV file with a header
 // Prints "seconds S rows N" (bytes instead of rows for -z).
 #include <chrono>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "brix/brix.h"
+#include "brix/data.h"
 #include "zel/inpout/iogz.h"
 
 namespace {
@@ -51,6 +53,8 @@ int main(int argc, char** argv) {
     std::unique_ptr<brix::table> t;
     if (mode == "-b" && argc == 3) {
       t.reset(brix::table::fromBinary(arg));
+    } else if (mode == "-c" && argc == 3) {
+      t = brix::read_csv(arg);
     } else if (mode == "-f") {
       t.reset(new brix::table("training_set"));
       t->load_meta_data(brix::datasource("FILE#" + arg + ".names#,"));

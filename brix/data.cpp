@@ -175,6 +175,27 @@ parsed parse(std::string& text, char sep, std::string const& path) {
   return p;
 }
 
+// The unknown-value markers, checked without a string made per cell: a cell longer than every
+// marker, the common case, is settled by its length.
+class markers {
+ public:
+  explicit markers(std::vector<std::string> const& m) : list_(m) {
+    for (auto const& s : m)
+      longest_ = std::max(longest_, s.size());
+  }
+  bool operator()(char const* v) const {
+    std::size_t n = strnlen(v, longest_ + 1);
+    if (n > longest_) return false;
+    for (auto const& s : list_)
+      if (s.size() == n && std::memcmp(s.data(), v, n) == 0) return true;
+    return false;
+  }
+
+ private:
+  std::vector<std::string> list_;
+  std::size_t longest_ = 0;
+};
+
 bool is_int32(char const* s) {
   long v = 0;
   char const* e = s + std::strlen(s);
@@ -224,43 +245,57 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (!seen.count(o.first))
       throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
 
-  // Looked up by view: no string is made per cell.
-  std::set<std::string, std::less<>> missing(opts.missing.begin(), opts.missing.end());
+  markers missing(opts.missing);
   auto impl = std::make_unique<impls::table>(path, cls < k);
+  // What the values of each column look like, in one pass in row order (the cells of a row lie
+  // together in memory).
+  struct shape {
+    bool all_int = true, all_num = true, any = false, lossy = false;
+    std::string lossy_value;
+  };
+  std::vector<shape> shapes(k);
+  for (std::size_t j = 0; j < k; ++j) {
+    auto kd = opts.kinds.find(p.names[j]);
+    bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
+                        kd->second == column_kind::weights;
+    // A class, a type the caller chose or a kind that takes texts needs no looking at.
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind) shapes[j].all_num = false;
+  }
+  for (std::size_t r = 0; r < rows; ++r) {
+    for (std::size_t j = 0; j < k; ++j) {
+      shape& c = shapes[j];
+      if (!c.all_num) continue;
+      char const* v = p.cells[r * k + j];
+      if (missing(v)) continue;
+      c.any = true;
+      if (c.all_int && is_int32(v)) continue;
+      c.all_int = false;
+      double d;
+      if (!is_number(v, d)) {
+        c.all_num = false;
+      } else if (!c.lossy && static_cast<double>(static_cast<float>(d)) != d) {
+        // Lossy when the float's shortest text differs from the value's.
+        char a[64], b[64];
+        auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
+        auto rb = std::to_chars(b, b + sizeof b, d);
+        if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
+          c.lossy = true;
+          c.lossy_value = v;
+        }
+      }
+    }
+  }
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
     value_type type = value_type::string;
-    if (j != cls) {
-      bool all_int = true, all_num = true, any = false, lossy = false;
-      std::string lossy_value;
-      for (std::size_t r = 0; r < rows && all_num; ++r) {
-        char const* v = p.cells[r * k + j];
-        if (missing.count(std::string_view(v))) continue;
-        any = true;
-        double d;
-        if (all_int && is_int32(v)) continue;
-        all_int = false;
-        if (!is_number(v, d)) {
-          all_num = false;
-        } else if (!lossy && static_cast<double>(static_cast<float>(d)) != d) {
-          // Lossy when the float's shortest text differs from the value's.
-          char a[64], b[64];
-          auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
-          auto rb = std::to_chars(b, b + sizeof b, d);
-          if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
-            lossy = true;
-            lossy_value = v;
-          }
-        }
-      }
-      if (any && all_num) {
-        kind = column_kind::continuous;
-        type = all_int ? value_type::integer : value_type::float32;
-        if (!all_int && lossy && opts.warnings)
-          *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
-                         << lossy_value << "' are not exact in 32-bit float" << std::endl;
-      }
+    shape const& c = shapes[j];
+    if (c.any && c.all_num) {
+      kind = column_kind::continuous;
+      type = c.all_int ? value_type::integer : value_type::float32;
+      if (!c.all_int && c.lossy && opts.warnings)
+        *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
+                       << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
     }
     auto t = opts.types.find(name);
     if (t != opts.types.end()) type = t->second;
@@ -282,7 +317,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
           if (r == rows) return nullptr;
           for (std::size_t j = 0; j < k; ++j) {
             char const* v = p.cells[r * k + j];
-            row[j] = missing.count(std::string_view(v)) ? "?" : v;
+            row[j] = missing(v) ? "?" : v;
           }
           ++r;
           return row.data();
@@ -464,7 +499,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   } else if (!opts.require_class) {
     cls = k;
   }
-  std::set<std::string, std::less<>> missing{"?"};
+  markers missing({"?"});
   auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
@@ -489,7 +524,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         [&]() -> char const* const* {
           if (r == rows.size()) return nullptr;
           for (std::size_t j = 0; j < k; ++j)
-            cells[j] = missing.count(std::string_view(rows[r][j])) ? "?" : rows[r][j].c_str();
+            cells[j] = missing(rows[r][j].c_str()) ? "?" : rows[r][j].c_str();
           ++r;
           return cells.data();
         },

@@ -204,6 +204,30 @@ bool is_int32(char const* s) {
          v <= std::numeric_limits<int>::max();
 }
 
+// A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
+bool looks_numeric(char const* s) {
+  if (*s == '+' || *s == '-') ++s;
+  if ((s[0] == 'i' || s[0] == 'I') && (s[1] == 'n' || s[1] == 'N') && (s[2] == 'f' || s[2] == 'F'))
+    return s[3] == '\0' || std::strcmp(s + 3, "inity") == 0;
+  bool digits = false;
+  while (*s >= '0' && *s <= '9')
+    ++s, digits = true;
+  if (*s == '.') {
+    ++s;
+    while (*s >= '0' && *s <= '9')
+      ++s, digits = true;
+  }
+  if (!digits) return false;
+  if (*s == 'e' || *s == 'E') {
+    ++s;
+    if (*s == '+' || *s == '-') ++s;
+    if (!(*s >= '0' && *s <= '9')) return false;
+    while (*s >= '0' && *s <= '9')
+      ++s;
+  }
+  return *s == '\0';
+}
+
 bool is_number(char const* s, double& v) {
   char const* e = s + std::strlen(s);
   auto r = std::from_chars(s + (*s == '+'), e, v);
@@ -251,6 +275,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // together in memory).
   struct shape {
     bool all_int = true, all_num = true, any = false, lossy = false;
+    std::size_t looked = 0;
     std::string lossy_value;
   };
   std::vector<shape> shapes(k);
@@ -270,10 +295,14 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       c.any = true;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
-      double d;
-      if (!is_number(v, d)) {
+      if (!looks_numeric(v)) {
         c.all_num = false;
-      } else if (!c.lossy && static_cast<double>(static_cast<float>(d)) != d) {
+        continue;
+      }
+      // Precision is looked at on the first values only: the warning gives an example.
+      double d;
+      if (c.lossy || ++c.looked > 1000 || !is_number(v, d)) continue;
+      if (static_cast<double>(static_cast<float>(d)) != d) {
         // Lossy when the float's shortest text differs from the value's.
         char a[64], b[64];
         auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));

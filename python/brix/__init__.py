@@ -109,6 +109,10 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                 v = np.asarray(v, dtype=float)
                 if np.any(np.isinf(v)):
                     raise ValueError("Input X contains infinity or a value too large.")
+                if kind == "integer" and not fitting:
+                    # Thresholds of integer attributes are integers: x <= t exactly when
+                    # floor(x) <= t, so fractions and large values keep their side.
+                    v = np.clip(np.floor(v), 1 - 2.0**31, 2.0**31 - 1)
                 b.numbers(name, "continuous", kind, v)
         if y is not None:
             b.strings("__class__", "class", [self._label_text[c] for c in y], [True] * n)

@@ -94,6 +94,32 @@ std::string slurp(std::string const& path) {
   return text;
 }
 
+// The unknown-value markers, checked without a string made per cell: a cell longer than every
+// marker, the common case, is settled by its length.
+class markers {
+ public:
+  explicit markers(std::vector<std::string> const& m) : list_(m) {
+    for (auto const& s : m)
+      longest_ = std::max(longest_, s.size());
+  }
+  bool operator()(char const* v) const {
+    std::size_t n = 0;
+    while (n <= longest_ && v[n] != '\0')
+      ++n;
+    if (n > longest_) return false;
+    for (auto const& s : list_)
+      if (s.size() == n && std::memcmp(s.data(), v, n) == 0) return true;
+    return false;
+  }
+
+ private:
+  std::vector<std::string> list_;
+  std::size_t longest_ = 0;
+};
+
+// Cells holding an unknown-value marker point here.
+char const* const kUnknown = "?";
+
 struct parsed {
   std::vector<std::string> names;
   std::vector<char const*> cells;  // row-major, names.size() per row
@@ -101,7 +127,7 @@ struct parsed {
 };
 
 // Parses in place: each field's text is moved to the front of its span and ended by a NUL.
-parsed parse(std::string& text, char sep, std::string const& path) {
+parsed parse(std::string& text, char sep, std::string const& path, markers const& missing) {
   auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
   parsed p;
   char* s = &text[0];
@@ -143,8 +169,10 @@ parsed parse(std::string& text, char sep, std::string const& path) {
           throw std::runtime_error(where(line) + ", column " + std::to_string(row.size() + 1) +
                                    ": text after a closing quote");
       } else {
+        // Unquoted text stays where it is: only its end is found.
         while (s < end && *s != sep && *s != '\n')
-          *out++ = *s++;
+          ++s;
+        out = s;
         if (out > field && out[-1] == '\r' && (s >= end || *s == '\n')) --out;
       }
       bool last = s >= end || *s == '\n' || *s == '\r';
@@ -167,34 +195,14 @@ parsed parse(std::string& text, char sep, std::string const& path) {
     if (row.size() != p.names.size())
       throw std::runtime_error(where(row_line) + ": " + std::to_string(row.size()) +
                                " fields, the header has " + std::to_string(p.names.size()));
-    p.cells.insert(p.cells.end(), row.begin(), row.end());
+    for (char const* f : row)
+      p.cells.push_back(missing(f) ? kUnknown : f);
     p.lines.push_back(row_line);
   }
   if (p.names.empty()) throw std::runtime_error("File " + path + ": empty, no header row");
   if (p.lines.empty()) throw std::runtime_error("File " + path + ": a header and no rows");
   return p;
 }
-
-// The unknown-value markers, checked without a string made per cell: a cell longer than every
-// marker, the common case, is settled by its length.
-class markers {
- public:
-  explicit markers(std::vector<std::string> const& m) : list_(m) {
-    for (auto const& s : m)
-      longest_ = std::max(longest_, s.size());
-  }
-  bool operator()(char const* v) const {
-    std::size_t n = strnlen(v, longest_ + 1);
-    if (n > longest_) return false;
-    for (auto const& s : list_)
-      if (s.size() == n && std::memcmp(s.data(), v, n) == 0) return true;
-    return false;
-  }
-
- private:
-  std::vector<std::string> list_;
-  std::size_t longest_ = 0;
-};
 
 bool is_int32(char const* s) {
   long v = 0;
@@ -241,7 +249,8 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
              : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
                                                                        : ',';
   std::string text = slurp(path);
-  parsed p = parse(text, sep, path);
+  markers missing(opts.missing);
+  parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
   std::set<std::string> seen;
   for (auto const& n : p.names) {
@@ -269,7 +278,6 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (!seen.count(o.first))
       throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
 
-  markers missing(opts.missing);
   auto impl = std::make_unique<impls::table>(path, cls < k);
   // What the values of each column look like, in one pass in row order (the cells of a row lie
   // together in memory).
@@ -291,7 +299,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       shape& c = shapes[j];
       if (!c.all_num) continue;
       char const* v = p.cells[r * k + j];
-      if (missing(v)) continue;
+      if (v == kUnknown) continue;
       c.any = true;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
@@ -337,21 +345,11 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     }
   }
 
-  // Unknown values reach the loader as the table's null text.
-  std::vector<char const*> row(k);
+  // The cells of a row lie together, unknown ones already the table's null text.
   std::size_t r = 0;
   try {
-    impl->load_rows(
-        [&]() -> char const* const* {
-          if (r == rows) return nullptr;
-          for (std::size_t j = 0; j < k; ++j) {
-            char const* v = p.cells[r * k + j];
-            row[j] = missing(v) ? "?" : v;
-          }
-          ++r;
-          return row.data();
-        },
-        "?");
+    impl->load_rows([&]() -> char const* const* { return r == rows ? nullptr : &p.cells[r++ * k]; },
+                    "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
     std::string msg = e.what();

@@ -71,10 +71,7 @@ def test_examples_grow_the_trees_of_brixcmd(pruning):
         assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *PRUNING[pruning]))
 
 
-# Every dataset with every strategy, but the two largest with the default one only: they take
-# most of the time and exercise no other code.
-CASES = [(name, p) for name in datasets() for p in sorted(PRUNING)
-         if p == "error" or name not in ("mlb_letter", "syn_agrawal_f2_100k")]
+CASES = [(name, p) for name in datasets() for p in sorted(PRUNING)]
 
 
 @pytest.mark.skipif(not datasets(), reason="../shared/data not found")

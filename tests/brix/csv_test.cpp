@@ -56,6 +56,17 @@ std::string report(brix::table& t) {
   return out.str();
 }
 
+// The rows of a .data (or .data.gz) file, appended to out as they are.
+void copy_rows(std::string const& stem, std::ostream& out) {
+  gzFile in =
+      gzopen((fs::exists(stem + ".data") ? stem + ".data" : stem + ".data.gz").c_str(), "rb");
+  char buf[1 << 16];
+  int n;
+  while ((n = gzread(in, buf, sizeof buf)) > 0)
+    out.write(buf, n);
+  gzclose(in);
+}
+
 class CsvFiles : public ::testing::Test, public scratch_dir {
  protected:
   // The .data file behind a header of the .names column names, as CSV.
@@ -83,13 +94,7 @@ class CsvFiles : public ::testing::Test, public scratch_dir {
       opts.kinds[names[i].name] = kinds.at(names[i].kind);
     }
     out << "\n";
-    gzFile in =
-        gzopen((fs::exists(stem + ".data") ? stem + ".data" : stem + ".data.gz").c_str(), "rb");
-    char buf[1 << 16];
-    int n;
-    while ((n = gzread(in, buf, sizeof buf)) > 0)
-      out.write(buf, n);
-    gzclose(in);
+    copy_rows(stem, out);
     return csv;
   }
 
@@ -106,13 +111,7 @@ class CsvFiles : public ::testing::Test, public scratch_dir {
       out << "@attribute '" << n.name << "' " << type << "\n";
     }
     out << "\n@data\n";
-    gzFile in =
-        gzopen((fs::exists(stem + ".data") ? stem + ".data" : stem + ".data.gz").c_str(), "rb");
-    char buf[1 << 16];
-    int n;
-    while ((n = gzread(in, buf, sizeof buf)) > 0)
-      out.write(buf, n);
-    gzclose(in);
+    copy_rows(stem, out);
     return arff;
   }
 

@@ -201,6 +201,24 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         check_is_fitted(self, "_model")
         self._model.save(os.fspath(path))
 
+    @classmethod
+    def load(cls, path):
+        """A classifier around a binary tree file (written by save, brixcmd -tb or brix train).
+        Its classes are the class texts; its features the tree's attributes, in their order."""
+        import json
+        model = _core.Model.load(os.fspath(path))
+        desc = json.loads(model.json())
+        clf = cls()
+        clf._model = model
+        clf.classes_ = np.asarray(desc["classes"], dtype=object)
+        clf._label_text = {c: c for c in clf.classes_}
+        clf.n_features_in_ = len(desc["attributes"])
+        clf.feature_names_in_ = np.asarray([a["name"] for a in desc["attributes"]], dtype=object)
+        clf._kinds = ["discrete" if a["kind"] == "discrete" else
+                      "integer" if a["type"] in ("integer", "uinteger") else "float"
+                      for a in desc["attributes"]]
+        return clf
+
     def __getstate__(self):
         state = self.__dict__.copy()
         if "_model" in state:

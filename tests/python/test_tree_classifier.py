@@ -118,9 +118,14 @@ def test_saved_model_reads_in_brixcmd(tmp_path):
     # The model's columns are the frame's, then the class: iris has that layout already.
     stem = os.path.join(ROOT, "examples", "iris")
     X, y, _ = read_stem(stem)
-    brix.TreeClassifier().fit(X, y).save(tmp_path / "iris.tree")
+    clf = brix.TreeClassifier().fit(X, y)
+    clf.save(tmp_path / "iris.tree")
     assert brixcmd("-bt", str(tmp_path / "iris.tree"), "-ft", stem + ".test", "-tstd") == \
         brixcmd("-f", stem, "-ft", stem + ".test", "-tstd")
+    loaded = brix.TreeClassifier.load(tmp_path / "iris.tree")
+    assert loaded.export_text() == clf.export_text()
+    assert (loaded.predict_proba(X) == clf.predict_proba(X)).all()
+    assert list(loaded.predict(X)) == list(clf.predict(X))
 
 
 def test_integer_attributes_classify_fractions_on_the_right_side():

@@ -165,35 +165,47 @@ std::vector<double> tree_model::predict_proba(std::vector<std::string> const& va
   return p;
 }
 
-std::vector<std::string> tree_model::case_values(table const& t, unsigned long row) const {
-  if (row >= t.get_no_rows()) bad("row " + std::to_string(row) + " is not in the table");
+std::vector<impls::column const*> tree_model::columns_of(table const& t) const {
   impls::table const& tab = *t.get_impl();
   impls::table const* meta = impl(*tree_).get_metadata();
-  std::vector<std::string> values;
-  values.reserve(meta->get_no_attributes());
+  std::vector<impls::column const*> cols;
   for (unsigned long a = 0; a < meta->get_no_attributes(); ++a) {
     std::string const& name = meta->get_attribute(a)->get_name();
     impls::column const* col = nullptr;
     for (unsigned long i = 0; i < tab.get_loaded_columns() && col == nullptr; ++i)
       if (tab.get_column(i)->get_name() == name) col = tab.get_column(i);
     if (col == nullptr) bad("the table has no column '" + name + "'");
-    unsigned long order = col->get_row_index(row);
-    // An unknown value reads as the tree's own unknown text.
-    values.push_back(order == 0 ? meta->get_attribute(a)->get_o_set()->get_null()
-                                : col->get_value(row));
+    cols.push_back(col);
   }
-  return values;
+  return cols;
+}
+
+void tree_model::case_values(std::vector<impls::column const*> const& cols, unsigned long row,
+                             std::vector<std::string>& values) const {
+  impls::table const* meta = impl(*tree_).get_metadata();
+  values.resize(cols.size());
+  for (std::size_t a = 0; a < cols.size(); ++a) {
+    // An unknown value reads as the tree's own unknown text.
+    values[a] = cols[a]->get_row_index(row) == 0 ? meta->get_attribute(a)->get_o_set()->get_null()
+                                                 : cols[a]->get_value(row);
+  }
 }
 
 std::vector<double> tree_model::predict_proba(table const& t, unsigned long row) const {
-  return predict_proba(case_values(t, row));
+  if (row >= t.get_no_rows()) bad("row " + std::to_string(row) + " is not in the table");
+  std::vector<std::string> values;
+  case_values(columns_of(t), row, values);
+  return predict_proba(values);
 }
 
 std::vector<double> tree_model::predict_proba(table const& t) const {
+  std::vector<impls::column const*> cols = columns_of(t);
+  std::vector<std::string> values;
   std::vector<double> out;
   out.reserve(t.get_no_rows() * impl(*tree_).get_n_classes());
   for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
-    std::vector<double> p = predict_proba(t, r);
+    case_values(cols, r, values);
+    std::vector<double> p = predict_proba(values);
     out.insert(out.end(), p.begin(), p.end());
   }
   return out;
@@ -207,10 +219,16 @@ std::string tree_model::predict(table const& t, unsigned long row) const {
 }
 
 std::vector<std::string> tree_model::predict(table const& t) const {
+  std::vector<double> p = predict_proba(t);
+  std::size_t k = impl(*tree_).get_n_classes();
   std::vector<std::string> out;
   out.reserve(t.get_no_rows());
-  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
-    out.push_back(predict(t, r));
+  for (std::size_t at = 0; at < p.size(); at += k) {
+    auto best =
+        std::max_element(p.begin() + static_cast<long>(at), p.begin() + static_cast<long>(at + k)) -
+        (p.begin() + static_cast<long>(at));
+    out.push_back(impl(*tree_).get_class_value(static_cast<unsigned long>(best) + 1));
+  }
   return out;
 }
 

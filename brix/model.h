@@ -14,6 +14,10 @@
 
 namespace brix {
 
+namespace impls {
+class column;
+}
+
 // error: prune by estimated error (brixcmd's default); full: also raise subtrees (-c4.5);
 // none: no pruning (-np).
 enum class pruning { error, full, none };
@@ -80,7 +84,10 @@ class tree_model {
 
  private:
   explicit tree_model(std::unique_ptr<dtree> tree);
-  std::vector<std::string> case_values(table const& t, unsigned long row) const;
+  // The table's column for each attribute, matched by name once per call.
+  std::vector<impls::column const*> columns_of(table const& t) const;
+  void case_values(std::vector<impls::column const*> const& cols, unsigned long row,
+                   std::vector<std::string>& values) const;
   std::unique_ptr<dtree> tree_;
 };
 

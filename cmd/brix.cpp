@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -234,13 +235,10 @@ std::unique_ptr<brix::conf_matrix> evaluate(brix::tree_model const& m, brix::tab
   brix::impls::decision_tree const& tree = *m.facade().get_impl();
   auto cells = std::make_unique<brix::impls::conf_matrix>(tree.get_metadata());
   brix::impls::column const* cls = tree.get_metadata()->get_class();
-  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
-    std::vector<double> p = m.predict_proba(t, r);
-    unsigned long best = 0;
-    for (std::size_t c = 1; c < p.size(); ++c)
-      if (p[c] > p[best]) best = c;
-    cells->add(best + 1, cls->get_index(t.get_class(r).c_str()), t.get_weight(r));
-  }
+  std::vector<std::string> predicted = m.predict(t);
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    cells->add(cls->get_index(predicted[r].c_str()), cls->get_index(t.get_class(r).c_str()),
+               t.get_weight(r));
   return std::make_unique<brix::conf_matrix>(cells.release());
 }
 
@@ -329,16 +327,18 @@ int predict(settings const& s) {
       for (auto const& c : classes)
         out << ",p(" << c << ")";
     out << "\n";
+    std::vector<double> all = m->predict_proba(*t);
+    std::size_t k = classes.size();
     for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
-      std::vector<double> p = m->predict_proba(*t, r);
-      std::size_t best = 0;
-      for (std::size_t c = 1; c < p.size(); ++c)
-        if (p[c] > p[best]) best = c;
+      auto p = all.begin() + static_cast<long>(r * k);
+      // The first class of the largest share wins, as in prediction.
+      std::size_t best =
+          static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
       if (id) out << id->get_value(r) << ",";
       out << classes[best];
       if (s.proba)
-        for (double v : p)
-          out << "," << v;
+        for (std::size_t c = 0; c < k; ++c)
+          out << "," << p[c];
       out << "\n";
     }
   };

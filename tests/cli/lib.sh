@@ -31,6 +31,17 @@ expect_status() {
   [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"
 }
 
+# ok ARGS...: runs brixcmd, which ends with status 0 also after the errors it reports.
+ok() { run "$@"; expect_status 0; }
+
+# says TEXT ARGS...: brixcmd ARGS ends with status 0 and prints exactly TEXT.
+says() {
+  local text=$1
+  shift
+  ok "$@"
+  expect_output "$text"
+}
+
 # expect_output TEXT: standard output is exactly TEXT and one end of line.
 expect_output() {
   printf '%s\n' "$1" | diff -u - "$WORK/stdout" >"$WORK/diff" || fail "output differs:

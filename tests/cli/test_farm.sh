@@ -10,13 +10,11 @@ same_reports() {  # same_reports LABEL ARGS...
   local label=$1
   shift
   for pruning in "" -c4.5 -np; do
-    run "$@" $pruning -tstd
-    expect_status 0
+    ok "$@" $pruning -tstd
     cp "$WORK/stdout" "$WORK/sequential"
     grep -q "TREE SIZE" "$WORK/sequential" || fail "$label $pruning: no report"
     for ((n = 1; n <= processors; n++)); do
-      run "$@" $pruning -tstd -ff "$n"
-      expect_status 0
+      ok "$@" $pruning -tstd -ff "$n"
       cmp -s "$WORK/sequential" "$WORK/stdout" || fail "$label $pruning -ff $n: report differs"
     done
   done
@@ -36,8 +34,7 @@ same_reports mixed -f "$WORK/mixed"
 # A root that is a leaf ends the farm at once.
 printf 'x,integer,continuous\nc,string,class\n' >"$WORK/pure.names"
 printf '1,a\n2,a\n3,a\n' >"$WORK/pure.data"
-run -f "$WORK/pure" -tstd -ff 1
-expect_status 0
+ok -f "$WORK/pure" -tstd -ff 1
 grep -q "TREE SIZE: 1" "$WORK/stdout" || fail "a pure table should give a one-node tree"
 
 finish

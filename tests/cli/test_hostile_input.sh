@@ -59,11 +59,11 @@ grep -q '^MISCLASSIFICATION on test file: 0% of 14 cases' "$WORK/stdout" ||
   fail "a binary tree from a FIFO did not load"
 wait
 
-# A directory as every input.
-mkdir dir
-for o in -fm -fd; do
-  limited 20 -f golf $o dir -tstd
-  expect_output "File: dir not found or inaccessible"
+# A directory as every input, whatever its name.
+mkdir dir dir.gz
+for o in "-fm dir" "-fd dir" "-fd dir.gz"; do
+  limited 20 -f golf $o -tstd
+  expect_output "File: ${o#* } not found or inaccessible"
 done
 limited 20 -f golf -ft dir -tstd
 expect_grep '^File: dir not found or inaccessible$'

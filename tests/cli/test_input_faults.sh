@@ -23,8 +23,7 @@ expect_grep '^x > 1\.0+ : b'
 # Case weights must be finite and non-negative, in training and in test rows.
 printf 'x,float,continuous\nw,float,weights\nc,string,class\n' >w.names
 printf '1,1,a\n2,inf,a\n3,1,b\n4,1,b\n' >w.data
-run -fm w.names -fd w.data -tstd
-expect_output "Weights column 'w': weight 'inf' on row 2 is not a finite non-negative number"
+says "Weights column 'w': weight 'inf' on row 2 is not a finite non-negative number" -fm w.names -fd w.data -tstd
 printf '1,1,a\n2,1,a\n3,1,b\n4,1,b\n' >ok.data
 printf '1,1,a\n2,-1,a\n' >neg.data
 run -fm w.names -fd ok.data -ft neg.data -tstd
@@ -39,29 +38,16 @@ head -c $((size / 2)) full.data.gz >half.data.gz
 cp full.data.gz flipped.data.gz
 printf '\xff' | dd of=flipped.data.gz bs=1 seek=$((size / 2)) conv=notrunc status=none
 for f in notrailer half flipped; do
-  run -fm t.names -fd $f.data.gz -tstd
-  expect_output "$(printf 'Reading training data: File %s.data.gz: truncated or corrupt compressed data (%s)' \
-    $f "$([ $f = flipped ] && echo 'incorrect data check' || echo 'unexpected end of file')")"
+  says "$(printf 'Reading training data: File %s.data.gz: truncated or corrupt compressed data (%s)' \
+    $f "$([ $f = flipped ] && echo 'incorrect data check' || echo 'unexpected end of file')")" \
+    -fm t.names -fd $f.data.gz -tstd
 done
 run -fm t.names -fd full.data.gz -ft half.data.gz -tstd
 expect_grep '^Reading test data: \(row [0-9]+\): File half\.data\.gz: truncated or corrupt compressed data'
-run -fm t.names -fd full.data.gz -fs flipped.data.gz -s scores.txt
-expect_output "Reading score data: File flipped.data.gz: truncated or corrupt compressed data (incorrect data check)"
+says "Reading score data: File flipped.data.gz: truncated or corrupt compressed data (incorrect data check)" \
+  -fm t.names -fd full.data.gz -fs flipped.data.gz -s scores.txt
 run -fm t.names -fd full.data.gz -tstd
 expect_line 5 '^MISCLASSIFICATION on training: 50% of 100 cases\. $'
-
-# A directory is no file to read, whatever the option naming it.
-mkdir dir dir.gz
-run -fm dir -fd full.data.gz -tstd
-expect_output "File: dir not found or inaccessible"
-for d in dir dir.gz; do
-  run -fm t.names -fd $d -tstd
-  expect_output "File: $d not found or inaccessible"
-done
-run -fm t.names -fd full.data.gz -ft dir -tstd
-expect_grep '^File: dir not found or inaccessible$'
-run -fm t.names -fd full.data.gz -fs dir -s scores.txt
-expect_output "File: dir not found or inaccessible"
 
 "$BRIXCMD" -f "$ROOT/examples/golf" -tb golf.tree >/dev/null
 

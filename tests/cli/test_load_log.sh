@@ -11,30 +11,26 @@ golf_log="Reading data
   14 rows read.
 Data loaded."
 
-run -f "$ROOT/examples/golf" -lstd
-expect_status 0
+ok -f "$ROOT/examples/golf" -lstd
 expect_head "$golf_log"
 expect_line 7 "$TIME_LINE"
 
 # The log appended to a file instead.
 echo "earlier run" >log.txt
-run -f "$ROOT/examples/golf" -l log.txt -lstd
-expect_status 0
+ok -f "$ROOT/examples/golf" -l log.txt -lstd
 grep -q "Reading data" "$WORK/stdout" && fail "log written to standard output as well as to the file"
 printf '%s\n' "earlier run" "$golf_log" | diff -u - <(head -n 7 log.txt) >/dev/null ||
   fail "log file does not hold the earlier content followed by the load log"
 sed -n 8p log.txt | grep -Eq "$TIME_LINE" || fail "no time line in the log file"
 
 # Without the log the load writes nothing.
-run -f "$ROOT/examples/golf"
-expect_status 0
+ok -f "$ROOT/examples/golf"
 grep -q "rows read" "$WORK/stdout" && fail "load log written without -lstd"
 
 # 25000 rows: the counter is rewritten in place every 10000 rows in both passes.
 cp "$ROOT/examples/golf.names" big.names
 awk 'BEGIN { for (r = 0; r < 25000; r++) printf "%s,%d,%d,%s,%s\n", (r % 3 ? "sunny" : "rainy"), 60 + r % 30, 65 + r % 31, (r % 2 ? "TRUE" : "FALSE"), (r % 5 ? "yes" : "no") }' >big.data
-run -f big -lstd
-expect_status 0
+ok -f big -lstd
 CR=$'\r'
 expect_head "Reading data 
  ... 1st pass: 
@@ -47,14 +43,11 @@ expect_line 7 "$TIME_LINE"
 # CR LF line ends, a semicolon separator and gzip data.
 printf 'outlook;string;discrete\r\ntemp;integer;continuous\r\nplay;string;class\r\n' >semi.names
 printf 'sunny;85;no\r\nrainy;?;yes\r\novercast;64;yes\r\n' >semi.data
-run -f semi -sep ';' -lstd
-expect_status 0
+ok -f semi -sep ';' -lstd
 expect_line 3 '^  3 rows read\. Indexing \.\.\.  done\.$'
 expect_line 6 '^Data loaded\.$'
-cp "$ROOT/examples/golf.data" packed.data
-gzip -f packed.data
-run -fm "$ROOT/examples/golf.names" -fd packed.data.gz -lstd
-expect_status 0
+gzip -c "$ROOT/examples/golf.data" >packed.data.gz
+ok -fm "$ROOT/examples/golf.names" -fd packed.data.gz -lstd
 expect_head "$golf_log"
 
 finish

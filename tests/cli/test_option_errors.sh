@@ -12,20 +12,11 @@ rejected() {
 
 processors=$(getconf _NPROCESSORS_ONLN)
 
-rejected "Holdout must be in (0,100]" -h 0
-rejected "Holdout must be in (0,100]" -h 100.5
-rejected "Holdout must be in (0,100]" -h x
-rejected "Holdout must be in (0,100]" -hf -5
-rejected "MinObjects must be > 1" -m 1
-rejected "MinObjects must be > 1" -m x
-
-rejected "Confidence level must be in (0,1]" -c 0
-rejected "Confidence level must be in (0,1]" -c 1.01
-rejected "<n> must be in [1,$processors]" -ff 0
-rejected "<n> must be in [1,$processors]" -ff $((processors + 1))
-rejected "Unknown command: -zz" -zz
-rejected "Unknown command: -C" -C 0.5
-rejected "Unknown command: -ff1" -ff1
+for args in "-h 0" "-h 100.5" "-h x" "-hf -5"; do rejected "Holdout must be in (0,100]" $args; done
+for args in "-m 1" "-m x"; do rejected "MinObjects must be > 1" $args; done
+for args in "-c 0" "-c 1.01"; do rejected "Confidence level must be in (0,1]" $args; done
+for n in 0 $((processors + 1)); do rejected "<n> must be in [1,$processors]" -ff $n; done
+for word in -zz -C -ff1; do rejected "Unknown command: $word" $word 0.5; done
 
 # Parsing stops at the first problem, after accepting what came before it.
 rejected "Unknown command: -zz" -zz -h 0

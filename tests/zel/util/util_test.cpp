@@ -1,0 +1,136 @@
+// Number parsing, XML escapes, the field tokenizer and the timer.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/zel/inpout/scratch_dir.h"
+#include "zel/util/cronos.h"
+#include "zel/util/string_util.h"
+#include "zel/util/tokenizer.h"
+
+using zel::util::cronos;
+using zel::util::string_util;
+using zel::util::tokenizer;
+
+namespace {
+
+// What str2int makes of the text, starting from 7: the value, or the error message.
+template <class T>
+std::string parsed(const char* s) {
+  T v = 7;
+  std::string e = error_of([&] { string_util::str2int(s, v); });
+  return e.empty() ? std::to_string(v) : (v == 7 ? e : "changed on error: " + e);
+}
+
+TEST(Str2Int, RangesSignsBlanksAndMessages) {
+  std::pair<const char*, std::string> const unsigned_cases[] = {
+      {"  42", "42"},
+      {"+17", "17"},
+      {"18446744073709551615", "18446744073709551615"},
+      {"+", "0"},  // a lone sign reads as 0
+      {"-1", "str2int:: a negative number provided."},
+      {"-", "str2int:: a negative number provided."},
+      {"", ": not an int"},
+      {"   ", "   : not an int"},
+      {"42 ", "42 : _not an int"},
+      {" 4x2", " 4x2: _not an int"},
+      {"\t4", "\t4: _not an int"},  // only spaces are skipped
+      {"18446744073709551616", "str2int:: overflow"},
+      {"184467440737095516150", "str2int:: overflow"}};
+  for (auto const& [text, want] : unsigned_cases)
+    EXPECT_EQ(parsed<unsigned long>(text), want) << '"' << text << '"';
+  EXPECT_EQ(parsed<unsigned long>(nullptr), "str2int:: cannot convert a NULL string.");
+  // The int range is symmetric.
+  std::pair<const char*, std::string> const int_cases[] = {{"-2147483647", "-2147483647"},
+                                                           {"2147483647", "2147483647"},
+                                                           {"-", "0"},
+                                                           {"-2147483648", "str2int:: overflow"},
+                                                           {"2147483648", "str2int:: overflow"},
+                                                           {"- 1", "- 1: _not an int"}};
+  for (auto const& [text, want] : int_cases)
+    EXPECT_EQ(parsed<int>(text), want) << '"' << text << '"';
+}
+
+TEST(ToXML, EscapesMarkupButNotQuotes) {
+  EXPECT_EQ(string_util::toXML("a<b & c>d"), "a&lt;b &amp; c&gt;d");
+  EXPECT_EQ(string_util::toXML("say \"hi\" 'x'"), "say \"hi\" 'x'");
+  EXPECT_EQ(string_util::toXML("&amp;"), "&amp;amp;");
+}
+
+std::vector<std::string> fields(const std::string& s, char delim, int calls) {
+  tokenizer t(s.c_str(), delim);
+  std::vector<std::string> out;
+  for (int i = 0; i < calls; ++i) {
+    const char* tok = t.next();
+    EXPECT_EQ(std::string(tok).size(), t.length());
+    out.push_back(tok);
+  }
+  return out;
+}
+
+using strings = std::vector<std::string>;
+
+TEST(Tokenizer, EmptyFieldsTrailingDelimiterRestAndNoString) {
+  EXPECT_EQ(strings({"x", "", "y", "", "", ""}), fields("x,,y,", ',', 6));
+  EXPECT_EQ(strings({"", ""}), fields(",", ',', 2));
+  EXPECT_EQ(strings({"", "", ""}), fields("", ',', 3));
+  EXPECT_EQ(strings({" a ", "\"b,c\""}), fields(" a |\"b,c\"", '|', 2));  // no trimming or quoting
+  EXPECT_EQ(strings({"a,b\tc", ""}), fields("a,b\tc", '\0', 2));
+
+  tokenizer t;
+  EXPECT_STREQ("", t.next());
+  t.reset("p\tq", '\t');
+  EXPECT_STREQ("p", t.next());
+  EXPECT_STREQ("q", t.rest());
+  EXPECT_FALSE(t.at_end());
+  EXPECT_STREQ("q", t.next());
+  EXPECT_TRUE(t.at_end());
+  t.reset(nullptr, ',');
+  EXPECT_EQ(tokenizer::EMPTY, t.get_string());
+  EXPECT_STREQ("", tokenizer::EMPTY);
+}
+
+TEST(Tokenizer, FieldsOfEveryLengthIncludingLongOnes) {
+  std::mt19937 rng(3);
+  std::vector<size_t> lengths;
+  for (size_t n = 0; n < 40; ++n)
+    lengths.push_back(n);
+  for (size_t n : {255, 256, 257, 384, 1000, 100000})
+    lengths.push_back(n);
+  std::string line;
+  strings expected;
+  for (size_t n : lengths) {
+    std::string f;
+    for (size_t i = 0; i < n; ++i)
+      f += static_cast<char>('a' + rng() % 26);
+    expected.push_back(f);
+    line += f + ";";
+  }
+  line.pop_back();
+  EXPECT_EQ(expected, fields(line, ';', static_cast<int>(expected.size())));
+
+  // A long field first, then short ones: the grown buffer serves them all.
+  EXPECT_EQ(strings({std::string(5000, 'k'), "s", ""}),
+            fields(std::string(5000, 'k') + ",s", ',', 3));
+}
+
+TEST(Cronos, StoppedTwiceMeasuresFromTheSameStart) {
+  cronos c;
+  EXPECT_EQ(c.get_elapsed(), 0.0);
+  c.start();
+  cronos::sleep(20);
+  c.stop();
+  double first = c.get_elapsed();
+  cronos::sleep(20);
+  c.stop();
+  EXPECT_GE(first, 0.015);
+  EXPECT_GE(c.get_elapsed(), first + 0.015);
+  EXPECT_GE(c.get_process(), 0.0);
+  EXPECT_THROW(cronos::sleep(18446744073709551UL), std::runtime_error);
+}
+
+}  // namespace

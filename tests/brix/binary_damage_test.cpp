@@ -16,18 +16,16 @@
 
 namespace {
 
-std::string const kGolf = std::string(BRIX_TEST_DATA) + "/../../examples/golf";
+std::string const kGolf = kExamples + "golf";
 
 struct golf_files {
   table_files files;
   std::string table_bytes, tree_bytes;
   golf_files() {
-    brix::table t("golf");
-    t.load_meta_data(brix::datasource("FILE#" + kGolf + ".names#,"));
-    t.load_data(brix::datasource("FILE#" + kGolf + ".data#,"), "?");
-    t.toBinary(files.path("golf.bin"));
+    auto t = stem_table(kGolf);
+    t->toBinary(files.path("golf.bin"));
     brix::dtree tree("golf");
-    tree.build(&t, nullptr, true, 0);
+    tree.build(t.get(), nullptr, true, 0);
     tree.toBinary(files.path("golf.tree"));
     table_bytes = gunzip_file(files.path("golf.bin"));
     tree_bytes = gunzip_file(files.path("golf.tree"));

@@ -1,5 +1,5 @@
 // The binary table and tree files byte for byte against layouts written by
-// hand, and a table round trip.
+// hand, a table round trip, and the XML and DOT outputs of small trees.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -100,25 +100,21 @@ TEST(BinaryTable, RoundTrip) {
   EXPECT_EQ(r->get_loaded_columns(), 8u);
   EXPECT_EQ(r->get_file_counter(), 7u);
   EXPECT_EQ(r->get_no_attributes(), t->get_no_attributes());
+  // Each column as text: name, kind, storage, value set and rows.
+  auto text = [](column const* c) {
+    std::ostringstream out;
+    out << c->get_name() << ' ' << c->get_type() << ' ' << static_cast<int>(c->get_storage()) << ' '
+        << c->get_o_set()->get_datatype() << ' ' << c->get_o_set()->contains_null() << ':';
+    for (unsigned long o = 0; o <= c->get_distinct(); ++o)
+      out << ' ' << c->get_o_set()->get_value(o);
+    out << " |";
+    for (unsigned long row = 0; row < c->size(); ++row)
+      out << ' ' << c->get_row_index(row);
+    return out.str();
+  };
   ASSERT_EQ(r->get_no_columns(), t->get_no_columns());
-  for (unsigned long i = 0; i < t->get_no_columns(); ++i) {
-    column const* a = t->get_column(i);
-    column const* b = r->get_column(i);
-    SCOPED_TRACE(a->get_name());
-    EXPECT_EQ(b->get_name(), a->get_name());
-    EXPECT_EQ(b->get_type(), a->get_type());
-    EXPECT_EQ(b->get_storage(), a->get_storage());
-    EXPECT_EQ(b->get_o_set()->get_datatype(), a->get_o_set()->get_datatype());
-    EXPECT_EQ(b->get_o_set()->contains_null(), a->get_o_set()->contains_null());
-    ASSERT_EQ(b->get_distinct(), a->get_distinct());
-    for (unsigned long o = 0; o <= a->get_distinct(); ++o) {
-      EXPECT_EQ(b->get_o_set()->get_value(o), a->get_o_set()->get_value(o));
-    }
-    ASSERT_EQ(b->size(), a->size());
-    for (unsigned long row = 0; row < a->size(); ++row) {
-      EXPECT_EQ(b->get_row_index(row), a->get_row_index(row));
-    }
-  }
+  for (unsigned long i = 0; i < t->get_no_columns(); ++i)
+    EXPECT_EQ(text(r->get_column(i)), text(t->get_column(i)));
   EXPECT_EQ(r->get_column(1)->get_storage(), storage_kind::bit);
   EXPECT_EQ(r->get_column(2)->get_row_index(1), 0u);  // the unknown value keeps order 0
   EXPECT_EQ(facade->get_weight(2), 3.0f);
@@ -203,6 +199,50 @@ TEST(BinaryTree, RefusesRowsBeyond32Bits) {
   gzip_file(path, s);
   EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(path); }),
             "Binary tree: case row number beyond 32 bits");
+}
+
+// XML model and DOT graph of a one-leaf tree over a table with a weights column and class values
+// that need escaping in XML (and none in DOT).
+TEST(ModelExport, OneLeafTree) {
+  table_files files;
+  // Three cases of weight 1 are below twice the minimum of 2: the root stays a leaf.
+  auto t = files.loaded("x,integer,continuous\nw,integer,weights\nc,string,class\n",
+                        "1,1,a<b\n2,1,a<b\n3,1,x\"y\n");
+  brix::impls::decision_tree tree("m&m");
+  tree.set_pruning_strategy(brix::impls::decision_tree::NO_PRUNING);
+  tree.build_pruned(t.get(), nullptr, true, 0);
+  ASSERT_EQ(tree.size(), 1u);
+
+  std::ostringstream dot;
+  tree.toDOT(dot);
+  EXPECT_EQ(dot.str(), "digraph Brix {\nn0 [ shape=ellipse, label=\"a<b [1%,1%]\"]\n}\n");
+
+  brix::impls::conf_matrix empty(tree.get_metadata());
+  std::ostringstream out;
+  tree.toXML(out, &empty);
+  std::string x = out.str();
+  for (char const* line :
+       {"<TreeModel modelName=\"m&amp;m\" functionName=\"classification\"",
+        "<DataDictionary numberOfFields=\"3\">\n<DataField name=\"x\" optype=\"continuous\" />\n"
+        "<Extender name=\"w\" value=\"weights\" />\n<DataField name=\"c\" optype=\"categorical\" "
+        "/>",
+        "<MiningField name=\"w\" usageType=\"active\" />\n"
+        "<MiningField name=\"c\" usageType=\"predicted\" />",
+        "<Node score=\"a&lt;b\" recordCount=\"3\">\n<True />\n"
+        "<ScoreDistribution value=\"a&lt;b\" recordCount =\"2.000\" />\n"
+        "<ScoreDistribution value=\"x\"y\" recordCount =\"1.000\" />\n</Node>",
+        // Three decimals stay on for the matrices.
+        "<X-ConfusionMatrixTraining x-incorrectlyInst = \"1.000\" x-incorrectlyInstPerc = "
+        "\"33.333%\" x-totalInst = \"3.000\">\n<Array n=\"2\" type=\"string\">\"a&lt;b\" "
+        "\"x\"y\"\n</Array>\n<Matrix>\n<Array n=\"2\" type=\"real\">\n2.000 0.000\n</Array>",
+        "</X-ConfusionMatrixTest>\n</Extension>\n</TreeModel>\n</PMML>\n"}) {
+    EXPECT_NE(x.find(line), std::string::npos) << line << "\nin\n" << x;
+  }
+  // An empty test matrix: 0/0, printed as the stream prints a NaN.
+  std::size_t test = x.find("<X-ConfusionMatrixTest x-incorrectlyInst = \"");
+  ASSERT_NE(test, std::string::npos);
+  EXPECT_NE(x.find("nan\" x-incorrectlyInstPerc = \"", test), std::string::npos);
+  EXPECT_NE(x.find("nan%\" x-totalInst = \"0.000\">", test), std::string::npos);
 }
 
 }  // namespace

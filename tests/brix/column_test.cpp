@@ -41,31 +41,26 @@ storage_kind storage_for(std::string const& kind, o_set* values) {
   return c ? c->get_storage() : storage_kind::none;
 }
 
-// The error text of a refused column; the value set stays with the caller.
-std::string refusal(std::unique_ptr<o_set> values, std::string const& name,
-                    std::string const& kind) {
+// The error text of a refused column.
+std::string refusal(o_set* values, std::string const& name, std::string const& kind) {
+  std::unique_ptr<o_set> own(values);
   std::string error;
-  column* c = column::NEW_COLUMN(values.get(), name, kind, error);
+  std::unique_ptr<column> c(column::NEW_COLUMN(values, name, kind, error));
   EXPECT_EQ(c, nullptr);
-  delete c;
   return error;
 }
 
-TEST(Column, FactoryErrors) {
+TEST(Column, FactoryErrorsAndStorageWidth) {
   std::string error;
   EXPECT_EQ(column::NEW_COLUMN(nullptr, "x", "discrete", error), nullptr);
   EXPECT_EQ(error, "No set of values provided");
-  using set = std::unique_ptr<o_set>;
-  EXPECT_EQ(refusal(set(set_of("float", 2, true)), "w", "weights"),
+  EXPECT_EQ(refusal(set_of("float", 2, true), "w", "weights"),
             "Weights column 'w' does not admit unknown values");
-  EXPECT_EQ(refusal(set(set_of("string", 2, true)), "play", "class"),
+  EXPECT_EQ(refusal(set_of("string", 2, true), "play", "class"),
             "Class column 'play' does not admit unknown values");
-  EXPECT_EQ(refusal(set(set_of("null", 0)), "n", "class"),
+  EXPECT_EQ(refusal(set_of("null", 0), "n", "class"),
             "Null set of column values can only be used for ignore column type");
   EXPECT_EQ(storage_for("ignore", set_of("null", 0)), storage_kind::none);
-}
-
-TEST(Column, StorageWidth) {
   // Two known values: one bit per row only for discrete columns without unknowns.
   EXPECT_EQ(storage_for("discrete", set_of("string", 2)), storage_kind::bit);
   EXPECT_EQ(storage_for("discrete", set_of("string", 1)), storage_kind::bit);
@@ -127,20 +122,43 @@ TEST(Column, PushBackAndLookups) {
   EXPECT_EQ(bits_copy->get_value(0), "v1");
 }
 
+using case_list = std::vector<std::pair<unsigned, float>>;
+
 // Cases of a node, given as (row, weight).
-w_sequence cases_of(std::vector<std::pair<unsigned, float>> const& cases) {
+w_sequence cases_of(case_list const& given) {
   w_sequence s;
-  for (auto const& c : cases)
+  for (auto const& c : given)
     s.push_back(c.first, c.second);
   return s;
 }
 
-void expect_cases(w_sequence const& got, std::vector<std::pair<unsigned, float>> const& want) {
-  ASSERT_EQ(got.size(), want.size());
-  for (std::size_t i = 0; i < want.size(); ++i) {
-    EXPECT_EQ(got[i].first, want[i].first) << "case " << i;
-    EXPECT_EQ(got[i].second, want[i].second) << "case " << i;
-  }
+case_list pairs_of(w_sequence const& s) {
+  case_list out;
+  for (w_case const& c : s)
+    out.emplace_back(c.first, c.second);
+  return out;
+}
+
+// One branch of a partition: its cases, its share of the unknown cases and its range of orders.
+struct branch {
+  case_list got;
+  float share;
+  order_range range;
+};
+
+branch part(column const& c, w_sequence const& all, unsigned long b, float total,
+            column::partition_desc const& desc) {
+  branch out{{}, -1, {}};
+  std::unique_ptr<w_sequence> s(
+      c.partition(all.data(), all.data() + all.size(), b, total, out.share, out.range, desc));
+  out.got = pairs_of(*s);
+  return out;
+}
+
+void expect_branch(branch const& b, case_list const& got, float share, order_range range) {
+  EXPECT_EQ(b.got, got);
+  EXPECT_EQ(b.share, share);
+  EXPECT_EQ(b.range, range);
 }
 
 class PartitionTest : public ::testing::Test {
@@ -159,102 +177,60 @@ class PartitionTest : public ::testing::Test {
   column* d_;
 };
 
-TEST_F(PartitionTest, ContinuousWithUnknowns) {
+TEST_F(PartitionTest, ContinuousAndDiscrete) {
   w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, 1.5f}});
-  column::partition_desc desc{"2", 2};
-  float share = -1;
-  order_range range;
-  // Branch 1 counts the unknown cases in its own weight: 5 / 9.
-  std::unique_ptr<w_sequence> low(
-      x_->partition(all.data(), all.data() + all.size(), 1, 9.0f, share, range, desc));
-  float s1 = 5.0f / 9.0f;
-  EXPECT_EQ(share, s1);
-  expect_cases(*low, {{0, 1.0f}, {1, 2.0f}, {2, s1 * 0.5f}, {5, s1 * 1.5f}});
-  EXPECT_EQ(range, order_range(0, 3));
-  // Branch 2 leaves them out: 4 / (9 - 2).
-  std::unique_ptr<w_sequence> high(
-      x_->partition(all.data(), all.data() + all.size(), 2, 9.0f, share, range, desc));
-  float s2 = 4.0f / 7.0f;
-  EXPECT_EQ(share, s2);
-  expect_cases(*high, {{2, s2 * 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, s2 * 1.5f}});
-  EXPECT_EQ(range, order_range(0, 5));
-
+  column::partition_desc const at2{"2", 2};
+  // Branch 1 counts the unknown cases in its own weight (5 / 9), branch 2 leaves them out
+  // (4 / (9 - 2)).
+  float s1 = 5.0f / 9.0f, s2 = 4.0f / 7.0f;
+  expect_branch(part(*x_, all, 1, 9.0f, at2), {{0, 1}, {1, 2}, {2, s1 * 0.5f}, {5, s1 * 1.5f}}, s1,
+                {0, 3});
+  expect_branch(part(*x_, all, 2, 9.0f, at2), {{2, s2 * 0.5f}, {3, 1}, {4, 3}, {5, s2 * 1.5f}}, s2,
+                {0, 5});
   // Without unknowns both ranges start from the threshold's order.
   w_sequence known = cases_of({{3, 1.0f}, {0, 1.0f}, {4, 3.0f}});
-  std::unique_ptr<w_sequence> k1(
-      x_->partition(known.data(), known.data() + 3, 1, 5.0f, share, range, desc));
-  EXPECT_EQ(share, 1.0f / 5.0f);
-  expect_cases(*k1, {{0, 1.0f}});
-  EXPECT_EQ(range, order_range(1, 3));
-  std::unique_ptr<w_sequence> k2(
-      x_->partition(known.data(), known.data() + 3, 2, 5.0f, share, range, desc));
-  EXPECT_EQ(share, 4.0f / 5.0f);
-  expect_cases(*k2, {{3, 1.0f}, {4, 3.0f}});
-  EXPECT_EQ(range, order_range(2, 5));
-
+  expect_branch(part(*x_, known, 1, 5.0f, at2), {{0, 1}}, 1.0f / 5.0f, {1, 3});
+  expect_branch(part(*x_, known, 2, 5.0f, at2), {{3, 1}, {4, 3}}, 4.0f / 5.0f, {2, 5});
   // A branch number other than 1 and 2 keeps the unknown cases only, with share 0.
-  std::unique_ptr<w_sequence> other(
-      x_->partition(all.data(), all.data() + all.size(), 3, 9.0f, share, range, desc));
-  EXPECT_EQ(share, 0.0f);
-  expect_cases(*other, {{2, 0.0f}, {5, 0.0f}});
-}
+  branch other = part(*x_, all, 3, 9.0f, at2);
+  EXPECT_EQ(other.got, (case_list{{2, 0}, {5, 0}}));
+  EXPECT_EQ(other.share, 0.0f);
 
-TEST_F(PartitionTest, Discrete) {
-  w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 1.0f}, {3, 3.0f}, {4, 0.5f}, {5, 1.0f}});
-  column::partition_desc desc{"?", 3};
-  float share = -1;
-  order_range range;
-  // Branch a (order 1): 4 of the 7.5 known weight.
-  std::unique_ptr<w_sequence> a(
-      d_->partition(all.data(), all.data() + 6, 1, 8.5f, share, range, desc));
+  // Discrete, branch a (order 1): 4 of the 7.5 known weight.
+  w_sequence d = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 1.0f}, {3, 3.0f}, {4, 0.5f}, {5, 1.0f}});
+  column::partition_desc const three{"?", 3};
   float sa = 4.0f / 7.5f;
-  EXPECT_EQ(share, sa);
-  expect_cases(*a, {{0, 1.0f}, {2, sa * 1.0f}, {3, 3.0f}});
-  EXPECT_EQ(range, order_range(1, 2));
-  std::unique_ptr<w_sequence> c(
-      d_->partition(all.data(), all.data() + 6, 3, 8.5f, share, range, desc));
-  EXPECT_EQ(share, 0.5f / 7.5f);
-  expect_cases(*c, {{2, 0.5f / 7.5f}, {4, 0.5f}});
-  EXPECT_EQ(range, order_range(3, 4));
+  expect_branch(part(*d_, d, 1, 8.5f, three), {{0, 1}, {2, sa}, {3, 3}}, sa, {1, 2});
+  expect_branch(part(*d_, d, 3, 8.5f, three), {{2, 0.5f / 7.5f}, {4, 0.5f}}, 0.5f / 7.5f, {3, 4});
 
   // Columns that take no part in splits refuse.
-  table_files files;
-  auto t = files.loaded("w,float,weights\ni,string,ignore\nc,string,class\n", "1,a,y\n");
-  EXPECT_EQ(error_of([&] {
-              delete t->get_column(0)->partition(all.data(), all.data(), 1, 1.0f, share, range,
-                                                 desc);
-            }),
+  auto t = files_.loaded("w,float,weights\ni,string,ignore\nc,string,class\n", "1,a,y\n");
+  EXPECT_EQ(error_of([&] { part(*t->get_column(0), {}, 1, 1.0f, three); }),
             "[column::partition] method not defined for column type 'weights'");
   std::vector<w_sequence*> children;
   std::vector<float> shares;
   std::vector<order_range> ranges;
   EXPECT_EQ(error_of([&] {
-              t->get_column(1)->partition_all(all.data(), all.data(), 1.0f, desc, children, shares,
+              t->get_column(1)->partition_all(d.data(), d.data(), 1.0f, three, children, shares,
                                               ranges);
             }),
             "[column::partition] method not defined for column type 'ignore'");
 }
 
 // partition_all must give, branch by branch, exactly what partition gives.
-void expect_same_as_partition(column const& c, w_sequence const& cases, float total,
+void expect_same_as_partition(column const& c, w_sequence const& all, float total,
                               column::partition_desc const& desc) {
   std::vector<w_sequence*> children;
   std::vector<float> shares;
   std::vector<order_range> ranges;
-  w_case const* b = cases.data();
-  w_case const* e = b + cases.size();
-  c.partition_all(b, e, total, desc, children, shares, ranges);
+  c.partition_all(all.data(), all.data() + all.size(), total, desc, children, shares, ranges);
   ASSERT_EQ(children.size(), c.is_continuous() ? 2u : c.get_distinct());
   for (std::size_t i = 0; i < children.size(); ++i) {
-    float share = -1;
-    order_range range;
-    std::unique_ptr<w_sequence> one(c.partition(b, e, i + 1, total, share, range, desc));
-    std::unique_ptr<w_sequence> all(children[i]);
-    EXPECT_EQ(std::memcmp(&share, &shares[i], sizeof share), 0) << "branch " << i + 1;
-    EXPECT_EQ(range, ranges[i]) << "branch " << i + 1;
-    ASSERT_EQ(one->size(), all->size()) << "branch " << i + 1;
-    EXPECT_EQ(std::memcmp(one->data(), all->data(), one->size() * sizeof(w_case)), 0)
-        << "branch " << i + 1;
+    std::unique_ptr<w_sequence> at_once(children[i]);
+    branch one = part(c, all, i + 1, total, desc);
+    EXPECT_EQ(std::memcmp(&one.share, &shares[i], sizeof(float)), 0) << "branch " << i + 1;
+    EXPECT_EQ(one.range, ranges[i]) << "branch " << i + 1;
+    EXPECT_EQ(one.got, pairs_of(*at_once)) << "branch " << i + 1;
   }
 }
 

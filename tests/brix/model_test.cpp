@@ -1,5 +1,6 @@
-// The trained-tree API: figures on the golf table worked out by hand, agreement with brixcmd's
-// score file, round trips, reproducible splits and refused arguments.
+// The trained-tree API: figures on the golf table worked out by hand, round trips, reproducible
+// splits and refused arguments. Its probabilities against brixcmd's score files on every dataset:
+// tests/python.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,21 +14,12 @@
 #include <vector>
 
 #include "brix/model.h"
-#include "tests/zel/inpout/scratch_dir.h"
+#include "tests/brix/table_files.h"
 
 namespace {
 
-std::string const kExamples = std::string(BRIX_TEST_DATA) + "/../../examples/";
-
-std::unique_ptr<brix::table> load(std::string const& names, std::string const& data) {
-  auto t = std::make_unique<brix::table>("t");
-  t->load_meta_data(brix::datasource("FILE#" + names + "#,"));
-  t->load_data(brix::datasource("FILE#" + data + "#,"), "?");
-  return t;
-}
-
 TEST(TreeModel, GolfUsageImportanceAndProbabilities) {
-  auto t = load(kExamples + "golf.names", kExamples + "golf.data");
+  auto t = stem_table(kExamples + "golf");
   auto m = brix::tree_model::train(*t);
   EXPECT_EQ((std::vector<std::string>{"no", "yes"}), m->classes());
   EXPECT_EQ((std::vector<std::string>{"outlook", "temperature", "humidity", "windy"}),
@@ -58,32 +50,10 @@ TEST(TreeModel, GolfUsageImportanceAndProbabilities) {
     EXPECT_NEAR(1.0, all[2 * r] + all[2 * r + 1], 1e-6);
 }
 
-// Every row of the votes test file: the class and the figure brixcmd's score file prints.
-TEST(TreeModel, ProbabilitiesAgreeWithTheScoreFile) {
-  auto t = load(kExamples + "votes.names", kExamples + "votes.data");
-  auto test = load(kExamples + "votes.names", kExamples + "votes.test");
-  auto m = brix::tree_model::train(*t);
-  std::ifstream golden(std::string(BRIX_TEST_DATA) + "/../cli/golden/votes_scores.txt");
-  std::string line;
-  unsigned long row = 0;
-  while (std::getline(golden, line)) {
-    std::size_t cut = line.rfind(','), before = line.rfind(',', cut - 1);
-    std::vector<double> p = m->predict_proba(*test, row);
-    std::string cls = m->predict(*test, row);
-    std::size_t c = cls == m->classes()[0] ? 0 : 1;
-    std::ostringstream figure;
-    figure << static_cast<float>(p[c]);
-    EXPECT_EQ(line.substr(before + 1, cut - before - 1), cls) << "row " << row;
-    EXPECT_EQ(line.substr(cut + 1), figure.str()) << "row " << row;
-    ++row;
-  }
-  EXPECT_EQ(test->get_no_rows(), row);
-}
-
 class TreeModelFiles : public ::testing::Test, public scratch_dir {};
 
 TEST_F(TreeModelFiles, RowsSaveAndLoadGiveTheFacadeTree) {
-  auto t = load(kExamples + "iris.names", kExamples + "iris.data");
+  auto t = stem_table(kExamples + "iris");
   std::vector<unsigned long> rows(60);
   std::iota(rows.begin(), rows.end(), 0ul);
   brix::tree_options o;
@@ -127,7 +97,7 @@ TEST(TreeModel, SplitsAreReproducibleAndBalanced) {
 }
 
 TEST(TreeModel, RefusedArguments) {
-  auto t = load(kExamples + "golf.names", kExamples + "golf.data");
+  auto t = stem_table(kExamples + "golf");
   brix::tree_options o;
   o.confidence = 0.0f;
   EXPECT_THROW(brix::tree_model::train(*t, o), std::invalid_argument);
@@ -135,7 +105,7 @@ TEST(TreeModel, RefusedArguments) {
   EXPECT_THROW(brix::tree_model::train(*t, {}, &rows), std::invalid_argument);
   auto m = brix::tree_model::train(*t);
   EXPECT_THROW(m->predict_proba(std::vector<std::string>{"sunny"}), std::invalid_argument);
-  auto other = load(kExamples + "iris.names", kExamples + "iris.data");
+  auto other = stem_table(kExamples + "iris");
   EXPECT_THROW(m->predict(*other, 0), std::invalid_argument);  // no column "outlook"
   EXPECT_THROW(brix::kfold(5, 1, 0), std::invalid_argument);
 }

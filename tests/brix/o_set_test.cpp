@@ -1,17 +1,24 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "brix/impls/o_set.h"
+#include "brix/impls/column_typed.h"
+#include "brix/impls/o_set_typed.h"
 #include "tests/brix/table_files.h"
 
+using brix::impls::column;
 using brix::impls::o_set;
+using brix::impls::value_loader;
 
 namespace {
 
@@ -229,6 +236,98 @@ TEST(OSet, Leq) {
   EXPECT_EQ(str->leq("b", "a"), 1);
   EXPECT_EQ(str->leq(1, "b"), 0);
   EXPECT_EQ(make_set("null", {})->leq("1", "2"), -1);
+}
+
+// Loads texts into a fresh column of the given type and kind; returns the
+// orders of the rows and the set's values by order.
+struct loaded {
+  std::vector<unsigned long> orders;
+  std::vector<std::string> values;
+};
+
+loaded load(std::string const& type, std::string const& kind,
+            std::vector<std::string> const& texts) {
+  o_set* set = o_set::NEW_O_SET(type, true, "?");
+  std::unique_ptr<value_loader> l(set->make_loader(true));
+  for (auto const& t : texts)
+    l->add(t.c_str());
+  l->index();
+  std::string error;
+  std::unique_ptr<column> c(column::NEW_COLUMN(set, "x", kind, error));
+  EXPECT_TRUE(c) << error;
+  l->attach(c.get());
+  for (std::size_t from = 0; from < texts.size(); from += 10000) {
+    l->fill(from, std::min(texts.size(), from + 10000));
+  }
+  loaded out;
+  for (std::size_t r = 0; r < texts.size(); ++r)
+    out.orders.push_back(c->get_row_index(r));
+  for (unsigned long o = 1; o <= set->size_of_known(); ++o)
+    out.values.push_back(set->get_value(o));
+  return out;
+}
+
+template <class X>
+void expect_ranks(std::vector<X> const& numbers, std::vector<bool> const& null, loaded const& got) {
+  std::set<X> distinct;
+  for (std::size_t r = 0; r < numbers.size(); ++r) {
+    if (!null[r]) distinct.insert(numbers[r]);
+  }
+  std::vector<X> sorted(distinct.begin(), distinct.end());
+  ASSERT_EQ(got.values.size(), sorted.size());
+  for (std::size_t r = 0; r < numbers.size(); ++r) {
+    unsigned long want =
+        null[r] ? 0
+                : static_cast<unsigned long>(
+                      std::lower_bound(sorted.begin(), sorted.end(), numbers[r]) - sorted.begin()) +
+                      1;
+    ASSERT_EQ(got.orders[r], want) << "row " << r;
+  }
+}
+
+// Loaders switch from ids to raw values when a numeric column shows many distinct values; the
+// orders must be those of sorting the distinct values.
+TEST(ValueLoader, ManyDistinctNumbersGetTheOrdersOfTheirSortedValues) {
+  std::mt19937 gen(7);
+  std::size_t n = 200000;
+  std::vector<bool> null(n);
+  for (std::size_t r = 0; r < n; ++r)
+    null[r] = gen() % 50 == 0;
+  // Numbers of each type from the generator, as texts; "?" where null.
+  auto check = [&](char const* type, char const* kind, auto number) {
+    SCOPED_TRACE(type);
+    std::vector<decltype(number())> numbers(n);
+    std::vector<std::string> texts(n);
+    char buf[64];
+    for (std::size_t r = 0; r < n; ++r) {
+      numbers[r] = number();
+      std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(numbers[r]));
+      texts[r] = null[r]                                  ? "?"
+                 : std::is_integral<decltype(number())>() ? std::to_string(numbers[r])
+                                                          : buf;
+    }
+    expect_ranks(numbers, null, load(type, kind, texts));
+  };
+  check("integer", "continuous", [&] { return static_cast<int>(gen() % 150000) - 75000; });
+  check("uinteger", "discrete",
+        [&] { return (static_cast<unsigned long>(gen()) << 32 | gen()) % 90000 + (1UL << 63); });
+  check("float", "continuous",
+        [&] { return static_cast<float>(static_cast<int>(gen() % 120000) - 60000) / 8.0f; });
+}
+
+TEST(ValueLoader, TheFirstOfTwoZerosIsTheValueKept) {
+  // Enough distinct values to leave the hashed ids behind, then both zeros.
+  std::vector<std::string> texts;
+  for (int i = 1; i <= 70000; ++i)
+    texts.push_back(std::to_string(i) + ".5");
+  texts.push_back("-0");
+  texts.push_back("0");
+  loaded got = load("double", "discrete", texts);
+  ASSERT_EQ(got.values.size(), 70001u);
+  EXPECT_EQ(got.values[0], "-0");
+  EXPECT_EQ(got.orders[70000], 1u);
+  EXPECT_EQ(got.orders[70001], 1u);
+  EXPECT_EQ(got.orders[0], 2u);
 }
 
 }  // namespace

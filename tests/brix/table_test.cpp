@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <ctime>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "brix/impls/column_typed.h"
@@ -13,6 +17,7 @@
 using brix::impls::column;
 using brix::impls::storage_kind;
 using brix::impls::table;
+using brix::impls::w_sequence;
 
 namespace {
 
@@ -21,25 +26,23 @@ char const* const kGolfNames =
     "windy,string,discrete\nplay,string,class\n";
 
 TEST(Fields, CountingAndSplittingAgree) {
-  struct {
-    char const* line;
-    unsigned long fields;
-  } cases[] = {{"", 1},     {"a", 1},      {",", 1},    {",,", 2},      {"a,b", 2},
-               {"a,b,", 2}, {"a,b,c,", 3}, {"a,,c", 3}, {"a,b,c,,", 4}, {",a", 2}};
-  for (auto const& c : cases) {
-    EXPECT_EQ(brix::impls::count_fields(c.line, ','), c.fields) << '"' << c.line << '"';
-    std::string copy = c.line;
+  // Each line and its fields joined by '|'.
+  std::pair<char const*, char const*> const cases[] = {
+      {"", ""},        {"a", "a"},   {",", ""},        {",,", "|"},         {"a,b", "a|b"},
+      {"a,b,", "a|b"}, {",a", "|a"}, {"a,,c", "a||c"}, {"a,b,c,", "a|b|c"}, {"a,b,c,,", "a|b|c|"}};
+  for (auto const& [line, want] : cases) {
+    SCOPED_TRACE('"' + std::string(line) + '"');
+    std::string copy = line, joined;
     brix::impls::line_fields f;
-    EXPECT_EQ(f.split_all(&copy[0], ','), c.fields) << '"' << c.line << '"';
+    unsigned long n = f.split_all(&copy[0], ',');
+    EXPECT_EQ(n, 1 + std::count(want, want + std::strlen(want), '|'));
+    EXPECT_EQ(brix::impls::count_fields(line, ','), n);
+    for (unsigned long i = 0; i < n; ++i)
+      joined += (i ? "|" : "") + std::string(f[i]);
+    EXPECT_EQ(joined, want);
     f.restore();
-    EXPECT_EQ(copy, c.line);
+    EXPECT_EQ(copy, line);
   }
-  std::string line = "a,,c,";
-  brix::impls::line_fields f;
-  ASSERT_EQ(f.split_all(&line[0], ','), 3u);
-  EXPECT_STREQ(f[0], "a");
-  EXPECT_STREQ(f[1], "");
-  EXPECT_STREQ(f[2], "c");
 }
 
 TEST(Metadata, Lines) {
@@ -237,16 +240,7 @@ TEST(Load, WidthsAtTheLimits) {
   for (unsigned long r : {0ul, 1ul, 253ul, 254ul}) {
     EXPECT_EQ(t255->get_column(0)->get_value(r), "v" + std::to_string(254 - r));
   }
-
-  // Past 65534 values the ids widen again.
-  std::string data;
-  for (int v = 0; v < 65535; ++v)
-    data += std::to_string(65534 - v) + ",c\n";
-  auto wide = files.loaded("n,integer,continuous\nc,string,class\n", data);
-  EXPECT_EQ(wide->get_column(0)->get_storage(), storage_kind::u32);
-  EXPECT_EQ(wide->get_column(0)->get_row_index(0), 65535u);
-  EXPECT_EQ(wide->get_column(0)->get_row_index(65534), 1u);
-  EXPECT_EQ(wide->get_column(0)->get_value(300), "65234");
+  // Past 65534 values the ids widen again: the separable tables of test_tree_figures.sh.
 }
 
 TEST(LoadRow, ReordersToAttributesClassWeight) {
@@ -283,6 +277,115 @@ TEST(LoadRow, ReordersToAttributesClassWeight) {
   // Without the tree rules the row stays as read.
   auto loose = files.loaded("a,string,discrete\nc,string,class\n", "x,y\n", false);
   EXPECT_EQ(rows(*loose, "p,yes\nq\n"), (std::vector<strings>{{"p", "yes"}, {"q", ""}}));
+}
+
+std::vector<unsigned> rows_of(w_sequence const& s) {
+  std::vector<unsigned> out;
+  for (auto const& c : s)
+    out.push_back(c.first);
+  return out;
+}
+
+// The rows of a sequence handed over by the table.
+std::vector<unsigned> rows(w_sequence* s) {
+  std::unique_ptr<w_sequence> own(s);
+  return rows_of(*own);
+}
+
+std::vector<unsigned> range_of(unsigned from, unsigned to) {
+  std::vector<unsigned> out;
+  for (unsigned r = from; r < to; ++r)
+    out.push_back(r);
+  return out;
+}
+
+// A table of n rows: a discrete attribute and a class.
+std::unique_ptr<table> rows_table(table_files const& files, int n) {
+  std::string data;
+  for (int r = 0; r < n; ++r)
+    data += "v" + std::to_string(r) + (r % 3 ? ",yes\n" : ",no\n");
+  return files.loaded("a,string,discrete\nc,string,class\n", data);
+}
+
+TEST(Subsets, FirstNAndClamping) {
+  table_files files;
+  auto t = rows_table(files, 10);
+  EXPECT_TRUE(rows(t->get_wsubset_first_n(0)).empty());
+  EXPECT_EQ(rows(t->get_wsubset_first_n(4)), range_of(0, 4));
+  EXPECT_EQ(rows(t->get_wsubset_first_n(1000)), range_of(0, 10));
+  EXPECT_EQ(rows(t->get_wsubset_all()), range_of(0, 10));
+  EXPECT_TRUE(rows(t->get_wsubset_random(0)).empty());
+  EXPECT_EQ(rows(t->get_wsubset_random(25)), range_of(0, 10));
+}
+
+TEST(Subsets, RandomAndItsDifferenceCoverEveryRowOnce) {
+  table_files files;
+  auto t = rows_table(files, 10);
+  std::unique_ptr<w_sequence> train(t->get_wsubset_random(7));
+  ASSERT_EQ(train->size(), 7u);
+  std::unique_ptr<w_sequence> test(t->get_wsubset_difference(train.get()));
+  ASSERT_EQ(test->size(), 3u);
+  std::vector<int> seen(10, 0);
+  for (auto const* s : {train.get(), test.get()}) {
+    for (std::size_t i = 0; i < s->size(); ++i) {
+      if (i > 0) {
+        EXPECT_LT((*s)[i - 1].first, (*s)[i].first) << "rows not ascending";
+      }
+      ++seen[(*s)[i].first];
+    }
+  }
+  EXPECT_EQ(seen, std::vector<int>(10, 1));
+
+  // Reseeded with the time in seconds: two draws in the same second agree.
+  auto big = rows_table(files, 200);
+  std::time_t before = std::time(nullptr);
+  std::unique_ptr<w_sequence> a(big->get_wsubset_random(50)), b(big->get_wsubset_random(50));
+  if (std::time(nullptr) == before) {
+    EXPECT_EQ(rows_of(*a), rows_of(*b));
+  }
+}
+
+TEST(Subsets, DifferenceWalksTheSortedSequence) {
+  table_files files;
+  auto t = rows_table(files, 8);
+  w_sequence s;
+  s.push_back(5, 1.0f);
+  s.push_back(2, 1.0f);
+  EXPECT_EQ(rows(t->get_wsubset_difference(&s)), (std::vector<unsigned>{0, 1, 3, 4, 6, 7}));
+  EXPECT_EQ(rows_of(s), (std::vector<unsigned>{2, 5}));  // sorted in place
+
+  // A repeated row stops all later matches: row 5 is kept.
+  w_sequence dup;
+  for (unsigned r : {3u, 5u, 3u})
+    dup.push_back(r, 1.0f);
+  EXPECT_EQ(rows(t->get_wsubset_difference(&dup)), (std::vector<unsigned>{0, 1, 2, 4, 5, 6, 7}));
+  w_sequence empty;
+  EXPECT_EQ(rows(t->get_wsubset_difference(&empty)), range_of(0, 8));
+}
+
+TEST(Subsets, WeightsColumnSetsTheWeights) {
+  table_files files;
+  std::string data;
+  for (int r = 0; r < 8; ++r)
+    data += std::string(r == 4 ? "2.5" : "1") + (r % 2 ? ",a\n" : ",b\n");
+  auto t = files.loaded("w,float,weights\nc,string,class\n", data);
+  ASSERT_NE(t->get_weights(), nullptr);
+  auto weight_of_row4 = [](w_sequence const& s) {
+    for (auto const& c : s) {
+      if (c.first == 4) return c.second;
+      EXPECT_EQ(c.second, 1.0f) << "row " << c.first;
+    }
+    return -1.0f;
+  };
+  w_sequence others;
+  others.push_back(0, 1.0f);
+  std::vector<std::unique_ptr<w_sequence>> all;
+  all.emplace_back(t->get_wsubset_all());
+  all.emplace_back(t->get_wsubset_first_n(6));
+  all.emplace_back(t->get_wsubset_random(8));
+  all.emplace_back(t->get_wsubset_difference(&others));
+  for (auto const& s : all)
+    EXPECT_EQ(weight_of_row4(*s), 2.5f);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "brix/impls/conf_matrix.h"
@@ -238,54 +240,49 @@ TEST(TreePrune, PrepruneDropsSplitsThatDoNotLowerTheError) {
   EXPECT_FLOAT_EQ(dt.get_root()->get_node()->get_error(), 1.0f);
 }
 
-// x of value a for 30 cases (24 p, 6 q) and value b for 10 (2 p, 8 q).
-std::string thirty_ten(char const* a, char const* b) {
+// Rows given as (line, times).
+std::string runs(std::vector<std::pair<std::string, int>> const& lines) {
   std::string s;
-  for (int i = 0; i < 40; ++i) {
-    s += std::string(i < 30 ? a : b) + ((i < 30 ? i < 24 : i < 32) ? ",p\n" : ",q\n");
+  for (auto const& [line, n] : lines) {
+    for (int i = 0; i < n; ++i)
+      s += line + "\n";
   }
   return s;
 }
 
-TEST(TreePredict, UnknownValueFollowsEveryBranch) {
+// The class and weight of a prediction.
+template <class P, class C>
+void expect_prediction(P const& got, C cls, float weight) {
+  EXPECT_EQ(got.first, cls);
+  EXPECT_NEAR(got.second, weight, 1e-6);
+}
+
+TEST(TreePredict, UnknownValueFollowsEveryBranchAndTiesGoToTheLowerClass) {
   table_files files;
-  struct {
-    char const* type;
-    char const* a;
-    char const* b;
-  } kinds[] = {{"string,discrete", "a", "b"}, {"integer,continuous", "1", "2"}};
-  for (auto const& k : kinds) {
-    SCOPED_TRACE(k.type);
-    auto t = files.loaded(std::string("x,") + k.type + "\nc,string,class\n", thirty_ten(k.a, k.b));
+  for (auto [type, a, b] :
+       {std::tuple{"string,discrete", "a", "b"}, {"integer,continuous", "1", "2"}}) {
+    SCOPED_TRACE(type);
+    // 30 cases of a (24 p, 6 q) and 10 of b (2 p, 8 q).
+    auto t = files.loaded(std::string("x,") + type + "\nc,string,class\n",
+                          runs({{a + std::string(",p"), 24},
+                                {a + std::string(",q"), 6},
+                                {b + std::string(",p"), 2},
+                                {b + std::string(",q"), 8}}));
     decision_tree dt("t");
     dt.build_unpruned(t.get(), nullptr, false);
     ASSERT_EQ(dt.size(), 3u);
     // 30/40 of the case goes to a, 10/40 to b: p = 0.75·24/30 + 0.25·2/10 =
     // 0.65, q = 0.75·6/30 + 0.25·8/10 = 0.35.
-    auto unknown = dt.predict({"?"}, 1.0f);
-    EXPECT_EQ(unknown.first, 1u);
-    EXPECT_NEAR(unknown.second, 0.65f, 1e-6);
-    EXPECT_EQ(dt.prediction({"?"}, 2.0f).first, "p");
-    EXPECT_NEAR(dt.prediction({"?"}, 2.0f).second, 1.3f, 1e-6);
-    auto b = dt.predict({k.b}, 1.0f);
-    EXPECT_EQ(b.first, 2u);
-    EXPECT_NEAR(b.second, 0.8f, 1e-6);
+    expect_prediction(dt.predict({"?"}, 1.0f), 1u, 0.65f);
+    expect_prediction(dt.prediction({"?"}, 2.0f), "p", 1.3f);
+    expect_prediction(dt.predict({b}, 1.0f), 2u, 0.8f);
   }
-}
-
-TEST(TreePredict, TiesGoToTheLowerClass) {
-  table_files files;
-  // a: 10 q, b: 10 p; an unknown x gets 0.5 of each.
-  std::string data;
-  for (int i = 0; i < 20; ++i)
-    data += i < 10 ? "a,q\n" : "b,p\n";
-  auto t = files.loaded("x,string,discrete\nc,string,class\n", data);
+  // a: 10 q, b: 10 p; an unknown x gets 0.5 of each and the lower class.
+  auto t = files.loaded("x,string,discrete\nc,string,class\n", runs({{"a,q", 10}, {"b,p", 10}}));
   decision_tree dt("t");
   dt.build_unpruned(t.get(), nullptr, false);
   ASSERT_EQ(dt.size(), 3u);
-  auto p = dt.predict({"?"}, 1.0f);
-  EXPECT_EQ(p.first, 1u);
-  EXPECT_FLOAT_EQ(p.second, 0.5f);
+  expect_prediction(dt.predict({"?"}, 1.0f), 1u, 0.5f);
 }
 
 TEST(TreePredict, EmptyLeafTakesItsFathersClass) {
@@ -301,9 +298,7 @@ TEST(TreePredict, EmptyLeafTakesItsFathersClass) {
   _decision_node const* empty = dt.get_root()->get_child(2)->get_node();
   EXPECT_FLOAT_EQ(empty->get_cases_weight(), 0.0f);
   EXPECT_EQ(empty->get_leaf(), 2u);
-  auto c = dt.predict({"c"}, 1.0f);
-  EXPECT_EQ(c.first, 2u);
-  EXPECT_FLOAT_EQ(c.second, 1.0f);
+  expect_prediction(dt.predict({"c"}, 1.0f), 2u, 1.0f);
   std::ostringstream text;
   dt.toTEXT(text, 0);
   EXPECT_NE(text.str().find("\nx = c: q (0.0)"), std::string::npos) << text.str();

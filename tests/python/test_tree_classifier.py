@@ -51,33 +51,25 @@ def tree_of(report):
     return report.split("Decision Tree\n\n", 1)[1]
 
 
-def datasets():
-    if not os.path.isdir(SHARED):
-        return []
-    return sorted(f[:-6] for f in os.listdir(SHARED)
-                  if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
+def stems():
+    """The examples, then the shared datasets when they are there."""
+    found = [os.path.join(ROOT, "examples", name) for name in ("golf", "iris", "votes")]
+    if os.path.isdir(SHARED):
+        found += sorted(os.path.join(SHARED, f[:-6]) for f in os.listdir(SHARED)
+                        if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
+    return found
 
 
 def test_scikit_learn_estimator_checks():
     check_estimator(brix.TreeClassifier())
 
 
-@pytest.mark.parametrize("pruning", sorted(PRUNING))
-def test_examples_grow_the_trees_of_brixcmd(pruning):
-    for name in ("golf", "iris", "votes"):
-        stem = os.path.join(ROOT, "examples", name)
-        X, y, _ = read_stem(stem)
-        clf = brix.TreeClassifier(pruning=pruning).fit(X, y)
-        assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *PRUNING[pruning]))
+CASES = [(stem, p) for stem in stems() for p in sorted(PRUNING)]
 
 
-CASES = [(name, p) for name in datasets() for p in sorted(PRUNING)]
-
-
-@pytest.mark.skipif(not datasets(), reason="../shared/data not found")
-@pytest.mark.parametrize("name,pruning", CASES)
-def test_datasets_grow_the_trees_and_scores_of_brixcmd(name, pruning, tmp_path):
-    stem = os.path.join(SHARED, name)
+@pytest.mark.parametrize("stem,pruning", CASES,
+                         ids=[f"{os.path.basename(s)}-{p}" for s, p in CASES])
+def test_trees_and_scores_are_those_of_brixcmd(stem, pruning, tmp_path):
     X, y, w = read_stem(stem)
     clf = brix.TreeClassifier(pruning=pruning).fit(X, y, sample_weight=w)
     assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *PRUNING[pruning]))

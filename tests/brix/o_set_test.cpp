@@ -36,29 +36,30 @@ unsigned long order_of(o_set& s, char const* value) {
   return order;
 }
 
+using strings = std::vector<std::string>;
+
+// The known values by order; each must also look its own order up.
+strings known(o_set& s) {
+  strings out;
+  for (unsigned long o = 1; o <= s.size_of_known(); ++o) {
+    out.push_back(s.get_value(o));
+    EXPECT_EQ(order_of(s, out.back().c_str()), o);
+  }
+  return out;
+}
+
 TEST(OSet, OrdersFollowValueOrderNotInsertionOrder) {
   auto s = make_set("integer", {"10", "2", "7", "10"});
-  EXPECT_EQ(s->size_of_known(), 3u);
-  EXPECT_EQ(order_of(*s, "2"), 1u);
-  EXPECT_EQ(order_of(*s, "7"), 2u);
-  EXPECT_EQ(order_of(*s, "10"), 3u);
-  EXPECT_EQ(s->get_value(1), "2");
-  EXPECT_EQ(s->get_value(3), "10");
+  EXPECT_EQ(known(*s), (strings{"2", "7", "10"}));
   unsigned long order = 999;
   EXPECT_FALSE(s->get_order("5", order));
+  EXPECT_EQ(known(*make_set("integer", {"-3", "5", "-40", "0"})), (strings{"-40", "-3", "0", "5"}));
 
   // Strings compare as text; an insertion after a lookup renumbers.
   auto t = make_set("string", {"pear", "apple"});
   EXPECT_EQ(order_of(*t, "pear"), 2u);
   t->insert("banana");
-  EXPECT_EQ(order_of(*t, "apple"), 1u);
-  EXPECT_EQ(order_of(*t, "banana"), 2u);
-  EXPECT_EQ(order_of(*t, "pear"), 3u);
-
-  auto n = make_set("integer", {"-3", "5", "-40", "0"});
-  EXPECT_EQ(n->get_value(1), "-40");
-  EXPECT_EQ(n->get_value(2), "-3");
-  EXPECT_EQ(n->get_value(4), "5");
+  EXPECT_EQ(known(*t), (strings{"apple", "banana", "pear"}));
 }
 
 TEST(OSet, ProvisionalIdsAndRemap) {
@@ -153,17 +154,15 @@ TEST(OSet, ConversionErrorsLeaveTheSetUnchanged) {
 }
 
 TEST(OSet, FloatsAreRoundedOnceAndPrintedWithThirtyDecimals) {
-  auto s = make_set("float", {"0.1", "2.5", "-0.75"});
-  EXPECT_EQ(s->get_value(1), "-0.750000000000000000000000000000");
-  EXPECT_EQ(s->get_value(2), "0.100000001490116119384765625000");
-  EXPECT_EQ(s->get_value(3), "2.500000000000000000000000000000");
+  EXPECT_EQ(known(*make_set("float", {"0.1", "2.5", "-0.75"})),
+            (strings{"-0.750000000000000000000000000000", "0.100000001490116119384765625000",
+                     "2.500000000000000000000000000000"}));
   // Just above the midpoint between 1 and the next float: a detour through
   // double would land exactly on the midpoint and round down to 1.
-  auto r = make_set("float", {"1.00000005960464477539062500000001"});
-  EXPECT_EQ(r->get_value(1), "1.000000119209289550781250000000");
+  EXPECT_EQ(known(*make_set("float", {"1.00000005960464477539062500000001"})),
+            strings{"1.000000119209289550781250000000"});
   // Text of the same float is one value.
-  auto same = make_set("float", {"0.5", "0.50", "5e-1"});
-  EXPECT_EQ(same->size_of_known(), 1u);
+  EXPECT_EQ(known(*make_set("float", {"0.5", "0.50", "5e-1"})).size(), 1u);
 }
 
 TEST(OSet, FindMid) {

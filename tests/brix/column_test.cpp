@@ -84,6 +84,7 @@ TEST(Column, PushBackAndLookups) {
   EXPECT_EQ(bits->get_row_index(0), 2u);
   EXPECT_EQ(bits->get_row_index(1), 1u);
   EXPECT_EQ(bits->get_value(2), "v1");
+  EXPECT_TRUE(bits->less_than(1, 0));
   EXPECT_EQ(error_of([&] { bits->push_back("v7"); }),
             "[column::push_back] index not found for value 'v7'");
 

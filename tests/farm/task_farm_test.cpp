@@ -216,12 +216,18 @@ TEST(TaskFarm, RefusalsAndFailedStartsPrintTheirMessage) {
   EXPECT_EQ(f.add_workers(std::vector<farm::node*>(nodes.begin() + 2, nodes.end() - 1)), 0);
   EXPECT_EQ(f.wrap_around(), 0);
   EXPECT_EQ(f.wrap_around(), -1);
+  EXPECT_EQ(f.set_fallback([](void*) {}), -1);
+  farm::task_farm g;
+  EXPECT_EQ(g.set_fallback([](void*) {}), 0);
+  EXPECT_EQ(g.wrap_around(), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "error running farm\n"
             "FARM, try to add too many workers, please increase max_nworkers\n"
             "FARM create_input_buffer, buffer already present\n"
             "FARM create_input_buffer, buffer already present\n"
-            "LB, master_worker flag already set\n");
+            "LB, master_worker flag already set\n"
+            "FARM, cannot add feedback channels if the fallback function has been set in the "
+            "Emitter\n");
   EXPECT_EQ(f.add_emitter(&e), 0);
   EXPECT_EQ(f.nworkers(), 64u);
   EXPECT_EQ(f.run_and_wait_end(), 0);
@@ -235,6 +241,37 @@ TEST(TaskFarm, RefusalsAndFailedStartsPrintTheirMessage) {
             "ff_thread, svc_init failed, thread exit!!!\nerror running farm\n");
   EXPECT_EQ(e.calls, 0);
   EXPECT_TRUE(r.ws[5]->ended == 1 && r.ws[6]->ended == 2);
+}
+
+TEST(TaskFarm, SendGivesUpOnAFullRingOrHandsOverToTheFallback) {
+  for (bool with_fallback : {false, true}) {
+    // The only worker holds its first task until released, so its one-entry ring stays full.
+    std::atomic<bool> started{false}, release{false};
+    fn_node holder([&](fn_node&, void*) {
+      for (started = true; !release;)
+        std::this_thread::yield();
+      return GO_ON;
+    });
+    task tasks[3];
+    bool third_sent = false;
+    fn_node e([&](fn_node& self, void*) {
+      self.send_out(&tasks[0]);
+      while (!started)
+        std::this_thread::yield();
+      self.send_out(&tasks[1]);
+      third_sent = self.send_out(&tasks[2], 3, 10);
+      release = true;
+      return EOS;
+    });
+    farm::task_farm f(nullptr, 1);
+    std::vector<void*> fell_back;
+    if (with_fallback) f.set_fallback([&](void* t) { fell_back.push_back(t); });
+    f.add_emitter(&e);
+    f.add_workers({&holder});
+    ASSERT_EQ(f.run_and_wait_end(), 0);
+    EXPECT_EQ(third_sent, with_fallback);
+    EXPECT_EQ(fell_back, with_fallback ? std::vector<void*>{&tasks[2]} : std::vector<void*>{});
+  }
 }
 
 TEST(TaskFarm, ExceptionsReachTheCallerAfterAllThreadsAreJoined) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "zel/inpout/iobuf.h"
 #include "zel/inpout/iofile.h"
 #include "zel/inpout/iogz.h"
+#include "zel/inpout/iomem.h"
 
 using namespace zel::inpout;
 
@@ -42,6 +44,16 @@ class probe_conn : public ioconn {
   int mode_;
   long long size_;
   long long pos_ = 0;
+};
+
+// Only the pure operations: seeking falls back to the base refusal.
+class probe_base : public ioconn {
+ public:
+  void close() override {}
+  bool is_open() const override { return false; }
+  int get_mode() const override { return 0; }
+  int read(void*, int) override { return -1; }
+  int write(const void*, int) override { return -1; }
 };
 
 bool is_pattern(const unsigned char* p, int n, long long from) {
@@ -129,6 +141,7 @@ TEST(IoGz, SeekLimitsAndModeStrings) {
   EXPECT_EQ("iogz::lseek LSEEK_END not supported", error_of([] { iogz().lseek(0, 2); }));
   EXPECT_EQ("iogz::lseek position not supported", error_of([] { iogz().lseek(0, 5); }));
   EXPECT_EQ("iogz::lseek LSEEK_END not supported", error_of([] { iogz().size(); }));
+  EXPECT_EQ("lseek not available", error_of([] { probe_base().tell(); }));
 }
 
 TEST(IoFile, SeekOriginsAndFailures) {
@@ -150,4 +163,30 @@ TEST(IoFile, SeekOriginsAndFailures) {
   EXPECT_FALSE(f.open(dir.file("none"), 2, 0644));
   EXPECT_FALSE(f.is_open());
   EXPECT_EQ("iofile::size(): cannot access file size.", error_of([] { iofile().size(); }));
+}
+
+TEST(IoMem, OwnedGrowsExternalIsCut) {
+  iomem m;
+  ASSERT_TRUE(m.open(4));
+  EXPECT_EQ(3, m.write("abc", 3));
+  EXPECT_EQ(7, m.write("defghij", 7));
+  EXPECT_EQ(12u, m.get_capacity());  // needed 10 plus half of the old 4
+  EXPECT_EQ(10, m.size());
+  EXPECT_EQ(0, std::memcmp(m.get_data(), "abcdefghij", 10));
+
+  EXPECT_EQ(10, m.lseek(50, 0));  // clamped to size
+  EXPECT_EQ(0, m.lseek(-50, 1));
+  EXPECT_EQ(-1, m.lseek(0, 3));
+  EXPECT_EQ(8, m.lseek(-2, 2));
+  char buf[8];
+  EXPECT_EQ(2, m.read(buf, 8));
+  EXPECT_TRUE(m.eof());
+
+  char area[6] = {0};
+  iomem e;
+  e.open(area, sizeof area, 0);
+  EXPECT_EQ(4, e.write("1234", 4));
+  EXPECT_EQ(2, e.write("5678", 4));
+  EXPECT_EQ(6, e.size());
+  EXPECT_EQ(0, std::memcmp(area, "123456", 6));
 }

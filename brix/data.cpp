@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -102,10 +103,8 @@ class markers {
     for (auto const& s : m)
       longest_ = std::max(longest_, s.size());
   }
-  bool operator()(char const* v) const {
-    std::size_t n = 0;
-    while (n <= longest_ && v[n] != '\0')
-      ++n;
+  // n: the cell's length, known to the parser.
+  bool operator()(char const* v, std::size_t n) const {
     if (n > longest_) return false;
     for (auto const& s : list_)
       if (s.size() == n && std::memcmp(s.data(), v, n) == 0) return true;
@@ -135,12 +134,16 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
   if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
   if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr)
     throw std::runtime_error("File " + path + ": holds NUL bytes, not a text table");
+  // Where an unquoted field ends; the string's terminating NUL stops the scan at the end, as
+  // no other NUL is in the text.
+  bool stops[256] = {};
+  stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
   std::size_t line = 1;
-  std::vector<char const*> row;
   bool header = true;
   while (s < end) {
     std::size_t row_line = line;
-    row.clear();
+    std::size_t first = p.cells.size(), fields = 0;
+    bool blank = true;  // only one field, and that empty
     // One record.
     for (;;) {
       char* out = s;
@@ -150,8 +153,8 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
         ++s;
         for (;;) {
           if (s >= end)
-            throw std::runtime_error(where(field_line) + ", column " +
-                                     std::to_string(row.size() + 1) + ": quote not closed");
+            throw std::runtime_error(where(field_line) + ", column " + std::to_string(fields + 1) +
+                                     ": quote not closed");
           if (*s == '"') {
             if (s + 1 < end && s[1] == '"') {
               *out++ = '"';
@@ -166,11 +169,11 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
         }
         if (s < end && *s != sep && *s != '\n' && !(*s == '\r' && s + 1 < end && s[1] == '\n') &&
             !(*s == '\r' && s + 1 == end))
-          throw std::runtime_error(where(line) + ", column " + std::to_string(row.size() + 1) +
+          throw std::runtime_error(where(line) + ", column " + std::to_string(fields + 1) +
                                    ": text after a closing quote");
       } else {
         // Unquoted text stays where it is: only its end is found.
-        while (s < end && *s != sep && *s != '\n')
+        while (!stops[static_cast<unsigned char>(*s)])
           ++s;
         out = s;
         if (out > field && out[-1] == '\r' && (s >= end || *s == '\n')) --out;
@@ -179,24 +182,28 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
       if (s < end && *s == '\r') ++s;
       if (s < end) ++s;  // separator or line feed
       *out = '\0';
-      row.push_back(field);
+      std::size_t n = static_cast<std::size_t>(out - field);
+      blank = fields++ == 0 && n == 0;
+      if (header)
+        p.names.emplace_back(field, n);
+      else
+        p.cells.push_back(missing(field, n) ? kUnknown : field);
       if (last) {
         ++line;
         break;
       }
     }
     if (header) {
-      for (char const* f : row)
-        p.names.emplace_back(f);
       header = false;
       continue;
     }
-    if (row.size() == 1 && row[0][0] == '\0') continue;  // a blank line
-    if (row.size() != p.names.size())
-      throw std::runtime_error(where(row_line) + ": " + std::to_string(row.size()) +
+    if (blank) {
+      p.cells.resize(first);
+      continue;
+    }
+    if (fields != p.names.size())
+      throw std::runtime_error(where(row_line) + ": " + std::to_string(fields) +
                                " fields, the header has " + std::to_string(p.names.size()));
-    for (char const* f : row)
-      p.cells.push_back(missing(f) ? kUnknown : f);
     p.lines.push_back(row_line);
   }
   if (p.names.empty()) throw std::runtime_error("File " + path + ": empty, no header row");
@@ -204,12 +211,19 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
   return p;
 }
 
+// Digits with an optional sign, within 32 bits; a hand loop, as this runs on every numeric cell.
 bool is_int32(char const* s) {
-  long v = 0;
-  char const* e = s + std::strlen(s);
-  auto r = std::from_chars(s + (*s == '+'), e, v);
-  return r.ec == std::errc() && r.ptr == e && e != s && v >= std::numeric_limits<int>::min() &&
-         v <= std::numeric_limits<int>::max();
+  bool negative = *s == '-';
+  if (*s == '-' || *s == '+') ++s;
+  if (*s == '\0') return false;
+  while (s[0] == '0' && s[1] >= '0' && s[1] <= '9')
+    ++s;
+  std::uint64_t v = 0;
+  for (int n = 0; *s != '\0'; ++s, ++n) {
+    if (*s < '0' || *s > '9' || n == 11) return false;
+    v = v * 10 + static_cast<std::uint64_t>(*s - '0');
+  }
+  return v <= (negative ? std::uint64_t{1} << 31 : (std::uint64_t{1} << 31) - 1);
 }
 
 // A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
@@ -551,7 +565,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         [&]() -> char const* const* {
           if (r == rows.size()) return nullptr;
           for (std::size_t j = 0; j < k; ++j)
-            cells[j] = missing(rows[r][j].c_str()) ? "?" : rows[r][j].c_str();
+            cells[j] = missing(rows[r][j].c_str(), rows[r][j].size()) ? "?" : rows[r][j].c_str();
           ++r;
           return cells.data();
         },

@@ -36,6 +36,22 @@ load_data=$(load_best -f "$stem")
 load_csv=$(load_best -c "$csv")
 load_ratio=$(awk -v a="$load_csv" -v b="$load_data" 'BEGIN { printf "%.2f", a / b }')
 load_verdict=$(awk -v r="$load_ratio" 'BEGIN { print (r <= 1.5) ? "met" : "missed" }')
+# Instructions, repeatable where wall times on a shared machine are not: the 100,000-row set.
+instr_line=
+if command -v valgrind >/dev/null; then
+  small=$(dirname "$stem")/syn_agrawal_f2_100k
+  cp "$root/../shared/data/syn_agrawal_f2_100k.names" "$root/../shared/data/syn_agrawal_f2_100k.data" \
+    "$(dirname "$stem")/" 2>/dev/null
+  { cut -d, -f1 "$small.names" | grep -v '^|' | grep -v '^$' | paste -sd,; cat "$small.data"; } \
+    >"$small.csv"
+  instr() {
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$load_only" "$@" 2>&1 |
+      awk '/Collected/ { print $4 }'
+  }
+  i_data=$(instr -f "$small")
+  i_csv=$(instr -c "$small.csv")
+  instr_line="Instructions (callgrind, 100,000 rows): .data $i_data, CSV $i_csv, ratio $(awk -v a="$i_csv" -v b="$i_data" 'BEGIN { printf "%.2f", a / b }')."
+fi
 read -r cmd_s cmd_mb < <(best "$brixcmd" -f "$stem" -tstd)
 read -r csv_s csv_mb < <(best "$brix" train "$csv" --quiet)
 ratio=$(awk -v a="$csv_s" -v b="$cmd_s" 'BEGIN { printf "%.2f", a / b }')
@@ -45,6 +61,7 @@ append_results "$root" "$(
   echo
   echo "Loading alone (bench/load_only, best of 3): .data $load_data s, CSV $load_csv s, ratio"
   echo "$load_ratio, target <= 1.5: $load_verdict."
+  [ -n "$instr_line" ] && echo "$instr_line"
   echo
   echo "| Run | Wall (best of 3) | Peak RSS |"
   echo "|---|---:|---:|"

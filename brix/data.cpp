@@ -3,6 +3,7 @@
 // loader as .data files.
 #include "brix/data.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -64,8 +65,44 @@ bool ends_with(std::string const& s, char const* tail) {
   return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
+// Large buffers (the file's text, the cell pointers) on huge pages where the system offers
+// them: on large files, faulting in 4 KiB pages took as long as the parsing.
+template <typename T>
+struct huge_allocator {
+  using value_type = T;
+  static constexpr std::size_t kHuge = std::size_t{4} << 20;  // below: the usual heap
+  huge_allocator() = default;
+  template <typename U>
+  huge_allocator(huge_allocator<U> const&) {}
+  T* allocate(std::size_t n) {
+    std::size_t bytes = n * sizeof(T);
+    if (bytes < kHuge) return std::allocator<T>().allocate(n);
+    void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
+    ::madvise(p, bytes, MADV_HUGEPAGE);  // advice only: its failure changes nothing
+    return static_cast<T*>(p);
+  }
+  void deallocate(T* p, std::size_t n) {
+    std::size_t bytes = n * sizeof(T);
+    if (bytes < kHuge)
+      std::allocator<T>().deallocate(p, n);
+    else
+      ::munmap(p, bytes);
+  }
+  template <typename U>
+  bool operator==(huge_allocator<U> const&) const {
+    return true;
+  }
+  template <typename U>
+  bool operator!=(huge_allocator<U> const&) const {
+    return false;
+  }
+};
+
+using text_buffer = std::basic_string<char, std::char_traits<char>, huge_allocator<char>>;
+
 // The whole file, inflated when its name ends in .gz.
-std::string slurp(std::string const& path) {
+text_buffer slurp(std::string const& path) {
   if (zel::inpout::iofile::is_directory(path))
     throw std::runtime_error("File " + path + ": is a directory");
   std::unique_ptr<zel::inpout::ioconn> in;
@@ -80,8 +117,14 @@ std::string slurp(std::string const& path) {
       throw std::runtime_error("File " + path + ": not found or inaccessible");
     in = std::move(f);
   }
-  std::string text;
+  text_buffer text;
   std::size_t have = 0;
+  // A plain file is read into one buffer of its size: no doubling, whose copies and fresh pages
+  // cost more than the parsing on large files.
+  if (!ends_with(path, ".gz") && in->is_random()) {
+    long long n = in->size();
+    if (n > 0) text.resize(static_cast<std::size_t>(n) + 1);
+  }
   for (;;) {
     if (text.size() - have < (1 << 20))
       text.resize(std::max<std::size_t>(text.size() * 2, 1 << 20));
@@ -121,12 +164,12 @@ char const* const kUnknown = "?";
 
 struct parsed {
   std::vector<std::string> names;
-  std::vector<char const*> cells;  // row-major, names.size() per row
-  std::vector<std::size_t> lines;  // the line each row starts on
+  std::vector<char const*, huge_allocator<char const*>> cells;  // row-major, names.size() a row
+  std::vector<std::size_t> lines;                               // the line each row starts on
 };
 
 // Parses in place: each field's text is moved to the front of its span and ended by a NUL.
-parsed parse(std::string& text, char sep, std::string const& path, markers const& missing) {
+parsed parse(text_buffer& text, char sep, std::string const& path, markers const& missing) {
   auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
   parsed p;
   char* s = &text[0];
@@ -138,6 +181,11 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
   // no other NUL is in the text.
   bool stops[256] = {};
   stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
+  // One pointer per cell, reserved once from the count of line feeds.
+  std::size_t feeds = 0;
+  for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
+       ++f)
+    ++feeds;
   std::size_t line = 1;
   bool header = true;
   while (s < end) {
@@ -195,6 +243,8 @@ parsed parse(std::string& text, char sep, std::string const& path, markers const
     }
     if (header) {
       header = false;
+      p.cells.reserve((feeds + 1) * p.names.size());
+      p.lines.reserve(feeds + 1);
       continue;
     }
     if (blank) {
@@ -262,7 +312,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   char sep = opts.separator != 0                                       ? opts.separator
              : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
                                                                        : ',';
-  std::string text = slurp(path);
+  text_buffer text = slurp(path);
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
@@ -434,7 +484,7 @@ std::string lower(std::string s) {
 }  // namespace
 
 std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
-  std::string text = slurp(path);
+  text_buffer text = slurp(path);
   struct attribute {
     std::string name;
     value_type type;
@@ -451,7 +501,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   while (at < text.size()) {
     std::size_t nl = text.find('\n', at);
     if (nl == std::string::npos) nl = text.size();
-    std::string line = text.substr(at, nl - at);
+    std::string line(text, at, nl - at);
     at = nl + 1;
     ++line_no;
     if (!line.empty() && line.back() == '\r') line.pop_back();

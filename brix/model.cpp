@@ -100,7 +100,9 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
   tree->set_pruning_strategy(o.prune == pruning::none   ? dtree::NO_PRUNING
                              : o.prune == pruning::full ? dtree::C45_PRUNING
                                                         : dtree::DT_PRUNING);
-  tree->build(&t, cases.get(), true, o.threads > 1 ? o.threads : 0);
+  if (o.stage) o.stage("grow");
+  impl(*tree).build_pruned(t.get_impl(), cases ? cases->get_impl() : nullptr, true,
+                           o.threads > 1 ? o.threads : 0, o.stage);
   return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
 }
 

@@ -5,6 +5,7 @@
 #define BRIX_MODEL_H
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -27,6 +28,8 @@ struct tree_options {
   float min_cases = 2.0f;    // > 1
   pruning prune = pruning::error;
   int threads = 1;  // above 1: grown on that many worker threads, to the same tree
+  // Told each stage as it starts: "grow", "prune", "evaluate"; for progress and timings.
+  std::function<void(char const*)> stage;
 };
 
 class tree_model {
@@ -90,6 +93,9 @@ class tree_model {
                    std::vector<std::string>& values) const;
   std::unique_ptr<dtree> tree_;
 };
+
+// s as a JSON string literal, quotes and control characters escaped.
+std::string json_string(std::string const& s);
 
 // Splits drawn from a generator of our own (splitmix64): the same on every machine, and the C
 // library's rand() state is left alone.

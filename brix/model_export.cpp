@@ -44,23 +44,6 @@ std::string xml(std::string const& s) {
   return out;
 }
 
-std::string json(std::string const& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
 std::string dot(std::string const& s) {
   std::string out;
   for (char c : s) {
@@ -147,23 +130,23 @@ char const* pmml_type(impls::column const* c) {
 
 void json_node(view const& v, _decision_tree const& t, std::ostream& out) {
   _decision_node const& n = *t.get_node();
-  out << "{\"weight\":" << num(n.get_cases_weight()) << ",\"class\":" << json(v.leaf_class(n))
-      << ",\"distribution\":[";
+  out << "{\"weight\":" << num(n.get_cases_weight())
+      << ",\"class\":" << json_string(v.leaf_class(n)) << ",\"distribution\":[";
   std::vector<float> const& d = n.get_class_distribution();
   for (std::size_t c = 1; c < d.size(); ++c)
     out << (c > 1 ? "," : "") << num(d[c]);
   out << "],\"error\":" << num(n.get_error());
   if (v.split(t)) {
     impls::column const* c = v.att(n);
-    out << ",\"attribute\":" << json(c->get_name())
+    out << ",\"attribute\":" << json_string(c->get_name())
         << ",\"test\":" << (c->is_continuous() ? "\"threshold\"" : "\"value\"")
         << ",\"branches\":[";
     bool first = true;
     for (unsigned long i = 0; i < t.get_no_childs(); ++i) {
       if (t.get_child(i) == nullptr || t.get_child(i)->get_node() == nullptr) continue;
       auto b = v.branch(n, i);
-      out << (first ? "" : ",") << "{\"operator\":" << json(b.first)
-          << ",\"value\":" << json(b.second) << ",\"node\":";
+      out << (first ? "" : ",") << "{\"operator\":" << json_string(b.first)
+          << ",\"value\":" << json_string(b.second) << ",\"node\":";
       json_node(v, *t.get_child(i), out);
       out << "}";
       first = false;
@@ -252,30 +235,47 @@ void tree_model::write_pmml(std::ostream& out) const {
 void tree_model::write_dot(std::ostream& out, long max_depth) const {
   impls::decision_tree const& t = *tree_->get_impl();
   view v{t, *t.get_metadata(), classes()};
-  out << "digraph " << json(t.get_name()) << " {\n  node [fontname=\"Helvetica\"];\n";
+  out << "digraph " << json_string(t.get_name()) << " {\n  node [fontname=\"Helvetica\"];\n";
   unsigned long id = 0;
   dot_node(v, *t.get_root(), out, id, 0, max_depth);
   out << "}\n";
+}
+
+std::string json_string(std::string const& s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      out += buf;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
 }
 
 void tree_model::write_json(std::ostream& out) const {
   impls::decision_tree const& t = *tree_->get_impl();
   impls::table const& meta = *t.get_metadata();
   view v{t, meta, classes()};
-  out << "{\"format\":\"brix-tree\",\"version\":1,\"name\":" << json(t.get_name())
-      << ",\"class\":" << json(meta.get_class()->get_name()) << ",\"classes\":[";
+  out << "{\"format\":\"brix-tree\",\"version\":1,\"name\":" << json_string(t.get_name())
+      << ",\"class\":" << json_string(meta.get_class()->get_name()) << ",\"classes\":[";
   for (std::size_t c = 0; c < v.classes.size(); ++c)
-    out << (c ? "," : "") << json(v.classes[c]);
+    out << (c ? "," : "") << json_string(v.classes[c]);
   out << "],\"attributes\":[";
   for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
     impls::column const* c = meta.get_attribute(a);
-    out << (a ? "," : "") << "{\"name\":" << json(c->get_name())
-        << ",\"kind\":" << json(c->get_type())
-        << ",\"type\":" << json(c->get_o_set()->get_datatype());
+    out << (a ? "," : "") << "{\"name\":" << json_string(c->get_name())
+        << ",\"kind\":" << json_string(c->get_type())
+        << ",\"type\":" << json_string(c->get_o_set()->get_datatype());
     if (c->is_discrete()) {
       out << ",\"values\":[";
       for (unsigned long o = 1; o <= c->get_distinct(); ++o)
-        out << (o > 1 ? "," : "") << json(c->get_o_set()->get_value(o));
+        out << (o > 1 ? "," : "") << json_string(c->get_o_set()->get_value(o));
       out << "]";
     }
     out << "}";

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -37,7 +38,9 @@ struct usage_error : std::runtime_error {
 
 struct settings {
   std::vector<std::string> args;  // positional
-  std::string class_column, test, model, output, format = "text", id;
+  std::string class_column, test, model, output, format = "text", id, report = "text";
+  std::map<std::string, brix::column_kind> kinds;  // --kind NAME=KIND
+  std::map<std::string, brix::value_type> types;   // --type NAME=TYPE
   double test_fraction = 0.0;
   std::uint64_t seed = 1;
   unsigned folds = 10;
@@ -52,6 +55,24 @@ double number(std::string const& word, std::string const& text) {
   if (text.empty() || *end != '\0' || !std::isfinite(v))
     throw usage_error(word + ": '" + text + "' is not a number");
   return v;
+}
+
+// NAME=VALUE of --kind and --type, VALUE one of the .names keywords of `all`.
+template <typename E>
+void name_keyword(char const* word, std::string const& text, std::vector<E> const& all,
+                  std::map<std::string, E>& into) {
+  std::size_t eq = text.rfind('=');
+  std::string allowed;
+  for (E e : all)
+    allowed += (allowed.empty() ? "" : "|") + brix::keyword(e);
+  if (eq == std::string::npos || eq == 0)
+    throw usage_error(std::string(word) + " takes NAME=" + allowed + ", not '" + text + "'");
+  for (E e : all)
+    if (brix::keyword(e) == text.substr(eq + 1)) {
+      into[text.substr(0, eq)] = e;
+      return;
+    }
+  throw usage_error(std::string(word) + ": '" + text.substr(eq + 1) + "' is not one of " + allowed);
 }
 
 // Each option: its word, whether it takes a value, and what it does with the value, checks
@@ -109,6 +130,22 @@ std::vector<option> const& options() {
          s.tree.threads = static_cast<int>(d);
        }},
       {"--model", true, [](settings& s, std::string const& v) { s.model = v; }},
+      {"--kind", true,
+       [](settings& s, std::string const& v) {
+         using k = brix::column_kind;
+         name_keyword("--kind", v, {k::discrete, k::continuous, k::weights, k::ignore}, s.kinds);
+       }},
+      {"--type", true,
+       [](settings& s, std::string const& v) {
+         using t = brix::value_type;
+         name_keyword("--type", v, {t::integer, t::uinteger, t::float32, t::float64, t::string},
+                      s.types);
+       }},
+      {"--report", true,
+       [](settings& s, std::string const& v) {
+         if (v != "text" && v != "json") throw usage_error("--report must be text or json");
+         s.report = v;
+       }},
       {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
       {"--format", true,
@@ -176,15 +213,67 @@ bool exists(std::string const& p) {
   return ::stat(p.c_str(), &st) == 0;
 }
 
+// ---------------------------------------------------------------- progress
+
+// The stages of a run: on a terminal, one line on standard error redrawn as each stage starts,
+// with the time since the start; with -v, each stage's time on a line of its own when it ends.
+class stages {
+ public:
+  using clock = std::chrono::steady_clock;
+  void setup(settings const& s) {
+    line_ = !s.quiet && ::isatty(STDERR_FILENO);
+    verbose_ = s.verbose;
+    start_ = clock::now();
+  }
+  void begin(std::string what) {
+    end();
+    current_ = std::move(what);
+    since_ = clock::now();
+    if (line_)
+      std::fprintf(stderr, "\r\033[Kbrix: %s... (%.1f s)", current_.c_str(), seconds(start_));
+  }
+  void end() {
+    if (current_.empty()) return;
+    clear();
+    if (verbose_) std::fprintf(stderr, "brix: %-12s %8.3f s\n", current_.c_str(), seconds(since_));
+    current_.clear();
+  }
+  // Before anything else goes to standard error or the run ends.
+  void clear() {
+    if (line_) std::fputs("\r\033[K", stderr);
+  }
+
+ private:
+  static double seconds(clock::time_point from) {
+    return std::chrono::duration<double>(clock::now() - from).count();
+  }
+  bool line_ = false, verbose_ = false;
+  clock::time_point start_, since_;
+  std::string current_;
+};
+
+stages progress;
+
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
 std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
   brix::read_options o;
   o.class_column = s.class_column;
   o.require_class = need_class;
-  o.warnings = s.quiet ? nullptr : &std::cerr;
-  if (!is_table_file(data) && !exists(data + ".names"))
-    throw std::runtime_error("File " + data + ".names: not found");
-  return brix::read_table(data, o);
+  std::ostringstream warnings;
+  o.warnings = s.quiet ? nullptr : &warnings;
+  o.kinds = s.kinds;
+  o.types = s.types;
+  if (!is_table_file(data)) {
+    if (!s.kinds.empty() || !s.types.empty())
+      throw usage_error("--kind and --type apply to CSV, TSV and ARFF data: " + data +
+                        ".names declares its own");
+    if (!exists(data + ".names")) throw std::runtime_error("File " + data + ".names: not found");
+  }
+  progress.begin("load " + data);
+  auto t = brix::read_table(data, o);
+  progress.end();
+  std::cerr << warnings.str();
+  return t;
 }
 
 // Writes to NAME.part beside the output and renames it once the writer succeeded.
@@ -254,6 +343,30 @@ void warn_past_exact(brix::table const& t, settings const& s) {
 
 // ---------------------------------------------------------------- subcommands
 
+// A float figure in JSON: whole ones as integers, others with the digits a float needs.
+std::string json_number(double v) {
+  if (!std::isfinite(v)) return "null";
+  if (v == std::floor(v) && std::fabs(v) < 1e15) return count(v);
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.9g", v);
+  return buf;
+}
+
+// A confusion matrix in JSON: one array per actual class, one entry per predicted class, the
+// unknown class first as in the binary tree file.
+void json_matrix(std::ostream& out, char const* name, brix::conf_matrix const& m) {
+  brix::impls::conf_matrix const& c = *m.get_impl();
+  out << ",\"" << name << "\":{\"cases\":" << json_number(c.cases())
+      << ",\"error_percent\":" << json_number(c.mis_perc() * 100.0f) << ",\"matrix\":[";
+  for (unsigned long actual = 0; actual < c.size(); ++actual) {
+    out << (actual ? ",[" : "[");
+    for (unsigned long predicted = 0; predicted < c.size(); ++predicted)
+      out << (predicted ? "," : "") << json_number(c.get_element(predicted, actual));
+    out << "]";
+  }
+  out << "]}";
+}
+
 int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
   if (!s.test.empty() && s.test_fraction > 0)
@@ -261,57 +374,94 @@ int train(settings const& s) {
   refuse_same(s.model, {s.args[0], s.test});
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
+  brix::tree_options opts = s.tree;
+  opts.stage = [](char const* what) { progress.begin(what); };
   std::unique_ptr<brix::tree_model> m;
   std::vector<unsigned long> held;
   if (s.test_fraction > 0) {
     brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
-    m = brix::tree_model::train(*t, s.tree, &h.train);
+    m = brix::tree_model::train(*t, opts, &h.train);
     held = h.test;
   } else {
-    m = brix::tree_model::train(*t, s.tree);
+    m = brix::tree_model::train(*t, opts);
   }
   brix::dtree const& tree = m->facade();
+  std::unique_ptr<brix::conf_matrix> training(tree.get_prediction()), test, holdout;
+  if (!s.test.empty()) {
+    if (is_table_file(s.test)) {
+      auto tt = load(s.test, s, true);
+      progress.begin("test");
+      test = evaluate(*m, *tt);
+    } else {
+      progress.begin("test");
+      test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));
+    }
+  }
+  if (!held.empty()) {
+    progress.begin("holdout test");
+    brix::table::subset sub;
+    for (unsigned long r : held)
+      sub.push_back(r, t->get_weight(r));
+    holdout.reset(const_cast<brix::dtree&>(tree).predict(t.get(), &sub));
+  }
+  if (!s.model.empty()) {
+    progress.begin("write model");
+    m->save(s.model);
+  }
+  progress.end();
+  std::vector<std::string> names = m->attributes();
+  std::vector<double> usage = m->attribute_usage();
   std::ostream& out = std::cout;
-  std::unique_ptr<brix::conf_matrix> training(tree.get_prediction());
+  if (s.report == "json") {
+    std::vector<double> importance = m->importance();
+    out << "{\"tree_size\":" << tree.size() << ",\"classes\":[";
+    std::vector<std::string> classes = m->classes();
+    for (std::size_t c = 0; c < classes.size(); ++c)
+      out << (c ? "," : "") << brix::json_string(classes[c]);
+    out << "]";
+    json_matrix(out, "training", *training);
+    if (test) json_matrix(out, "test", *test);
+    if (holdout) json_matrix(out, "holdout", *holdout);
+    out << ",\"attributes\":[";
+    for (std::size_t a = 0; a < names.size(); ++a)
+      out << (a ? "," : "") << "{\"name\":" << brix::json_string(names[a])
+          << ",\"usage\":" << json_number(usage[a])
+          << ",\"importance\":" << json_number(importance[a]) << "}";
+    out << "],\"tree\":";
+    m->write_json(out);
+    out << "}" << std::endl;
+    return 0;
+  }
   out << brix::get_copyright() << std::endl
       << std::endl
       << "TREE SIZE: " << tree.size() << std::endl
       << std::endl;
   report_matrix(out, "MISCLASSIFICATION on training: ", *training);
-  if (!s.test.empty()) {
-    std::unique_ptr<brix::conf_matrix> test;
-    if (is_table_file(s.test)) {
-      test = evaluate(*m, *load(s.test, s, true));
-    } else {
-      test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));
-    }
+  if (test) {
     out << std::endl;
     report_matrix(out, "MISCLASSIFICATION on test file: ", *test);
   }
-  if (!held.empty()) {
-    brix::table::subset sub;
-    for (unsigned long r : held)
-      sub.push_back(r, t->get_weight(r));
-    std::unique_ptr<brix::conf_matrix> h(const_cast<brix::dtree&>(tree).predict(t.get(), &sub));
+  if (holdout) {
     out << std::endl;
-    report_matrix(out, "MISCLASSIFICATION on holdout test: ", *h);
+    report_matrix(out, "MISCLASSIFICATION on holdout test: ", *holdout);
   }
   out << std::endl << "Decision Tree" << std::endl << std::endl;
   m->write_text(out);
   out << std::endl << "Attribute usage" << std::endl << std::endl;
-  std::vector<std::string> names = m->attributes();
-  std::vector<double> usage = m->attribute_usage();
   for (std::size_t a = 0; a < names.size(); ++a)
     if (usage[a] > 0) out << "  " << std::lround(usage[a] * 100) << "%\t" << names[a] << std::endl;
-  if (!s.model.empty()) m->save(s.model);
   return 0;
 }
 
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
   refuse_same(s.output, s.args);
+  progress.begin("load model");
   auto m = brix::tree_model::load(s.args[0]);
   auto t = load(s.args[1], s, false);
+  progress.begin("predict");
+  std::vector<double> all = m->predict_proba(*t);
+  progress.begin("write");
   std::vector<std::string> classes = m->classes();
   brix::impls::column const* id = nullptr;
   if (!s.id.empty()) {
@@ -327,7 +477,6 @@ int predict(settings const& s) {
       for (auto const& c : classes)
         out << ",p(" << c << ")";
     out << "\n";
-    std::vector<double> all = m->predict_proba(*t);
     std::size_t k = classes.size();
     for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
       auto p = all.begin() + static_cast<long>(r * k);
@@ -347,6 +496,7 @@ int predict(settings const& s) {
   } else {
     write_file(s.output, write);
   }
+  progress.end();
   return 0;
 }
 
@@ -372,13 +522,16 @@ int cv(settings const& s) {
       else
         train.push_back(r);
     }
+    progress.begin("fold " + std::to_string(k + 1) + "/" + std::to_string(s.folds));
     auto m = brix::tree_model::train(*t, s.tree, &train);
     std::unique_ptr<brix::conf_matrix> c(
         const_cast<brix::dtree&>(m->facade()).predict(t.get(), &test));
     double e = c->mis_perc() * 100.0;
     errors.push_back(e);
+    progress.clear();
     std::cout << k + 1 << "\t" << e << "\t" << m->size() << "\t" << count(c->cases()) << std::endl;
   }
+  progress.end();
   double mean = std::accumulate(errors.begin(), errors.end(), 0.0) / errors.size(), var = 0;
   for (double e : errors)
     var += (e - mean) * (e - mean);
@@ -403,51 +556,102 @@ int show(settings const& s) {
   return 0;
 }
 
-char const* const kUsage =
-    "usage: brix COMMAND [ARGS] [OPTIONS]\n"
-    "\n"
-    "  brix train DATA [--class NAME] [--test FILE | --test-fraction P] [--seed N]\n"
-    "                  [--confidence CF] [--min-cases M] [--pruning error|full|none]\n"
-    "                  [--threads N] [--model OUT]\n"
-    "  brix predict MODEL DATA [--proba] [--id COLUMN] [--output FILE]\n"
-    "  brix cv DATA [-k K] [--seed N] [--stratified] [training options]\n"
-    "  brix show MODEL [--format text|dot|pmml|json] [--max-depth D]\n"
-    "\n"
+char const* const kDataNote =
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
-    "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt "
-    "reads it too).\n"
-    "Options: --quiet (no warnings), --help, --version.\n"
-    "Exit status: 0 success, 1 data or model error, 2 usage error.\n";
+    "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt\n"
+    "reads it too). Everywhere: --quiet (no progress line, no warnings), -v (stage timings),\n"
+    "--help. Exit status: 0 success, 1 data or model error, 2 usage error.\n";
+
+char const* const kTrainingOptions =
+    "  --class NAME         the class column of a CSV or ARFF file (default: the last)\n"
+    "  --kind NAME=KIND     read a CSV or ARFF column as discrete, continuous, weights or ignore\n"
+    "  --type NAME=TYPE     store it as integer, uinteger, float, double or string\n"
+    "  --confidence CF      pruning confidence in (0,1], default 0.25\n"
+    "  --min-cases M        least weight in two branches of a split, > 1, default 2\n"
+    "  --pruning P          error (default), full (also raise subtrees) or none\n"
+    "  --threads N          grow on N threads (the same tree)\n";
+
+struct command {
+  int (*run)(settings const&);
+  char const* synopsis;
+  char const* details;
+};
+
+std::map<std::string, command> const& commands() {
+  static std::map<std::string, command> const table = {
+      {"train",
+       {train,
+        "brix train DATA [--test FILE | --test-fraction P] [--seed N] [--model OUT]\n"
+        "                [--report text|json] [training options]",
+        "Grows and prunes a tree on DATA and prints brixcmd's report (tree size, errors on the\n"
+        "training data and on the test data, the tree), then each attribute's usage: the share\n"
+        "of training weight passing a node that tests it. --report json prints the same figures\n"
+        "with the tree as JSON. --test-fraction holds out a seeded share of the rows instead of a\n"
+        "test file; --model writes the binary tree file.\n"}},
+      {"predict",
+       {predict, "brix predict MODEL DATA [--proba] [--id COLUMN] [--output FILE]",
+        "Classifies every row of DATA (the class column may be absent) and writes CSV with a\n"
+        "header: the --id column if asked, the predicted class and, with --proba, one column per\n"
+        "class with its probability. To standard output unless --output names a file.\n"}},
+      {"cv",
+       {cv, "brix cv DATA [-k K] [--seed N] [--stratified] [training options]",
+        "K-fold cross-validation (K = 10 by default): each fold's error and tree size, then the\n"
+        "mean error and its standard deviation. Folds come from the seed alone, the same on every\n"
+        "machine; --stratified spreads each class over the folds.\n"}},
+      {"show",
+       {show, "brix show MODEL [--format text|dot|pmml|json] [--max-depth D]",
+        "Prints a tree file as text, Graphviz DOT (--max-depth cuts deeper nodes to a summary),\n"
+        "PMML 4.4 or JSON.\n"}},
+  };
+  return table;
+}
+
+void usage(std::ostream& out) {
+  out << "usage: brix COMMAND [ARGS] [OPTIONS]\n\n";
+  for (auto const& c : commands())
+    out << "  " << c.second.synopsis << "\n";
+  out << "\nTraining options (train, cv):\n" << kTrainingOptions << "\n" << kDataNote;
+}
+
+void help(std::string const& name, command const& c) {
+  std::cout << "usage: " << c.synopsis << "\n\n" << c.details;
+  if (name == "train" || name == "cv") std::cout << "\nTraining options:\n" << kTrainingOptions;
+  std::cout << "\n" << kDataNote;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::map<std::string, int (*)(settings const&)> const commands = {
-      {"train", train}, {"predict", predict}, {"cv", cv}, {"show", show}};
   try {
     if (argc < 2) throw usage_error("no command given");
     std::string cmd = argv[1];
     if (cmd == "--help" || cmd == "-h" || cmd == "help") {
-      std::cout << kUsage;
+      usage(std::cout);
       return 0;
     }
     if (cmd == "--version") {
       std::cout << "brix " << brix::get_version() << std::endl;
       return 0;
     }
-    auto it = commands.find(cmd);
-    if (it == commands.end()) throw usage_error("unknown command " + cmd);
+    auto it = commands().find(cmd);
+    if (it == commands().end()) throw usage_error("unknown command " + cmd);
     for (int i = 2; i < argc; ++i)
       if (std::string(argv[i]) == "--help") {
-        std::cout << kUsage;
+        help(it->first, it->second);
         return 0;
       }
-    return it->second(parse(argc, argv, 2));
+    settings s = parse(argc, argv, 2);
+    progress.setup(s);
+    int status = it->second.run(s);
+    progress.end();
+    return status;
   } catch (usage_error const& e) {
+    progress.clear();
     std::cerr << "brix: " << e.what() << "\n(brix --help lists the commands and options)"
               << std::endl;
     return 2;
   } catch (std::exception const& e) {
+    progress.clear();
     std::cerr << "brix: " << e.what() << std::endl;
     return 1;
   }

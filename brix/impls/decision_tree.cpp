@@ -72,8 +72,9 @@ void decision_tree::build_unpruned(table* t, w_sequence* cases, bool evaluate) {
   build(t, cases, evaluate, 0, false);
 }
 
-void decision_tree::build_pruned(table* t, w_sequence* cases, bool evaluate, int workers) {
-  build(t, cases, evaluate, workers, true);
+void decision_tree::build_pruned(table* t, w_sequence* cases, bool evaluate, int workers,
+                                 std::function<void(char const*)> const& stage) {
+  build(t, cases, evaluate, workers, true, stage);
 }
 
 namespace {
@@ -110,7 +111,8 @@ bool sums_are_exact(table const* t, w_sequence const& cases) {
 }
 }  // namespace
 
-void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned) {
+void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned,
+                          std::function<void(char const*)> const& stage) {
   zel::util::cronos timer;
   timer.start();
   if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
@@ -134,8 +136,12 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   options_->logs = nullptr;
   options_->any_order = false;
 
-  if (pruned) prune(t);
+  if (pruned) {
+    if (stage) stage("prune");
+    prune(t);
+  }
   if (evaluate) {
+    if (stage) stage("evaluate");
     std::unique_ptr<w_sequence> all;
     w_sequence const* seq = cases;
     if (seq == nullptr) {

@@ -3,6 +3,7 @@
 #ifndef BRIX_IMPLS_DECISION_TREE_H
 #define BRIX_IMPLS_DECISION_TREE_H
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -204,7 +205,9 @@ class decision_tree {
   bool set_option(int o);
 
   void build_unpruned(table* t, w_sequence* cases, bool evaluate);
-  void build_pruned(table* t, w_sequence* cases, bool evaluate, int workers);
+  // stage, when given, is told "prune" and "evaluate" as growing hands over to them.
+  void build_pruned(table* t, w_sequence* cases, bool evaluate, int workers,
+                    std::function<void(char const*)> const& stage = nullptr);
   void prune(table* t);
 
   unsigned long size() const;
@@ -241,7 +244,8 @@ class decision_tree {
   friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, decision_tree const& t);
 
  private:
-  void build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned);
+  void build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned,
+             std::function<void(char const*)> const& stage = nullptr);
 
   std::unique_ptr<_decision_tree> root_;
   std::unique_ptr<table> meta_;

@@ -30,12 +30,42 @@ same_report iris-csv "$EX/iris.csv" --test "$EX/iris_test.csv" -- -f "$EX/iris" 
 same_report votes-full "$EX/votes" --test "$EX/votes.test" --pruning full -- \
   -f "$EX/votes" -ft "$EX/votes.test" -c4.5
 same_report golf-options "$EX/golf" --min-cases 3 --confidence 0.5 -- -f "$EX/golf" -m 3 -c 0.5
+# as_csv NAMES FILE: the rows of FILE (.data, .data.gz or .test) under a header of the names.
+as_csv() {
+  cut -d, -f1 "$1" | paste -sd,
+  case $2 in *.gz) zcat "$2" ;; *) cat "$2" ;; esac
+}
 while read -r name names data test; do
   [ -n "$test" ] || continue
   stem=${names%.names}
   same_report "$name" "$stem" --test "$test" -- -f "$stem" -ft "$test"
+  # The same rows as CSV, with the declared kinds and types given on the command line.
+  as_csv "$names" "$data" >"$name.csv"
+  as_csv "$names" "$test" >"${name}_test.csv"
+  declared=()
+  while IFS=, read -r col type kind; do
+    if [ "$kind" = class ]; then
+      declared+=(--class "$col")
+    else
+      declared+=(--kind "$col=$kind" --type "$col=$type")
+    fi
+  done <"$names"
+  same_report "$name-csv" "$name.csv" --test "${name}_test.csv" "${declared[@]}" -- \
+    -f "$stem" -ft "$test"
 done < <(datasets)
 grep -q '^Attribute usage$' brix.txt || fail "no attribute usage after the report"
+
+# The JSON report: valid, with the text report's figures; -v times the stages on standard error,
+# which stays silent otherwise when it is not a terminal.
+"$BRIX" train "$EX/votes" --test "$EX/votes.test" --report json -v >votes.json 2>votes.err
+/usr/bin/python3 -c 'import json, sys; r = json.load(open(sys.argv[1]))
+assert r["tree_size"] == int(sys.argv[2]) and r["test"]["cases"] == 145, r' votes.json \
+  "$("$BRIX" train "$EX/votes" | awk '/^TREE SIZE/ { print $3 }')" || fail "JSON report"
+for stage in load grow prune evaluate test; do
+  grep -q "^brix: $stage" votes.err || fail "-v: no time for $stage"
+done
+"$BRIX" cv "$EX/votes" -k 3 >/dev/null 2>cv.err
+[ -s cv.err ] && fail "standard error not silent off a terminal: $(head -1 cv.err)"
 
 # A model brixcmd reads, and predictions that agree with brixcmd's scores.
 "$BRIX" train "$EX/votes" --model votes.tree >/dev/null || fail "brix train --model failed"
@@ -59,11 +89,15 @@ cmp -s cv_t1.txt cv_t2.txt || fail "cv differs between one and two threads"
 brix_run --help
 expect_status 0
 expect_grep '^usage: brix COMMAND'
-"$BRIX" train --help >/dev/null || fail "brix train --help failed"
+for c in train predict cv show; do
+  "$BRIX" $c --help | head -1 | grep -q "^usage: brix $c" || fail "brix $c --help"
+done
 brix_run --version
 expect_output "brix 1.2.5"
 for args in "" "nonsense" "train" "train $EX/iris.csv --pruning maybe" "train $EX/iris.csv --min-cases 1" \
-  "cv $EX/iris.csv -k" "train $EX/iris.csv --model $EX/iris.csv"; do
+  "cv $EX/iris.csv -k" "train $EX/iris.csv --model $EX/iris.csv" "train $EX/iris.csv --kind x" \
+  "train $EX/iris.csv --type a=word" "train $EX/iris --kind a=discrete" \
+  "train $EX/iris.csv --report xml"; do
   brix_run $args
   expect_status 2
   [ -s "$WORK/stdout" ] && fail "usage errors print nothing on standard output"

@@ -149,6 +149,13 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         self._label_text = {c: _text(c) for c in self.classes_}
         if len(set(self._label_text.values())) != len(self.classes_):
             raise ValueError("class labels must differ as text")
+        total = float(np.sum(sample_weight)) if sample_weight is not None else float(len(y))
+        if total > 2.0**24:
+            # The tree's 32-bit sums stop counting every case exactly past 2**24 (deliberately
+            # the arithmetic of brixcmd, so that both grow the same tree).
+            warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
+                          "counts in the tree are 32-bit sums and stop being exact from there",
+                          RuntimeWarning)
         table = self._table(X, y, sample_weight, fitting=True)
         self._model = _core.Model.train(table, float(self.confidence), float(self.min_cases),
                                         self.pruning, int(self.n_jobs))

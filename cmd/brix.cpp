@@ -26,6 +26,7 @@
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "cmd/brix_import.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ struct usage_error : std::runtime_error {
 struct settings {
   std::vector<std::string> args;  // positional
   std::string class_column, test, model, output, format = "text", id;
+  std::string to;  // import: the stem written
   double test_fraction = 0.0;
   std::uint64_t seed = 1;
   unsigned folds = 10;
@@ -111,6 +113,7 @@ std::vector<option> const& options() {
       {"--model", true, [](settings& s, std::string const& v) { s.model = v; }},
       {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
+      {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
       {"--format", true,
        [](settings& s, std::string const& v) {
          if (v != "text" && v != "dot" && v != "pmml" && v != "json")
@@ -403,6 +406,19 @@ int show(settings const& s) {
   return 0;
 }
 
+int import_data(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
+  if (s.to.empty()) throw usage_error("import needs --to STEM");
+  refuse_same(s.to + ".names", {s.args[0], s.test});
+  refuse_same(s.to + ".data", {s.args[0], s.test});
+  return brix_import(s.args[0], s.to, s.test, s.class_column, s.quiet);
+}
+
+int check(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("check takes one DATA argument");
+  return brix_check(s.args[0], s.class_column);
+}
+
 char const* const kUsage =
     "usage: brix COMMAND [ARGS] [OPTIONS]\n"
     "\n"
@@ -412,6 +428,8 @@ char const* const kUsage =
     "  brix predict MODEL DATA [--proba] [--id COLUMN] [--output FILE]\n"
     "  brix cv DATA [-k K] [--seed N] [--stratified] [training options]\n"
     "  brix show MODEL [--format text|dot|pmml|json] [--max-depth D]\n"
+    "  brix import DATA --to STEM [--test FILE] [--class NAME]\n"
+    "  brix check STEM|DATA [--class NAME]\n"
     "\n"
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
     "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt "
@@ -423,7 +441,8 @@ char const* const kUsage =
 
 int main(int argc, char** argv) {
   std::map<std::string, int (*)(settings const&)> const commands = {
-      {"train", train}, {"predict", predict}, {"cv", cv}, {"show", show}};
+      {"train", train}, {"predict", predict},    {"cv", cv},
+      {"show", show},   {"import", import_data}, {"check", check}};
   try {
     if (argc < 2) throw usage_error("no command given");
     std::string cmd = argv[1];

@@ -371,12 +371,11 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
     std::vector<std::string> notes;
     if (!c.stores_rows) notes.push_back("ignored: its values are not kept, all written as '?'");
     if (c.stores_rows && unknown[j] > 0)
-      notes.push_back(std::to_string(unknown[j]) + " unknown values written as '?'");
+      notes.push_back(values(unknown[j], "unknown value") + " written as '?'");
     if (c.empty_to_unknown)
       notes.push_back("empty values written as '?' (a .data row cannot end with an empty field)");
     std::size_t breaks = c.line_breaks + (test_cols.empty() ? 0 : test_cols[j].line_breaks);
-    if (breaks > 0)
-      notes.push_back(std::to_string(breaks) + " values with line breaks, written as blanks");
+    if (breaks > 0) notes.push_back(values(breaks) + " with line breaks, written as blanks");
     for (std::size_t n = 0; n < notes.size(); ++n)
       log << (n == 0 ? " (" : "; ") << notes[n] << (n + 1 == notes.size() ? ")" : "");
     log << "\n";

@@ -79,12 +79,12 @@ std::vector<std::string> input_files(std::string const& data) {
   return {data + ".names", rows};
 }
 
-// Shown in single quotes, control characters escaped so that a report stays one line.
 // "1 value", "2 values".
 std::string values(std::size_t n, char const* what = "value") {
   return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
 }
 
+// Shown in single quotes, control characters escaped so that a report stays one line.
 std::string quoted(std::string_view v) {
   std::string s = "'";
   for (char c : v.substr(0, 60)) {
@@ -383,8 +383,9 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   for (auto const& d : dropped)
     log << "  " << test << ": column '" << d << "' is not in " << data << ", left out\n";
   std::string sep_name = sep == '\t' ? "TAB"
-                         : sep < 32  ? "control character " + std::to_string(int(sep))
-                                     : quoted(std::string(1, sep));
+                         : static_cast<unsigned char>(sep) < 32
+                             ? "control character " + std::to_string(int(sep))
+                             : quoted(std::string(1, sep));
   log << "brix import: wrote " << outputs[0] << ", " << outputs[1]
       << (test.empty() ? "" : ", " + outputs[2]) << " with the separator " << sep_name
       << "; run: brixcmd -f " << shell_word(stem) << separator_option(sep)
@@ -422,6 +423,14 @@ class byte_reader {
   int peek() {
     if (pos_ == len_ && !fill()) return -1;
     return static_cast<unsigned char>(buf_[pos_]);
+  }
+  // Skips the bytes of prefix when the input starts with them; call before any other read.
+  bool skip(std::string_view prefix) {
+    if (pos_ == len_) fill();
+    if (len_ - pos_ < prefix.size() || std::memcmp(&buf_[pos_], prefix.data(), prefix.size()) != 0)
+      return false;
+    pos_ += prefix.size();
+    return true;
   }
 
  private:
@@ -794,15 +803,9 @@ class value_checks {
   std::size_t stored_ = 0;
 };
 
-bool skip_bom(byte_reader& in, problems& p, std::size_t f, bool report) {
-  static unsigned char const bom[3] = {0xEF, 0xBB, 0xBF};
-  if (in.peek() != bom[0]) return false;
-  // A file that starts like a byte order mark but is not one keeps its bytes: the check only
-  // looks, so they are read as a first value that is merely odd.
-  in.get();
-  if (in.get() != bom[1] || in.get() != bom[2]) return false;
-  if (report) p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
-  return true;
+void skip_bom(byte_reader& in, problems& p, std::size_t f, bool report) {
+  if (in.skip("\xEF\xBB\xBF") && report)
+    p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
 }
 
 bool is_type(std::string_view t) {
@@ -979,9 +982,9 @@ int check_csv(std::string const& path, std::string const& class_column, problems
             "column " + std::to_string(r.after_quote) + ": text after a closing quote");
     if (header) {
       header = false;
-      k = std::min(r.count, record::kMaxFields);
+      k = r.count;
       std::map<std::string, std::size_t> named;
-      for (std::size_t j = 0; j < k; ++j) {
+      for (std::size_t j = 0; j < std::min(k, record::kMaxFields); ++j) {
         column_check c;
         c.name = std::string(r.at(j));
         c.index = j;
@@ -1008,7 +1011,7 @@ int check_csv(std::string const& path, std::string const& class_column, problems
       continue;
     }
     ++rows;
-    for (std::size_t j = 0; j < k && !r.cut; ++j) {
+    for (std::size_t j = 0; j < checks.columns.size() && !r.cut; ++j) {
       std::string const& v = r.fields[j];
       bool unknown = std::find(missing.begin(), missing.end(), v) != missing.end();
       checks.see(j, v, r.line, unknown, true);

@@ -27,6 +27,7 @@
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "cmd/brix_import.h"
 
 namespace {
 
@@ -39,6 +40,7 @@ struct usage_error : std::runtime_error {
 struct settings {
   std::vector<std::string> args;  // positional
   std::string class_column, test, model, output, format = "text", id, report = "text";
+  std::string to;                                  // import: the stem written
   std::map<std::string, brix::column_kind> kinds;  // --kind NAME=KIND
   std::map<std::string, brix::value_type> types;   // --type NAME=TYPE
   double test_fraction = 0.0;
@@ -148,6 +150,7 @@ std::vector<option> const& options() {
        }},
       {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
+      {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
       {"--format", true,
        [](settings& s, std::string const& v) {
          if (v != "text" && v != "dot" && v != "pmml" && v != "json")
@@ -254,6 +257,12 @@ class stages {
 
 stages progress;
 
+void refuse_overrides(std::string const& stem, settings const& s) {
+  if (!s.kinds.empty() || !s.types.empty())
+    throw usage_error("--kind and --type apply to CSV, TSV and ARFF data: " + stem +
+                      ".names declares its own");
+}
+
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
 std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
   brix::read_options o;
@@ -264,9 +273,7 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
   o.kinds = s.kinds;
   o.types = s.types;
   if (!is_table_file(data)) {
-    if (!s.kinds.empty() || !s.types.empty())
-      throw usage_error("--kind and --type apply to CSV, TSV and ARFF data: " + data +
-                        ".names declares its own");
+    refuse_overrides(data, s);
     if (!exists(data + ".names")) throw std::runtime_error("File " + data + ".names: not found");
   }
   progress.begin("load " + data);
@@ -556,6 +563,24 @@ int show(settings const& s) {
   return 0;
 }
 
+int import_data(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
+  if (s.to.empty()) throw usage_error("import needs --to STEM");
+  if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
+  refuse_same(s.to + ".names", {s.args[0], s.test});
+  refuse_same(s.to + ".data", {s.args[0], s.test});
+  brix::read_options o;
+  o.class_column = s.class_column;
+  o.kinds = s.kinds;
+  o.types = s.types;
+  return brix_import(s.args[0], s.to, s.test, o, s.quiet);
+}
+
+int check(settings const& s) {
+  if (s.args.size() != 1) throw usage_error("check takes one DATA argument");
+  return brix_check(s.args[0], s.class_column);
+}
+
 char const* const kDataNote =
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
     "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt\n"
@@ -577,8 +602,9 @@ struct command {
   char const* details;
 };
 
-std::map<std::string, command> const& commands() {
-  static std::map<std::string, command> const table = {
+// In the order the usage lists them.
+std::vector<std::pair<std::string, command>> const& commands() {
+  static std::vector<std::pair<std::string, command>> const table = {
       {"train",
        {train,
         "brix train DATA [--test FILE | --test-fraction P] [--seed N] [--model OUT]\n"
@@ -602,6 +628,8 @@ std::map<std::string, command> const& commands() {
        {show, "brix show MODEL [--format text|dot|pmml|json] [--max-depth D]",
         "Prints a tree file as text, Graphviz DOT (--max-depth cuts deeper nodes to a summary),\n"
         "PMML 4.4 or JSON.\n"}},
+      {"import", {import_data, kImportSynopsis, kImportHelp}},
+      {"check", {check, kCheckSynopsis, kCheckHelp}},
   };
   return table;
 }
@@ -633,7 +661,8 @@ int main(int argc, char** argv) {
       std::cout << "brix " << brix::get_version() << std::endl;
       return 0;
     }
-    auto it = commands().find(cmd);
+    auto it = std::find_if(commands().begin(), commands().end(),
+                           [&](auto const& c) { return c.first == cmd; });
     if (it == commands().end()) throw usage_error("unknown command " + cmd);
     for (int i = 2; i < argc; ++i)
       if (std::string(argv[i]) == "--help") {

@@ -1,0 +1,1048 @@
+// brix import: a table read as brix reads it, written as the .names/.data pair from which brixcmd
+// loads the same table (same columns, types, kinds, value sets and row order), hence the same
+// tree. brix check: a pre-flight over the raw text of a stem or a CSV file that lists every
+// problem rather than stopping at the first, as the readers do.
+#include "cmd/brix_import.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "brix/brix.h"
+#include "brix/data.h"
+#include "brix/impls/o_set_typed.h"
+#include "brix/impls/table.h"
+#include "zel/inpout/iofile.h"
+#include "zel/inpout/iogz.h"
+#include "zel/util/datatype.h"
+
+char const* const kImportSynopsis =
+    "brix import DATA --to STEM [--test FILE] [--class NAME] [--kind NAME=KIND] [--type NAME=TYPE]";
+char const* const kImportHelp =
+    "Writes STEM.names and STEM.data (and STEM.test from --test) for brixcmd, which then grows\n"
+    "the tree brix train grows from DATA. DATA is a CSV/TSV file with a header row, an ARFF file\n"
+    "(each optionally .gz) or a stem. Values are written as brix reads them; unknown values\n"
+    "become '?'. The separator is the first of , ; TAB | ... that no value holds; when it is not\n"
+    "',' brixcmd needs -sep. Standard error lists the columns, the separator and every change\n"
+    "made to values (--quiet: nothing). The files are written whole or not at all.\n";
+
+char const* const kCheckSynopsis = "brix check STEM|DATA [--class NAME]";
+char const* const kCheckHelp =
+    "Lists every problem of a .names/.data stem (and its .test) or a CSV/TSV file, one line\n"
+    "each (FILE:LINE: column N 'name': ...), then a summary: byte order marks, blank lines, a\n"
+    "header row in .data, rows with the wrong number of fields, unclosed quotes, unknown class\n"
+    "values, numbers a column's type refuses, quotes kept in values, blanks around values,\n"
+    "values that differ only in case or blanks, columns with one value only. Exit status 0\n"
+    "when there is none, 1 otherwise.\n";
+
+namespace {
+
+bool ends_with(std::string const& s, char const* tail) {
+  std::size_t n = std::strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
+}
+
+bool is_table_file(std::string const& p) {
+  for (char const* e :
+       {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz", ".arff", ".arff.gz"})
+    if (p.size() > std::strlen(e) && ends_with(p, e)) return true;
+  return false;
+}
+
+bool exists(std::string const& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0;
+}
+
+// The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
+std::vector<std::string> input_files(std::string const& data) {
+  if (data.empty()) return {};
+  if (is_table_file(data)) return {data};
+  std::string rows = data + ".data";
+  if (!exists(rows) && exists(rows + ".gz")) rows += ".gz";
+  return {data + ".names", rows};
+}
+
+// "1 value", "2 values".
+std::string values(std::size_t n, char const* what = "value") {
+  return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+}
+
+// Shown in single quotes, control characters escaped so that a report stays one line.
+std::string quoted(std::string_view v) {
+  std::string s = "'";
+  for (char c : v.substr(0, 60)) {
+    if (static_cast<unsigned char>(c) < 32) {
+      char b[8];
+      std::snprintf(b, sizeof b,
+                    c == '\t'   ? "\\t"
+                    : c == '\r' ? "\\r"
+                                : "\\x%02x",
+                    static_cast<unsigned char>(c));
+      s += b;
+    } else {
+      s += c;
+    }
+  }
+  return s + (v.size() > 60 ? "...'" : "'");
+}
+
+// ---------------------------------------------------------------- import
+
+// One column as written: keywords, and the text of each value order (0 is the unknown value).
+struct column_text {
+  std::string name, type, kind;
+  std::vector<std::string> texts;
+  bool stores_rows = true;
+  std::size_t line_breaks = 0;    // values whose line breaks became blanks
+  bool empty_to_unknown = false;  // an empty value of the last column became '?'
+};
+
+// A line break cannot be carried by a .data line: it becomes a blank.
+std::size_t unbreak(std::string& s) {
+  if (s.find_first_of("\r\n") == std::string::npos) return 0;
+  std::replace(s.begin(), s.end(), '\n', ' ');
+  std::replace(s.begin(), s.end(), '\r', ' ');
+  return 1;
+}
+
+column_text describe(brix::impls::column* c, bool last) {
+  using float_set = brix::impls::o_set_typed<zel::data_types::datatype<float>>;
+  brix::impls::o_set* set = c->get_o_set();
+  column_text t{c->get_name(), set->get_datatype(), c->get_type(), {"?"}, !c->is_ignore()};
+  if (auto* f = dynamic_cast<float_set*>(set)) {
+    // The shortest text that reads back to the same float, not the 30 decimals of get_value.
+    for (float v : f->sorted_values()) {
+      char b[48];
+      auto r = std::to_chars(b, b + sizeof b, v);
+      t.texts.emplace_back(b, r.ptr);
+    }
+  } else {
+    for (unsigned long o = 1; o <= set->size_of_known(); ++o)
+      t.texts.push_back(set->get_value(o));
+  }
+  unbreak(t.name);
+  for (std::size_t o = 1; o < t.texts.size(); ++o) {
+    t.line_breaks += unbreak(t.texts[o]);
+    // A separator that ends a line is not counted, so a row cannot end with an empty field.
+    if (last && t.texts[o].empty()) {
+      if (!set->admits_null())
+        throw std::runtime_error("column '" + t.name +
+                                 "' holds an empty value, which the last field of a .data "
+                                 "row cannot carry");
+      t.texts[o] = "?";
+      t.empty_to_unknown = true;
+    }
+  }
+  return t;
+}
+
+// The first of the usual separators that no name or value holds, then a control character.
+char pick_separator(std::vector<std::vector<column_text> const*> const& tables) {
+  std::array<bool, 256> used{};
+  auto mark = [&](std::string const& s) {
+    for (char c : s)
+      used[static_cast<unsigned char>(c)] = true;
+  };
+  for (auto const* cols : tables)
+    for (auto const& c : *cols) {
+      mark(c.name);
+      for (auto const& v : c.texts)
+        mark(v);
+    }
+  // Not '#': it ends the file name in brixcmd's data-source descriptors.
+  for (char c : std::string(",;\t|:^~!@$%&*=+/\\"))
+    if (!used[static_cast<unsigned char>(c)]) return c;
+  for (int c = 1; c < 32; ++c)
+    if (c != '\t' && c != '\n' && c != '\r' && !used[c]) return static_cast<char>(c);
+  throw std::runtime_error("every character that could separate fields occurs in a value");
+}
+
+// An output written to NAME.part and renamed by commit(); the part is removed when the writer
+// fails or is never committed.
+class part_file {
+ public:
+  explicit part_file(std::string path) : path_(std::move(path)), part_(path_ + ".part") {
+    f_ = std::fopen(part_.c_str(), "wb");
+    if (f_ == nullptr) throw std::runtime_error("File " + path_ + ": cannot be opened for writing");
+  }
+  part_file(part_file const&) = delete;
+  part_file& operator=(part_file const&) = delete;
+  ~part_file() {
+    if (f_ != nullptr) std::fclose(f_);
+    if (!done_) std::remove(part_.c_str());
+  }
+  void write(std::string& buf) {
+    if (!buf.empty() && std::fwrite(buf.data(), 1, buf.size(), f_) != buf.size()) fail();
+    buf.clear();
+  }
+  void close() {
+    std::FILE* f = f_;
+    f_ = nullptr;
+    if (std::fclose(f) != 0) fail();
+  }
+  void commit() {
+    if (std::rename(part_.c_str(), path_.c_str()) != 0)
+      throw std::runtime_error("File " + path_ + ": cannot be written");
+    done_ = true;
+  }
+
+ private:
+  [[noreturn]] void fail() const {
+    throw std::runtime_error("File " + path_ + ": error writing output");
+  }
+  std::string path_, part_;
+  std::FILE* f_ = nullptr;
+  bool done_ = false;
+};
+
+// The rows of t, columns in the order of cols (whose texts index t's value orders).
+void write_rows(part_file& out, brix::impls::table const& t,
+                std::vector<brix::impls::column*> const& from, std::vector<column_text> const& cols,
+                char sep, std::vector<std::size_t>& unknown) {
+  std::string buf;
+  buf.reserve(1 << 20);
+  unknown.assign(cols.size(), 0);
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
+    for (std::size_t j = 0; j < cols.size(); ++j) {
+      unsigned long o = cols[j].stores_rows ? from[j]->get_row_index(r) : 0;
+      unknown[j] += o == 0;
+      buf += cols[j].texts[o];
+      buf += j + 1 < cols.size() ? sep : '\n';
+    }
+    if (buf.size() >= (1 << 20) - 4096) out.write(buf);
+  }
+  out.write(buf);
+}
+
+brix::column_kind kind_of(brix::impls::column const& c) {
+  return c.is_class()        ? brix::column_kind::class_label
+         : c.is_continuous() ? brix::column_kind::continuous
+         : c.is_weights()    ? brix::column_kind::weights
+         : c.is_ignore()     ? brix::column_kind::ignore
+                             : brix::column_kind::discrete;
+}
+
+brix::value_type type_of(std::string const& keyword) {
+  for (auto t : {brix::value_type::integer, brix::value_type::uinteger, brix::value_type::float32,
+                 brix::value_type::float64})
+    if (brix::keyword(t) == keyword) return t;
+  return brix::value_type::string;
+}
+
+// The same file under two names: the same device and inode.
+bool same_file(std::string const& a, std::string const& b) {
+  struct stat sa, sb;
+  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+         sa.st_ino == sb.st_ino;
+}
+
+std::string shell_word(std::string const& s) {
+  if (s.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
+      std::string::npos)
+    return s;
+  std::string q = "'";
+  for (char c : s)
+    q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+std::string separator_option(char sep) {
+  if (sep == ',') return "";
+  if (sep == '\t') return " -sep \"$(printf '\\t')\"";
+  if (static_cast<unsigned char>(sep) < 32) {
+    char b[32];
+    std::snprintf(b, sizeof b, " -sep \"$(printf '\\%03o')\"", sep);
+    return b;
+  }
+  return " -sep " + shell_word(std::string(1, sep));
+}
+
+}  // namespace
+
+int brix_import(std::string const& data, std::string const& stem, std::string const& test,
+                brix::read_options opts, bool quiet) {
+  // brixcmd names its files in descriptors where '#' separates fields.
+  if (stem.find('#') != std::string::npos)
+    throw std::runtime_error("STEM " + stem + ": brixcmd cannot open a name that holds '#'");
+  std::vector<std::string> outputs = {stem + ".names", stem + ".data"};
+  if (!test.empty()) outputs.push_back(stem + ".test");
+  std::vector<std::string> inputs = input_files(data), more = input_files(test);
+  inputs.insert(inputs.end(), more.begin(), more.end());
+  for (auto const& o : outputs)
+    for (auto const& i : inputs)
+      if (o == i || same_file(o, i))
+        throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+
+  opts.warnings = quiet ? nullptr : &std::cerr;
+  auto table = brix::read_table(data, opts);
+  brix::impls::table const& t = *table->get_impl();
+  std::size_t k = t.get_loaded_columns();
+  std::vector<brix::impls::column*> from;
+  std::vector<column_text> cols;
+  for (std::size_t j = 0; j < k; ++j) {
+    from.push_back(t.get_column(j));
+    cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
+  }
+
+  // The test rows: the training columns by name, in the training order, with their types and
+  // kinds; other columns are left out.
+  std::unique_ptr<brix::table> test_table;
+  std::vector<brix::impls::column*> test_from;
+  std::vector<column_text> test_cols;
+  std::vector<std::string> dropped;
+  if (!test.empty()) {
+    brix::read_options o;
+    o.warnings = opts.warnings;
+    for (std::size_t j = 0; j < k; ++j) {
+      brix::impls::column const* c = t.get_column(j);
+      if (c->is_class()) o.class_column = c->get_name();
+      o.kinds[c->get_name()] = kind_of(*c);
+      o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
+    }
+    test_table = brix::read_table(test, o);
+    brix::impls::table const& tt = *test_table->get_impl();
+    std::map<std::string, brix::impls::column*> by_name;
+    for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
+      by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
+    for (std::size_t j = 0; j < k; ++j) {
+      auto it = by_name.find(from[j]->get_name());
+      if (it == by_name.end())
+        throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
+      test_from.push_back(it->second);
+      test_cols.push_back(describe(it->second, false));
+      test_cols.back().stores_rows = cols[j].stores_rows;
+      by_name.erase(it);
+    }
+    for (auto const& d : by_name)
+      dropped.push_back(d.first);
+  }
+
+  char sep = pick_separator({&cols, &test_cols});
+  std::vector<std::size_t> unknown, test_unknown;
+  {
+    part_file names(outputs[0]), rows(outputs[1]);
+    std::unique_ptr<part_file> tests;
+    if (!test.empty()) tests = std::make_unique<part_file>(outputs[2]);
+    std::string buf;
+    for (auto const& c : cols)
+      buf += c.name + sep + c.type + sep + c.kind + "\n";
+    names.write(buf);
+    write_rows(rows, t, from, cols, sep, unknown);
+    if (tests) write_rows(*tests, *test_table->get_impl(), test_from, test_cols, sep, test_unknown);
+    names.close();
+    rows.close();
+    if (tests) tests->close();
+    // The .names last: once it is there, so are the rows it describes.
+    rows.commit();
+    if (tests) tests->commit();
+    names.commit();
+  }
+  if (quiet) return 0;
+
+  std::ostream& log = std::cerr;
+  log << "brix import: " << data << ": " << t.get_no_rows() << " rows, " << k << " columns";
+  if (test_table) log << "; " << test << ": " << test_table->get_no_rows() << " rows";
+  log << "\n";
+  std::size_t width = 0;
+  for (auto const& c : cols)
+    width = std::max(width, c.name.size());
+  for (std::size_t j = 0; j < k; ++j) {
+    column_text const& c = cols[j];
+    log << "  " << c.name << std::string(width - c.name.size() + 2, ' ') << c.type << " " << c.kind;
+    std::vector<std::string> notes;
+    if (!c.stores_rows) notes.push_back("ignored: its values are not kept, all written as '?'");
+    if (c.stores_rows && unknown[j] > 0)
+      notes.push_back(values(unknown[j], "unknown value") + " written as '?'");
+    if (c.empty_to_unknown)
+      notes.push_back("empty values written as '?' (a .data row cannot end with an empty field)");
+    std::size_t breaks = c.line_breaks + (test_cols.empty() ? 0 : test_cols[j].line_breaks);
+    if (breaks > 0) notes.push_back(values(breaks) + " with line breaks, written as blanks");
+    for (std::size_t n = 0; n < notes.size(); ++n)
+      log << (n == 0 ? " (" : "; ") << notes[n] << (n + 1 == notes.size() ? ")" : "");
+    log << "\n";
+  }
+  for (auto const& d : dropped)
+    log << "  " << test << ": column '" << d << "' is not in " << data << ", left out\n";
+  std::string sep_name = sep == '\t' ? "TAB"
+                         : static_cast<unsigned char>(sep) < 32
+                             ? "control character " + std::to_string(int(sep))
+                             : quoted(std::string(1, sep));
+  log << "brix import: wrote " << outputs[0] << ", " << outputs[1]
+      << (test.empty() ? "" : ", " + outputs[2]) << " with the separator " << sep_name
+      << "; run: brixcmd -f " << shell_word(stem) << separator_option(sep)
+      << (test.empty() ? "" : " -ft " + shell_word(outputs[2])) << " -tstd" << std::endl;
+  return 0;
+}
+
+// ---------------------------------------------------------------- check
+
+namespace {
+
+// The bytes of a file, inflated when its name ends in .gz, a buffer at a time.
+class byte_reader {
+ public:
+  explicit byte_reader(std::string const& path) : path_(path), buf_(1 << 16) {
+    if (zel::inpout::iofile::is_directory(path))
+      throw std::runtime_error("File " + path + ": is a directory");
+    if (ends_with(path, ".gz")) {
+      auto gz = std::make_unique<zel::inpout::iogz>();
+      if (!gz->open(path, zel::inpout::ioconn::READ, -1, 0))
+        throw std::runtime_error("File " + path + ": not found or inaccessible");
+      in_ = std::move(gz);
+    } else {
+      auto f = std::make_unique<zel::inpout::iofile>();
+      if (!f->open(path, zel::inpout::ioconn::READ, 0))
+        throw std::runtime_error("File " + path + ": not found or inaccessible");
+      in_ = std::move(f);
+    }
+  }
+  // The next byte, or -1 at the end.
+  int get() {
+    if (pos_ == len_ && !fill()) return -1;
+    return static_cast<unsigned char>(buf_[pos_++]);
+  }
+  int peek() {
+    if (pos_ == len_ && !fill()) return -1;
+    return static_cast<unsigned char>(buf_[pos_]);
+  }
+  // Skips the bytes of prefix when the input starts with them; call before any other read.
+  bool skip(std::string_view prefix) {
+    if (pos_ == len_) fill();
+    if (len_ - pos_ < prefix.size() || std::memcmp(&buf_[pos_], prefix.data(), prefix.size()) != 0)
+      return false;
+    pos_ += prefix.size();
+    return true;
+  }
+
+ private:
+  bool fill() {
+    if (done_) return false;
+    int got = in_->read(buf_.data(), static_cast<int>(buf_.size()));
+    if (got < 0) throw std::runtime_error("File " + path_ + ": read error");
+    done_ = got == 0;
+    pos_ = 0;
+    len_ = static_cast<std::size_t>(std::max(got, 0));
+    return got > 0;
+  }
+  std::string path_;
+  std::unique_ptr<zel::inpout::ioconn> in_;
+  std::vector<char> buf_;
+  std::size_t pos_ = 0, len_ = 0;
+  bool done_ = false;
+};
+
+// One row of fields. Memory is bounded whatever the input: fields past kMaxFields are counted,
+// not kept, and a row with a field longer than kMaxField or more than kMaxKept bytes in all is
+// cut: its values are not looked at.
+struct record {
+  static constexpr std::size_t kMaxFields = 1 << 16, kMaxField = 1 << 20, kMaxKept = 64 << 20;
+  std::vector<std::string> fields;  // the first min(count, kMaxFields), reused from row to row
+  std::size_t count = 0, kept = 0, line = 0;
+  bool nul = false;    // a NUL byte: not a text file
+  bool blank = false;  // an empty line (plain files)
+  bool cut = false;
+  std::size_t after_quote = 0;  // text after a closing quote, in this field (CSV)
+
+  void start(std::size_t at) {
+    count = kept = after_quote = 0;
+    line = at;
+    nul = blank = cut = false;
+  }
+  void field() {
+    stored_ = false;
+    if (++count <= kMaxFields) {
+      if (fields.size() < count) fields.emplace_back();
+      fields[count - 1].clear();
+    }
+  }
+  void add(int c) {
+    if (c == 0) nul = true;
+    stored_ = false;
+    if (count > kMaxFields) return;
+    std::string& f = fields[count - 1];
+    if (f.size() >= kMaxField || kept >= kMaxKept) {
+      cut = true;
+      return;
+    }
+    f += static_cast<char>(c);
+    ++kept;
+    stored_ = true;
+  }
+  // Takes back the last byte added (a CR before a line feed).
+  void drop_last() {
+    if (stored_) fields[count - 1].pop_back();
+    stored_ = false;
+  }
+  std::string_view at(std::size_t j) const {
+    return j < fields.size() && j < count ? std::string_view(fields[j]) : std::string_view();
+  }
+
+ private:
+  bool stored_ = false;
+};
+
+// A .names/.data line: fields taken as they stand; a CR before the LF dropped (one that ends the
+// file is kept); a separator that ends the line not counted.
+bool read_line(byte_reader& in, char sep, record& r, std::size_t& line) {
+  int c = in.get();
+  if (c < 0) return false;
+  r.start(line);
+  r.field();
+  int prev = -1, before = -1;
+  bool lf = false;
+  for (; c >= 0; c = in.get()) {
+    if (c == '\n') {
+      lf = true;
+      break;
+    }
+    before = prev;
+    prev = c;
+    if (c == static_cast<unsigned char>(sep))
+      r.field();
+    else
+      r.add(c);
+  }
+  ++line;
+  int last = prev;
+  if (lf && prev == '\r') {
+    r.drop_last();
+    last = before;
+  }
+  r.blank = last < 0;
+  if (last == static_cast<unsigned char>(sep)) --r.count;
+  return true;
+}
+
+// A CSV record as brix reads it: quoted fields with doubled quotes and line breaks inside; CR LF
+// or LF. unclosed is set (to the quote's line) when the file ends inside quotes.
+bool read_csv_record(byte_reader& in, char sep, record& r, std::size_t& line,
+                     std::size_t& unclosed) {
+  if (in.peek() < 0) return false;
+  r.start(line);
+  int const s = static_cast<unsigned char>(sep);
+  for (;;) {
+    r.field();
+    int c = in.get();
+    if (c == '"') {
+      std::size_t open = line;
+      for (;;) {
+        c = in.get();
+        if (c < 0) {
+          unclosed = open;
+          return true;
+        }
+        if (c == '"') {
+          if (in.peek() != '"') break;
+          in.get();
+        } else if (c == '\n') {
+          ++line;
+        }
+        r.add(c);
+      }
+      c = in.get();
+      if (c == '\r' && (in.peek() == '\n' || in.peek() < 0)) c = in.get();
+      if (c != s && c != '\n' && c >= 0 && r.after_quote == 0) r.after_quote = r.count;
+    }
+    int prev = -1;
+    while (c >= 0 && c != s && c != '\n') {
+      r.add(c);
+      prev = c;
+      c = in.get();
+    }
+    if (c == s) continue;
+    if (prev == '\r') r.drop_last();
+    if (c == '\n') ++line;
+    return true;
+  }
+}
+
+struct problem {
+  std::size_t file, line;  // line 0: the whole file or column
+  std::string text;
+};
+
+// Problems in file order, then by line. Row problems of one kind are listed up to kShown per
+// file, then counted in one line.
+class problems {
+ public:
+  static constexpr std::size_t kShown = 10;
+  std::size_t file(std::string const& name) {
+    files_.push_back(name);
+    return files_.size() - 1;
+  }
+  void add(std::size_t f, std::size_t line, std::string text) {
+    list_.push_back({f, line, std::move(text)});
+  }
+  // A file that is not text: its other problems are mere consequences.
+  void not_text(std::size_t f, std::size_t line) {
+    list_.erase(
+        std::remove_if(list_.begin(), list_.end(), [f](problem const& p) { return p.file == f; }),
+        list_.end());
+    for (auto& c : counts_)
+      if (c.first.first == f) c.second = 0;
+    add(f, line, "NUL bytes: not a text file");
+  }
+  void row(std::size_t f, std::size_t line, std::string const& kind, std::string text) {
+    auto& n = counts_[{f, kind}];
+    if (++n <= kShown) add(f, line, std::move(text));
+  }
+  int finish(std::string const& what) {
+    for (auto const& c : counts_)
+      if (c.second > kShown)
+        add(c.first.first, 0,
+            std::to_string(c.second - kShown) + " more " + c.first.second + " not listed");
+    std::stable_sort(list_.begin(), list_.end(), [](problem const& a, problem const& b) {
+      return a.file != b.file ? a.file < b.file : a.line < b.line;
+    });
+    for (auto const& p : list_) {
+      std::cout << files_[p.file];
+      if (p.line > 0) std::cout << ":" << p.line;
+      std::cout << ": " << p.text << "\n";
+    }
+    std::string names;
+    for (auto const& f : files_)
+      names += (names.empty() ? "" : ", ") + f;
+    if (list_.empty())
+      std::cout << "brix check: no problems in " << names << " (" << what << ")" << std::endl;
+    else
+      std::cout << "brix check: " << list_.size() << (list_.size() == 1 ? " problem" : " problems")
+                << " in " << names << std::endl;
+    return list_.empty() ? 0 : 1;
+  }
+
+ private:
+  std::vector<std::string> files_;
+  std::vector<problem> list_;
+  std::map<std::pair<std::size_t, std::string>, std::size_t> counts_;
+};
+
+// How often a problem occurs in a column, and its first occurrence.
+struct tally {
+  std::size_t n = 0, line = 0;
+  std::string first;
+  void see(std::size_t at, std::string_view v) {
+    if (n++ == 0) {
+      line = at;
+      first = v.substr(0, 200);
+    }
+  }
+};
+
+// What is looked at in each value of one column.
+struct column_check {
+  static constexpr std::size_t kMaxDistinct = 50000;
+  std::string name, type;  // type: the .names keyword; empty for CSV, where numbers are inferred
+  std::size_t index = 0;
+  bool is_class = false, weights = false;
+  tally blanks, quotes, unknown, unreadable;
+  bool any = false, several = false, all_numbers = true;
+  std::string one;
+  // Distinct texts (views into the store) and the line each first occurs on; not kept past
+  // kMaxDistinct values, a column that varies that much is a key, not a category.
+  std::unordered_map<std::string_view, std::size_t> seen;
+  bool tracking = true;
+
+  std::string where() const { return "column " + std::to_string(index + 1) + " '" + name + "'"; }
+  bool numeric_type() const {
+    return type == "integer" || type == "uinteger" || type == "float" || type == "double";
+  }
+};
+
+bool blank(char c) {
+  return c == ' ' || c == '\t' || c == '\r';
+}
+
+// Whether the column's type reads the text, as brixcmd's value sets do.
+bool readable(std::string const& type, char const* v) {
+  try {
+    if (type == "integer")
+      zel::data_types::datatype<int>::parse(v);
+    else if (type == "uinteger")
+      zel::data_types::datatype<unsigned long>::parse(v);
+    else if (type == "float")
+      zel::data_types::datatype<float>::parse(v);
+    else if (type == "double")
+      zel::data_types::datatype<double>::parse(v);
+    return true;
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+// A number as the CSV reader tells one: the whole text, an optional '+', not NaN.
+bool is_number(std::string_view v) {
+  double d;
+  char const* b = v.data() + (!v.empty() && v[0] == '+');
+  auto r = std::from_chars(b, v.data() + v.size(), d);
+  return r.ec == std::errc() && r.ptr == v.data() + v.size() && b != r.ptr && !std::isnan(d);
+}
+
+class value_checks {
+ public:
+  std::vector<column_check> columns;
+
+  // One value of column j on line; value is NUL-free text.
+  void see(std::size_t j, std::string const& value, std::size_t line, bool unknown, bool training) {
+    column_check& c = columns[j];
+    if (unknown) {
+      if (c.is_class || c.weights) c.unknown.see(line, value);
+      return;
+    }
+    std::string_view v = value;
+    if (c.numeric_type()) {
+      if (!readable(c.type, value.c_str())) c.unreadable.see(line, v);
+    } else {
+      if (c.all_numbers) c.all_numbers = is_number(v);
+      if (!v.empty() && (blank(v.front()) || blank(v.back()))) c.blanks.see(line, v);
+      if (v.find('"') != std::string_view::npos ||
+          (v.size() >= 2 && v.front() == '\'' && v.back() == '\''))
+        c.quotes.see(line, v);
+    }
+    if (!training) return;
+    if (!c.any) {
+      c.any = true;
+      c.one = value;
+    } else if (!c.several && v != c.one) {
+      c.several = true;
+    }
+    if (c.tracking && !c.numeric_type() && c.seen.find(v) == c.seen.end()) {
+      if (c.seen.size() >= column_check::kMaxDistinct || stored_ > (256u << 20)) {
+        c.tracking = false;
+      } else {
+        store_.emplace_back(value);
+        stored_ += value.size() + 32;
+        c.seen.emplace(store_.back(), line);
+      }
+    }
+  }
+
+  void report(problems& p, std::size_t f, std::size_t rows, bool training) {
+    for (auto& c : columns) {
+      if (c.type == "ignore") continue;
+      if (c.blanks.n > 0)
+        p.add(f, c.blanks.line,
+              c.where() + ": " + values(c.blanks.n) + " with surrounding blanks, such as " +
+                  quoted(c.blanks.first));
+      if (c.quotes.n > 0)
+        p.add(f, c.quotes.line,
+              c.where() + ": " + values(c.quotes.n) +
+                  " holding quotes (they break DOT and PMML), such as " + quoted(c.quotes.first));
+      if (c.unknown.n > 0)
+        p.add(f, c.unknown.line,
+              c.where() + ": " +
+                  values(c.unknown.n, c.is_class ? "unknown class value" : "unknown weight") +
+                  ", which brixcmd refuses");
+      if (c.unreadable.n > 0)
+        p.add(f, c.unreadable.line,
+              c.where() + ": " + values(c.unreadable.n) + " that " +
+                  (c.unreadable.n == 1 ? "is" : "are") + " not " + c.type + ", such as " +
+                  quoted(c.unreadable.first));
+      if (!training || rows < 2) continue;
+      if (!c.any)
+        p.add(f, 0, c.where() + ": no known value");
+      else if (!c.several)
+        p.add(f, 0, c.where() + ": one value only, " + quoted(c.one));
+      if (!c.numeric_type() && !(c.type.empty() && c.all_numbers)) variants(p, f, c);
+    }
+  }
+
+ private:
+  // Values brixcmd reads as different while they differ only in letter case or blanks.
+  static void variants(problems& p, std::size_t f, column_check const& c) {
+    std::unordered_map<std::string, std::vector<std::pair<std::size_t, std::string_view>>> groups;
+    for (auto const& s : c.seen) {
+      std::string key;
+      for (char ch : s.first) {
+        if (blank(ch)) {
+          if (!key.empty() && key.back() != ' ') key += ' ';
+        } else {
+          key += static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        }
+      }
+      if (!key.empty() && key.back() == ' ') key.pop_back();
+      groups[key].push_back({s.second, s.first});
+    }
+    std::size_t n = 0, line = 0;
+    std::string example;
+    for (auto& g : groups) {
+      if (g.second.size() < 2) continue;
+      n += g.second.size();
+      std::sort(g.second.begin(), g.second.end());
+      if (line == 0 || g.second[1].first < line) {
+        line = g.second[1].first;
+        example = quoted(g.second[0].second) + " (line " + std::to_string(g.second[0].first) +
+                  ") and " + quoted(g.second[1].second);
+      }
+    }
+    if (n > 0)
+      p.add(f, line,
+            c.where() + ": " + example + " are different values to brixcmd; " + std::to_string(n) +
+                " values differ from another only in case or blanks");
+  }
+
+  std::deque<std::string> store_;
+  std::size_t stored_ = 0;
+};
+
+void skip_bom(byte_reader& in, problems& p, std::size_t f, bool report) {
+  if (in.skip("\xEF\xBB\xBF") && report)
+    p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
+}
+
+bool is_type(std::string_view t) {
+  return t == "integer" || t == "uinteger" || t == "float" || t == "double" || t == "string" ||
+         t == "null";
+}
+bool is_kind(std::string_view k) {
+  return k == "discrete" || k == "continuous" || k == "class" || k == "weights" || k == "ignore";
+}
+
+// The separator of a stem: the first that splits the first line of the .names into a name, a
+// type and a kind.
+char names_separator(std::string const& path) {
+  byte_reader in(path);
+  std::string first;
+  for (int c = in.get(); c >= 0 && c != '\n' && first.size() < 4096; c = in.get())
+    first += static_cast<char>(c);
+  for (char sep : std::string(",;\t|:^~!@$%&*=+/\\")) {
+    std::vector<std::string_view> f;
+    std::string_view rest = first;
+    for (std::size_t at; f.size() < 3 && (at = rest.find(sep)) != std::string_view::npos;) {
+      f.push_back(rest.substr(0, at));
+      rest.remove_prefix(at + 1);
+    }
+    f.push_back(rest.substr(0, rest.find(sep)));
+    if (!f.back().empty() && f.back().back() == '\r') f.back().remove_suffix(1);
+    if (f.size() >= 3 && is_type(f[1]) && is_kind(f[2])) return sep;
+  }
+  return ',';
+}
+
+// The .names file: one column per line.
+std::vector<column_check> check_names(std::string const& path, char sep, problems& p) {
+  std::size_t f = p.file(path);
+  byte_reader in(path);
+  skip_bom(in, p, f, true);
+  std::vector<column_check> cols;
+  std::map<std::string, std::size_t> named;
+  std::size_t line = 1, classes = 0, weights = 0;
+  record r;
+  while (read_line(in, sep, r, line)) {
+    if (r.nul) {
+      p.not_text(f, r.line);
+      return {};
+    }
+    if (r.blank) {
+      p.add(f, r.line, "a blank line, which brixcmd refuses");
+      continue;
+    }
+    if (r.count < 3) {
+      p.add(f, r.line,
+            std::to_string(r.count) + " field(s) where name, type and kind are expected");
+      continue;
+    }
+    column_check c;
+    c.name = std::string(r.at(0));
+    c.index = cols.size();
+    std::string type(r.at(1)), kind(r.at(2));
+    if (!is_type(type))
+      p.add(f, r.line,
+            "unknown type " + quoted(type) + " (integer, uinteger, float, double, string, null)");
+    if (!is_kind(kind))
+      p.add(f, r.line,
+            "unknown kind " + quoted(kind) + " (discrete, continuous, class, weights, ignore)");
+    if ((kind == "continuous" || kind == "weights") && is_type(type) && type != "integer" &&
+        type != "uinteger" && type != "float")
+      p.add(f, r.line, "a " + kind + " column needs the type integer, uinteger or float");
+    if (type == "null" && kind != "ignore")
+      p.add(f, r.line, "the type null is for ignored columns only");
+    if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
+      p.add(f, r.line, "the name " + quoted(c.name) + " has blanks around it");
+    if (c.name.find('"') != std::string::npos)
+      p.add(f, r.line, "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
+    auto again = named.emplace(c.name, r.line);
+    if (!again.second)
+      p.add(f, r.line,
+            "column " + quoted(c.name) + " named before, on line " +
+                std::to_string(again.first->second));
+    c.is_class = kind == "class";
+    c.weights = kind == "weights";
+    classes += c.is_class;
+    weights += c.weights;
+    c.type = is_type(type) ? type : "string";
+    if (kind == "ignore") c.type = "ignore";
+    cols.push_back(std::move(c));
+  }
+  if (line == 1) p.add(f, 0, "empty");
+  if (classes != 1 && line > 1)
+    p.add(
+        f, 0,
+        classes == 0 ? "no class column" : std::to_string(classes) + " class columns, one wanted");
+  if (weights > 1) p.add(f, 0, std::to_string(weights) + " weights columns, one at most");
+  return cols;
+}
+
+// A .data or .test file of the columns of a .names.
+std::size_t check_rows(std::string const& path, char sep, std::vector<column_check> cols,
+                       bool training, problems& p) {
+  std::size_t f = p.file(path);
+  byte_reader in(path);
+  skip_bom(in, p, f, true);
+  value_checks checks;
+  checks.columns = std::move(cols);
+  std::size_t k = checks.columns.size(), line = 1, rows = 0;
+  record r;
+  while (read_line(in, sep, r, line)) {
+    if (r.nul) {
+      p.not_text(f, r.line);
+      return rows;
+    }
+    if (r.blank && k != 1) {
+      p.row(f, r.line, "blank lines", "a blank line, which brixcmd refuses");
+      continue;
+    }
+    if (r.count != k) {
+      p.row(f, r.line, "rows of the wrong length",
+            std::to_string(r.count) + " fields, the .names declares " + std::to_string(k));
+      continue;
+    }
+    if (rows == 0 && r.line == 1) {
+      bool header = true;
+      for (std::size_t j = 0; j < k && header; ++j)
+        header = r.at(j) == checks.columns[j].name;
+      if (header) {
+        p.add(f, r.line, "a header row (the column names), which brixcmd reads as data");
+        continue;
+      }
+    }
+    ++rows;
+    for (std::size_t j = 0; j < k && j < record::kMaxFields && !r.cut; ++j)
+      if (checks.columns[j].type != "ignore")
+        checks.see(j, r.fields[j], r.line, r.fields[j] == "?", training);
+  }
+  if (rows == 0 && training) p.add(f, 0, "no rows");
+  checks.report(p, f, rows, training);
+  return rows;
+}
+
+int check_stem(std::string const& stem, problems& p) {
+  std::string names = stem + ".names";
+  if (!exists(names)) throw std::runtime_error("File " + names + ": not found");
+  std::string data = input_files(stem)[1];
+  if (!exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
+  char sep = names_separator(names);
+  std::vector<column_check> cols = check_names(names, sep, p);
+  std::size_t rows = check_rows(data, sep, cols, true, p);
+  if (exists(stem + ".test")) check_rows(stem + ".test", sep, cols, false, p);
+  std::string what = std::to_string(rows) + " rows";
+  if (sep != ',') what += ", separator " + quoted(std::string(1, sep));
+  return p.finish(what);
+}
+
+int check_csv(std::string const& path, std::string const& class_column, problems& p) {
+  char sep = ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t' : ',';
+  std::size_t f = p.file(path);
+  byte_reader in(path);
+  skip_bom(in, p, f, false);  // the CSV reader skips it
+  std::vector<std::string> missing = brix::read_options().missing;
+  value_checks checks;
+  std::size_t line = 1, rows = 0, unclosed = 0, k = 0;
+  bool header = true;
+  record r;
+  while (read_csv_record(in, sep, r, line, unclosed)) {
+    if (r.nul) {
+      p.not_text(f, r.line);
+      return p.finish("");
+    }
+    if (unclosed > 0) {
+      p.add(f, unclosed, "a quote that is not closed");
+      break;
+    }
+    if (r.after_quote > 0)
+      p.row(f, r.line, "texts after closing quotes",
+            "column " + std::to_string(r.after_quote) + ": text after a closing quote");
+    if (header) {
+      header = false;
+      k = r.count;
+      std::map<std::string, std::size_t> named;
+      for (std::size_t j = 0; j < std::min(k, record::kMaxFields); ++j) {
+        column_check c;
+        c.name = std::string(r.at(j));
+        c.index = j;
+        std::string col = "column " + std::to_string(j + 1) + ": ";
+        if (c.name.empty()) p.add(f, r.line, col + "no name");
+        if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
+          p.add(f, r.line, col + "the name " + quoted(c.name) + " has blanks around it");
+        if (c.name.find('"') != std::string::npos)
+          p.add(f, r.line,
+                col + "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
+        if (!c.name.empty() && !named.emplace(c.name, j).second)
+          p.add(f, r.line, col + "the name " + quoted(c.name) + " is used twice");
+        c.is_class = class_column.empty() ? j + 1 == k : c.name == class_column;
+        checks.columns.push_back(std::move(c));
+      }
+      if (!class_column.empty() && named.count(class_column) == 0)
+        p.add(f, r.line, "no column " + quoted(class_column) + " for the class");
+      continue;
+    }
+    if (r.count == 1 && r.at(0).empty()) continue;  // the reader skips blank lines
+    if (r.count != k) {
+      p.row(f, r.line, "rows of the wrong length",
+            std::to_string(r.count) + " fields, the header has " + std::to_string(k));
+      continue;
+    }
+    ++rows;
+    for (std::size_t j = 0; j < checks.columns.size() && !r.cut; ++j) {
+      std::string const& v = r.fields[j];
+      bool unknown = std::find(missing.begin(), missing.end(), v) != missing.end();
+      checks.see(j, v, r.line, unknown, true);
+    }
+  }
+  if (header)
+    p.add(f, 0, "empty, no header row");
+  else if (rows == 0)
+    p.add(f, 0, "a header and no rows");
+  checks.report(p, f, rows, true);
+  return p.finish(std::to_string(rows) + " rows");
+}
+
+// ARFF is checked by reading it: its reader names the first problem.
+int check_arff(std::string const& path, std::string const& class_column, problems& p) {
+  std::size_t f = p.file(path);
+  byte_reader probe(path);  // missing or unreadable files fail as for the other formats
+  brix::read_options o;
+  o.class_column = class_column;
+  std::size_t rows = 0;
+  try {
+    rows = brix::read_arff(path, o)->get_no_rows();
+  } catch (std::runtime_error const& e) {
+    p.add(f, 0, e.what());
+  }
+  return p.finish(std::to_string(rows) + " rows");
+}
+
+}  // namespace
+
+int brix_check(std::string const& data, std::string const& class_column) {
+  problems p;
+  if (ends_with(data, ".arff") || ends_with(data, ".arff.gz"))
+    return check_arff(data, class_column, p);
+  if (is_table_file(data)) return check_csv(data, class_column, p);
+  return check_stem(data, p);
+}

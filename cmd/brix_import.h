@@ -1,0 +1,28 @@
+// brix import and brix check: tables moved to brixcmd's .names/.data files, and the pre-flight
+// that finds what would make brixcmd fail or read a table other than the one meant.
+#ifndef BRIX_CMD_BRIX_IMPORT_H
+#define BRIX_CMD_BRIX_IMPORT_H
+
+#include <string>
+
+#include "brix/data.h"
+
+// Writes STEM.names and STEM.data (and STEM.test from test, unless empty) that brixcmd loads
+// into the table brix reads from data with opts (class column, kinds and types); says what it did
+// on standard error unless quiet. Data errors throw std::runtime_error; nothing is left
+// half-written. Returns the exit status.
+int brix_import(std::string const& data, std::string const& stem, std::string const& test,
+                brix::read_options opts, bool quiet);
+
+// Prints every problem found in a CSV/TSV file or a .names/.data stem, one per line, then a
+// summary; returns 0 when there is none, 1 otherwise. Unreadable files throw
+// std::runtime_error.
+int brix_check(std::string const& data, std::string const& class_column);
+
+// Their usage lines and what --help says below them.
+extern char const* const kImportSynopsis;
+extern char const* const kImportHelp;
+extern char const* const kCheckSynopsis;
+extern char const* const kCheckHelp;
+
+#endif

@@ -201,21 +201,6 @@ settings parse(int argc, char** argv, int first) {
 
 // ---------------------------------------------------------------- data and outputs
 
-bool is_table_file(std::string const& p) {
-  for (char const* e :
-       {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz", ".arff", ".arff.gz"}) {
-    std::string tail = e;
-    if (p.size() > tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
-      return true;
-  }
-  return false;
-}
-
-bool exists(std::string const& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0;
-}
-
 // ---------------------------------------------------------------- progress
 
 // The stages of a run: on a terminal, one line on standard error redrawn as each stage starts,
@@ -274,7 +259,8 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
   o.types = s.types;
   if (!is_table_file(data)) {
     refuse_overrides(data, s);
-    if (!exists(data + ".names")) throw std::runtime_error("File " + data + ".names: not found");
+    if (!file_exists(data + ".names"))
+      throw std::runtime_error("File " + data + ".names: not found");
   }
   progress.begin("load " + data);
   auto t = brix::read_table(data, o);

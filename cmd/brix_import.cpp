@@ -50,6 +50,19 @@ char const* const kCheckHelp =
     "values that differ only in case or blanks, columns with one value only. Exit status 0\n"
     "when there is none, 1 otherwise.\n";
 
+bool is_table_file(std::string const& p) {
+  for (std::string tail :
+       {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz", ".arff", ".arff.gz"})
+    if (p.size() > tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
+      return true;
+  return false;
+}
+
+bool file_exists(std::string const& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0;
+}
+
 namespace {
 
 bool ends_with(std::string const& s, char const* tail) {
@@ -57,24 +70,12 @@ bool ends_with(std::string const& s, char const* tail) {
   return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
-bool is_table_file(std::string const& p) {
-  for (char const* e :
-       {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz", ".arff", ".arff.gz"})
-    if (p.size() > std::strlen(e) && ends_with(p, e)) return true;
-  return false;
-}
-
-bool exists(std::string const& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0;
-}
-
 // The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
 std::vector<std::string> input_files(std::string const& data) {
   if (data.empty()) return {};
   if (is_table_file(data)) return {data};
   std::string rows = data + ".data";
-  if (!exists(rows) && exists(rows + ".gz")) rows += ".gz";
+  if (!file_exists(rows) && file_exists(rows + ".gz")) rows += ".gz";
   return {data + ".names", rows};
 }
 
@@ -943,13 +944,13 @@ std::size_t check_rows(std::string const& path, char sep, std::vector<column_che
 
 int check_stem(std::string const& stem, problems& p) {
   std::string names = stem + ".names";
-  if (!exists(names)) throw std::runtime_error("File " + names + ": not found");
+  if (!file_exists(names)) throw std::runtime_error("File " + names + ": not found");
   std::string data = input_files(stem)[1];
-  if (!exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
+  if (!file_exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
   char sep = names_separator(names);
   std::vector<column_check> cols = check_names(names, sep, p);
   std::size_t rows = check_rows(data, sep, cols, true, p);
-  if (exists(stem + ".test")) check_rows(stem + ".test", sep, cols, false, p);
+  if (file_exists(stem + ".test")) check_rows(stem + ".test", sep, cols, false, p);
   std::string what = std::to_string(rows) + " rows";
   if (sep != ',') what += ", separator " + quoted(std::string(1, sep));
   return p.finish(what);

@@ -19,6 +19,10 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
 // std::runtime_error.
 int brix_check(std::string const& data, std::string const& class_column);
 
+// Whether DATA names a CSV/TSV/ARFF file (optionally .gz) rather than a .names/.data stem.
+bool is_table_file(std::string const& p);
+bool file_exists(std::string const& p);
+
 // Their usage lines and what --help says below them.
 extern char const* const kImportSynopsis;
 extern char const* const kImportHelp;

@@ -20,10 +20,14 @@ fail() {
   FAILURES=$((FAILURES + 1))
 }
 
-# run ARGS...: runs brixcmd; standard output lands in $WORK/stdout, the status in $STATUS.
-run() {
-  LAST="brixcmd $*"
-  "$BRIXCMD" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
+# run ARGS... (brixcmd) and brix_run ARGS... (brix): standard output lands in $WORK/stdout,
+# standard error in $WORK/stderr, the status in $STATUS.
+BRIX=$(dirname "$BRIXCMD")/brix
+run() { run_program "$BRIXCMD" "$@"; }
+brix_run() { run_program "$BRIX" "$@"; }
+run_program() {
+  LAST="$(basename "$1") ${*:2}"
+  "$@" >"$WORK/stdout" 2>"$WORK/stderr"
   STATUS=$?
 }
 

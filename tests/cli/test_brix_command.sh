@@ -3,15 +3,7 @@
 # failure on standard error with its status and no output file left behind.
 source "$(dirname "$0")/lib.sh"
 source "$ROOT/tests/cli/datasets.sh"
-BRIX=$(dirname "$BRIXCMD")/brix
 EX=$ROOT/examples
-
-# brix_run ARGS...: like run, for brix.
-brix_run() {
-  LAST="brix $*"
-  "$BRIX" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
-  STATUS=$?
-}
 
 # The report of brix train starts with brixcmd's whole report.
 same_report() {  # label brix-args... -- brixcmd-args...

@@ -3,14 +3,7 @@
 # reported once.
 source "$(dirname "$0")/lib.sh"
 source "$ROOT/tests/cli/datasets.sh"
-BRIX=$(dirname "$BRIXCMD")/brix
 EX=$ROOT/examples
-
-brix_run() {
-  LAST="brix $*"
-  "$BRIX" "$@" >"$WORK/stdout" 2>"$WORK/stderr"
-  STATUS=$?
-}
 
 # round_trip LABEL CSV [TEST-CSV] [brix options]: brixcmd on the import reports what brix train
 # reports on the CSV.

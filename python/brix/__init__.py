@@ -149,7 +149,8 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         self._label_text = {c: _text(c) for c in self.classes_}
         if len(set(self._label_text.values())) != len(self.classes_):
             raise ValueError("class labels must differ as text")
-        total = float(np.sum(sample_weight)) if sample_weight is not None else float(len(y))
+        total = (float(np.asarray(sample_weight, dtype=float).sum()) if sample_weight is not None
+                 else float(len(y)))
         if total > 2.0**24:
             # The tree's 32-bit sums stop counting every case exactly past 2**24 (deliberately
             # the arithmetic of brixcmd, so that both grow the same tree).

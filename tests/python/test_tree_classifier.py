@@ -140,3 +140,9 @@ def test_bad_input_raises_clear_errors():
         brix.TreeClassifier(pruning="maybe").fit(X, [0, 1, 1])
     with pytest.raises(ValueError, match="min_cases"):
         brix.TreeClassifier(min_cases=1).fit(X, [0, 1, 1])
+
+
+def test_training_weight_past_two_to_the_24_warns():
+    X, y = np.array([[1.0], [2.0], [3.0], [4.0]]), [0, 0, 1, 1]
+    with pytest.warns(RuntimeWarning, match="2\\*\\*24"):
+        brix.TreeClassifier().fit(X, y, sample_weight=[5e6] * 4)

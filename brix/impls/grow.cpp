@@ -199,6 +199,7 @@ void _decision_node::compute_statistics(table* t) {
         d[rd(c.first)] += c.second;
     });
   }
+  // Deliberately float sums in case order, then in class order: weights are 32-bit throughout.
   float w = 0.0f;
   for (float v : class_distribution_)
     w += v;
@@ -263,6 +264,7 @@ bool _decision_node::split_pre(table* t, int split_type, float min_obj) {
   split_status_ = split_type;
   set_as_leaf();
   if (cases_weight_ == 0.0f) {
+    // Deliberate: an empty node predicts its father's class, not its own (empty) majority.
     leaf_or_att_ = father_ ? father_->most_frequent_ : 0;
     return true;
   }
@@ -295,7 +297,8 @@ bool _decision_node::split_att_worth(unsigned long att) {
 
 int _decision_node::split_post(table* t) {
   try {
-    // Only attributes of at least average gain compete on gain ratio.
+    // Only attributes of at least average gain compete on gain ratio. The fixed -0.001 and 0.001
+    // tolerances and the float sum are deliberate: they decide ties as the trees expect.
     float sum = 0.0f;
     unsigned long count = 0;
     for (auto const& d : split_descs_) {
@@ -332,7 +335,7 @@ int _decision_node::split_post(table* t) {
   } catch (std::runtime_error const& e) {
     std::cerr << "exception " << e.what() << std::endl;
     print_att_gain(t, std::cerr);
-    std::exit(0);
+    std::exit(0);  // deliberate: a failed split choice ends the program with status 0
   }
   return status_;
 }
@@ -413,6 +416,8 @@ float _decision_tree::preprune(float bound) {
     throw std::runtime_error("prepruning on an incomplete tree");
   }
   float leaf_error = n->get_leaf_error();
+  // Deliberate: the -0.001 margin, the early stop at the bound and returning the leaf error less
+  // the margin (not the subtree's sum) for a kept subtree.
   bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - 0.001));
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i) {

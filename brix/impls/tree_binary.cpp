@@ -88,10 +88,11 @@ obinstream& operator<<(obinstream& out, _decision_node const& n) {
       << n.activated_ << n.cases_weight_ << static_cast<std::uint64_t>(n.cases_count_)
       << n.class_distribution_ << n.known_fract_ << static_cast<std::uint64_t>(n.most_frequent_);
   if (n.activated_) {
-    out << static_cast<unsigned char>(n.att_ranges_ ? 1 : 0);
-    if (n.att_ranges_) {
-      out << static_cast<std::uint64_t>(n.att_ranges_->size());
-      for (order_range const& r : *n.att_ranges_) {
+    std::vector<order_range> const* ranges = n.get_att_ranges();
+    out << static_cast<unsigned char>(ranges ? 1 : 0);
+    if (ranges) {
+      out << static_cast<std::uint64_t>(ranges->size());
+      for (order_range const& r : *ranges) {
         out << static_cast<std::uint64_t>(r.first) << static_cast<std::uint64_t>(r.second);
       }
     }
@@ -154,7 +155,6 @@ ibinstream& operator>>(ibinstream& in, _decision_node& n) {
   }
 
   if (n.owns_cases_) delete n.all_cases_;
-  delete n.att_ranges_;
   n.index_ = index;
   n.status_ = static_cast<_decision_node::node_status>(status);
   n.activated_ = activated;
@@ -163,11 +163,11 @@ ibinstream& operator>>(ibinstream& in, _decision_node& n) {
   n.class_distribution_.swap(dist);
   n.known_fract_ = known;
   n.most_frequent_ = most;
-  n.att_ranges_ = ranges.release();
+  n.work_.reset();
+  if (ranges) n.reset_ranges(ranges.get());
   n.all_cases_ = cases.release();
   n.owns_cases_ = n.all_cases_ != nullptr;
-  n.split_descs_.clear();
-  n.split_status_ = static_cast<int>(split_status);
+  n.split_status_ = static_cast<std::uint8_t>(split_status);
   n.error_ = error;
   n.leaf_or_att_ = leaf_or_att;
   n.partition_.threshold.swap(threshold);

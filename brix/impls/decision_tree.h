@@ -156,12 +156,13 @@ class _decision_node {
   _decision_node* father_ = nullptr;
   w_sequence* all_cases_ = nullptr;
   std::unique_ptr<_node_work> work_;  // while activated
-  unsigned long index_ = 0;           // branch of the father leading here, from 1
-  unsigned long cases_count_ = 0;
-  unsigned long most_frequent_ = 0;
-  unsigned long leaf_or_att_ = 0;
   std::vector<float> class_distribution_;
   column::partition_desc partition_;
+  // Rows, classes, attributes and branches all number below 2^32.
+  std::uint32_t index_ = 0;  // branch of the father leading here, from 1
+  std::uint32_t cases_count_ = 0;
+  std::uint32_t most_frequent_ = 0;
+  std::uint32_t leaf_or_att_ = 0;
   float cases_weight_ = 0.0f;
   float known_fract_ = 0.0f;
   float error_ = 0.0f;
@@ -170,7 +171,7 @@ class _decision_node {
   bool activated_ = false;
   bool owns_cases_ = false;  // the root's cases belong to its caller
 };
-static_assert(sizeof(_decision_node) <= 136, "a grown tree keeps one node record a node");
+static_assert(sizeof(_decision_node) <= 120, "a grown tree keeps one node record a node");
 
 class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tree> {
  public:

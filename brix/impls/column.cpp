@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "brix/impls/column_typed.h"
+#include "brix/impls/storage_width.h"
 
 namespace brix {
 namespace impls {
@@ -69,14 +70,19 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
     return nullptr;
   }
   if (kind == IGNORE) return new column(kind, name, values);
-  // Each width stops one below its largest value, which is never stored.
   unsigned long k = values->size_of_known();
   if (k <= 2 && kind == DISCRETE && !values->contains_null())
     return new column_bool(kind, name, values);
-  if (k <= 254UL) return new column_typed<std::uint8_t>(kind, name, values);
-  if (k <= 65534UL) return new column_typed<std::uint16_t>(kind, name, values);
-  if (k <= 4294967294UL) return new column_typed<std::uint32_t>(kind, name, values);
-  return new column_typed<unsigned long long>(kind, name, values);
+  switch (width_for(k)) {
+    case 1:
+      return new column_typed<std::uint8_t>(kind, name, values);
+    case 2:
+      return new column_typed<std::uint16_t>(kind, name, values);
+    case 4:
+      return new column_typed<std::uint32_t>(kind, name, values);
+    default:
+      return new column_typed<unsigned long long>(kind, name, values);
+  }
 }
 
 column::column(_type type, std::string const& name, o_set* values)

@@ -9,15 +9,15 @@
 #include <vector>
 
 #include "brix/impls/column.h"
+#include "brix/impls/storage_width.h"
 #include "zel/adt/bitmap.h"
 
 namespace brix {
 namespace impls {
 
 // Provisional value ids of one column during a load, kept at the width the
-// final column will have: widened past 254 and 65534 ids exactly where the
-// column factory moves to the next width, so the rows can become the column's
-// storage without a copy.
+// final column will have (width_for of the largest id so far), so the rows
+// can become the column's storage without a copy.
 class id_buffer {
  public:
   std::size_t size() const { return n_; }
@@ -61,18 +61,18 @@ class id_buffer {
 
  private:
   void widen(std::uint32_t id) {
-    if (width_ == 1) {
+    unsigned w = width_for(id);
+    if (width_ == 1 && w > 1) {
       u16_.assign(u8_.begin(), u8_.end());
       std::vector<std::uint8_t>().swap(u8_);
       width_ = 2;
-      limit_ = 65534;
     }
-    if (width_ == 2 && id > limit_) {
+    if (width_ == 2 && w > 2) {
       u32_.assign(u16_.begin(), u16_.end());
       std::vector<std::uint16_t>().swap(u16_);
       width_ = 4;
-      limit_ = 0xFFFFFFFEu;
     }
+    limit_ = static_cast<std::uint32_t>(width_limit(width_));
   }
 
   std::vector<std::uint8_t> u8_;
@@ -80,7 +80,7 @@ class id_buffer {
   std::vector<std::uint32_t> u32_;
   std::size_t n_ = 0;
   unsigned width_ = 1;
-  std::uint32_t limit_ = 254;
+  std::uint32_t limit_ = width_limit(1);
 };
 
 template <class T>

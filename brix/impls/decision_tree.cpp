@@ -115,6 +115,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
                           std::function<void(char const*)> const& stage) {
   zel::util::cronos timer;
   timer.start();
+  // Deliberately the pruning message, even when only growing.
   if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
   std::string message;
   if (!t->set_consistency_for_tree(true, message)) throw std::runtime_error(message);

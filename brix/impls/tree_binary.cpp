@@ -2,6 +2,7 @@
 // Readers check what prediction and the writers rely on: class distributions
 // sized for the metadata's class, leaf classes and split attributes in range,
 // one child per branch, thresholds of the split column's type, finite weights.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -88,10 +89,11 @@ obinstream& operator<<(obinstream& out, _decision_node const& n) {
       << n.activated_ << n.cases_weight_ << static_cast<std::uint64_t>(n.cases_count_)
       << n.class_distribution_ << n.known_fract_ << static_cast<std::uint64_t>(n.most_frequent_);
   if (n.activated_) {
-    out << static_cast<unsigned char>(n.att_ranges_ ? 1 : 0);
-    if (n.att_ranges_) {
-      out << static_cast<std::uint64_t>(n.att_ranges_->size());
-      for (order_range const& r : *n.att_ranges_) {
+    std::vector<order_range> const* ranges = n.get_att_ranges();
+    out << static_cast<unsigned char>(ranges ? 1 : 0);
+    if (ranges) {
+      out << static_cast<std::uint64_t>(ranges->size());
+      for (order_range const& r : *ranges) {
         out << static_cast<std::uint64_t>(r.first) << static_cast<std::uint64_t>(r.second);
       }
     }
@@ -154,22 +156,26 @@ ibinstream& operator>>(ibinstream& in, _decision_node& n) {
   }
 
   if (n.owns_cases_) delete n.all_cases_;
-  delete n.att_ranges_;
-  n.index_ = index;
+  // A field too wide for the record is kept as the largest value, which the validation of the
+  // tree refuses with the message it gives any out-of-range value.
+  auto narrow = [](std::uint64_t v) {
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(v, 0xFFFFFFFFu));
+  };
+  n.index_ = narrow(index);
   n.status_ = static_cast<_decision_node::node_status>(status);
   n.activated_ = activated;
   n.cases_weight_ = weight;
-  n.cases_count_ = count;
+  n.cases_count_ = narrow(count);
   n.class_distribution_.swap(dist);
   n.known_fract_ = known;
-  n.most_frequent_ = most;
-  n.att_ranges_ = ranges.release();
+  n.most_frequent_ = narrow(most);
+  n.work_.reset();
+  if (ranges) n.reset_ranges(ranges.get());
   n.all_cases_ = cases.release();
   n.owns_cases_ = n.all_cases_ != nullptr;
-  n.split_descs_.clear();
-  n.split_status_ = static_cast<int>(split_status);
+  n.split_status_ = static_cast<std::uint8_t>(split_status);
   n.error_ = error;
-  n.leaf_or_att_ = leaf_or_att;
+  n.leaf_or_att_ = narrow(leaf_or_att);
   n.partition_.threshold.swap(threshold);
   n.partition_.branches = branches;
   return in;

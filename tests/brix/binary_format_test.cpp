@@ -121,8 +121,9 @@ TEST(BinaryTable, RoundTrip) {
 }
 
 // A root split on temp (threshold 1.5) with two leaves, over the tiny
-// table's metadata; the root still holds its two cases.
-bytes tree_file() {
+// table's metadata; the root still holds its two cases. high is added to
+// the first leaf's class.
+bytes tree_file(std::uint64_t high = 0) {
   bytes b;
   b.u8(1);  // a model follows
   b.u8(1);  // it has a tree
@@ -142,9 +143,9 @@ bytes tree_file() {
     b.u64(branch).u32(1).u8(0).f32(1.0f).u64(1);
     b.u64(3).f32(0.0f).f32(cls == 1).f32(cls == 2);
     b.f32(1.0f).u64(cls);
-    b.u8(0);                      // no cases
-    b.u32(1).f32(0.0f).u64(cls);  // split status, error, leaf class
-    b.u64(0);                     // no children
+    b.u8(0);                                                 // no cases
+    b.u32(1).f32(0.0f).u64(cls + (branch == 1 ? high : 0));  // split status, error, leaf class
+    b.u64(0);                                                // no children
   }
   b.add(table_record("t", false));  // metadata
   b.u8(1).u64(3);                   // training matrix, 3 rows
@@ -199,6 +200,10 @@ TEST(BinaryTree, RefusesRowsBeyond32Bits) {
   gzip_file(path, s);
   EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(path); }),
             "Binary tree: case row number beyond 32 bits");
+  // Nodes keep classes in 32 bits: a wider one must not wrap round to a valid class.
+  gzip_file(path, tree_file(std::uint64_t(1) << 32).s);
+  EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(path); }),
+            "Binary tree: leaf class out of range");
 }
 
 // XML model and DOT graph of a one-leaf tree over a table with a weights column and class values

@@ -9,6 +9,7 @@
 #include "brix/impls/column.h"
 #include "brix/impls/column_typed.h"
 #include "brix/impls/o_set.h"
+#include "brix/impls/storage_width.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;
@@ -73,6 +74,19 @@ TEST(Column, FactoryErrorsAndStorageWidth) {
   EXPECT_EQ(storage_for("discrete", set_of("integer", 255)), storage_kind::u16);
   EXPECT_EQ(storage_for("continuous", set_of("integer", 65534)), storage_kind::u16);
   EXPECT_EQ(storage_for("continuous", set_of("integer", 65535)), storage_kind::u32);
+  // The loaders' provisional ids widen at the same counts, keeping earlier ids.
+  brix::impls::id_buffer ids;
+  ids.push_back(254);
+  EXPECT_EQ(ids.width(), 1u);
+  ids.push_back(255);
+  EXPECT_EQ(ids.width(), 2u);
+  ids.push_back(65534);
+  EXPECT_EQ(ids.width(), 2u);
+  ids.push_back(65535);
+  EXPECT_EQ(ids.width(), 4u);
+  EXPECT_EQ(ids.u32(), (std::vector<std::uint32_t>{254, 255, 65534, 65535}));
+  EXPECT_EQ(brix::impls::width_for(4294967294UL), 4u);
+  EXPECT_EQ(brix::impls::width_for(4294967295UL), 8u);
 }
 
 TEST(Column, PushBackAndLookups) {

@@ -64,11 +64,8 @@ TEST(OSet, OrdersFollowValueOrderNotInsertionOrder) {
 
 TEST(OSet, ProvisionalIdsAndRemap) {
   std::unique_ptr<o_set> s(o_set::NEW_O_SET("integer", true, "?"));
-  EXPECT_EQ(s->insert_id("10"), 1u);
-  EXPECT_EQ(s->insert_id("2"), 2u);
-  EXPECT_EQ(s->insert_id("?"), 0u);
-  EXPECT_EQ(s->insert_id("10"), 1u);
-  EXPECT_EQ(s->insert_id("7"), 3u);
+  for (auto [text, id] : {std::pair{"10", 1u}, {"2", 2u}, {"?", 0u}, {"10", 1u}, {"7", 3u}})
+    EXPECT_EQ(s->insert_id(text), id) << text;
   std::vector<std::uint32_t> remap;
   s->freeze_remap(remap);
   EXPECT_EQ(remap, (std::vector<std::uint32_t>{0, 3, 1, 2}));

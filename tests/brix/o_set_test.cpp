@@ -79,29 +79,19 @@ TEST(OSet, LargeSetsAreNumberedInValueOrder) {
   for (char const* type : {"integer", "uinteger", "float", "double"}) {
     SCOPED_TRACE(type);
     std::unique_ptr<o_set> s(o_set::NEW_O_SET(type, true, "?"));
+    bool unsigned_set = std::string(type) == "uinteger", int_set = std::string(type) == "integer";
     for (int i = 0; i < 3000; ++i) {
       std::int64_t r = static_cast<std::int64_t>(gen() % 2000001) - 1000000;
-      std::string text;
-      if (std::string(type) == "uinteger") {
-        std::uint64_t u = gen() >> (gen() % 64);
-        text = std::to_string(u);
-      } else if (std::string(type) == "integer") {
-        text = std::to_string(r);
-      } else {
-        text = std::to_string(r) + "e-2";
-      }
-      s->insert(text.c_str());
+      std::uint64_t u = gen() >> (gen() % 64);
+      s->insert(
+          (unsigned_set ? std::to_string(u) : std::to_string(r) + (int_set ? "" : "e-2")).c_str());
     }
     unsigned long k = s->size_of_known();
     ASSERT_GT(k, 2000u);
-    bool unsigned_set = std::string(type) == "uinteger";
     for (unsigned long o = 1; o < k; ++o) {
       std::string a = s->get_value(o), b = s->get_value(o + 1);
-      if (unsigned_set) {
-        ASSERT_LT(std::stoull(a), std::stoull(b)) << "order " << o;
-      } else {
-        ASSERT_LT(std::stod(a), std::stod(b)) << "order " << o;
-      }
+      ASSERT_TRUE(unsigned_set ? std::stoull(a) < std::stoull(b) : std::stod(a) < std::stod(b))
+          << "order " << o << ": " << a << " then " << b;
     }
   }
 }

@@ -48,22 +48,16 @@ bytes table_record(std::string const& name, bool with_rows) {
     temp.u64(2).u8(1).u8(0);  // 1.5, then the unknown value
     play.u64(2).u8(2).u8(1);  // yes, no
   } else {
-    windy.u64(0);  // no rows, no words
-    temp.u64(0);
-    play.u64(0);
+    for (bytes* c : {&windy, &temp, &play})
+      c->u64(0);  // no rows, no words
   }
   bytes columns = bytes().u64(3).add(windy).add(temp).add(play);
   bytes b;
-  b.u8(1).text(name);       // table present, name
-  b.add(columns).u64(2);    // column list, class index
-  b.add(columns);           // the list again
-  b.u64(with_rows ? 2 : 0)  // rows
-      .u64(0)               // verbosity
-      .u8(1)                // tree rules
-      .u64(3)               // weights index: none
-      .u64(3)               // loaded columns
-      .u64(0);              // further counter
-  return b;
+  b.u8(1).text(name);     // table present, name
+  b.add(columns).u64(2);  // column list, class index
+  b.add(columns);         // the list again
+  // Rows, verbosity, tree rules, weights index (3: none), loaded columns, further counter.
+  return b.u64(with_rows ? 2 : 0).u64(0).u8(1).u64(3).u64(3).u64(0);
 }
 
 TEST(BinaryTable, BytesOfATinyTable) {
@@ -148,10 +142,9 @@ bytes tree_file(std::uint64_t high = 0) {
     b.u64(0);                                                // no children
   }
   b.add(table_record("t", false));  // metadata
-  b.u8(1).u64(3);                   // training matrix, 3 rows
-  b.u64(3).f32(0).f32(0).f32(0);
-  b.u64(3).f32(0).f32(1).f32(0);
-  b.u64(3).f32(0).f32(0).f32(1);
+  b.u8(1).u64(3);                   // training matrix, 3 rows: the identity but for ?
+  for (int r = 0; r < 3; ++r)
+    b.u64(3).f32(0).f32(r == 1).f32(r == 2);
   b.u64(3).text("?").text("no").text("yes");  // class names
   b.f64(0.5).f32(0.25f).f32(2.0f).u32(1);     // elapsed, conf level, min_obj, split type
   b.text("t").u32(2);                         // name, pruning strategy

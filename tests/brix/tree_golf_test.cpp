@@ -68,27 +68,19 @@ _decision_node const* node_at(decision_tree const& dt, std::initializer_list<int
 TEST(TreeGolf, RootScoresChooseOutlook) {
   auto t = load(kGolf);
   scored_node root(t.get(), {});
-  // Hc = I(5,9) = 14·3.807355 − 5·2.321928 − 9·3.169925 = 13.164005.
-  // outlook: sunny 2y3n, overcast 4y, rainy 3y2n.
-  //   Hs = 2·I(2,3) = 2·(5·2.321928 − 2 − 3·1.584963) = 9.709506
-  //   gain = (13.164005 − 9.709506)/14 = 0.246750
-  //   split = I(0,4,5,5)/14 = (53.302969 − 8 − 23.219281)/14 = 1.577406
+  // Hc = I(5,9) = 13.164005. outlook (sunny 2y3n, overcast 4y, rainy 3y2n): Hs = 2·I(2,3) =
+  // 9.709506, gain (13.164005 − 9.709506)/14 = 0.246750, split I(0,4,5,5)/14 = 1.577406.
   EXPECT_NEAR(root.gain(OUTLOOK), 0.246750f, 2e-6);
   EXPECT_NEAR(root.split(OUTLOOK), 1.577406f, 2e-6);
-  // windy: FALSE 6y2n, TRUE 3y3n. Hs = I(2,6) + I(3,3) = 6.490225 + 6
-  //   gain = (13.164005 − 12.490225)/14 = 0.048127, split = I(8,6)/14 = 0.985228
+  // windy (FALSE 6y2n, TRUE 3y3n): Hs = 6.490225 + 6, gain 0.048127, split I(8,6)/14 = 0.985228.
   EXPECT_NEAR(root.gain(WINDY), 0.048127f, 2e-6);
   EXPECT_NEAR(root.split(WINDY), 0.985228f, 2e-6);
-  // temperature: 9 cuts tried (m = 2 since 0.1·14/2 = 0.7 is smaller), best
-  // 70|71 with Hs = I(1,4) + I(4,5) = 3.609640 + 8.919688, gain 0.045334; the
-  // penalty log2(9)/14 = 0.226423 exceeds it, so no split.
+  // temperature: 9 cuts tried (m = 2), best 70|71 with gain 0.045334 < log2(9)/14: no split.
   EXPECT_FLOAT_EQ(root.gain(TEMPERATURE), -0.001f);
-  // humidity: 7 cuts tried, best 80|85 with Hs = I(1,6) + I(4,3), gain
-  // 0.151836 < log2(7)/14 = 0.200525: no split either.
+  // humidity: 7 cuts tried, best 80|85 with gain 0.151836 < log2(7)/14 = 0.200525.
   EXPECT_FLOAT_EQ(root.gain(HUMIDITY), -0.001f);
   EXPECT_FLOAT_EQ(root.split(HUMIDITY), 0.0f);
-  // Average of the admissible gains (0.246750 + 0.048127)/2 = 0.147439: windy
-  // falls below it, outlook (ratio 0.156428) is chosen.
+  // Average gain 0.147439: windy falls below it, outlook (ratio 0.156428) is chosen.
   EXPECT_EQ(root.node->get_node_status(), _decision_node::SPLIT_NODE);
   EXPECT_EQ(root.node->get_split_attribute_index(), static_cast<unsigned long>(OUTLOOK));
   EXPECT_EQ(root.node->get_no_of_splits(), 3u);
@@ -98,23 +90,18 @@ TEST(TreeGolf, SunnyThresholdIsAValueOfTheColumn) {
   auto t = load(kGolf);
   // Rows of outlook = sunny: 85n 90n 95n 70y 70y by humidity.
   scored_node sunny(t.get(), {0, 1, 7, 8, 10});
-  // Hc = I(3,2) = 4.854753. Sorted humidity: 70y 70y | 85n | 90n 95n; m = 2,
-  // so cuts need 2 ≤ L ≤ 3: 70|85 (L = 2, Hs = 0) and 85|90 (L = 3; the run
-  // 85n is followed by 90n of the same class, but the block ends at L = 4 >
-  // 3, so the cut is evaluated). Two cuts tried: penalty log2(2)/5 = 0.2.
-  // gain = 4.854753/5 − 0.2 = 0.770951; split = I(0,2,3)/5 = 0.970951.
+  // Hc = I(3,2) = 4.854753. Humidity 70y 70y | 85n | 90n 95n, cuts need 2 ≤ L ≤ 3: 70|85 and
+  // 85|90 (same class on both sides, but the next block ends at L = 4 > 3, so it is evaluated).
+  // Penalty log2(2)/5: gain 4.854753/5 − 0.2 = 0.770951; split I(0,2,3)/5 = 0.970951.
   EXPECT_NEAR(sunny.gain(HUMIDITY), 0.770951f, 2e-6);
   EXPECT_NEAR(sunny.split(HUMIDITY), 0.970951f, 2e-6);
-  // temperature: 69y 72n 75y | 80n 85n; best 75|80 with Hs = I(1,2) =
-  // 2.754888, gain (4.854753 − 2.754888)/5 − 0.2 = 0.219973.
+  // temperature 69y 72n 75y | 80n 85n: Hs = I(1,2) = 2.754888, gain 0.219973.
   EXPECT_NEAR(sunny.gain(TEMPERATURE), 0.219973f, 2e-6);
   // windy: FALSE 1y2n, TRUE 1y1n: (4.854753 − 2.754888 − 2)/5 = 0.019973.
   EXPECT_NEAR(sunny.gain(WINDY), 0.019973f, 2e-6);
   // Average (0.219973 + 0.770951 + 0.019973)/3 = 0.336966 leaves humidity alone.
   EXPECT_EQ(sunny.node->get_split_attribute_index(), static_cast<unsigned long>(HUMIDITY));
-  // The cut lies between the orders of 70 and 85 (humidity orders: 65 70 75
-  // 80 85 86 90 91 95 96). Midpoint 70 + 15/2 = 77 in integers; the largest
-  // value of the column not above it is 75, so the threshold reads 75.
+  // Cut between orders 2 (70) and 5 (85): the midpoint 77 reads as the column value below it.
   auto const& d = sunny.node->get_split_descs()[HUMIDITY];
   EXPECT_EQ(d.low, 2u);
   EXPECT_EQ(d.high, 5u);
@@ -129,16 +116,13 @@ TEST(TreeGolf, PrunedTreeAndErrors) {
   EXPECT_EQ(dt.size(), 8u);
   EXPECT_EQ(dt.depth(), 3u);
 
-  // Extra errors of pure leaves at cf 0.25 are n·(1 − 0.25^(1/n)): n = 4:
-  // 1.171573, n = 3: 1.110118, n = 2: 1.0.
+  // Pure leaves at cf 0.25 add n·(1 − 0.25^(1/n)): 1.171573, 1.110118, 1.0 for n = 4, 3, 2.
   _decision_node const* overcast = node_at(dt, {0});
   EXPECT_NEAR(overcast->get_known_fract_over_father(), 4.0f / 14, 1e-6);
   EXPECT_NEAR(overcast->get_error(), 1.171573f, 2e-6);
 
-  // rainy: windy splits 3y / 2n. As a leaf it would estimate 2 + add_errs(5,
-  // 2): p = (2.5 + c/2 + sqrt(c·(2.5·0.5 + c/4)))/(5 + c) with c = 0.6925² =
-  // 0.479556 gives p = 3.550296/5.479556 = 0.647917, so 5p − 2 = 1.239583 and
-  // E = 3.239583 > 1.110118 + 1.0 + 0.1: the subtree stays.
+  // rainy (windy: 3y / 2n) as a leaf: 2 + add_errs(5, 2) = 2 + 5·0.647917 − 2 = 3.239583 >
+  // 1.110118 + 1.0 + 0.1: the subtree stays.
   _decision_node const* rainy = node_at(dt, {1});
   EXPECT_NEAR(rainy->get_error(), 2.110118f, 4e-6);
   EXPECT_NEAR(node_at(dt, {1, 0})->get_error(), 1.110118f, 2e-6);
@@ -146,9 +130,7 @@ TEST(TreeGolf, PrunedTreeAndErrors) {
 
   EXPECT_NEAR(node_at(dt, {2})->get_error(), 2.110118f, 4e-6);  // sunny
 
-  // Root: leaf estimate 5 + add_errs(14, 5): p = (5.5 + 0.239778 + sqrt(c·
-  // (5.5·(1 − 5.5/14) + c/4)))/14.479556 = 0.4853567, 14p − 5 = 1.794993, E =
-  // 6.794993 against S = 1.171573 + 2·2.110118 = 5.391809.
+  // Root as a leaf: 5 + 14·0.4853567 − 5 = 6.794993 against S = 1.171573 + 2·2.110118.
   EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 5.391809f, 1e-5);
 }
 
@@ -157,10 +139,8 @@ TEST(TreeGolf, PrepruneStopsOnceTheBoundIsReached) {
   decision_tree dt("golf");
   dt.build_unpruned(t.get(), nullptr, false);
   EXPECT_EQ(dt.size(), 8u);
-  // preprune(1.0) at the root: bound = min(1, 5 − 0.001) = 1. overcast adds
-  // 0; rainy keeps its split (0 < 2 − 0.001) and returns 1.999; the sum has
-  // reached the bound, so sunny is never visited and keeps the error 2 that
-  // the split decision gave it. The root keeps the sum 1.999 as its error.
+  // Root bound min(1, 5 − 0.001) = 1: overcast adds 0, rainy keeps its split and returns 1.999,
+  // which reaches the bound, so sunny keeps the error 2 of the split decision unvisited.
   EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 1.999f, 1e-6);
   EXPECT_FLOAT_EQ(node_at(dt, {1})->get_error(), 0.0f);
   EXPECT_FLOAT_EQ(node_at(dt, {2})->get_error(), 2.0f);
@@ -172,10 +152,8 @@ TEST(TreeGolf, PrepruneStopsOnceTheBoundIsReached) {
 TEST(TreeGolf, UnknownValuesAreSharedOut) {
   auto t = load(kGolfUnknown);
   scored_node root(t.get(), {});
-  // outlook known on 13 cases (8y 5n): Hc = I(5,8) = 13·log2 13 − 5·2.321928
-  // − 24 = 12.496072, Hs = 2·I(2,3) = 9.709506; gain = (12.496072 −
-  // 9.709506)/13 · 13/14 = 0.199040. The unknown case is a fourth part of the
-  // split: I(1,3,5,5)/14 = (53.302969 − 3·1.584963 − 23.219281)/14 = 1.809200.
+  // outlook known on 13 cases (8y 5n): gain (I(5,8) − 2·I(2,3))/13 · 13/14 = (12.496072 −
+  // 9.709506)/14 = 0.199040; the unknown case is a fourth part: split I(1,3,5,5)/14 = 1.809200.
   EXPECT_NEAR(root.gain(OUTLOOK), 0.199040f, 2e-6);
   EXPECT_NEAR(root.split(OUTLOOK), 1.809200f, 2e-6);
   EXPECT_EQ(root.node->get_split_attribute_index(), static_cast<unsigned long>(OUTLOOK));
@@ -190,25 +168,18 @@ TEST(TreeGolf, UnknownValuesAreSharedOut) {
   EXPECT_NEAR(node_at(dt, {1})->get_cases_weight(), 5 + 5.0f / 13, 1e-6);
   EXPECT_NEAR(node_at(dt, {2})->get_cases_weight(), 5 + 5.0f / 13, 1e-6);
 
-  // sunny: humidity known on 70y 70y 90n 90y(5/13) 95n, U = 1 (row 1), K =
-  // 4.384615, m = 2, upper K − m = 2.384615: the only cut is 70|90 (L = 2,
-  // then L = 3 ends the scan), so no penalty. Its threshold: midpoint of 70
-  // and 90 is 80, a humidity of rainy rows only, and it is the threshold.
+  // sunny: humidity known on 70y 70y 90n 90y(5/13) 95n, K − m = 2.384615: 70|90 is the only
+  // cut, no penalty; the midpoint 80 is a humidity of rainy rows only, and is the threshold.
   EXPECT_EQ(node_at(dt, {2})->get_threshold(), "80");
-  // Branch "<= 80" counts row 1 in its own share: (2 + 1)/(5 + 5/13) =
-  // 0.557143, weight 2.557143; "> 80" takes (2 + 5/13)/(4 + 5/13) = 0.543860
-  // of it: 2 + 5/13 + 0.543860 = 2.928475.
+  // "<= 80" counts row 1 in its share (2 + 1)/(5 + 5/13); "> 80" takes (2 + 5/13)/(4 + 5/13).
   EXPECT_NEAR(node_at(dt, {2, 0})->get_known_fract_over_father(), 0.557143f, 1e-6);
   EXPECT_NEAR(node_at(dt, {2, 0})->get_cases_weight(), 2.557143f, 1e-6);
   EXPECT_NEAR(node_at(dt, {2, 1})->get_known_fract_over_father(), 0.543860f, 1e-6);
   EXPECT_NEAR(node_at(dt, {2, 1})->get_cases_weight(), 2.928475f, 1e-6);
-  // rainy, windy = TRUE: 2n + 5/13 y. add_errs(2.384615, 0.384615): v =
-  // n·(1 − 0.25^(1/n)) = 1.051273, add_errs(n, 1) = 0.922639, so 1.051273 +
-  // 0.384615·(0.922639 − 1.051273) = 1.001799 and E = 1.386414.
+  // rainy, windy = TRUE (2n + 5/13 y): 0.384615 + 1.051273 + 0.384615·(0.922639 − 1.051273).
   EXPECT_NEAR(node_at(dt, {1, 1})->get_error(), 1.386414f, 1e-5);
 
-  // Row 12 reaches three leaves: yes = 3/13·1 + 5/13·(5/13)/(2 + 5/13) + 5/13·
-  // (5/13)/2.928475 = 0.343 against no = 0.657: it is misclassified.
+  // Row 12 reaches three leaves: yes 0.343 against no 0.657, misclassified.
   EXPECT_NEAR(dt.get_prediction()->mis_perc(), 1.0f / 14, 1e-7);
 }
 

@@ -51,8 +51,7 @@ TEST(TreeModel, RefusedSettingsAndMissingTables) {
 }
 
 TEST(TreePrune, ConfidenceCoefficient) {
-  // 0.25 lies between the levels 0.20 and 0.40: 0.84 + (0.25 − 0.84)·0.05/0.20
-  // = 0.6925, squared 0.479556.
+  // 0.25 lies between the levels 0.20 and 0.40: 0.6925, squared.
   EXPECT_NEAR(kCoeff, 0.479556f, 1e-6);
   EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.0f), 16.0f);
   EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.1f), 1.28f * 1.28f);
@@ -64,12 +63,9 @@ TEST(TreePrune, ConfidenceCoefficient) {
 }
 
 TEST(TreePrune, AddedErrors) {
-  // No error, n·(1 − cf^(1/n)), is met in the golf tree's pure leaves and the general case in
-  // RaisingCanBeatCollapsing below.
-  // Fewer than one error: between v = n·(1 − cf^(1/n)) and the estimate at
-  // one error. n = 10: v = 10·(1 − 0.870551) = 1.294494; at e = 1, p = (1.5 +
-  // c/2 + sqrt(c·(1.5·0.85 + c/4)))/(10 + c) = 2.557656/10.479556 = 0.244062,
-  // 10p − 1 = 1.440617; e = 0.5 gives 1.294494 + 0.5·0.146123 = 1.367556.
+  // (No error and the general case are met in the golf tree and RaisingCanBeatCollapsing.)
+  // Under one error, between v = n·(1 − cf^(1/n)) and the estimate at one: n = 10: v =
+  // 1.294494, at e = 1 10p − 1 = 1.440617, so e = 0.5 gives 1.294494 + 0.5·0.146123.
   EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 10, 1), 1.440617f, 2e-6);
   EXPECT_NEAR(_decision_tree::add_errs(kCf, kCoeff, 10, 0.5f), 1.367556f, 2e-6);
   // e + 0.5 ≥ n, equality included: 0.67·(n − e), 0.67·0.4 and 0.67·0.5.
@@ -84,10 +80,8 @@ TEST(TreePrune, CollapsesWithinTenthOfAnError) {
   dt.set_min_obj(0.5f);  // lets the two pure leaves of weight 1 grow
   dt.build_unpruned(t.get(), nullptr, false);
   ASSERT_EQ(dt.size(), 3u);
-  // Leaves: 0 + 1·(1 − 0.25) each, S = 1.5. The leaf at the root estimates
-  // E(c) = 1 + add_errs(2, 1) = 1 + 2p − 1 with p rising from 0.75 with the
-  // coefficient c: E(0) = 1.5. Find the two neighbouring coefficients whose
-  // estimates lie on either side of S + 0.1.
+  // Leaves 1 − 0.25 each, S = 1.5; the root leaf estimates E(c) = 1 + add_errs(2, 1), rising
+  // with c from 1.5. Find the neighbouring coefficients on either side of S + 0.1.
   float const s = 1.5f;
   auto estimate = [](float c) { return 1.0f + _decision_tree::add_errs(kCf, c, 2, 1); };
   double bound = static_cast<double>(s) + 0.1;
@@ -98,8 +92,7 @@ TEST(TreePrune, CollapsesWithinTenthOfAnError) {
     float mid = lo + (hi - lo) / 2;
     (estimate(mid) <= bound ? lo : hi) = mid;
   }
-  // S + 0.1 is taken in double: the float nearest 1.6 lies above it and keeps
-  // the subtree, the float below it collapses the subtree.
+  // S + 0.1 is taken in double: the float nearest 1.6 lies above it and keeps the subtree.
   EXPECT_EQ(estimate(lo), std::nextafter(1.6f, 0.0f));
   EXPECT_EQ(estimate(hi), 1.6f);
 
@@ -134,22 +127,16 @@ std::unique_ptr<table> cells_table(table_files& files, std::vector<cell> const& 
 }
 
 TEST(TreePrune, RaisingCanBeatCollapsing) {
-  // x1: y1 6p 4q, y2 3p 8q; x2: y2 5q. W = 26, p 9, q 17.
-  // Root: x has gain (I(9,17) − I(9,12))/26 = (24.195239 − 20.689791)/26 =
-  // 0.134825 and split I(21,5)/26 = 0.706274 (ratio 0.190898); y has gain
-  // (24.195239 − I(6,4) − I(3,13))/26 = (24.195239 − 9.709506 −
-  // 11.139396)/26 = 0.128705 and split I(10,16)/26 = 0.961237 (ratio
-  // 0.133896). Both reach the average 0.131765: x is grown, then y in x1.
-  // Estimates (c = 0.479556), add_errs(n, e) = n·p − e:
+  // x1: y1 6p 4q, y2 3p 8q; x2: y2 5q. Root: x gain 0.134825, ratio 0.190898; y gain 0.128705,
+  // ratio 0.133896; both reach the average 0.131765: x is grown, then y in x1. Estimates:
   //  y1 leaf 4 + add_errs(10, 4) = 4 + 1.587358 = 5.587358
   //  y2 leaf 3 + add_errs(11, 3) = 3 + 1.634059 = 4.634059
   //  x1 as a leaf 9 + add_errs(21, 9) = 11.084259 > 10.221416 + 0.1: kept
   //  x2 leaf 5·(1 − 0.25^(1/5)) = 1.210709, so S = 11.432125
   //  root as a leaf E = 9 + add_errs(26, 9) = 9 + 2.249455 = 11.249455
-  // E ≤ S + 0.1, so error-based pruning collapses the root. Raising x1's
-  // subtree over all 26 cases puts x2's 5q into y2 (3p 13q): 3 +
-  // add_errs(16, 3) = 4.766854, R = 5.587358 + 4.766854 = 10.354211. E > R +
-  // 0.1 and R ≤ S + 0.1: the full strategy raises y to the root instead.
+  // E ≤ S + 0.1: error-based pruning collapses the root. Raising x1's subtree puts x2's 5q into
+  // y2 (3p 13q): 3 + add_errs(16, 3) = 4.766854, R = 10.354211 < E − 0.1: the full strategy
+  // raises y to the root instead.
   table_files files;
   w_sequence cases;
   auto t = cells_table(files,
@@ -187,14 +174,10 @@ TEST(TreePrune, RaisingCanBeatCollapsing) {
 }
 
 TEST(TreePrune, OfTwoEqualBranchesTheLaterIsRaised) {
-  // x1: y1 2p, y2 2p 3q; x2: y2 7q. y has the better ratio (0.305958/0.591673
-  // against x's 0.370507/1) but its gain is below the average 0.338232, so x
-  // is grown, then y in x1. Both branches weigh 7: the later, the leaf x2,
-  // counts as the largest, and raising a leaf only repeats the root's leaf
-  // estimate E = 4 + add_errs(14, 4) = 5.775575. The subtree estimates S =
-  // (2·0.5 + 2 + add_errs(5, 2)) + 7·(1 − 0.25^(1/7)) = 4.239583 + 1.257653 =
-  // 5.497236 < E − 0.1: kept as grown. (Raising x1 instead would give R = 1 +
-  // 2 + add_errs(12, 2) = 4.599244 and replace the root.)
+  // x1: y1 2p, y2 2p 3q; x2: y2 7q. y has the better ratio but a gain below the average: x is
+  // grown, then y in x1. Both branches weigh 7: the later, the leaf x2, counts as the largest,
+  // and raising a leaf repeats the root's leaf estimate E = 5.775575. S = 4.239583 + 1.257653 =
+  // 5.497236 < E − 0.1: kept. (Raising x1 would give R = 4.599244 and replace the root.)
   table_files files;
   w_sequence cases;
   auto t = cells_table(
@@ -222,10 +205,8 @@ TEST(TreeGrow, NodeOfTwiceTheMinimumIsSplit) {
 
 TEST(TreePrune, PrepruneDropsSplitsThatDoNotLowerTheError) {
   table_files files;
-  // u: 2p 1q, v: 2p. x has gain (I(4,1) − I(2,1))/5 = (11.609640 − 8 −
-  // 2.754888)/5 = 0.170950 and is grown, but its leaves err 1 + 0 like the
-  // root leaf (p 4, q 1). At the root the bound is min(1, 1 − 0.001) =
-  // 0.999; u alone reaches it with 1, not below 0.999: collapsed.
+  // u: 2p 1q, v: 2p. x has gain 0.170950 and is grown, but its leaves err 1 + 0 like the root
+  // leaf; the bound min(1, 1 − 0.001) is reached by u alone: collapsed.
   auto same = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nu,p\nu,q\nv,p\nv,p\n");
   std::unique_ptr<w_sequence> all(same->get_wsubset_all());
   _decision_node node(all.get());
@@ -271,8 +252,7 @@ TEST(TreePredict, UnknownValueFollowsEveryBranchAndTiesGoToTheLowerClass) {
     decision_tree dt("t");
     dt.build_unpruned(t.get(), nullptr, false);
     ASSERT_EQ(dt.size(), 3u);
-    // 30/40 of the case goes to a, 10/40 to b: p = 0.75·24/30 + 0.25·2/10 =
-    // 0.65, q = 0.75·6/30 + 0.25·8/10 = 0.35.
+    // 30/40 of the case goes to a, 10/40 to b: p = 0.75·24/30 + 0.25·2/10 = 0.65.
     expect_prediction(dt.predict({"?"}, 1.0f), 1u, 0.65f);
     expect_prediction(dt.prediction({"?"}, 2.0f), "p", 1.3f);
     expect_prediction(dt.predict({b}, 1.0f), 2u, 0.8f);
@@ -287,8 +267,7 @@ TEST(TreePredict, UnknownValueFollowsEveryBranchAndTiesGoToTheLowerClass) {
 
 TEST(TreePredict, EmptyLeafTakesItsFathersClass) {
   table_files files;
-  // Training on all rows but the last: c never occurs, and the father's most
-  // frequent class is q (5 against 3).
+  // Trained without the last row, c never occurs; the father's most frequent class is q.
   auto t = files.loaded("x,string,discrete\nc,string,class\n",
                         "a,p\na,p\na,p\nb,q\nb,q\nb,q\nb,q\nb,q\nc,p\n");
   std::unique_ptr<w_sequence> first(t->get_wsubset_first_n(8));

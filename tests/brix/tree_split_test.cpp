@@ -75,13 +75,9 @@ w_sequence filter_cases(float unit) {
 }
 
 TEST(TreeSplit, RatioCountsOnlyAtOrAboveTheAverageGain) {
-  // Rows weigh 10 (the a2 row 80) so that every b value reaches min_obj;
-  // per unit of weight it is N = 40: p 16, q 24, Hc = I(16,24) = 40·log2 40
-  // − 64 − 24·log2 24 = 212.877124 − 64 − 110.039100 = 38.838024.
-  // a: a1 16p 16q, a2 8q: gain (38.838024 − 32)/40 = 0.170951, split
-  //   I(32,8)/40 = (212.877124 − 160 − 24)/40 = 0.721928, ratio 0.236798.
-  // b: every value pure, gain 38.838024/40 = 0.970951, split I(1 × 31, 9)/40
-  //   = (212.877124 − 9·log2 9)/40 = 4.608695, ratio 0.210678.
+  // Rows weigh 10 (a2 80) so every b value reaches min_obj. Per unit: p 16, q 24, Hc = 38.838024.
+  // a (a1 16p 16q, a2 8q): gain (38.838024 − 32)/40 = 0.170951, split I(32,8)/40 = 0.721928.
+  // b (pure values): gain 38.838024/40 = 0.970951, split I(1 × 31, 9)/40 = 4.608695.
   table_files files;
   auto two = files.loaded(filter_names(0), filter_data(0));
   w_sequence cases = filter_cases(10.0f);
@@ -94,12 +90,10 @@ TEST(TreeSplit, RatioCountsOnlyAtOrAboveTheAverageGain) {
   EXPECT_NEAR(d[0].split_info, 0.721928f, 2e-6);
   EXPECT_NEAR(d[1].gain, 0.970951f, 2e-6);
   EXPECT_NEAR(d[1].split_info, 4.608695f, 4e-6);
-  // The average (0.170951 + 0.970951)/2 = 0.570951 shuts a out despite its
-  // better ratio.
+  // The average gain 0.570951 shuts a out despite its better ratio.
   EXPECT_EQ(node.get_split_attribute_index(), 1u);
 
-  // Five attributes of zero gain bring the average down to 1.141902/7 =
-  // 0.163129, and a wins on ratio.
+  // Five attributes of zero gain bring the average down to 0.163129: a wins on ratio.
   auto seven = files.loaded(filter_names(5), filter_data(5));
   EXPECT_EQ(chosen_attribute(seven.get(), cases), 0);
 }
@@ -209,18 +203,14 @@ w_sequence cases_at(std::vector<std::vector<int>> const& by_value, float weight,
 TEST(TreeSplit, PenaltyForCutsTried) {
   table_files files;
   auto t = grid(files, 40, 2);
-  // Two occupied values: the one cut tried costs log2(1) = 0. Hc = I(3,3) =
-  // 6·log2 6 − 6·log2 3 = 6, Hs = 0: gain 1, split I(0,3,3)/6 = 1.
+  // One cut tried costs log2(1) = 0. Hc = I(3,3) = 6, Hs = 0: gain 1, split I(0,3,3)/6 = 1.
   w_sequence two = cases_at({{0, 0, 0}, {1, 1, 1}}, 1.0f);
   cut c = score(t.get(), two, 1, 41, 2);
   EXPECT_FLOAT_EQ(c.gain, 1.0f);
   EXPECT_FLOAT_EQ(c.split_info, 1.0f);
 
-  // x = 1: 3 k0, x = 2: 3 k1, x = 3: 3 k1; W = 9, m = 2, K − m = 7. Cut 1|2
-  // (L = 3): Hs = 0, gain I(3,6)/9 = (9·log2 9 − 3·log2 3 − 6·log2 6)/9 =
-  // 8.264663/9 = 0.918296. Cut 2|3 (L = 6): the run since the last cut is all
-  // k1 like the next block, but that block ends at L = 9 > 7, so this cut is
-  // evaluated too: two tried, penalty log2(2)/9 = 0.111111 → 0.807185.
+  // x = 1: 3 k0, x = 2, 3: 3 k1 each; K − m = 7. Cut 1|2: gain I(3,6)/9 = 0.918296. Cut 2|3
+  // (L = 6) lies in a run of k1, but the next block ends at 9 > 7, so it is tried too: 0.807185.
   w_sequence three = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
   for (unsigned long hi : {4ul, 41ul}) {  // 9 cases over 3 orders: tally; over 40: sorting
     c = score(t.get(), three, 1, hi, 2);
@@ -228,8 +218,7 @@ TEST(TreeSplit, PenaltyForCutsTried) {
     EXPECT_EQ(c.low, 1u);
     EXPECT_EQ(c.high, 2u);
   }
-  // Weight 2 per case: the gains per unit of weight are the same, and the
-  // penalty is divided by the weight 18, or by the 9 cases under the flag.
+  // Weight 2 per case: the penalty is divided by the weight 18, or by the 9 cases under the flag.
   w_sequence heavy = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 2.0f);
   EXPECT_NEAR(score(t.get(), heavy, 1, 41, 2).gain, 0.918296f - 1.0f / 18, 1e-6);
   EXPECT_NEAR(score(t.get(), heavy, 1, 41, 2, true).gain, 0.918296f - 1.0f / 9, 1e-6);
@@ -238,10 +227,8 @@ TEST(TreeSplit, PenaltyForCutsTried) {
 TEST(TreeSplit, EqualGainsKeepTheLowerCut) {
   table_files files;
   auto t = grid(files, 40, 2);
-  // x = 1: 2 k0, x = 2: 2 k1, x = 3: 2 k0. Both cuts give Hs = I(2,2) = 4:
-  // gain (I(4,2) − 4)/6 = (15.509775 − 10 − 4)/6 = 0.251629, less the
-  // penalty log2(2)/W: 0.084963 for W = 6, 0.196073 for three copies (W =
-  // 18). The cut 1|2 wins.
+  // x = 1, 2, 3: 2 k0, 2 k1, 2 k0. Both cuts give gain (I(4,2) − I(2,2))/6 = 0.251629 less
+  // log2(2)/W: 0.084963 for W = 6, 0.196073 for three copies. The cut 1|2 wins.
   for (int copies : {1, 3}) {  // 6 cases over 3 orders: sorting; 18: tally
     w_sequence s = cases_at({{0, 0}, {1, 1}, {0, 0}}, 1.0f, copies);
     cut c = score(t.get(), s, 1, 4, 2);
@@ -254,13 +241,9 @@ TEST(TreeSplit, EqualGainsKeepTheLowerCut) {
 TEST(TreeSplit, LastCutBeforeTheLimitIsEvaluated) {
   table_files files;
   auto t = grid(files, 40, 2);
-  // x = 1..9 of class k0 weighing 10 each, x = 10 of k1 weighing 4: K = 94,
-  // m = 0.1·94/2 = 4.7, K − m = 89.3. The cuts 1|2 .. 8|9 are tried (L = 10
-  // .. 80) and 9|10 is not (L = 90). All lie in one run of k0, but after 8|9
-  // the next block ends at 90 > 89.3: that cut must be evaluated. Hc =
-  // I(90,4) = 94·log2 94 − 90·log2 90 − 8 = 23.864596, Hs = I(10,4) = 14·
-  // log2 14 − 10·log2 10 − 8 = 12.083688; gain (23.864596 − 12.083688)/94 −
-  // log2(8)/94 = 0.125329 − 0.031915 = 0.093414.
+  // x = 1..9 of k0 weighing 10, x = 10 of k1 weighing 4: K − m = 89.3, cuts 1|2 .. 8|9 tried.
+  // All lie in one run of k0, but after 8|9 the next block ends at 90 > 89.3, so 8|9 is
+  // evaluated: gain (I(90,4) − I(10,4))/94 − log2(8)/94 = 0.125329 − 0.031915 = 0.093414.
   for (int parts : {1, 3}) {  // 10 cases over 40 orders: sorting; 30 over 10: tally
     w_sequence s;
     for (unsigned long x = 1; x <= 10; ++x) {
@@ -296,10 +279,8 @@ TEST(TreeSplit, SortingSearchSortsTheNodeUnlessAskedForACopy) {
 }
 
 TEST(TreeSplit, SortingAndTallySearchesAgree) {
-  // Random nodes of integer weights. The same node is scored over a narrow
-  // stretch of orders (at least three cases per order: the tally search),
-  // over a stretch as wide as the node (sorting by counting) and over one 17
-  // times wider (comparison sort); the three must agree bit for bit.
+  // Random nodes scored over a narrow stretch of orders (the tally search), one as wide as the
+  // node (counting sort) and one 17 times wider (comparison sort) agree bit for bit.
   constexpr unsigned long kValues = 4000, kClasses = 3;
   table_files files;
   auto t = grid(files, kValues, kClasses);
@@ -365,9 +346,7 @@ TEST(TreeSplit, SortingAndTallySearchesAgree) {
   EXPECT_GT(none, 20);
 }
 
-// Growing keeps nodes below the root in row order when no sum can depend on the order of cases;
-// the tree, and the root's final order kept with the model, must be exactly those of sorting
-// every node in place.
+// Nodes below the root kept in row order must give the tree and root order of sorting in place.
 struct grown {
   std::string text;
   std::vector<w_case> root_order;
@@ -388,8 +367,7 @@ grown grow(table* t, bool any_order, int workers) {
 }
 
 TEST(TreeOrder, RowOrderBelowTheRootGrowsTheSameTree) {
-  // Dense and sparse continuous attributes (both sorts and the tally search
-  // run), a discrete one, and classes that depend on all of them with noise.
+  // Dense and sparse continuous attributes, a discrete one, noisy classes depending on all.
   std::mt19937 gen(11);
   std::ostringstream data;
   for (int r = 0; r < 4000; ++r) {

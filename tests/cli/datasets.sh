@@ -1,10 +1,7 @@
-# The datasets of ../shared/data beside the repository, for the command-line tests that run
-# every one. Sourced after lib.sh. datasets prints one line per dataset:
-#   stem names-file data-file test-file-or-empty
-# The 1,000,000-row one is left out unless BRIX_FULL_DATA is set (make bench sets it). Without
-# the folder it prints nothing and says so on standard error.
+# Sourced after lib.sh: datasets prints "stem names-file data-file test-file-or-empty" for each
+# dataset of ../shared/data, the 1,000,000-row one only when BRIX_FULL_DATA is set (make bench
+# sets it). Without the folder it prints nothing, and finish reports the test as skipped.
 DATA_DIR=$ROOT/../shared/data
-# Without the datasets the checks that need them do not run: finish reports the test as skipped.
 [ -d "$DATA_DIR" ] || NEEDS_MISSING="$DATA_DIR not found"
 
 datasets() {

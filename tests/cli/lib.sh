@@ -31,9 +31,7 @@ run_program() {
   STATUS=$?
 }
 
-expect_status() {
-  [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"
-}
+expect_status() { [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"; }
 
 # ok ARGS...: runs brixcmd, which ends with status 0 also after the errors it reports.
 ok() { run "$@"; expect_status 0; }
@@ -46,26 +44,20 @@ says() {
   expect_output "$text"
 }
 
-# expect_output TEXT: standard output is exactly TEXT and one end of line.
-expect_output() {
-  printf '%s\n' "$1" | diff -u - "$WORK/stdout" >"$WORK/diff" || fail "output differs:
-$(cat "$WORK/diff")"
-}
-
 # expect_output_file FILE: standard output is exactly the content of FILE.
 expect_output_file() {
   diff -u "$1" "$WORK/stdout" >"$WORK/diff" || fail "output differs from $1:
 $(cat "$WORK/diff")"
 }
 
+# expect_output TEXT: standard output is exactly TEXT and one end of line.
+expect_output() { printf '%s\n' "$1" >"$WORK/expected" && expect_output_file "$WORK/expected"; }
+
 expect_line_count() {
-  local n
-  n=$(wc -l <"$WORK/stdout")
+  local n=$(wc -l <"$WORK/stdout")
   [ "$n" -eq "$1" ] || fail "$n lines of output, expected $1"
 }
 
-# CTest reports a test that ends with this status as skipped.
-SKIP_STATUS=77
 NEEDS_MISSING=
 
 finish() {
@@ -75,7 +67,7 @@ finish() {
   fi
   if [ -n "$NEEDS_MISSING" ]; then
     echo "skipped in part: $NEEDS_MISSING"
-    exit $SKIP_STATUS
+    exit 77  # CTest reports the test as skipped
   fi
   echo "all checks passed"
 }

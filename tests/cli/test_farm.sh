@@ -22,9 +22,7 @@ same_reports() {  # same_reports LABEL ARGS...
 
 while read -r name names data test; do
   [ "$name" = syn_agrawal_f2_1m ] && continue  # left to the benchmark
-  test_file=()
-  [ -n "$test" ] && test_file=(-ft "$test")
-  same_reports "$name" -fm "$names" -fd "$data" "${test_file[@]}"
+  same_reports "$name" -fm "$names" -fd "$data" ${test:+-ft "$test"}
 done < <(datasets)
 
 awk -v seed=42 -v n=100000 -f "$ROOT/tests/data/gen_mixed.awk" >"$WORK/mixed.data"

@@ -59,31 +59,28 @@ grep -q '^MISCLASSIFICATION on test file: 0% of 14 cases' "$WORK/stdout" ||
   fail "a binary tree from a FIFO did not load"
 wait
 
-# A directory as every input, whatever its name.
+# A directory as every input, whatever its name, and /dev/full as every output. A directory as
+# the tree file reads as a missing one.
 mkdir dir dir.gz
-for o in "-fm dir" "-fd dir" "-fd dir.gz"; do
-  limited 20 -f golf $o -tstd
-  expect_output "File: ${o#* } not found or inaccessible"
-done
 limited 20 -f golf -ft dir -tstd
 expect_grep '^File: dir not found or inaccessible$'
-limited 20 -f golf -fs dir -s out.scores
-expect_output "File: dir not found or inaccessible"
-limited 20 -bd dir
-expect_output "File dir: not binary format"
-limited 20 -bt dir
-expect_output "Error description not available"  # as for a missing tree file
-
-# /dev/full as every output.
-for o in -t -x -d -l; do
-  limited 20 -f golf $o /dev/full
-  expect_output "File /dev/full: error writing output"
-done
-limited 20 -f golf -fs golf.data -s /dev/full
-expect_output "File /dev/full: error writing output"
-for o in -db -tb; do
-  limited 20 -f golf $o /dev/full
-  expect_output "File /dev/full: error with binary output"
-done
+while IFS='|' read -r args message; do
+  limited 20 $args </dev/null
+  expect_output "$message"
+done <<'EOF'
+-f golf -fm dir -tstd|File: dir not found or inaccessible
+-f golf -fd dir -tstd|File: dir not found or inaccessible
+-f golf -fd dir.gz -tstd|File: dir.gz not found or inaccessible
+-f golf -fs dir -s out.scores|File: dir not found or inaccessible
+-bd dir|File dir: not binary format
+-bt dir|Error description not available
+-f golf -t /dev/full|File /dev/full: error writing output
+-f golf -x /dev/full|File /dev/full: error writing output
+-f golf -d /dev/full|File /dev/full: error writing output
+-f golf -l /dev/full|File /dev/full: error writing output
+-f golf -fs golf.data -s /dev/full|File /dev/full: error writing output
+-f golf -db /dev/full|File /dev/full: error with binary output
+-f golf -tb /dev/full|File /dev/full: error with binary output
+EOF
 
 finish

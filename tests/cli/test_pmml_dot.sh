@@ -18,9 +18,8 @@ expect_xpath() {
 }
 
 check_outputs() {  # name names data test
-  local x=$1.xml d=$1.dot test_args=()
-  [ -n "$4" ] && test_args=(-ft "$4")
-  ok -fm "$2" -fd "$3" "${test_args[@]}" -tstd -x "$x" -d "$d"
+  local x=$1.xml d=$1.dot
+  ok -fm "$2" -fd "$3" ${4:+-ft "$4"} -tstd -x "$x" -d "$d"
   local size fields class classes
   size=$(sed -n 's/^TREE SIZE: //p' "$WORK/stdout")
   fields=$(grep -c . "$2")

@@ -35,14 +35,9 @@ while read -r base names data test; do
   class_field=$(awk -F, '$3 == "class" { print NR; exit }' "$names")
   rows=$(gzip -cdf "$data" | wc -l)  # every line of the data is a training row
   for strategy in "" -c4.5 -np; do
-    if [ -n "$test" ]; then
-      ok -fm "$names" -fd "$data" -ft "$test" -fs "$test" -s scores.csv -tstd $strategy
-      expect_grep '^MISCLASSIFICATION on test file: [-0-9.e+]+% of [0-9]+ cases\. $'
-      check_scores "$test" scores.csv "$class_field" "MISCLASSIFICATION on test file: "
-    else
-      ok -fm "$names" -fd "$data" -fs "$data" -s scores.csv -tstd $strategy
-      check_scores "$data" scores.csv "$class_field" "MISCLASSIFICATION on training: "
-    fi
+    ok -fm "$names" -fd "$data" ${test:+-ft "$test"} -fs "${test:-$data}" -s scores.csv -tstd $strategy
+    check_scores "${test:-$data}" scores.csv "$class_field" \
+      "MISCLASSIFICATION on $([ -n "$test" ] && echo "test file" || echo training): "
     expect_grep '^TREE SIZE: [1-9][0-9]*$'
     expect_grep "^MISCLASSIFICATION on training: [-0-9.e+]+% of $rows cases\\. \$"
   done

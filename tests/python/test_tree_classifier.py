@@ -127,19 +127,16 @@ def test_integer_attributes_classify_fractions_on_the_right_side():
 
 def test_bad_input_raises_clear_errors():
     X = np.array([[1.0, 2.0], [3.0, 4.0], [5.0, 6.0]])
-    with pytest.raises(ValueError, match="NaN"):
-        brix.TreeClassifier().fit(X, [1.0, np.nan, 2.0])
-    with pytest.raises(ValueError, match="infinity"):
-        brix.TreeClassifier().fit(np.array([[1.0], [np.inf], [2.0]]), [0, 1, 0])
-    clf = brix.TreeClassifier().fit(X, [0, 1, 1])
-    with pytest.raises(ValueError, match="features"):
-        clf.predict(np.ones((2, 3)))
-    with pytest.raises(ValueError, match="0 sample"):
-        clf.predict(np.ones((0, 2)))
-    with pytest.raises(ValueError, match="pruning"):
-        brix.TreeClassifier(pruning="maybe").fit(X, [0, 1, 1])
-    with pytest.raises(ValueError, match="min_cases"):
-        brix.TreeClassifier(min_cases=1).fit(X, [0, 1, 1])
+    clf, inf = brix.TreeClassifier().fit(X, [0, 1, 1]), np.array([[1.0], [np.inf], [2.0]])
+    for match, call in [
+            ("NaN", lambda: brix.TreeClassifier().fit(X, [1.0, np.nan, 2.0])),
+            ("infinity", lambda: brix.TreeClassifier().fit(inf, [0, 1, 0])),
+            ("features", lambda: clf.predict(np.ones((2, 3)))),
+            ("0 sample", lambda: clf.predict(np.ones((0, 2)))),
+            ("pruning", lambda: brix.TreeClassifier(pruning="maybe").fit(X, [0, 1, 1])),
+            ("min_cases", lambda: brix.TreeClassifier(min_cases=1).fit(X, [0, 1, 1]))]:
+        with pytest.raises(ValueError, match=match):
+            call()
 
 
 def test_training_weight_past_two_to_the_24_warns():

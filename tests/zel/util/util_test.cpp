@@ -27,18 +27,19 @@ std::string parsed(const char* s) {
 }
 
 TEST(Str2Int, RangesSignsBlanksAndMessages) {
+  // A lone sign reads as 0; only spaces are skipped, and only before the digits.
   std::pair<const char*, std::string> const unsigned_cases[] = {
       {"  42", "42"},
       {"+17", "17"},
       {"18446744073709551615", "18446744073709551615"},
-      {"+", "0"},  // a lone sign reads as 0
+      {"+", "0"},
       {"-1", "str2int:: a negative number provided."},
       {"-", "str2int:: a negative number provided."},
       {"", ": not an int"},
       {"   ", "   : not an int"},
       {"42 ", "42 : _not an int"},
       {" 4x2", " 4x2: _not an int"},
-      {"\t4", "\t4: _not an int"},  // only spaces are skipped
+      {"\t4", "\t4: _not an int"},
       {"18446744073709551616", "str2int:: overflow"},
       {"184467440737095516150", "str2int:: overflow"}};
   for (auto const& [text, want] : unsigned_cases)

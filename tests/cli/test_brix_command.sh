@@ -44,6 +44,14 @@ while read -r name names data test; do
   done <"$names"
   same_report "$name-csv" "$name.csv" --test "${name}_test.csv" "${declared[@]}" -- \
     -f "$stem" -ft "$test"
+  # Probabilities: the winning class and its share are those of brixcmd's score file.
+  "$BRIX" train "$stem" --model "$name.tree" >/dev/null &&
+    "$BRIX" predict "$name.tree" "${name}_test.csv" "${declared[@]}" --proba >"$name.pred" ||
+    fail "$name: brix predict failed"
+  "$BRIXCMD" -f "$stem" -fs "$test" -s "$name.scores"
+  paste -d' ' <(tail -n +2 "$name.pred" | awk -F, '{ m = 2; for (i = 3; i <= NF; ++i) if ($i > $m) m = i
+      print $1, $m }') <(awk -F, '{ print $(NF-1), $NF }' "$name.scores") |
+    awk '$1 != $3 || $2 != $4 { bad = 1 } END { exit bad }' || fail "$name: probabilities differ from the scores"
 done < <(datasets)
 grep -q '^Attribute usage$' brix.txt || fail "no attribute usage after the report"
 

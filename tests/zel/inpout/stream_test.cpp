@@ -92,7 +92,9 @@ TEST(Stream, LongLinesDoubleTheBufferForGood) {
   for (std::string const& want : {std::string("short"), big, std::string("next"), big}) {
     ASSERT_TRUE(s.read_line());
     EXPECT_EQ(want, s.get_line());
-    if (want == "next") EXPECT_EQ(65536, s.get_buffer_size());
+    if (want == "next") {
+      EXPECT_EQ(65536, s.get_buffer_size());
+    }
   }
   EXPECT_FALSE(s.read_line());
   EXPECT_EQ(nullptr, s.get_line());

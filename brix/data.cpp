@@ -103,20 +103,7 @@ using text_buffer = std::basic_string<char, std::char_traits<char>, huge_allocat
 
 // The whole file, inflated when its name ends in .gz.
 text_buffer slurp(std::string const& path) {
-  if (zel::inpout::iofile::is_directory(path))
-    throw std::runtime_error("File " + path + ": is a directory");
-  std::unique_ptr<zel::inpout::ioconn> in;
-  if (ends_with(path, ".gz")) {
-    auto gz = std::make_unique<zel::inpout::iogz>();
-    if (!gz->open(path, zel::inpout::ioconn::READ, -1, 0))
-      throw std::runtime_error("File " + path + ": not found or inaccessible");
-    in = std::move(gz);
-  } else {
-    auto f = std::make_unique<zel::inpout::iofile>();
-    if (!f->open(path, zel::inpout::ioconn::READ, 0))
-      throw std::runtime_error("File " + path + ": not found or inaccessible");
-    in = std::move(f);
-  }
+  std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
   text_buffer text;
   std::size_t have = 0;
   // A plain file is read into one buffer of its size: no doubling, whose copies and fresh pages

@@ -27,7 +27,6 @@
 #include "brix/data.h"
 #include "brix/impls/o_set_typed.h"
 #include "brix/impls/table.h"
-#include "zel/inpout/iofile.h"
 #include "zel/inpout/iogz.h"
 #include "zel/util/datatype.h"
 
@@ -398,21 +397,8 @@ namespace {
 // The bytes of a file, inflated when its name ends in .gz, a buffer at a time.
 class byte_reader {
  public:
-  explicit byte_reader(std::string const& path) : path_(path), buf_(1 << 16) {
-    if (zel::inpout::iofile::is_directory(path))
-      throw std::runtime_error("File " + path + ": is a directory");
-    if (ends_with(path, ".gz")) {
-      auto gz = std::make_unique<zel::inpout::iogz>();
-      if (!gz->open(path, zel::inpout::ioconn::READ, -1, 0))
-        throw std::runtime_error("File " + path + ": not found or inaccessible");
-      in_ = std::move(gz);
-    } else {
-      auto f = std::make_unique<zel::inpout::iofile>();
-      if (!f->open(path, zel::inpout::ioconn::READ, 0))
-        throw std::runtime_error("File " + path + ": not found or inaccessible");
-      in_ = std::move(f);
-    }
-  }
+  explicit byte_reader(std::string const& path)
+      : path_(path), in_(zel::inpout::open_for_reading(path)), buf_(1 << 16) {}
   // The next byte, or -1 at the end.
   int get() {
     if (pos_ == len_ && !fill()) return -1;

@@ -111,5 +111,20 @@ long long iogz::tell() {
   return gztell(gz(file_));
 }
 
+std::unique_ptr<ioconn> open_for_reading(const std::string& name) {
+  if (iofile::is_directory(name)) throw std::runtime_error("File " + name + ": is a directory");
+  bool gz = name.size() > 2 && name.compare(name.size() - 3, 3, ".gz") == 0;
+  std::unique_ptr<ioconn> in;
+  if (gz) {
+    auto z = std::make_unique<iogz>();
+    if (z->open(name, ioconn::READ, -1, 0)) in = std::move(z);
+  } else {
+    auto f = std::make_unique<iofile>();
+    if (f->open(name, ioconn::READ, 0)) in = std::move(f);
+  }
+  if (!in) throw std::runtime_error("File " + name + ": not found or inaccessible");
+  return in;
+}
+
 }  // namespace inpout
 }  // namespace zel

@@ -2,6 +2,7 @@
 #ifndef ZEL_INPOUT_IOGZ_H
 #define ZEL_INPOUT_IOGZ_H
 
+#include <memory>
 #include <string>
 
 #include "zel/inpout/ioconn.h"
@@ -36,6 +37,10 @@ class iogz : public ioconn {
   int mode_;
   void* file_;  // gzFile, kept opaque so that users need no zlib header
 };
+
+// A file opened for reading, inflated when its name ends in .gz. Throws std::runtime_error
+// naming the file when it is a directory or cannot be opened.
+std::unique_ptr<ioconn> open_for_reading(const std::string& name);
 
 }  // namespace inpout
 }  // namespace zel

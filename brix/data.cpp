@@ -21,7 +21,6 @@
 #include <string_view>
 
 #include "brix/impls/table.h"
-#include "zel/inpout/iofile.h"
 #include "zel/inpout/iogz.h"
 
 namespace brix {

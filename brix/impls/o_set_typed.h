@@ -263,6 +263,20 @@ class raw_loader : public value_loader {
       add_unknown();
       return;
     }
+    // Columns of few values repeat the same short texts row after row: a text seen before
+    // gives its id back without parsing or hashing.
+    std::uint64_t key = 0;
+    if (!raw_mode_ && short_text_key(text, key)) {
+      recent& r = recent_[(key * 0x9E3779B97F4A7C15ULL) >> (64 - kRecentBits)];
+      if (r.key == key) {
+        ++rows_;
+        if (keep_) ids_.push_back(r.id);
+        return;
+      }
+      std::uint32_t id = add_value(T::parse(text));
+      if (!raw_mode_) r = recent{key, id};
+      return;
+    }
     add_value(T::parse(text));
   }
 
@@ -299,11 +313,12 @@ class raw_loader : public value_loader {
     ++rows_;
   }
 
-  void add_value(V v) {
+  // The row's id (from 1) while rows are registered by id.
+  std::uint32_t add_value(V v) {
     ++rows_;
     if (raw_mode_) {
       raw_.push_back(to_raw(v));
-      return;
+      return 0;
     }
     std::uint32_t id = set_->add(v) + 1;
     if (keep_) ids_.push_back(id);
@@ -311,6 +326,22 @@ class raw_loader : public value_loader {
         (sizeof(V) == 4 || !keep_ || set_->pending_.size() * 10 > rows_)) {
       to_raw_mode();
     }
+    return id;
+  }
+
+  // A text of 1 to 7 bytes as one number (its bytes and its length); false for longer ones.
+  static bool short_text_key(char const* text, std::uint64_t& key) {
+    std::uint64_t k = 0;
+    for (unsigned i = 0; i < 8; ++i) {
+      if (text[i] == '\0') {
+        if (i == 0) return false;
+        key = k | static_cast<std::uint64_t>(i) << 56;
+        return true;
+      }
+      if (i == 7) return false;
+      k |= static_cast<std::uint64_t>(static_cast<unsigned char>(text[i])) << (8 * i);
+    }
+    return false;
   }
 
  public:
@@ -427,6 +458,14 @@ class raw_loader : public value_loader {
     set_->set_sorted_values(std::move(values));
     if constexpr (sizeof(raw_t) != 4) std::vector<raw_t>().swap(raw_);
   }
+
+  // Ids stay fixed while the loader registers values, so a text's id can be remembered.
+  struct recent {
+    std::uint64_t key = 0;  // 0: empty (no text has length 0)
+    std::uint32_t id = 0;
+  };
+  static constexpr unsigned kRecentBits = 4;
+  recent recent_[1u << kRecentBits];
 
   o_set_typed<T>* set_;
   bool keep_;

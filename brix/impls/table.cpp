@@ -458,6 +458,7 @@ void table::update_weights(w_sequence* s) const {
 }
 
 float case_weight(char const* text) {
+  if (text[0] == '1' && text[1] == '\0') return 1.0f;  // every row of an unweighted table
   return static_cast<float>(std::atof(text));
 }
 

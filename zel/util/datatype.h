@@ -28,6 +28,43 @@ inline std::uint64_t mix(std::uint64_t x) {
   return x;
 }
 
+// Plain decimals ("-123.45": at most 15 digits, no exponent) as a correctly rounded F, the common
+// case of table files. The digits make an exact integer m < 2^53 and 10^k (k <= 15) is exact, so
+// m / 10^k is the correctly rounded double. For a float that double is rounded once more, which
+// can only go wrong when it lies exactly halfway between two floats: those are left to the
+// general parser, as is everything else (returns false).
+template <class F>
+bool parse_plain_decimal(char const* s, F& out) {
+  static constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                      1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+  bool negative = *s == '-';
+  s += negative;
+  std::uint64_t m = 0;
+  int digits = 0, decimals = -1;
+  for (;; ++s) {
+    unsigned d = static_cast<unsigned char>(*s) - '0';
+    if (d < 10) {
+      if (++digits > 15) return false;
+      m = m * 10 + d;
+      if (decimals >= 0) ++decimals;
+    } else if (*s == '.' && decimals < 0) {
+      decimals = 0;
+    } else {
+      break;
+    }
+  }
+  if (*s != '\0' || digits == 0) return false;
+  double v = static_cast<double>(m) / kPow10[decimals < 0 ? 0 : decimals];
+  if constexpr (sizeof(F) == sizeof(float)) {
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    // 29 = the significand bits a double has beyond a float's.
+    if ((bits & ((1ULL << 29) - 1)) == (1ULL << 28)) return false;
+  }
+  out = static_cast<F>(negative ? -v : v);
+  return true;
+}
+
 // Floating text as a correctly rounded value. Leading blanks and a '+' are
 // taken as the C library takes them; anything after the number, a NaN or an
 // overflow to infinity is refused so that no value is silently garbled.
@@ -36,6 +73,7 @@ bool parse_floating(char const* s, F& out) {
   while (*s == ' ' || *s == '\t')
     ++s;
   if (*s == '+' && s[1] != '-') ++s;
+  if (parse_plain_decimal(s, out)) return true;
   char const* end = s + std::strlen(s);
   F v;
   auto r = std::from_chars(s, end, v);

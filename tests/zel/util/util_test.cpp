@@ -1,6 +1,8 @@
 // Number parsing, XML escapes, the field tokenizer and the timer.
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <cstring>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -9,6 +11,7 @@
 
 #include "tests/zel/inpout/scratch_dir.h"
 #include "zel/util/cronos.h"
+#include "zel/util/datatype.h"
 #include "zel/util/string_util.h"
 #include "zel/util/tokenizer.h"
 
@@ -24,6 +27,38 @@ std::string parsed(const char* s) {
   T v = 7;
   std::string e = error_of([&] { string_util::str2int(s, v); });
   return e.empty() ? std::to_string(v) : (v == 7 ? e : "changed on error: " + e);
+}
+
+// The short route for plain decimals must give the bits of the general parser, near
+// halfway points between floats included.
+TEST(ParseFloating, PlainDecimalsAgreeWithTheGeneralParser) {
+  using zel::data_types::detail::parse_floating;
+  std::mt19937_64 gen(5);
+  std::vector<std::string> texts{"16777217",
+                                 "-0",
+                                 "0.",
+                                 ".5",
+                                 "1.",
+                                 "33554435",
+                                 "0.1",
+                                 "123456789012345",
+                                 "1234567890123456",
+                                 "9007199254740993"};
+  for (int i = 0; i < 200000; ++i) {
+    std::string t = std::to_string(gen() % 1000000000000000ULL >> (gen() % 50));
+    t.insert(gen() % (t.size() + 1), ".");
+    if (gen() % 2) t.insert(0, "-");
+    texts.push_back(t);
+  }
+  for (auto const& t : texts) {
+    float f = 0, want_f = 0;
+    double d = 0, want_d = 0;
+    ASSERT_TRUE(parse_floating(t.c_str(), f) && parse_floating(t.c_str(), d)) << t;
+    std::from_chars(t.data(), t.data() + t.size(), want_f);
+    std::from_chars(t.data(), t.data() + t.size(), want_d);
+    ASSERT_EQ(0, std::memcmp(&f, &want_f, sizeof f)) << t;
+    ASSERT_EQ(0, std::memcmp(&d, &want_d, sizeof d)) << t;
+  }
 }
 
 TEST(Str2Int, RangesSignsBlanksAndMessages) {

@@ -83,6 +83,39 @@ class id_buffer {
   std::uint32_t limit_ = width_limit(1);
 };
 
+// The ids of the short texts a loader met last. Columns of few values repeat the same texts row
+// after row; a text seen before gives its id back without parsing or hashing. Ids stay fixed
+// while a loader registers values, so a remembered id stays right.
+class recent_texts {
+ public:
+  struct slot {
+    std::uint64_t key = 0;  // the text's bytes and length; 0: empty
+    std::uint32_t id = 0;   // 0: not known yet
+  };
+
+  // The slot of a text of 1 to 7 bytes, its id 0 when the text is not the one remembered there
+  // (the caller then stores the id it finds); null for other texts.
+  slot* find(char const* text) {
+    std::uint64_t key = 0;
+    for (unsigned i = 0;; ++i) {
+      if (text[i] == '\0') {
+        if (i == 0) return nullptr;
+        key |= static_cast<std::uint64_t>(i) << 56;
+        break;
+      }
+      if (i == 7) return nullptr;
+      key |= static_cast<std::uint64_t>(static_cast<unsigned char>(text[i])) << (8 * i);
+    }
+    slot& s = slots_[(key * 0x9E3779B97F4A7C15ULL) >> (64 - kBits)];
+    if (s.key != key) s = slot{key, 0};
+    return &s;
+  }
+
+ private:
+  static constexpr unsigned kBits = 4;
+  slot slots_[1u << kBits];
+};
+
 template <class T>
 class column_typed : public column {
  public:
@@ -174,6 +207,7 @@ class id_loader : public value_loader {
  private:
   o_set* set_;
   bool keep_;
+  recent_texts recent_;
   id_buffer ids_;
   std::vector<std::uint32_t> remap_;
   std::unique_ptr<column_filler> filler_;

@@ -46,8 +46,15 @@ void o_set::freeze_remap(std::vector<std::uint32_t>& remap) {
 id_loader::id_loader(o_set* set, bool keep_rows) : set_(set), keep_(keep_rows) {}
 
 void id_loader::add(char const* text) {
-  std::uint32_t id = set_->insert_id(text);
-  if (keep_) ids_.push_back(id);
+  recent_texts::slot* seen = recent_.find(text);
+  if (seen == nullptr || seen->id == 0) {
+    std::uint32_t id = set_->insert_id(text);
+    if (keep_) ids_.push_back(id);
+    // The null text's id is 0, the mark of a slot not known yet: it is looked up each time.
+    if (seen != nullptr) seen->id = id;
+    return;
+  }
+  if (keep_) ids_.push_back(seen->id);
 }
 
 void id_loader::index() {

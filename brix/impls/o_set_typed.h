@@ -263,21 +263,14 @@ class raw_loader : public value_loader {
       add_unknown();
       return;
     }
-    // Columns of few values repeat the same short texts row after row: a text seen before
-    // gives its id back without parsing or hashing.
-    std::uint64_t key = 0;
-    if (!raw_mode_ && short_text_key(text, key)) {
-      recent& r = recent_[(key * 0x9E3779B97F4A7C15ULL) >> (64 - kRecentBits)];
-      if (r.key == key) {
-        ++rows_;
-        if (keep_) ids_.push_back(r.id);
-        return;
-      }
-      std::uint32_t id = add_value(T::parse(text));
-      if (!raw_mode_) r = recent{key, id};
+    recent_texts::slot* seen = raw_mode_ ? nullptr : recent_.find(text);
+    if (seen != nullptr && seen->id != 0) {
+      ++rows_;
+      if (keep_) ids_.push_back(seen->id);
       return;
     }
-    add_value(T::parse(text));
+    std::uint32_t id = add_value(T::parse(text));
+    if (seen != nullptr && !raw_mode_) seen->id = id;
   }
 
   void add_number(double x, bool known) override {
@@ -327,21 +320,6 @@ class raw_loader : public value_loader {
       to_raw_mode();
     }
     return id;
-  }
-
-  // A text of 1 to 7 bytes as one number (its bytes and its length); false for longer ones.
-  static bool short_text_key(char const* text, std::uint64_t& key) {
-    std::uint64_t k = 0;
-    for (unsigned i = 0; i < 8; ++i) {
-      if (text[i] == '\0') {
-        if (i == 0) return false;
-        key = k | static_cast<std::uint64_t>(i) << 56;
-        return true;
-      }
-      if (i == 7) return false;
-      k |= static_cast<std::uint64_t>(static_cast<unsigned char>(text[i])) << (8 * i);
-    }
-    return false;
   }
 
  public:
@@ -459,14 +437,7 @@ class raw_loader : public value_loader {
     if constexpr (sizeof(raw_t) != 4) std::vector<raw_t>().swap(raw_);
   }
 
-  // Ids stay fixed while the loader registers values, so a text's id can be remembered.
-  struct recent {
-    std::uint64_t key = 0;  // 0: empty (no text has length 0)
-    std::uint32_t id = 0;
-  };
-  static constexpr unsigned kRecentBits = 4;
-  recent recent_[1u << kRecentBits];
-
+  recent_texts recent_;
   o_set_typed<T>* set_;
   bool keep_;
   bool raw_mode_ = false;

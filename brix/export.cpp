@@ -1,8 +1,5 @@
 // Facade of the model outputs and of the binary table and tree files. Binary
 // files are gzip files at level 1.
-#include <sys/stat.h>
-
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 
@@ -10,26 +7,13 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
 #include "zel/inpout/binstream.h"
 
 namespace brix {
 
 namespace {
-
-// Writes a binary file; on any failure a partial regular file is removed, so that nothing is
-// left that looks complete.
-template <class Write>
-void write_binary(std::string const& file, Write write) {
-  try {
-    zel::inpout::obinstream out(file, true, 1);
-    write(out);
-    if (!out.finish()) throw std::runtime_error("binary output failed");
-  } catch (...) {
-    struct stat st;
-    if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) std::remove(file.c_str());
-    throw;
-  }
-}
 
 // A file holds one record; bytes after it, or a gzip trailer that does not
 // check out, mean the file is not what it seems.
@@ -43,14 +27,14 @@ void check_end(zel::inpout::ibinstream& in, char const* what) {
 }  // namespace
 
 void table::toXML_data_dictionary(std::ostream& out) const {
-  impl_->toXML_data_dictionary(out);
+  writers::xml_data_dictionary(*impl_, out);
 }
 void table::toXML_mining_schema(std::ostream& out) const {
-  impl_->toXML_mining_schema(out);
+  writers::xml_mining_schema(*impl_, out);
 }
 
 void table::toBinary(std::string const& file) const {
-  write_binary(
+  writers::write_binary_file(
       file, [&](zel::inpout::obinstream& out) { out << static_cast<impls::table const*>(impl_); });
 }
 
@@ -65,7 +49,7 @@ table* table::fromBinary(std::string const& file) {
 }
 
 void conf_matrix::toXML(std::ostream& out) const {
-  if (impl_) impl_->toXML(out, "Test");
+  if (impl_) writers::xml_matrix(*impl_, "Test", out);
 }
 
 void dtree::toXML(std::ostream& out, conf_matrix const* test) const {
@@ -76,11 +60,9 @@ void dtree::toDOT(std::ostream& out) const {
   impl_->toDOT(out);
 }
 
+// Every dtree holds a tree: its constructors make one.
 void dtree::toBinary(std::string const& file) const {
-  write_binary(file, [&](zel::inpout::obinstream& out) {
-    out << static_cast<unsigned char>(impl_ ? 1 : 0);
-    if (impl_) out << *impl_;
-  });
+  output_format_named("binary").writer->write(tree_output{*this}, file);
 }
 
 dtree* dtree::fromBinary(std::string const& file) {

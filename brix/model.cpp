@@ -1,17 +1,15 @@
 // The trained-tree API over the facade and the tree implementation.
 #include "brix/model.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <numeric>
 #include <ostream>
 #include <stdexcept>
 
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "brix/tree_writer.h"
 
 namespace brix {
 
@@ -114,19 +112,17 @@ std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
 }
 
 void tree_model::save(std::string const& path) const {
-  // A device or a pipe is written as it is: there is nothing to rename onto it.
-  struct stat st;
-  bool special = ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
-  std::string part = special ? path : path + ".part";
-  try {
-    tree_->toBinary(part);
-  } catch (std::exception const&) {
-    throw std::runtime_error("File " + path + ": error with binary output");
-  }
-  if (!special && std::rename(part.c_str(), path.c_str()) != 0) {
-    std::remove(part.c_str());
-    throw std::runtime_error("File " + path + ": error with binary output");
-  }
+  char const* failed = "error with binary output";
+  write_replacing(
+      path,
+      [&](std::string const& target) {
+        try {
+          output_format_named("binary").writer->write(tree_output{*tree_}, target);
+        } catch (std::exception const&) {
+          throw std::runtime_error("File " + path + ": " + failed);
+        }
+      },
+      failed);
 }
 
 std::vector<std::string> tree_model::classes() const {
@@ -274,7 +270,16 @@ std::vector<double> tree_model::importance() const {
 }
 
 void tree_model::write_text(std::ostream& out) const {
-  tree_->toTEXT(out);
+  output_format_named("text").writer->write(tree_output{*tree_}, out);
+}
+void tree_model::write_pmml(std::ostream& out) const {
+  output_format_named("pmml").writer->write(tree_output{*tree_}, out);
+}
+void tree_model::write_dot(std::ostream& out, long max_depth) const {
+  output_format_named("dot").writer->write(tree_output{*tree_, nullptr, max_depth}, out);
+}
+void tree_model::write_json(std::ostream& out) const {
+  output_format_named("json").writer->write(tree_output{*tree_}, out);
 }
 
 holdout_split split_holdout(unsigned long n_rows, double test_fraction, std::uint64_t seed) {

@@ -2,7 +2,6 @@
 // grow exactly the trees brixcmd grows; data come as CSV/TSV with a header or as a .names/.data
 // stem. Errors go to standard error; the status is 0 on success, 1 for a data or model error and
 // 2 for a usage error; an output file is written beside its name and renamed once complete.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +26,7 @@
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "brix/tree_writer.h"
 #include "cmd/brix_import.h"
 
 namespace {
@@ -75,6 +75,17 @@ void name_keyword(char const* word, std::string const& text, std::vector<E> cons
       return;
     }
   throw usage_error(std::string(word) + ": '" + text.substr(eq + 1) + "' is not one of " + allowed);
+}
+
+// The formats show prints: the library's text formats but brixcmd's own.
+std::vector<std::string> const& shown_formats() {
+  static std::vector<std::string> const names = [] {
+    std::vector<std::string> v;
+    for (brix::output_format const& f : brix::output_formats())
+      if (!f.binary && !f.brixcmd_only) v.push_back(f.name);
+    return v;
+  }();
+  return names;
 }
 
 // Each option: its word, whether it takes a value, and what it does with the value, checks
@@ -153,8 +164,13 @@ std::vector<option> const& options() {
       {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
       {"--format", true,
        [](settings& s, std::string const& v) {
-         if (v != "text" && v != "dot" && v != "pmml" && v != "json")
-           throw usage_error("--format must be text, dot, pmml or json");
+         std::vector<std::string> const& all = shown_formats();
+         if (std::find(all.begin(), all.end(), v) == all.end()) {
+           std::string list;
+           for (std::size_t i = 0; i < all.size(); ++i)
+             list += (i == 0 ? "" : i + 1 < all.size() ? ", " : " or ") + all[i];
+           throw usage_error("--format must be " + list);
+         }
          s.format = v;
        }},
       {"-k", true,
@@ -271,25 +287,15 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
 
 // Writes to NAME.part beside the output and renames it once the writer succeeded.
 void write_file(std::string const& path, std::function<void(std::ostream&)> const& write) {
-  // A device or a pipe is written as it is: there is nothing to rename onto it.
-  struct stat st;
-  bool special = ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
-  std::string part = special ? path : path + ".part";
-  {
-    std::ofstream out(part);
-    if (!out) throw std::runtime_error("File " + path + ": cannot be opened for writing");
-    write(out);
-    out.flush();
-    if (!out) {
-      out.close();
-      if (!special) std::remove(part.c_str());
-      throw std::runtime_error("File " + path + ": error writing output");
-    }
-  }
-  if (!special && std::rename(part.c_str(), path.c_str()) != 0) {
-    std::remove(part.c_str());
-    throw std::runtime_error("File " + path + ": cannot be written");
-  }
+  brix::write_replacing(
+      path,
+      [&](std::string const& target) {
+        std::ofstream out(target);
+        if (!out) throw std::runtime_error("File " + path + ": cannot be opened for writing");
+        write(out);
+        if (!out.flush()) throw std::runtime_error("File " + path + ": error writing output");
+      },
+      "cannot be written");
 }
 
 void refuse_same(std::string const& out, std::vector<std::string> const& ins) {
@@ -538,14 +544,8 @@ int cv(settings const& s) {
 int show(settings const& s) {
   if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
   auto m = brix::tree_model::load(s.args[0]);
-  if (s.format == "text")
-    m->write_text(std::cout);
-  else if (s.format == "dot")
-    m->write_dot(std::cout, s.max_depth);
-  else if (s.format == "pmml")
-    m->write_pmml(std::cout);
-  else
-    m->write_json(std::cout);
+  brix::output_format_named(s.format).writer->write(
+      brix::tree_output{m->facade(), nullptr, s.max_depth}, std::cout);
   return 0;
 }
 
@@ -588,6 +588,16 @@ struct command {
   char const* details;
 };
 
+std::string const& show_synopsis() {
+  static std::string const text = [] {
+    std::string formats;
+    for (std::string const& f : shown_formats())
+      formats += (formats.empty() ? "" : "|") + f;
+    return "brix show MODEL [--format " + formats + "] [--max-depth D]";
+  }();
+  return text;
+}
+
 // In the order the usage lists them.
 std::vector<std::pair<std::string, command>> const& commands() {
   static std::vector<std::pair<std::string, command>> const table = {
@@ -611,7 +621,7 @@ std::vector<std::pair<std::string, command>> const& commands() {
         "mean error and its standard deviation. Folds come from the seed alone, the same on every\n"
         "machine; --stratified spreads each class over the folds.\n"}},
       {"show",
-       {show, "brix show MODEL [--format text|dot|pmml|json] [--max-depth D]",
+       {show, show_synopsis().c_str(),
         "Prints a tree file as text, Graphviz DOT (--max-depth cuts deeper nodes to a summary),\n"
         "PMML 4.4 or JSON.\n"}},
       {"import", {import_data, kImportSynopsis, kImportHelp}},

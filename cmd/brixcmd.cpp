@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "brix/brix.h"
+#include "brix/tree_writer.h"
 
 namespace {
 
@@ -293,10 +294,10 @@ built_tree buildt(brix::table* t, double holdout_random, double holdout_first, f
 
 void save_tree(brix::dtree* tree, const std::string& bin_out, std::ostream* dot,
                std::ostream* log) {
-  if (dot) tree->toDOT(*dot);
+  if (dot) brix::output_format_named("brixcmd-dot").writer->write(brix::tree_output{*tree}, *dot);
   if (bin_out.empty()) return;
   try {
-    tree->toBinary(bin_out);
+    brix::output_format_named("binary").writer->write(brix::tree_output{*tree}, bin_out);
   } catch (...) {
     throw std::runtime_error("File " + bin_out + ": error with binary output");
   }
@@ -336,9 +337,11 @@ void test(brix::table* t, brix::dtree* tree, const std::string& separator,
 
   if (text) {
     *text << std::endl << "Decision Tree" << std::endl << std::endl;
-    tree->toTEXT(*text);
+    brix::output_format_named("text").writer->write(brix::tree_output{*tree}, *text);
   }
-  if (xml) tree->toXML(*xml, last.get());
+  if (xml)
+    brix::output_format_named("brixcmd-xml")
+        .writer->write(brix::tree_output{*tree, last.get()}, *xml);
 }
 
 void evaluate(brix::dtree* tree, const std::string& separator, const std::string& score_file,

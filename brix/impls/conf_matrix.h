@@ -36,7 +36,6 @@ class conf_matrix {
   std::vector<std::string> const& names() const { return names_; }
 
   void toTEXT(std::ostream& out, unsigned long level) const;
-  void toXML(std::ostream& out, std::string const& name) const;
 
  private:
   conf_matrix(conf_matrix const&) = default;

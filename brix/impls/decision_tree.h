@@ -134,9 +134,6 @@ class _decision_node {
 
   void toTEXT(table* meta, std::ostream& out, unsigned long branch) const;
   void print_att_gain(table* t, std::ostream& out) const;
-  // The XML model: the predicate that leads here, then the class distribution.
-  void toXML(table* meta, std::ostream& out) const;
-  void toXML_class_distribution(table* meta, std::ostream& out) const;
 
   // Fields restored by the binary tree reader.
   friend zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, _decision_node& n);
@@ -202,10 +199,6 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   conf_matrix* predict(table* t, w_sequence const* cases, int threads = 1) const;
 
   void toTEXT(table* meta, std::ostream& out, unsigned long level) const;
-  // One Node element of the XML model with its subtree.
-  void toXML(table* meta, std::ostream& out) const;
-  // The DOT lines of the subtree numbered from id; returns the largest number used.
-  unsigned long toDOT(table* meta, std::ostream& out, unsigned long total, unsigned long id) const;
 
   // Replaces this tree by the subtree record read from in. Throws
   // std::runtime_error on a short read or a shape no writer produces.
@@ -266,7 +259,7 @@ class decision_tree {
                   bool delete_stream) const;
 
   void toTEXT(std::ostream& out, unsigned long level) const;
-  // The XML model (with the test matrix when one is given) and the DOT graph.
+  // brixcmd's XML model (with the test matrix when one is given) and DOT graph, by their writers.
   void toXML(std::ostream& out, conf_matrix const* test) const;
   void toDOT(std::ostream& out) const;
 

@@ -88,8 +88,6 @@ class table {
   void set_file_counter(unsigned long c) { file_counter_ = c; }
 
   // The DataDictionary and MiningSchema sections of the XML model.
-  void toXML_data_dictionary(std::ostream& out) const;
-  void toXML_mining_schema(std::ostream& out) const;
 
  private:
   void refresh_attributes();

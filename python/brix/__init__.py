@@ -190,19 +190,19 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
 
     def export_text(self):
         check_is_fitted(self, "_model")
-        return self._model.text()
+        return self._model.export("text")
 
     def export_dot(self, max_depth=None):
         check_is_fitted(self, "_model")
-        return self._model.dot(-1 if max_depth is None else int(max_depth))
+        return self._model.export("dot", -1 if max_depth is None else int(max_depth))
 
     def export_pmml(self):
         check_is_fitted(self, "_model")
-        return self._model.pmml()
+        return self._model.export("pmml")
 
     def to_json(self):
         check_is_fitted(self, "_model")
-        return self._model.json()
+        return self._model.export("json")
 
     def save(self, path):
         """The binary tree file (brixcmd -bt reads it)."""
@@ -215,7 +215,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         Its classes are the class texts; its features the tree's attributes, in their order."""
         import json
         model = _core.Model.load(os.fspath(path))
-        desc = json.loads(model.json())
+        desc = json.loads(model.export("json"))
         clf = cls()
         clf._model = model
         clf.classes_ = np.asarray(desc["classes"], dtype=object)

@@ -12,6 +12,7 @@
 
 #include "brix/data.h"
 #include "brix/model.h"
+#include "brix/tree_writer.h"
 
 namespace py = pybind11;
 
@@ -115,27 +116,15 @@ PYBIND11_MODULE(_core, m) {
              std::copy(p.begin(), p.end(), out.mutable_data());
              return out;
            })
-      .def("text",
-           [](brix::tree_model const& model) {
-             std::ostringstream o;
-             model.write_text(o);
-             return o.str();
-           })
-      .def("dot",
-           [](brix::tree_model const& model, long depth) {
-             std::ostringstream o;
-             model.write_dot(o, depth);
-             return o.str();
-           })
-      .def("pmml",
-           [](brix::tree_model const& model) {
-             std::ostringstream o;
-             model.write_pmml(o);
-             return o.str();
-           })
-      .def("json", [](brix::tree_model const& model) {
-        std::ostringstream o;
-        model.write_json(o);
-        return o.str();
-      });
+      // Any text format of the library by name; max_depth cuts DOT graphs.
+      .def(
+          "export",
+          [](brix::tree_model const& model, std::string const& format, long max_depth) {
+            brix::output_format const& f = brix::output_format_named(format);
+            if (f.binary) throw std::invalid_argument("'" + format + "' is written by save");
+            std::ostringstream o;
+            f.writer->write(brix::tree_output{model.facade(), nullptr, max_depth}, o);
+            return o.str();
+          },
+          py::arg("format"), py::arg("max_depth") = -1);
 }

@@ -3,9 +3,11 @@
 // tests/python.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <numeric>
 #include <sstream>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "brix/model.h"
+#include "brix/tree_writer.h"
 #include "tests/brix/table_files.h"
 
 namespace {
@@ -68,6 +71,52 @@ TEST_F(TreeModelFiles, RowsSaveAndLoadGiveTheFacadeTree) {
   m->save(file("iris.tree"));
   brix::tree_model::load(file("iris.tree"))->write_text(c);
   EXPECT_EQ(a.str(), c.str());
+}
+
+// Every format of the table writes a file by name: text ones the same bytes as to a stream, the
+// binary one a tree that loads back. Unknown names and a binary stream are refused, and a writer
+// that fails leaves the file it was replacing as it was.
+TEST_F(TreeModelFiles, OutputFormatsByName) {
+  auto t = stem_table(kExamples + "golf");
+  auto m = brix::tree_model::train(*t);
+  brix::tree_output src(m->facade());
+  std::ostringstream text;
+  m->write_text(text);
+  std::vector<std::string> names;
+  for (brix::output_format const& f : brix::output_formats()) {
+    EXPECT_EQ(0u, std::count(names.begin(), names.end(), f.name)) << f.name;
+    names.push_back(f.name);
+    EXPECT_EQ(&f, &brix::output_format_named(f.name));
+    std::string path = file(std::string("golf") + f.extension);
+    f.writer->write(src, path);
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (f.binary) {
+      std::ostringstream loaded;
+      brix::tree_model::load(path)->write_text(loaded);
+      EXPECT_EQ(text.str(), loaded.str());
+      EXPECT_THROW(f.writer->write(src, text), std::logic_error);
+    } else {
+      std::ostringstream direct;
+      f.writer->write(src, direct);
+      EXPECT_EQ(direct.str(), bytes) << f.name;
+      EXPECT_FALSE(bytes.empty()) << f.name;
+    }
+  }
+  EXPECT_THROW(brix::output_format_named("svg"), std::invalid_argument);
+
+  std::string kept = file("golf.txt");
+  EXPECT_THROW(brix::write_replacing(
+                   kept,
+                   [](std::string const& part) {
+                     std::ofstream(part) << "half";
+                     throw std::runtime_error("failed");
+                   },
+                   "cannot be written"),
+               std::runtime_error);
+  std::ifstream in(kept);
+  EXPECT_EQ(text.str(), std::string(std::istreambuf_iterator<char>(in), {}));
+  EXPECT_FALSE(std::ifstream(kept + ".part").good());
 }
 
 TEST(TreeModel, SplitsAreReproducibleAndBalanced) {

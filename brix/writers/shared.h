@@ -1,0 +1,33 @@
+// What the rest of the library borrows from the writers: the pieces of brixcmd's XML model that
+// the facade offers on their own, and the gzip file writing of the binary files.
+#ifndef BRIX_WRITERS_SHARED_H
+#define BRIX_WRITERS_SHARED_H
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+
+#include "zel/inpout/fwd.h"
+
+namespace brix {
+namespace impls {
+class table;
+class conf_matrix;
+}  // namespace impls
+
+namespace writers {
+
+void xml_data_dictionary(impls::table const& meta, std::ostream& out);
+void xml_mining_schema(impls::table const& meta, std::ostream& out);
+// The matrix as the element X-ConfusionMatrix + name.
+void xml_matrix(impls::conf_matrix const& m, std::string const& name, std::ostream& out);
+
+// A gzip file at level 1 holding what write puts in; on any failure a partial regular file is
+// removed, so that nothing is left that looks complete.
+void write_binary_file(std::string const& file,
+                       std::function<void(zel::inpout::obinstream&)> const& write);
+
+}  // namespace writers
+}  // namespace brix
+
+#endif

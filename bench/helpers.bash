@@ -93,14 +93,16 @@ best_record() {
 }
 
 # timed OUT COMMAND...: runs COMMAND under /usr/bin/time -v with standard output in OUT and
-# prints the record "wall S peak_mb M" (peak resident set size, MB = 2^20 bytes).
+# prints the record "wall S peak_mb M user S" (peak resident set size, MB = 2^20 bytes; user CPU
+# seconds).
 timed() {
   local out=$1 t0
   shift
   t0=$(now_ns)
   /usr/bin/time -v -o "$out.time" "$@" >"$out"
-  echo "wall $(seconds_since "$t0") peak_mb $(awk -F': ' '/Maximum resident set size/ {
-    printf "%.1f", $2 / 1024 }' "$out.time")"
+  echo "wall $(seconds_since "$t0") $(awk -F': ' '/Maximum resident set size/ {
+    printf "peak_mb %.1f", $2 / 1024 } /User time/ { user = $2 } END { printf " user %s", user }' \
+    "$out.time")"
 }
 
 # brix_run OUT BRIXCMD ARGS...: one timed run of BRIXCMD ARGS -tstd with its log; the text
@@ -130,4 +132,25 @@ brix_run() {
     END { sub(/%/, "", train); sub(/%/, "", test)
           printf "size %s train_error %s test_error %s", size, train, test == "" ? "-" : test }
   ' "$out")"
+}
+# median_record: of the records on standard input, one with each key's median value (the
+# middle one, or the lower middle of an even count); values that are not numbers are kept
+# from the first record.
+median_record() {
+  awk '{ for (i = 1; i < NF; i += 2) {
+           k = $i; v = $(i + 1)
+           if (!(k in first)) { keys[++n] = k; first[k] = v }
+           vals[k, ++count[k]] = v
+         } }
+       END { for (j = 1; j <= n; j++) {
+               k = keys[j]; m = count[k]; out = first[k]
+               if (out ~ /^[-+0-9.e]+$/) {
+                 for (a = 1; a <= m; a++) s[a] = vals[k, a] + 0
+                 for (a = 2; a <= m; a++)
+                   for (b = a; b > 1 && s[b - 1] > s[b]; b--) { t = s[b]; s[b] = s[b - 1]; s[b - 1] = t }
+                 out = s[int((m + 1) / 2)]
+               }
+               printf "%s%s %s", (j > 1 ? " " : ""), k, out
+             }
+             print "" }'
 }

@@ -223,7 +223,7 @@ int iogz::read(void* buf, int n) {
     if (n < 1) return 0;
     auto at = static_cast<std::size_t>(pos_);
     std::size_t k = at < whole_size_ ? std::min(whole_size_ - at, static_cast<std::size_t>(n)) : 0;
-    std::memcpy(buf, whole_ + at, k);
+    if (k > 0) std::memcpy(buf, whole_ + at, k);
     pos_ += static_cast<long long>(k);
     if (k < static_cast<std::size_t>(n)) past_end_ = true;
     // Read bytes go back to the system as the reader moves on, so that the inflated copy does

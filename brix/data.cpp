@@ -106,7 +106,7 @@ text_buffer slurp(std::string const& path) {
   std::size_t have = 0;
   // Inflated straight into the text, which is parsed where it lies. A file this cannot take
   // (a pipe, damage) is read below through zlib, which reports what is wrong.
-  auto grow = [&text](std::size_t n) {
+  auto grow = [&text](std::size_t& n) {
     text.resize(n);
     return &text[0];
   };

@@ -40,7 +40,7 @@ std::size_t page_round(std::size_t n) {
 
 // The members of the mapped file in[0, n) inflated one after another, as zlib reads them.
 bool inflate_members(const unsigned char* in, std::size_t n, std::size_t limit,
-                     const std::function<char*(std::size_t)>& grow, std::size_t& size) {
+                     const std::function<char*(std::size_t&)>& grow, std::size_t& size) {
   std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> d(
       libdeflate_alloc_decompressor(), libdeflate_free_decompressor);
   if (!d) return false;
@@ -51,6 +51,7 @@ bool inflate_members(const unsigned char* in, std::size_t n, std::size_t limit,
   std::memcpy(&isize, in + n - 4, 4);
   std::size_t cap = std::min<std::size_t>({isize, limit, n * 1032});
   char* out = grow(cap);
+  cap = std::min(cap, limit);
   std::size_t at = 0, used = 0;
   while (at < n) {
     if (out == nullptr) return false;
@@ -67,6 +68,7 @@ bool inflate_members(const unsigned char* in, std::size_t n, std::size_t limit,
       if (cap >= limit) return false;
       cap = cap >= limit / 2 ? limit : std::max(2 * cap, cap + (std::size_t{1} << 20));
       out = grow(cap);
+      cap = std::min(cap, limit);
       continue;
     }
     if (r != LIBDEFLATE_SUCCESS) return false;
@@ -80,7 +82,7 @@ bool inflate_members(const unsigned char* in, std::size_t n, std::size_t limit,
 }  // namespace
 
 bool inflate_whole(const std::string& name, std::size_t limit,
-                   const std::function<char*(std::size_t)>& grow, std::size_t& size) {
+                   const std::function<char*(std::size_t&)>& grow, std::size_t& size) {
   // Checked before opening: opening a named pipe would wait for a writer.
   struct stat st;
   if (::stat(name.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
@@ -152,16 +154,20 @@ bool iogz::open(const std::string& name, int mode, int level, int strategy) {
   if ((mode & (WRITE | APPEND)) == 0) {
     // Inflating at once runs several times faster than zlib's stream. Pipes and files whose
     // inflated copy would not fit beside what is built from it stream through zlib.
-    auto grow = [this](std::size_t n) -> char* {
-      n = page_round(n);
-      if (n <= whole_cap_) return whole_;
-      void* p = whole_ == nullptr
-                    ? ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
-                    : ::mremap(whole_, whole_cap_, n, MREMAP_MAYMOVE);
-      if (p == MAP_FAILED) return nullptr;
-      ::madvise(p, n, MADV_HUGEPAGE);  // advice only: its failure changes nothing
-      whole_ = static_cast<char*>(p);
-      whole_cap_ = n;
+    // The whole limit is reserved at once: pages never written cost nothing, and a member
+    // longer than the trailer says (files of several members) is then not inflated twice.
+    auto grow = [this](std::size_t& n) -> char* {
+      if (whole_ == nullptr) {
+        std::size_t cap = page_round(std::max(n, whole_limit()));
+        void* p = ::mmap(nullptr, cap, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (p == MAP_FAILED) return nullptr;
+        ::madvise(p, cap, MADV_HUGEPAGE);  // advice only: its failure changes nothing
+        whole_ = static_cast<char*>(p);
+        whole_cap_ = cap;
+      }
+      if (n > whole_cap_) return nullptr;
+      n = std::min(whole_cap_, whole_limit());
       return whole_;
     };
     std::size_t size = 0;

@@ -60,12 +60,12 @@ class iogz : public ioconn {
 };
 
 // Inflates the gzip file name whole: grow(n) must give a buffer of at least n bytes keeping the
-// bytes already in it, and size receives the inflated length. False, with the buffer's contents
-// meaningless, when the file must be streamed instead: not a regular file, not gzip members from
-// its first byte to its last, more than limit inflated bytes, or damaged; reading it through zlib
-// then says what is wrong in zlib's own words, as before.
+// bytes already in it, and may raise n to the room it gave; size receives the inflated length.
+// False, with the buffer's contents meaningless, when the file must be streamed instead: not a
+// regular file, not gzip members from its first byte to its last, more than limit inflated bytes,
+// or damaged; reading it through zlib then says what is wrong in zlib's own words, as before.
 bool inflate_whole(const std::string& name, std::size_t limit,
-                   const std::function<char*(std::size_t)>& grow, std::size_t& size);
+                   const std::function<char*(std::size_t&)>& grow, std::size_t& size);
 
 // A file opened for reading, inflated when its name ends in .gz. Throws std::runtime_error
 // naming the file when it is a directory or cannot be opened.

@@ -177,8 +177,8 @@ TEST(Stream, GzipAndPlainFilesGiveTheSameLines) {
   ASSERT_TRUE(b->read_line());
   EXPECT_EQ(la[0], b->get_line());
 
-  // Members read one after another, the first far longer than the last trailer's length, so
-  // that the buffer must grow; over 2 MiB, so that a rewind returns to bytes already dropped.
+  // Members read one after another, the first far longer than the last trailer's length; over
+  // 2 MiB, so that a rewind returns to bytes already given back.
   auto gzip = [&](const std::string& bytes) {
     {
       iogz gz;

@@ -12,7 +12,7 @@ all: build
 
 # Debian packages the build, the tests and the fuzz run need; missing ones are installed when we
 # are root (one apt-get update first), otherwise named.
-DEPS = g++ cmake make zlib1g-dev libgtest-dev pkg-config libxml2-utils graphviz clang \
+DEPS = g++ cmake make zlib1g-dev libdeflate-dev libgtest-dev pkg-config libxml2-utils graphviz clang \
        pybind11-dev python3-dev python3-venv python3-numpy python3-pandas python3-sklearn python3-pytest \
        libclang-rt-14-dev
 

@@ -3,6 +3,7 @@
 //
 // Usage: load_only -f <stem> [-db <file>]   load <stem>.names and <stem>.data; with -db also
 //                                           write the binary table (not timed)
+//        load_only -n <names> <data>        load from these files (a .gz data file is inflated)
 //        load_only -b <file>                load a binary table file
 //        load_only -z <file>                only inflate the gzip file: the bound of -b
 //        load_only -c <file>                read a CSV file with a header
@@ -27,14 +28,16 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
 }
 
 int usage() {
-  std::fprintf(stderr, "usage: load_only -f <stem> [-db <file>] | -b <file> | -z <file>\n");
+  std::fprintf(stderr,
+               "usage: load_only -f <stem> [-db <file>] | -n <names> <data> | -b <file> | -z <file>"
+               " | -c <file>\n");
   return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && argc != 5) return usage();
+  if (argc < 3 || argc > 5) return usage();
   std::string mode = argv[1], arg = argv[2];
   try {
     auto t0 = std::chrono::steady_clock::now();
@@ -51,11 +54,15 @@ int main(int argc, char** argv) {
       return 0;
     }
     std::unique_ptr<brix::table> t;
-    if (mode == "-b" && argc == 3) {
+    if (mode == "-n" && argc == 4) {
+      t.reset(new brix::table("training_set"));
+      t->load_meta_data(brix::datasource("FILE#" + arg + "#,"));
+      t->load_data(brix::datasource("FILE#" + std::string(argv[3]) + "#,"), "?");
+    } else if (mode == "-b" && argc == 3) {
       t.reset(brix::table::fromBinary(arg));
     } else if (mode == "-c" && argc == 3) {
       t = brix::read_csv(arg);
-    } else if (mode == "-f") {
+    } else if (mode == "-f" && argc != 4) {
       t.reset(new brix::table("training_set"));
       t->load_meta_data(brix::datasource("FILE#" + arg + ".names#,"));
       t->load_data(brix::datasource("FILE#" + arg + ".data#,"), "?");

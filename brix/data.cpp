@@ -102,9 +102,21 @@ using text_buffer = std::basic_string<char, std::char_traits<char>, huge_allocat
 
 // The whole file, inflated when its name ends in .gz.
 text_buffer slurp(std::string const& path) {
-  std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
   text_buffer text;
   std::size_t have = 0;
+  // Inflated straight into the text, which is parsed where it lies. A file this cannot take
+  // (a pipe, damage) is read below through zlib, which reports what is wrong.
+  auto grow = [&text](std::size_t& n) {
+    text.resize(n);
+    return &text[0];
+  };
+  if (ends_with(path, ".gz") &&
+      zel::inpout::inflate_whole(path, std::numeric_limits<std::size_t>::max(), grow, have)) {
+    text.resize(have);
+    return text;
+  }
+  text = text_buffer();
+  std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
   // A plain file is read into one buffer of its size: no doubling, whose copies and fresh pages
   // cost more than the parsing on large files.
   if (!ends_with(path, ".gz") && in->is_random()) {

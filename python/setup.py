@@ -1,6 +1,6 @@
 """Builds brix._core with the project's CMake (the C++ library is in the folder above) and puts it
-into the package. Needs CMake, a C++17 compiler, zlib and pybind11; offline, install with
-pip install --no-build-isolation ./python"""
+into the package. Needs CMake, a C++17 compiler, zlib, libdeflate and pybind11; offline, install
+with pip install --no-build-isolation ./python"""
 import os
 import subprocess
 import sys

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -146,13 +147,13 @@ template <class T>
 void column_typed<T>::bin_in(ibinstream& in) {
   in >> rows_;
   checks::check(in);
-  T max = 0;
-  bool zero = false;
+  // Smallest and largest in a pass the compiler vectorizes; a zero is a smallest of 0.
+  T max = 0, min = std::numeric_limits<T>::max();
   for (T v : rows_) {
-    max = v > max ? v : max;
-    zero |= v == 0;
+    max = std::max(max, v);
+    min = std::min(min, v);
   }
-  check_order_bounds(*this, max, zero);
+  check_order_bounds(*this, max, min == 0);
 }
 
 template void column_typed<std::uint8_t>::bin_out(obinstream&) const;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -174,6 +176,36 @@ TEST(Stream, GzipAndPlainFilesGiveTheSameLines) {
   ASSERT_TRUE(b->rewind());
   ASSERT_TRUE(b->read_line());
   EXPECT_EQ(la[0], b->get_line());
+
+  // Members read one after another, the first far longer than the last trailer's length; over
+  // 2 MiB, so that a rewind returns to bytes already given back.
+  auto gzip = [&](const std::string& bytes) {
+    {
+      iogz gz;
+      gz.open(dir.file("m.gz"), 100, 1, 0);
+      gz.write(bytes.data(), static_cast<int>(bytes.size()));
+    }
+    return scratch_dir::read(dir.file("m.gz"));
+  };
+  std::string three = text + "\n" + text + "\n" + text;
+  std::string members = gzip(three) + gzip("\nend\n");
+  b.reset(stream::FROM_FILE(dir.write("m2.data.gz", members), ','));
+  lines lm = all_lines(*b);
+  ASSERT_EQ(3 * la.size() + 1, lm.size());
+  EXPECT_EQ("end", lm.back());
+  ASSERT_TRUE(b->rewind());
+  ASSERT_TRUE(b->read_line());
+  EXPECT_EQ(la[0], b->get_line());
+
+  // A trailer whose length lies, up or down, is refused in zlib's words, as before.
+  for (std::uint32_t lie : {1u, 0xFFFFFFF0u}) {
+    std::string bad = members;
+    std::memcpy(&bad[bad.size() - 4], &lie, 4);
+    b.reset(stream::FROM_FILE(dir.write("bad.data.gz", bad), ','));
+    EXPECT_EQ("File " + dir.file("bad.data.gz") +
+                  ": truncated or corrupt compressed data (incorrect length check)",
+              error_of([&] { all_lines(*b); }));
+  }
 }
 
 TEST(Stream, DataSourceDescriptors) {

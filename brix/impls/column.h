@@ -1,6 +1,7 @@
 // Columns: one attribute of a table for all rows, stored as the order numbers
 // of the values in the column's value set, at the narrowest width that holds
-// them. A column also scores and partitions the cases of a tree node.
+// them. Scoring and partitioning a node's cases on a column is the split
+// search's (split_search.h), through the typed readers that visit gives.
 #ifndef BRIX_IMPLS_COLUMN_H
 #define BRIX_IMPLS_COLUMN_H
 
@@ -17,15 +18,6 @@ namespace brix {
 namespace impls {
 
 class id_buffer;
-struct options;
-
-// Told the order of a node's cases as soon as a continuous search has sorted
-// them, before it scans them: the parallel grower hands that order on to the
-// next attribute, as sequential growing does by sorting in place.
-struct order_publisher {
-  virtual ~order_publisher() = default;
-  virtual void sorted(w_sequence* cases) = 0;
-};
 
 // How a column keeps its rows; hot loops are instantiated once per width.
 enum class storage_kind { none, bit, u8, u16, u32, u64 };
@@ -35,23 +27,6 @@ using order_range = zel::util::pair<unsigned long, unsigned long>;
 class column {
  public:
   enum _type { DISCRETE = 0, CLASS = 1, CONTINUOUS = 2, WEIGHTS = 3, IGNORE = 4 };
-
-  // The threshold text and branch count that a split node keeps.
-  struct partition_desc {
-    std::string threshold;
-    unsigned long branches = 0;
-  };
-
-  // The best split of one attribute in one node.
-  struct splitting_desc {
-    unsigned long branches = 0;
-    unsigned long low = 0;
-    unsigned long high = 0;
-    column const* att = nullptr;
-    float gain = -0.001f;
-    float split_info = 0.0f;
-    void set_partition_desc(partition_desc& desc) const;
-  };
 
   // Makes the column of a kind keyword over a value set (owned on success);
   // returns null with the reason in error.
@@ -79,29 +54,6 @@ class column {
   // checks every order against the value set.
   virtual void bin_out(zel::inpout::obinstream& out) const {}
   virtual void bin_in(zel::inpout::ibinstream& in) {}
-
-  // The cases of one branch of a split on this column.
-  w_sequence* partition(w_case const* begin, w_case const* end, unsigned long branch,
-                        float total_weight, float& share, order_range& range,
-                        partition_desc const& desc) const;
-  // The cases of every branch at once: two passes over the father's cases
-  // instead of two per branch; children[i], shares[i] and ranges[i] are
-  // those that partition() gives for branch i + 1.
-  void partition_all(w_case const* begin, w_case const* end, float total_weight,
-                     partition_desc const& desc, std::vector<w_sequence*>& children,
-                     std::vector<float>& shares, std::vector<order_range>& ranges) const;
-
-  // Scores the split of the cases on this column into best; a gain of -0.001
-  // means no admissible split. sort_copy keeps the order of cases intact.
-  void quality_measure(column const* class_column, float total_weight, w_sequence* cases,
-                       order_range& range, float min_objects, options const* opts,
-                       splitting_desc& best, bool sort_copy,
-                       order_publisher* publish = nullptr) const;
-  // Whether quality_measure sorts the cases (a continuous search by sorting).
-  bool sorts_cases(std::size_t n_cases, order_range const& range) const {
-    return is_continuous() && range.second - range.first > 1 && n_cases > 0 &&
-           !(n_cases / (range.second - range.first) > 2);
-  }
 
   _type get_kind() const { return type_; }
   std::string get_type() const;

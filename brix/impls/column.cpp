@@ -88,12 +88,17 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
 column::column(_type type, std::string const& name, o_set* values)
     : type_(type), name_(name), values_(values) {}
 
-column::~column() {
-  delete values_;
-}
+column::column(_type type, std::string const& name, std::shared_ptr<o_set> values)
+    : type_(type), name_(name), values_(std::move(values)) {}
+
+column::~column() = default;
 
 column* column::clone(bool) const {
   return new column(type_, name_, values_->clone());
+}
+
+column* column::share_values() const {
+  return new column(type_, name_, values_);
 }
 
 void column::toXML(std::ostream& out) const {
@@ -118,6 +123,10 @@ column* column_bool::clone(bool empty) const {
   auto* c = new column_bool(type_, name_, values_->clone());
   if (!empty) c->bits_ = bits_;
   return c;
+}
+
+column* column_bool::share_values() const {
+  return new column_bool(type_, name_, values_);
 }
 
 void column_bool::push_back(char const* value) {

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,11 +37,16 @@ class column {
   static bool admits_null(std::string const& keyword);
 
   column(_type type, std::string const& name, o_set* values);
+  column(_type type, std::string const& name, std::shared_ptr<o_set> values);
   column(column const&) = delete;
   column& operator=(column const&) = delete;
   virtual ~column();
 
   virtual column* clone(bool empty) const;
+  // A column of the same kind without rows on this very value set: how a
+  // model describes its training table, whose value sets nothing changes
+  // once loaded, without a second copy of every distinct value.
+  virtual column* share_values() const;
   virtual void reserve(unsigned long n) {}
   virtual unsigned long size() const { return 0; }
   virtual void push_back(char const* value) {}
@@ -58,7 +64,7 @@ class column {
   _type get_kind() const { return type_; }
   std::string get_type() const;
   std::string const& get_name() const { return name_; }
-  o_set* get_o_set() const { return values_; }
+  o_set* get_o_set() const { return values_.get(); }
   bool is_discrete() const { return type_ == DISCRETE; }
   bool is_class() const { return type_ == CLASS; }
   bool is_continuous() const { return type_ == CONTINUOUS; }
@@ -81,7 +87,7 @@ class column {
  protected:
   _type type_;
   std::string name_;
-  o_set* values_;
+  std::shared_ptr<o_set> values_;
 };
 
 // Readers of the stored orders.

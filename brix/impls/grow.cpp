@@ -410,6 +410,7 @@ void _decision_tree::build_breadth(table* t, int split_type, float min_obj, opti
     _decision_tree* tree = queue.front();
     queue.pop_front();
     _decision_node* node = tree->get_node();
+    scratch.fit(node->get_cases_count());
     int status = node->split(t, split_type, min_obj, opts, &scratch);
     if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1 &&
         node->distribute(t, parts, shares, ranges, opts, scratch)) {

@@ -120,6 +120,7 @@ class _ff_worker : public farm::node {
     auto* k = static_cast<ff_task*>(task);
     try {
       _decision_node* n = k->subtree->get_node();
+      scratch_.fit(n->get_cases_count());
       if (k->kind == ATTRIBUTE_TASK) {
         evaluate_attribute(n, k);
       } else {
@@ -237,6 +238,7 @@ class _ff_emitter : public farm::node {
   void* expand(_decision_tree* sub, unsigned long attribute_tasks, ff_task* reuse) {
     _decision_node* node = sub->get_node();
     std::vector<_decision_tree*> kids;
+    scratch_.fit(node->get_cases_count());
     if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1 &&
         node->distribute(table_, parts_, shares_, ranges_, opts_, scratch_)) {
       for (std::size_t i = 0; i < parts_.size(); ++i) {

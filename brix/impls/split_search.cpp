@@ -21,6 +21,10 @@ namespace impls {
 
 namespace {
 
+// Tables up to this many entries stay from node to node whatever the nodes'
+// sizes; larger ones follow the nodes down.
+constexpr std::size_t kKeep = std::size_t(1) << 16;
+
 // Deliberate: "no split" is a gain of -0.001, not 0; split choice compares against it.
 constexpr float kNoGain = -0.001f;
 
@@ -396,13 +400,13 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 // row order only once per split.
 template <class Reader>
 void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
-                        std::uint64_t* keys, std::vector<w_sequence*>& children,
+                        std::uint32_t* keys, std::vector<w_sequence*>& children,
                         std::vector<float>& shares, std::vector<order_range>& ranges) {
   std::size_t k = children.size();
   std::vector<float> wv(k + 1, 0.0f);
   std::vector<std::size_t> count(k + 1, 0);
   for (w_case const* c = begin; c != end; ++c) {
-    unsigned long a = rd(c->first);
+    auto a = static_cast<std::uint32_t>(rd(c->first));
     keys[c - begin] = a;
     wv[a] += c->second;
     ++count[a];
@@ -414,7 +418,7 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
     children[v - 1]->reserve(count[v] + count[0]);
   }
   for (w_case const* c = begin; c != end; ++c) {
-    std::uint64_t a = keys[c - begin];
+    std::uint32_t a = keys[c - begin];
     if (a != 0) {
       children[a - 1]->cases().push_back(*c);
     } else {
@@ -429,14 +433,14 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
 // deliberately, counts the unknown cases in its own weight too.
 template <class Reader>
 void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_case const* end,
-                          float total_weight, std::uint64_t* keys,
+                          float total_weight, std::uint32_t* keys,
                           std::vector<w_sequence*>& children, std::vector<float>& shares,
                           std::vector<order_range>& ranges) {
   float w1 = 0.0f, w2 = 0.0f, wu = 0.0f;
   std::size_t n1 = 0, n2 = 0, nu = 0;
   for (w_case const* c = begin; c != end; ++c) {
     unsigned long a = rd(c->first);
-    keys[c - begin] = a;
+    keys[c - begin] = static_cast<std::uint32_t>(a);
     if (a <= t) {
       w1 += c->second;
       ++n1;
@@ -506,6 +510,11 @@ void sort_by_row(w_sequence& cases, split_scratch& scratch) {
     cases[i] = bits_case(packed[i]);
 }
 
+void split_scratch::fit(std::size_t n_cases) {
+  if (std::max(packed.capacity(), counts.capacity()) / 4 > std::max<std::size_t>(n_cases, kKeep))
+    release();
+}
+
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range) {
   return att.is_continuous() && range.second - range.first > 1 && n_cases > 0 &&
          !(n_cases / (range.second - range.first) > 2);
@@ -562,10 +571,13 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
     c = new w_sequence();
   shares.assign(k, 0.0f);
   ranges.assign(k, order_range(0, 0));
-  // The sorted cases of the last search are no longer needed: their table
-  // keeps the orders.
-  scratch.packed.resize(static_cast<std::size_t>(end - begin));
-  std::uint64_t* keys = scratch.packed.data();
+  // The father's sorted cases are no longer needed: large tables go before
+  // the children are made, so that the two do not add up.
+  if (scratch.packed.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.packed);
+  if (scratch.spare.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.spare);
+  std::vector<std::uint32_t>& key_table = scratch.counts;
+  key_table.resize(static_cast<std::size_t>(end - begin));
+  std::uint32_t* keys = key_table.data();
   try {
     if (k == 2 && att.is_continuous()) {
       unsigned long t = att.get_index(desc.threshold.c_str());
@@ -583,6 +595,7 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
     children.clear();
     throw;
   }
+  if (key_table.capacity() > kKeep) std::vector<std::uint32_t>().swap(key_table);
 }
 
 w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,

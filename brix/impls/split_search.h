@@ -49,11 +49,16 @@ class split_scratch {
  public:
   // Gives the memory back (the next search allocates it again).
   void release();
+  // Releases tables sized for a node far larger than one of n_cases: growing
+  // goes down the tree, and the root's tables would otherwise stay to the end.
+  void fit(std::size_t n_cases);
 
   // Sorted keys with case positions, then keys with classes (key << 32 | low).
   std::vector<std::uint64_t> packed;
   // The radix sort's other half, then the sorted cases (w_case bits).
   std::vector<std::uint64_t> spare;
+  // The counting sort's tallies; the orders of a node's cases while they are
+  // distributed.
   std::vector<std::uint32_t> counts;
   std::vector<float> freq;
   std::vector<float> totals;

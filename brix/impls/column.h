@@ -1,11 +1,13 @@
 // Columns: one attribute of a table for all rows, stored as the order numbers
 // of the values in the column's value set, at the narrowest width that holds
-// them. A column also scores and partitions the cases of a tree node.
+// them. Scoring and partitioning a node's cases on a column is the split
+// search's (split_search.h), through the typed readers that visit gives.
 #ifndef BRIX_IMPLS_COLUMN_H
 #define BRIX_IMPLS_COLUMN_H
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,15 +19,6 @@ namespace brix {
 namespace impls {
 
 class id_buffer;
-struct options;
-
-// Told the order of a node's cases as soon as a continuous search has sorted
-// them, before it scans them: the parallel grower hands that order on to the
-// next attribute, as sequential growing does by sorting in place.
-struct order_publisher {
-  virtual ~order_publisher() = default;
-  virtual void sorted(w_sequence* cases) = 0;
-};
 
 // How a column keeps its rows; hot loops are instantiated once per width.
 enum class storage_kind { none, bit, u8, u16, u32, u64 };
@@ -36,23 +29,6 @@ class column {
  public:
   enum _type { DISCRETE = 0, CLASS = 1, CONTINUOUS = 2, WEIGHTS = 3, IGNORE = 4 };
 
-  // The threshold text and branch count that a split node keeps.
-  struct partition_desc {
-    std::string threshold;
-    unsigned long branches = 0;
-  };
-
-  // The best split of one attribute in one node.
-  struct splitting_desc {
-    unsigned long branches = 0;
-    unsigned long low = 0;
-    unsigned long high = 0;
-    column const* att = nullptr;
-    float gain = -0.001f;
-    float split_info = 0.0f;
-    void set_partition_desc(partition_desc& desc) const;
-  };
-
   // Makes the column of a kind keyword over a value set (owned on success);
   // returns null with the reason in error.
   static column* NEW_COLUMN(o_set* values, std::string const& name, std::string const& keyword,
@@ -61,11 +37,16 @@ class column {
   static bool admits_null(std::string const& keyword);
 
   column(_type type, std::string const& name, o_set* values);
+  column(_type type, std::string const& name, std::shared_ptr<o_set> values);
   column(column const&) = delete;
   column& operator=(column const&) = delete;
   virtual ~column();
 
   virtual column* clone(bool empty) const;
+  // A column of the same kind without rows on this very value set: how a
+  // model describes its training table, whose value sets nothing changes
+  // once loaded, without a second copy of every distinct value.
+  virtual column* share_values() const;
   virtual void reserve(unsigned long n) {}
   virtual unsigned long size() const { return 0; }
   virtual void push_back(char const* value) {}
@@ -80,33 +61,10 @@ class column {
   virtual void bin_out(zel::inpout::obinstream& out) const {}
   virtual void bin_in(zel::inpout::ibinstream& in) {}
 
-  // The cases of one branch of a split on this column.
-  w_sequence* partition(w_case const* begin, w_case const* end, unsigned long branch,
-                        float total_weight, float& share, order_range& range,
-                        partition_desc const& desc) const;
-  // The cases of every branch at once: two passes over the father's cases
-  // instead of two per branch; children[i], shares[i] and ranges[i] are
-  // those that partition() gives for branch i + 1.
-  void partition_all(w_case const* begin, w_case const* end, float total_weight,
-                     partition_desc const& desc, std::vector<w_sequence*>& children,
-                     std::vector<float>& shares, std::vector<order_range>& ranges) const;
-
-  // Scores the split of the cases on this column into best; a gain of -0.001
-  // means no admissible split. sort_copy keeps the order of cases intact.
-  void quality_measure(column const* class_column, float total_weight, w_sequence* cases,
-                       order_range& range, float min_objects, options const* opts,
-                       splitting_desc& best, bool sort_copy,
-                       order_publisher* publish = nullptr) const;
-  // Whether quality_measure sorts the cases (a continuous search by sorting).
-  bool sorts_cases(std::size_t n_cases, order_range const& range) const {
-    return is_continuous() && range.second - range.first > 1 && n_cases > 0 &&
-           !(n_cases / (range.second - range.first) > 2);
-  }
-
   _type get_kind() const { return type_; }
   std::string get_type() const;
   std::string const& get_name() const { return name_; }
-  o_set* get_o_set() const { return values_; }
+  o_set* get_o_set() const { return values_.get(); }
   bool is_discrete() const { return type_ == DISCRETE; }
   bool is_class() const { return type_ == CLASS; }
   bool is_continuous() const { return type_ == CONTINUOUS; }
@@ -129,7 +87,7 @@ class column {
  protected:
   _type type_;
   std::string name_;
-  o_set* values_;
+  std::shared_ptr<o_set> values_;
 };
 
 // Readers of the stored orders.

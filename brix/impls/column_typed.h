@@ -119,13 +119,16 @@ class recent_texts {
 template <class T>
 class column_typed : public column {
  public:
-  column_typed(_type type, std::string const& name, o_set* values) : column(type, name, values) {}
+  template <class Values>
+  column_typed(_type type, std::string const& name, Values values)
+      : column(type, name, std::move(values)) {}
 
   column* clone(bool empty) const override {
     auto* c = new column_typed<T>(type_, name_, values_->clone());
     if (!empty) c->rows_ = rows_;
     return c;
   }
+  column* share_values() const override { return new column_typed<T>(type_, name_, values_); }
   void reserve(unsigned long n) override { rows_.reserve(n); }
   unsigned long size() const override { return rows_.size(); }
   void push_back(char const* value) override {
@@ -160,9 +163,12 @@ class column_typed : public column {
 
 class column_bool : public column {
  public:
-  column_bool(_type type, std::string const& name, o_set* values) : column(type, name, values) {}
+  template <class Values>
+  column_bool(_type type, std::string const& name, Values values)
+      : column(type, name, std::move(values)) {}
 
   column* clone(bool empty) const override;
+  column* share_values() const override;
   void reserve(unsigned long n) override { bits_.reserve(n); }
   unsigned long size() const override { return bits_.size(); }
   void push_back(char const* value) override;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "brix/impls/column.h"
+#include "brix/impls/split_search.h"
 #include "brix/impls/w_sequence.h"
 #include "zel/adt/basic_tree.h"
 #include "zel/inpout/fwd.h"
@@ -47,7 +48,7 @@ struct _node_work {
   std::shared_ptr<std::vector<order_range>> ranges;  // null: none
   unsigned long narrowed = kNone;  // the attribute whose range differs from *ranges
   order_range narrow;
-  std::vector<column::splitting_desc> descs;
+  std::vector<splitting_desc> descs;
 
   // The node's own ranges, the narrowing applied; null when there are none.
   std::vector<order_range>* own() {
@@ -87,13 +88,17 @@ class _decision_node {
   void compute_statistics(table* t);
   void disactivate();
 
-  int split(table* t, int split_type, float min_obj, options const* opts);
-  int split_gain(table* t, bool use_ratio, float min_obj, options const* opts);
+  // Without a scratch, the search works in tables of its own.
+  int split(table* t, int split_type, float min_obj, options const* opts,
+            split_scratch* scratch = nullptr);
+  int split_gain(table* t, bool use_ratio, float min_obj, options const* opts,
+                 split_scratch* scratch = nullptr);
   bool split_pre(table* t, int split_type, float min_obj);
-  void split_att(table* t, float min_obj, options const* opts, unsigned long att, bool sort_copy);
+  void split_att(table* t, float min_obj, options const* opts, unsigned long att, bool sort_copy,
+                 split_scratch& scratch);
   // Scores one attribute on the given cases (the node's, or an order of them).
   void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
-                    w_sequence* cases, order_publisher* publish);
+                    w_sequence* cases, split_scratch& scratch, order_publisher* publish);
   int split_post(table* t);
   int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
@@ -101,7 +106,7 @@ class _decision_node {
   // Distributes the cases to every branch of the split at once. Returns false, and turns the
   // node into a leaf, when no threshold can separate its cases.
   bool distribute(table* t, std::vector<w_sequence*>& children, std::vector<float>& shares,
-                  std::vector<order_range>& ranges, options const* opts);
+                  std::vector<order_range>& ranges, options const* opts, split_scratch& scratch);
 
   node_status get_node_status() const { return status_; }
   void set_node_status(node_status s) { status_ = s; }
@@ -120,11 +125,11 @@ class _decision_node {
   unsigned long get_split_attribute_index() const { return leaf_or_att_; }
   std::string const& get_threshold() const { return partition_.threshold; }
   unsigned long get_no_of_splits() const { return partition_.branches; }
-  column::partition_desc const& get_partition() const { return partition_; }
+  partition_desc const& get_partition() const { return partition_; }
   float get_error() const { return error_; }
   void set_error(float e) { error_ = e; }
   float get_leaf_error() const { return cases_weight_ - class_distribution_[most_frequent_]; }
-  std::vector<column::splitting_desc> const& get_split_descs() const;
+  std::vector<splitting_desc> const& get_split_descs() const;
   std::vector<order_range> const* get_att_ranges() const { return work_ ? work_->own() : nullptr; }
 
   // Collapses the node into a leaf with the given error.
@@ -142,20 +147,20 @@ class _decision_node {
   friend class decision_tree;
 
  private:
-  void reset_partition() { partition_ = column::partition_desc(); }
+  void reset_partition() { partition_ = partition_desc(); }
   bool holds_all(std::vector<w_sequence*> const& children) const;
   static void drop(std::vector<w_sequence*>& children);
   // The node's ranges, replaced by a copy of the given ones (or the empty set).
   std::vector<order_range>& reset_ranges(std::vector<order_range> const* from);
   std::vector<order_range>& ranges() const { return *work_->own(); }
-  std::vector<column::splitting_desc>& descs() const { return work_->descs; }
+  std::vector<splitting_desc>& descs() const { return work_->descs; }
 
   // Wide fields first, the small ones packed at the end: a grown tree holds one record a node.
   _decision_node* father_ = nullptr;
   w_sequence* all_cases_ = nullptr;
   std::unique_ptr<_node_work> work_;  // while activated
   std::vector<float> class_distribution_;
-  column::partition_desc partition_;
+  partition_desc partition_;
   // Rows, classes, attributes and branches all number below 2^32.
   std::uint32_t index_ = 0;  // branch of the father leading here, from 1
   std::uint32_t cases_count_ = 0;

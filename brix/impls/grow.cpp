@@ -22,8 +22,8 @@ _decision_node::~_decision_node() {
   if (owns_cases_) delete all_cases_;
 }
 
-std::vector<column::splitting_desc> const& _decision_node::get_split_descs() const {
-  static std::vector<column::splitting_desc> const none;
+std::vector<splitting_desc> const& _decision_node::get_split_descs() const {
+  static std::vector<splitting_desc> const none;
   return work_ ? work_->descs : none;
 }
 
@@ -112,9 +112,9 @@ void _decision_node::activate_node(table* t) {
   reset_ranges(&father_->ranges());
   unsigned long att = father_->leaf_or_att_;
   w_sequence const* fc = father_->all_cases_;
-  w_sequence* cases = t->get_attribute(att)->partition(fc->data(), fc->data() + fc->size(), index_,
-                                                       father_->cases_weight_, known_fract_,
-                                                       ranges()[att], father_->partition_);
+  w_sequence* cases =
+      partition_branch(*t->get_attribute(att), fc->data(), fc->data() + fc->size(), index_,
+                       father_->cases_weight_, known_fract_, ranges()[att], father_->partition_);
   if (owns_cases_) delete all_cases_;
   all_cases_ = cases;
   owns_cases_ = true;
@@ -158,19 +158,19 @@ void _decision_node::activate_with(table* t, w_sequence* cases, float known_frac
 
 bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
                                 std::vector<float>& shares, std::vector<order_range>& ranges,
-                                options const* opts) {
+                                options const* opts, split_scratch& scratch) {
   w_sequence const* c = all_cases_;
   column const* att = t->get_attribute(leaf_or_att_);
-  att->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children, shares,
-                     ranges);
+  partition_all(*att, c->data(), c->data() + c->size(), cases_weight_, partition_, scratch,
+                children, shares, ranges);
   if (holds_all(children) && att->is_continuous()) {
     // Deliberate: the midpoint of two neighbouring values, rounded to the column's type, can be
     // the higher value itself (always so next to an infinity); the cut then separates nothing.
     // Only there is the lower value taken as the threshold, so no tree that ends changes.
     drop(children);
     partition_.threshold = att->get_o_set()->get_value(descs()[leaf_or_att_].low);
-    att->partition_all(c->data(), c->data() + c->size(), cases_weight_, partition_, children,
-                       shares, ranges);
+    partition_all(*att, c->data(), c->data() + c->size(), cases_weight_, partition_, scratch,
+                  children, shares, ranges);
   }
   if (holds_all(children)) {
     // A child equal to its father would be split the same way for ever.
@@ -181,7 +181,7 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
   // The root sorted its own cases; its children start the row order again.
   if (opts != nullptr && opts->any_order && father_ == nullptr) {
     for (w_sequence* child : children)
-      sort_by_row(*child);
+      sort_by_row(*child, scratch);
   }
   return true;
 }
@@ -233,25 +233,29 @@ void _decision_node::disactivate() {
 
 // ---------------------------------------------------------------- split decision
 
-int _decision_node::split(table* t, int split_type, float min_obj, options const* opts) {
+int _decision_node::split(table* t, int split_type, float min_obj, options const* opts,
+                          split_scratch* scratch) {
   if (!activated_)
     throw std::runtime_error("[_decision_node::split] called on an unactivated node.");
   if (split_type != 0 && split_type != 1) {
     throw std::runtime_error("[_decision_node::split] called on an unsupported split type.");
   }
-  split_gain(t, split_type == 1, min_obj, opts);
+  split_gain(t, split_type == 1, min_obj, opts, scratch);
   split_status_ = split_type;
   return status_;
 }
 
-int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options const* opts) {
+int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options const* opts,
+                               split_scratch* scratch) {
   if (split_pre(t, use_ratio ? 1 : 0, min_obj)) return status_;
+  split_scratch own;
+  split_scratch& s = scratch != nullptr ? *scratch : own;
   unsigned long n = t->get_no_attributes();
   // Below the root, when the order of cases cannot change a sum, searches
   // sort copies and the node keeps its row order.
   bool copy = opts != nullptr && opts->any_order && father_ != nullptr;
   for (unsigned long a = 0; a < n; ++a)
-    split_att(t, min_obj, opts, a, copy);
+    split_att(t, min_obj, opts, a, copy, s);
   return split_post(t);
 }
 
@@ -280,20 +284,21 @@ bool _decision_node::split_pre(table* t, int split_type, float min_obj) {
   if (2 * min_obj > cases_weight_) return true;
   if (!work_) work_.reset(new _node_work());
   work_->own();  // before attributes are scored, perhaps on several threads
-  work_->descs.assign(t->get_no_attributes(), column::splitting_desc());
+  work_->descs.assign(t->get_no_attributes(), splitting_desc());
   return false;
 }
 
 void _decision_node::split_att(table* t, float min_obj, options const* opts, unsigned long att,
-                               bool sort_copy) {
-  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, all_cases_, ranges()[att],
-                                         min_obj, opts, descs()[att], sort_copy);
+                               bool sort_copy, split_scratch& scratch) {
+  score_split(*t->get_attribute(att), *t->get_class(), cases_weight_, *all_cases_, ranges()[att],
+              min_obj, opts, scratch, descs()[att], sort_copy);
 }
 
 void _decision_node::split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
-                                  w_sequence* cases, order_publisher* publish) {
-  t->get_attribute(att)->quality_measure(t->get_class(), cases_weight_, cases, ranges()[att],
-                                         min_obj, opts, descs()[att], false, publish);
+                                  w_sequence* cases, split_scratch& scratch,
+                                  order_publisher* publish) {
+  score_split(*t->get_attribute(att), *t->get_class(), cases_weight_, *cases, ranges()[att],
+              min_obj, opts, scratch, descs()[att], false, publish);
 }
 
 bool _decision_node::split_att_worth(unsigned long att) {
@@ -310,7 +315,7 @@ int _decision_node::split_post(table* t) {
     // tolerances and the float sum are deliberate: they decide ties as the trees expect.
     float sum = 0.0f;
     unsigned long count = 0;
-    std::vector<column::splitting_desc> const& all = get_split_descs();
+    std::vector<splitting_desc> const& all = get_split_descs();
     for (auto const& d : all) {
       if (d.gain > -0.001) {
         sum += d.gain;
@@ -361,7 +366,7 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
   out << cases_count_ << " items, total weight " << cases_weight_ << std::endl;
   out << "[Attribute] [gain] [split] [first] [second] [OneOnAlpha] [thres] " << std::endl
       << std::endl;
-  std::vector<column::splitting_desc> const& all = get_split_descs();
+  std::vector<splitting_desc> const& all = get_split_descs();
   std::vector<order_range> const* ranges = get_att_ranges();
   for (std::size_t a = 0; a < all.size(); ++a) {
     auto const& d = all[a];
@@ -400,13 +405,15 @@ void _decision_tree::build_breadth(table* t, int split_type, float min_obj, opti
   std::vector<w_sequence*> parts;
   std::vector<float> shares;
   std::vector<order_range> ranges;
+  split_scratch scratch;
   while (!queue.empty()) {
     _decision_tree* tree = queue.front();
     queue.pop_front();
     _decision_node* node = tree->get_node();
-    int status = node->split(t, split_type, min_obj, opts);
+    scratch.fit(node->get_cases_count());
+    int status = node->split(t, split_type, min_obj, opts, &scratch);
     if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1 &&
-        node->distribute(t, parts, shares, ranges, opts)) {
+        node->distribute(t, parts, shares, ranges, opts, scratch)) {
       for (std::size_t i = 0; i < parts.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* sub = new _decision_tree();

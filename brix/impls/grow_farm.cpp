@@ -120,10 +120,11 @@ class _ff_worker : public farm::node {
     auto* k = static_cast<ff_task*>(task);
     try {
       _decision_node* n = k->subtree->get_node();
+      scratch_.fit(n->get_cases_count());
       if (k->kind == ATTRIBUTE_TASK) {
         evaluate_attribute(n, k);
       } else {
-        n->split(table_, split_type_, min_obj_, opts_);
+        n->split(table_, split_type_, min_obj_, opts_, &scratch_);
       }
     } catch (...) {
       fail(signal_);
@@ -135,22 +136,22 @@ class _ff_worker : public farm::node {
  private:
   void evaluate_attribute(_decision_node* n, ff_task* k) {
     if (k->chain == nullptr) {
-      n->split_att(table_, min_obj_, opts_, k->attribute, true);
+      n->split_att(table_, min_obj_, opts_, k->attribute, true, scratch_);
       return;
     }
     std::shared_ptr<w_sequence> in = k->chain->take(k->position);
     order_range const& range = (*n->get_att_ranges())[k->attribute];
-    if (table_->get_attribute(k->attribute)->sorts_cases(in->size(), range)) {
+    if (search_sorts_cases(*table_->get_attribute(k->attribute), in->size(), range)) {
       chain_publisher pub;
       pub.chain = k->chain;
       pub.position = k->position + 1;
       pub.cases = std::make_shared<w_sequence>(*in);
       in.reset();
       w_sequence* mine = pub.cases.get();
-      n->split_att_on(table_, min_obj_, opts_, k->attribute, mine, &pub);
+      n->split_att_on(table_, min_obj_, opts_, k->attribute, mine, scratch_, &pub);
     } else {
       k->chain->publish(k->position + 1, in);
-      n->split_att_on(table_, min_obj_, opts_, k->attribute, in.get(), nullptr);
+      n->split_att_on(table_, min_obj_, opts_, k->attribute, in.get(), scratch_, nullptr);
     }
   }
 
@@ -159,6 +160,7 @@ class _ff_worker : public farm::node {
   float min_obj_;
   options const* opts_;
   chain_signal* signal_;
+  split_scratch scratch_;  // this worker's, from task to task
 };
 
 class _ff_emitter : public farm::node {
@@ -236,8 +238,9 @@ class _ff_emitter : public farm::node {
   void* expand(_decision_tree* sub, unsigned long attribute_tasks, ff_task* reuse) {
     _decision_node* node = sub->get_node();
     std::vector<_decision_tree*> kids;
+    scratch_.fit(node->get_cases_count());
     if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1 &&
-        node->distribute(table_, parts_, shares_, ranges_, opts_)) {
+        node->distribute(table_, parts_, shares_, ranges_, opts_, scratch_)) {
       for (std::size_t i = 0; i < parts_.size(); ++i) {
         auto* child = new _decision_node(node, i + 1);
         auto* ct = new _decision_tree();
@@ -344,6 +347,7 @@ class _ff_emitter : public farm::node {
   std::deque<ff_task> pool_;  // every task record, freed with the emitter
   std::vector<ff_task*> free_;
   std::vector<w_sequence*> parts_;
+  split_scratch scratch_;  // for distributing
   std::vector<float> shares_;
   std::vector<order_range> ranges_;
 };

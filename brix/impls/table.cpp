@@ -339,7 +339,7 @@ table* table::clone_metadata() const {
   auto* t = new table(name_, for_tree_);
   t->columns_.reserve(columns_.size());
   for (column* c : columns_)
-    t->columns_.push_back(c->clone(true));
+    t->columns_.push_back(c->share_values());
   t->set_state(0, loaded_, class_index_, weights_index_, verbosity_, for_tree_);
   return t;
 }

@@ -42,8 +42,8 @@ class table {
   o_set* make_column_o_set(unsigned long i, std::string const& null) const;
   column* make_column(unsigned long i, o_set* values) const;
 
-  // A copy of the table's description: the columns with their value sets but
-  // no rows. The tree keeps one to read and write cases.
+  // A copy of the table's description: the columns, sharing their value sets,
+  // but no rows. The tree keeps one to read and write cases.
   table* clone_metadata() const;
 
   std::string const& get_name() const { return name_; }

@@ -9,12 +9,15 @@
 #include "brix/impls/column.h"
 #include "brix/impls/column_typed.h"
 #include "brix/impls/o_set.h"
+#include "brix/impls/split_search.h"
 #include "brix/impls/storage_width.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;
 using brix::impls::o_set;
 using brix::impls::order_range;
+using brix::impls::partition_desc;
+using brix::impls::split_scratch;
 using brix::impls::storage_kind;
 using brix::impls::w_case;
 using brix::impls::w_sequence;
@@ -161,10 +164,10 @@ struct branch {
 };
 
 branch part(column const& c, w_sequence const& all, unsigned long b, float total,
-            column::partition_desc const& desc) {
+            partition_desc const& desc) {
   branch out{{}, -1, {}};
-  std::unique_ptr<w_sequence> s(
-      c.partition(all.data(), all.data() + all.size(), b, total, out.share, out.range, desc));
+  std::unique_ptr<w_sequence> s(partition_branch(c, all.data(), all.data() + all.size(), b, total,
+                                                 out.share, out.range, desc));
   out.got = pairs_of(*s);
   return out;
 }
@@ -193,7 +196,7 @@ class PartitionTest : public ::testing::Test {
 
 TEST_F(PartitionTest, ContinuousAndDiscrete) {
   w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, 1.5f}});
-  column::partition_desc const at2{"2", 2};
+  partition_desc const at2{"2", 2};
   // Branch 1 counts the unknown cases in its own weight (5 / 9), branch 2 leaves them out
   // (4 / (9 - 2)).
   float s1 = 5.0f / 9.0f, s2 = 4.0f / 7.0f;
@@ -212,7 +215,7 @@ TEST_F(PartitionTest, ContinuousAndDiscrete) {
 
   // Discrete, branch a (order 1): 4 of the 7.5 known weight.
   w_sequence d = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 1.0f}, {3, 3.0f}, {4, 0.5f}, {5, 1.0f}});
-  column::partition_desc const three{"?", 3};
+  partition_desc const three{"?", 3};
   float sa = 4.0f / 7.5f;
   expect_branch(part(*d_, d, 1, 8.5f, three), {{0, 1}, {2, sa}, {3, 3}}, sa, {1, 2});
   expect_branch(part(*d_, d, 3, 8.5f, three), {{2, 0.5f / 7.5f}, {4, 0.5f}}, 0.5f / 7.5f, {3, 4});
@@ -224,20 +227,24 @@ TEST_F(PartitionTest, ContinuousAndDiscrete) {
   std::vector<w_sequence*> children;
   std::vector<float> shares;
   std::vector<order_range> ranges;
+  split_scratch scratch;
   EXPECT_EQ(error_of([&] {
-              t->get_column(1)->partition_all(d.data(), d.data(), 1.0f, three, children, shares,
-                                              ranges);
+              partition_all(*t->get_column(1), d.data(), d.data(), 1.0f, three, scratch, children,
+                            shares, ranges);
             }),
             "[column::partition] method not defined for column type 'ignore'");
 }
 
-// partition_all must give, branch by branch, exactly what partition gives.
+// partition_all must give, branch by branch, exactly what partition_branch gives. One scratch
+// serves every call, over case sequences of different sizes.
 void expect_same_as_partition(column const& c, w_sequence const& all, float total,
-                              column::partition_desc const& desc) {
+                              partition_desc const& desc) {
+  static split_scratch scratch;
   std::vector<w_sequence*> children;
   std::vector<float> shares;
   std::vector<order_range> ranges;
-  c.partition_all(all.data(), all.data() + all.size(), total, desc, children, shares, ranges);
+  partition_all(c, all.data(), all.data() + all.size(), total, desc, scratch, children, shares,
+                ranges);
   ASSERT_EQ(children.size(), c.is_continuous() ? 2u : c.get_distinct());
   for (std::size_t i = 0; i < children.size(); ++i) {
     std::unique_ptr<w_sequence> at_once(children[i]);

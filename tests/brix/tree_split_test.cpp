@@ -23,6 +23,8 @@ using brix::impls::column;
 using brix::impls::decision_tree;
 using brix::impls::options;
 using brix::impls::order_range;
+using brix::impls::split_scratch;
+using brix::impls::splitting_desc;
 using brix::impls::table;
 using brix::impls::w_case;
 using brix::impls::w_sequence;
@@ -133,6 +135,13 @@ struct cut {
   unsigned long low, high;
 };
 
+// One scratch for every search of these tests, as a grower keeps it from node to node: the
+// nodes scored here have all sizes, in any order.
+split_scratch& scratch() {
+  static split_scratch s;
+  return s;
+}
+
 // Scores x over the cases with the stretch (lo, hi) of orders.
 cut score(table* t, w_sequence& cases, unsigned long lo, unsigned long hi, float min_obj,
           bool count_cases = false) {
@@ -141,9 +150,10 @@ cut score(table* t, w_sequence& cases, unsigned long lo, unsigned long hi, float
   float w = 0.0f;
   for (w_case const& c : cases)
     w += c.second;
-  column::splitting_desc d;
+  splitting_desc d;
   order_range range(lo, hi);
-  t->get_attribute(0)->quality_measure(t->get_class(), w, &cases, range, min_obj, &opts, d, true);
+  score_split(*t->get_attribute(0), *t->get_class(), w, cases, range, min_obj, &opts, scratch(), d,
+              true);
   EXPECT_EQ(d.branches, 2u);
   return {d.gain, d.split_info, d.low, d.high};
 }
@@ -269,9 +279,10 @@ TEST(TreeSplit, SortingSearchSortsTheNodeUnlessAskedForACopy) {
   EXPECT_TRUE(std::equal(before.begin(), before.end(), s.begin(),
                          [](w_case a, w_case b) { return a.first == b.first; }));
   options opts;
-  column::splitting_desc d;
+  splitting_desc d;
   order_range range(1, 41);
-  t->get_attribute(0)->quality_measure(t->get_class(), 9.0f, &s, range, 2.0f, &opts, d, false);
+  score_split(*t->get_attribute(0), *t->get_class(), 9.0f, s, range, 2.0f, &opts, scratch(), d,
+              false);
   column const* x = t->get_attribute(0);
   for (std::size_t i = 1; i < s.size(); ++i) {
     EXPECT_LE(x->get_row_index(s[i - 1].first), x->get_row_index(s[i].first));

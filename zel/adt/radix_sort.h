@@ -31,20 +31,34 @@ inline std::uint64_t sortable_bits(double v) {
   return (b & 0x8000000000000000ULL) ? ~b : (b | 0x8000000000000000ULL);
 }
 
+inline std::uint32_t float_bits(float v) {
+  std::uint32_t b;
+  std::memcpy(&b, &v, sizeof b);
+  return b;
+}
+inline float bits_float(std::uint32_t b) {
+  float v;
+  std::memcpy(&v, &b, sizeof v);
+  return v;
+}
+
 }  // namespace detail
 
 // Stable LSD radix sort by the low key_bytes bytes of key_of(item). All the
 // digit histograms come from one pass; digits shared by every key are skipped.
+// buf is the caller's scratch (resized to the items, contents lost): callers
+// that sort often keep it instead of allocating one a sort.
 template <class Item, class KeyOf>
-void lsd_radix(std::vector<Item>& items, unsigned key_bytes, KeyOf key_of) {
+void lsd_radix(std::vector<Item>& items, std::vector<Item>& buf, unsigned key_bytes, KeyOf key_of) {
   std::size_t n = items.size();
-  std::vector<std::size_t> hist(key_bytes * 256, 0);
+  std::size_t hist[8 * 256];
+  std::fill_n(hist, key_bytes * 256, std::size_t(0));
   for (Item const& it : items) {
     auto k = key_of(it);
     for (unsigned byte = 0; byte < key_bytes; ++byte)
       ++hist[byte * 256 + ((k >> (byte * 8)) & 0xFF)];
   }
-  std::vector<Item> buf(n);
+  buf.resize(n);
   for (unsigned byte = 0; byte < key_bytes; ++byte) {
     std::size_t* count = &hist[byte * 256];
     bool trivial = false;
@@ -63,6 +77,12 @@ void lsd_radix(std::vector<Item>& items, unsigned key_bytes, KeyOf key_of) {
       buf[count[(key_of(it) >> shift) & 0xFF]++] = it;
     items.swap(buf);
   }
+}
+
+template <class Item, class KeyOf>
+void lsd_radix(std::vector<Item>& items, unsigned key_bytes, KeyOf key_of) {
+  std::vector<Item> buf;
+  lsd_radix(items, buf, key_bytes, key_of);
 }
 
 // Sorts ids (indexes into values) by ascending value. Values must be distinct

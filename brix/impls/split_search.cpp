@@ -1,0 +1,658 @@
+// Split quality of one attribute in one node: information gain and split
+// information of a multiway split (discrete attributes) or of the best binary
+// cut (continuous attributes). Every sum is a 32-bit float accumulated in case
+// order and every logarithm is rounded to float: ties between cuts and between
+// attributes are decided by these bits. Then the distribution of a node's
+// cases to the branches of its split.
+#include "brix/impls/split_search.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/entropy.h"
+#include "zel/adt/radix_sort.h"
+
+namespace brix {
+namespace impls {
+
+namespace {
+
+// Tables up to this many entries stay from node to node whatever the nodes'
+// sizes; larger ones follow the nodes down.
+constexpr std::size_t kKeep = std::size_t(1) << 16;
+
+// Deliberate: "no split" is a gain of -0.001, not 0; split choice compares against it.
+constexpr float kNoGain = -0.001f;
+
+// Nodes with fewer cases than this per possible value are sorted by
+// comparison instead of by counting.
+constexpr unsigned long kCountingSortRatio = 17;
+// Order stretches up to this width are counted in one pass; wider ones in
+// byte digits, so that the tallies stay in cache.
+constexpr unsigned long kOnePassWidth = 1UL << 16;
+
+unsigned bytes_for(unsigned long width) {
+  unsigned b = 1;
+  while (b < 4 && (width >> (8 * b)) != 0)
+    ++b;
+  return b;
+}
+
+void no_split(splitting_desc& best) {
+  best.gain = kNoGain;
+  best.split_info = 0.0f;
+}
+
+// Least weight on either side of a cut: 10% of the known weight per class,
+// between min_objects and 25; a min_objects of 25 or more stands as given
+// (deliberately, as the classic rule has it).
+float least_side_weight(float min_objects, float known, unsigned long classes) {
+  double share = 0.1 * known / static_cast<double>(classes);
+  if (min_objects < 25.0f && min_objects < share) return static_cast<float>(std::min(share, 25.0));
+  return min_objects;
+}
+
+xlogx_table const& logs_of(options const* opts) {
+  static xlogx_table const none;
+  return (opts != nullptr && opts->logs != nullptr) ? *opts->logs : none;
+}
+
+// One pass over the cases: the weight of each (value, class) pair, in row
+// value - base, and of each class, in case order. Returns the weight of the
+// cases whose value is unknown.
+template <class Att, class Cls>
+float tally(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::size_t cols,
+            float* freq, float* class_total) {
+  float unknown = 0.0f;
+  for (w_case const& c : cases) {
+    unsigned long a = att(c.first);
+    if (a == 0) {
+      unknown += c.second;
+    } else {
+      unsigned long k = cls(c.first);
+      freq[(a - base) * cols + k] += c.second;
+      class_total[k] += c.second;
+    }
+  }
+  return unknown;
+}
+
+template <class Att, class Cls>
+void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
+                      w_sequence const& cases, order_range const& range, float min_objects,
+                      options const* opts, split_scratch& s, splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  std::size_t cols = classes + 1;
+  std::size_t rows = range.second - range.first + 1;
+  unsigned long base = range.first - 1;
+  std::vector<float>& freq = s.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = s.totals;
+  totals.assign(rows + cols, 0.0f);
+  float* branch = totals.data();
+  float* class_total = totals.data() + rows;
+  float unknown = tally(att, cls, cases, base, cols, freq.data(), class_total);
+  float known = total_weight - unknown;
+  if (known == 0.0f) return no_split(best);
+  branch[0] = unknown;
+  int reaching = 0;
+  for (std::size_t r = 1; r < rows; ++r) {
+    float s = 0.0f;
+    for (std::size_t k = 1; k < cols; ++k)
+      s += freq[r * cols + k];
+    branch[r] = s;
+    if (s >= min_objects) ++reaching;
+  }
+  if (reaching < 2) return no_split(best);
+  float hc = info(logs, class_total + 1, classes);
+  float hs = 0.0f;
+  for (std::size_t r = 1; r < rows; ++r)
+    hs += info(logs, &freq[r * cols + 1], classes);
+  float hsplit = info(logs, branch, rows);
+  best.split_info = hsplit / total_weight;
+  // Deliberate: scaled by known / (unknown + known), not by the total weight; the float bits
+  // differ.
+  best.gain = (hc / known - hs / known) * (known / (unknown + known));
+}
+
+// The best binary cut so far: a cut is kept when its gain on the known
+// cases is strictly greater, so ties keep the earlier (lower) cut.
+struct cut_score {
+  xlogx_table const& logs;
+  std::size_t classes;
+  float hc, known, unknown;
+  float best_gain = kNoGain;
+  float split_info = 0.0f;
+
+  bool consider(float const* left, float const* right, float l_weight) {
+    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
+    float gain = (known / (unknown + known)) * (hc / known - hs / known);
+    if (!(gain > best_gain)) return false;
+    best_gain = gain;
+    float parts[3] = {unknown, l_weight, known - l_weight};
+    split_info = info(logs, parts, 3);
+    return true;
+  }
+};
+
+// Penalises the best cut by log2 of the cuts tried and fills the result.
+void finish_cut(splitting_desc& best, float best_gain, float split_info, unsigned long tried,
+                float total_weight, std::size_t n_cases, options const* opts, unsigned long low,
+                unsigned long high) {
+  float penalty = tried > 0 ? log2w(static_cast<float>(tried)) : 0.0f;
+  float n = (opts != nullptr && opts->flag) ? static_cast<float>(n_cases) : total_weight;
+  float p = penalty / n;
+  if (p < best_gain) {
+    best.low = low;
+    best.high = high;
+    best.gain = best_gain - p;
+    best.split_info = split_info / total_weight;
+  } else {
+    no_split(best);
+  }
+}
+
+// A case as 64 bits, so that the sorted cases can live in the radix sort's
+// buffer instead of a table of their own.
+std::uint64_t case_bits(w_case c) {
+  return static_cast<std::uint64_t>(c.first) |
+         (static_cast<std::uint64_t>(zel::adt::detail::float_bits(c.second)) << 32);
+}
+w_case bits_case(std::uint64_t b) {
+  return w_case{static_cast<std::uint32_t>(b),
+                zel::adt::detail::bits_float(static_cast<std::uint32_t>(b >> 32))};
+}
+
+// Sorts the cases by attribute order, stably: counting over the order stretch
+// when it is dense enough, radix passes when it is wide, comparison sort when
+// the cases are few against it. Each case travels as its order << 32 | its
+// position. On return s.packed[i] holds the order of the i-th sorted case
+// << 32 | its class, and s.spare[i] the case itself: the scan that follows
+// reads both sequentially instead of the columns by row. Two 8-byte tables a
+// case, the sort's buffer included.
+template <class Att, class Cls>
+void sort_by_order(Att att, Cls cls, std::vector<w_case> const& cases, order_range const& range,
+                   split_scratch& s) {
+  std::size_t n = cases.size();
+  unsigned long base = range.first - 1;
+  unsigned long width = range.second - base;
+  std::vector<std::uint64_t>& packed = s.packed;
+  std::vector<std::uint64_t>& spare = s.spare;
+  packed.resize(n);
+  spare.resize(n);
+  auto keyed = [](unsigned long key, std::size_t i) {
+    return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(key)) << 32) | i;
+  };
+  unsigned long key_base = base;
+  if (width / n < kCountingSortRatio && width <= kOnePassWidth) {
+    std::vector<std::uint32_t>& counts = s.counts;
+    counts.assign(width + 2, 0);
+    for (std::size_t i = 0; i < n; ++i) {
+      unsigned long k = att(cases[i].first) - base;
+      spare[i] = keyed(k, i);
+      ++counts[k + 1];
+    }
+    for (unsigned long k = 1; k <= width; ++k)
+      counts[k] += counts[k - 1];
+    for (std::size_t i = 0; i < n; ++i)
+      packed[counts[spare[i] >> 32]++] = spare[i];
+  } else if (width / n < kCountingSortRatio) {
+    // A wide stretch: the same stable sort as counting over every order,
+    // done in passes of small digits whose tallies stay in cache.
+    for (std::size_t i = 0; i < n; ++i)
+      packed[i] = keyed(att(cases[i].first) - base, i);
+    zel::adt::lsd_radix(packed, spare, bytes_for(width),
+                        [](std::uint64_t x) { return static_cast<std::uint32_t>(x >> 32); });
+  } else {
+    // The comparisons, and so the permutation, are those of sorting the cases
+    // by the column's order of their rows; the order travels with each case
+    // so that no comparison reads the column.
+    key_base = 0;
+    for (std::size_t i = 0; i < n; ++i)
+      packed[i] = keyed(att(cases[i].first), i);
+    std::sort(packed.begin(), packed.end(),
+              [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); });
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    std::uint64_t x = packed[i];
+    w_case c = cases[static_cast<std::uint32_t>(x)];
+    spare[i] = case_bits(c);
+    auto order = static_cast<std::uint32_t>((x >> 32) + key_base);
+    packed[i] = keyed(order, static_cast<std::uint32_t>(cls(c.first)));
+  }
+}
+
+template <class Att, class Cls>
+void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
+                        w_sequence& node_cases, order_range const& range, float min_objects,
+                        options const* opts, split_scratch& s, splitting_desc& best, bool sort_copy,
+                        order_publisher* publish) {
+  xlogx_table const& logs = logs_of(opts);
+  best.branches = 2;
+  std::vector<w_case>& cases = node_cases.cases();
+  std::size_t n = cases.size();
+  if (n == 0) return no_split(best);
+  sort_by_order(att, cls, cases, range, s);
+  std::uint64_t const* sorted = s.packed.data();
+  std::uint64_t const* sorted_cases = s.spare.data();
+  if (!sort_copy) {
+    for (std::size_t i = 0; i < n; ++i)
+      cases[i] = bits_case(sorted_cases[i]);
+  }
+  if (publish != nullptr) publish->sorted(sort_copy ? nullptr : &node_cases);
+  auto order_of = [sorted](std::size_t i) { return static_cast<std::uint32_t>(sorted[i] >> 32); };
+  auto class_of = [sorted](std::size_t i) { return static_cast<std::uint32_t>(sorted[i]); };
+  auto weight_of = [sorted_cases](std::size_t i) { return bits_case(sorted_cases[i]).second; };
+
+  std::size_t cols = classes + 1;
+  std::vector<float>& totals = s.totals;
+  totals.assign(2 * cols, 0.0f);
+  float* left = totals.data();
+  float* right = totals.data() + cols;
+  float unknown = 0.0f;
+  std::size_t first = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (order_of(i) == 0) {
+      unknown += weight_of(i);
+      ++first;
+    } else {
+      right[class_of(i)] += weight_of(i);
+    }
+  }
+  float known = total_weight - unknown;
+  if (known < 2 * min_objects) return no_split(best);
+  float hc = info(logs, right + 1, classes);
+  float m = least_side_weight(min_objects, known, classes);
+  float upper = known - m;
+
+  cut_score score{logs, classes, hc, known, unknown};
+  float l_weight = 0.0f;
+  unsigned long tried = 0, low = 0, high = 0;
+  // The stretch of cases moved left since the last evaluated cut, while it
+  // holds a single class.
+  std::uint32_t stretch_class = 0;
+  bool stretch_open = false, stretch_pure = true;
+  for (std::size_t i = first; i + 1 < n; ++i) {
+    std::uint32_t c = class_of(i);
+    float w = weight_of(i);
+    right[c] -= w;
+    left[c] += w;
+    l_weight += w;
+    if (!stretch_open) {
+      stretch_open = true;
+      stretch_pure = true;
+      stretch_class = c;
+    } else if (c != stretch_class) {
+      stretch_pure = false;
+    }
+    if (l_weight < m) continue;
+    if (l_weight > upper) break;
+    std::uint32_t a = order_of(i), a_next = order_of(i + 1);
+    if (a == a_next) continue;
+    ++tried;
+    if (stretch_pure) {
+      // No cut inside a run of one class can win, unless the next value block
+      // brings another class or carries the left side past its limit.
+      bool same = true;
+      float ahead = l_weight;
+      for (std::size_t j = i + 1; j < n && order_of(j) == a_next; ++j) {
+        if (class_of(j) != stretch_class) {
+          same = false;
+          break;
+        }
+        ahead += weight_of(j);
+      }
+      if (same && ahead <= upper) continue;
+    }
+    stretch_open = false;
+    if (score.consider(left, right, l_weight)) {
+      low = a;
+      high = a_next;
+    }
+  }
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
+}
+
+template <class Att, class Cls>
+void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
+                   w_sequence const& cases, order_range const& range, float min_objects,
+                   options const* opts, split_scratch& s, splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  best.branches = 2;
+  std::size_t cols = classes + 1;
+  unsigned long base = range.first - 1;
+  std::size_t rows = range.second - range.first + 1;
+  std::vector<float>& freq = s.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = s.totals;
+  totals.assign(2 * cols, 0.0f);
+  float* left = totals.data();
+  float* right = totals.data() + cols;
+  float unknown = tally(att, cls, cases, base, cols, freq.data(), right);
+  float known = total_weight - unknown;
+  if (known < 2 * min_objects) return no_split(best);
+  float hc = info(logs, right + 1, classes);
+  float m = least_side_weight(min_objects, known, classes);
+  float upper = known - m;
+
+  auto occupied = [&](std::size_t r) {
+    for (std::size_t k = 0; k < cols; ++k) {
+      if (freq[r * cols + k] != 0.0f) return true;
+    }
+    return false;
+  };
+  std::size_t last = rows;
+  for (std::size_t r = rows; r-- > 0;) {
+    if (occupied(r)) {
+      last = r;
+      break;
+    }
+  }
+  cut_score score{logs, classes, hc, known, unknown};
+  float l_weight = 0.0f;
+  unsigned long tried = 0;
+  std::size_t best_row = 0;
+  bool found = false;
+  for (std::size_t r = 0; r < last; ++r) {
+    if (!occupied(r)) continue;
+    float const* row = &freq[r * cols];
+    float s = 0.0f;
+    for (std::size_t k = 0; k < cols; ++k)
+      s += row[k];
+    for (std::size_t k = 0; k < cols; ++k) {
+      right[k] -= row[k];
+      left[k] += row[k];
+    }
+    l_weight += s;
+    if (l_weight < m) continue;
+    if (l_weight > upper) break;
+    ++tried;
+    if (score.consider(left, right, l_weight)) {
+      best_row = r;
+      found = true;
+    }
+  }
+  unsigned long low = 0, high = 0;
+  if (found) {
+    std::size_t next = best_row + 1;
+    while (next < rows && !occupied(next))
+      ++next;
+    low = best_row + base;
+    high = next + base;
+  }
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, cases.size(), opts, low,
+             high);
+}
+
+[[noreturn]] void throw_no_partition(column const& c) {
+  throw std::runtime_error("[column::partition] method not defined for column type '" +
+                           c.get_type() + "'");
+}
+
+// The two passes over the father's cases for a discrete split: per-branch
+// sums in case order, then each case copied to its branch and every unknown
+// one to all branches with the branch's share of its weight. The orders read
+// in the first pass are kept in keys for the second, so the column is read in
+// row order only once per split.
+template <class Reader>
+void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
+                        std::uint32_t* keys, std::vector<w_sequence*>& children,
+                        std::vector<float>& shares, std::vector<order_range>& ranges) {
+  std::size_t k = children.size();
+  std::vector<float> wv(k + 1, 0.0f);
+  std::vector<std::size_t> count(k + 1, 0);
+  for (w_case const* c = begin; c != end; ++c) {
+    auto a = static_cast<std::uint32_t>(rd(c->first));
+    keys[c - begin] = a;
+    wv[a] += c->second;
+    ++count[a];
+  }
+  float known = total_weight - wv[0];
+  for (std::size_t v = 1; v <= k; ++v) {
+    shares[v - 1] = wv[v] / known;
+    ranges[v - 1] = order_range(v, v + 1);
+    children[v - 1]->reserve(count[v] + count[0]);
+  }
+  for (w_case const* c = begin; c != end; ++c) {
+    std::uint32_t a = keys[c - begin];
+    if (a != 0) {
+      children[a - 1]->cases().push_back(*c);
+    } else {
+      for (std::size_t v = 0; v < k; ++v) {
+        children[v]->cases().push_back(w_case{c->first, shares[v] * c->second});
+      }
+    }
+  }
+}
+
+// Continuous split at threshold order t: branch 1 takes orders up to t and,
+// deliberately, counts the unknown cases in its own weight too.
+template <class Reader>
+void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_case const* end,
+                          float total_weight, std::uint32_t* keys,
+                          std::vector<w_sequence*>& children, std::vector<float>& shares,
+                          std::vector<order_range>& ranges) {
+  float w1 = 0.0f, w2 = 0.0f, wu = 0.0f;
+  std::size_t n1 = 0, n2 = 0, nu = 0;
+  for (w_case const* c = begin; c != end; ++c) {
+    unsigned long a = rd(c->first);
+    keys[c - begin] = static_cast<std::uint32_t>(a);
+    if (a <= t) {
+      w1 += c->second;
+      ++n1;
+    } else {
+      w2 += c->second;
+      ++n2;
+    }
+    if (a == 0) {
+      wu += c->second;
+      ++nu;
+    }
+  }
+  shares[0] = w1 / total_weight;
+  shares[1] = w2 / (total_weight - wu);
+  children[0]->reserve(n1);
+  children[1]->reserve(n2 + nu);
+  unsigned long lo1 = t, hi1 = t, lo2 = t, hi2 = t;
+  for (w_case const* c = begin; c != end; ++c) {
+    unsigned long a = keys[c - begin];
+    if (a == 0) {
+      children[0]->cases().push_back(w_case{c->first, shares[0] * c->second});
+      children[1]->cases().push_back(w_case{c->first, shares[1] * c->second});
+      lo1 = 0;
+      lo2 = 0;
+    } else if (a <= t) {
+      children[0]->cases().push_back(*c);
+      lo1 = std::min(lo1, a);
+    } else {
+      children[1]->cases().push_back(*c);
+      hi2 = std::max(hi2, a);
+    }
+  }
+  ranges[0] = order_range(lo1, hi1 + 1);
+  ranges[1] = order_range(lo2, hi2 + 1);
+}
+
+}  // namespace
+
+void splitting_desc::set_partition_desc(partition_desc& desc) const {
+  desc.threshold = att->find_threshold(low, high);
+  desc.branches = branches;
+}
+
+void split_scratch::release() {
+  std::vector<std::uint64_t>().swap(packed);
+  std::vector<std::uint64_t>().swap(spare);
+  std::vector<std::uint32_t>().swap(counts);
+  std::vector<float>().swap(freq);
+  std::vector<float>().swap(totals);
+}
+
+void sort_by_row(w_sequence& cases, split_scratch& scratch) {
+  std::size_t n = cases.size();
+  std::vector<std::uint64_t>& packed = scratch.packed;
+  packed.resize(n);
+  std::uint32_t top = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    packed[i] = case_bits(cases[i]);
+    top |= cases[i].first;
+  }
+  unsigned bytes = 1;
+  while (bytes < 4 && (top >> (8 * bytes)) != 0)
+    ++bytes;
+  zel::adt::lsd_radix(packed, scratch.spare, bytes,
+                      [](std::uint64_t x) { return static_cast<std::uint32_t>(x); });
+  for (std::size_t i = 0; i < n; ++i)
+    cases[i] = bits_case(packed[i]);
+}
+
+void split_scratch::fit(std::size_t n_cases) {
+  if (std::max(packed.capacity(), counts.capacity()) / 4 > std::max<std::size_t>(n_cases, kKeep))
+    release();
+}
+
+bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range) {
+  return att.is_continuous() && range.second - range.first > 1 && n_cases > 0 &&
+         !(n_cases / (range.second - range.first) > 2);
+}
+
+void score_split(column const& att, column const& cls, float total_weight, w_sequence& cases,
+                 order_range const& range, float min_objects, options const* opts,
+                 split_scratch& scratch, splitting_desc& best, bool sort_copy,
+                 order_publisher* publish) {
+  best.branches = 0;
+  best.att = &att;
+  if (range.second - range.first <= 1) return no_split(best);
+  unsigned long classes = cls.get_distinct();
+  if (att.is_continuous()) {
+    bool tally = cases.size() / (range.second - range.first) > 2;
+    cls.visit([&](auto c) {
+      att.visit([&](auto a) {
+        if (tally) {
+          quality_tally(a, c, classes, total_weight, cases, range, min_objects, opts, scratch,
+                        best);
+        } else {
+          quality_continuous(a, c, classes, total_weight, cases, range, min_objects, opts, scratch,
+                             best, sort_copy, publish);
+        }
+      });
+    });
+  } else if (att.is_discrete()) {
+    best.branches = att.get_distinct();
+    cls.visit([&](auto c) {
+      att.visit([&](auto a) {
+        quality_discrete(a, c, classes, total_weight, cases, range, min_objects, opts, scratch,
+                         best);
+      });
+    });
+  } else {
+    no_split(best);
+  }
+}
+
+void partition_all(column const& att, w_case const* begin, w_case const* end, float total_weight,
+                   partition_desc const& desc, split_scratch& scratch,
+                   std::vector<w_sequence*>& children, std::vector<float>& shares,
+                   std::vector<order_range>& ranges) {
+  std::size_t k;
+  if (att.is_discrete() || att.is_class()) {
+    k = att.get_distinct();
+  } else if (att.is_continuous()) {
+    k = 2;
+  } else {
+    throw_no_partition(att);
+  }
+  children.assign(k, nullptr);
+  for (auto& c : children)
+    c = new w_sequence();
+  shares.assign(k, 0.0f);
+  ranges.assign(k, order_range(0, 0));
+  // The father's sorted cases are no longer needed: large tables go before
+  // the children are made, so that the two do not add up.
+  if (scratch.packed.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.packed);
+  if (scratch.spare.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.spare);
+  std::vector<std::uint32_t>& key_table = scratch.counts;
+  key_table.resize(static_cast<std::size_t>(end - begin));
+  std::uint32_t* keys = key_table.data();
+  try {
+    if (k == 2 && att.is_continuous()) {
+      unsigned long t = att.get_index(desc.threshold.c_str());
+      att.visit([&](auto rd) {
+        partition_continuous(rd, t, begin, end, total_weight, keys, children, shares, ranges);
+      });
+    } else {
+      att.visit([&](auto rd) {
+        partition_discrete(rd, begin, end, total_weight, keys, children, shares, ranges);
+      });
+    }
+  } catch (...) {
+    for (auto* c : children)
+      delete c;
+    children.clear();
+    throw;
+  }
+  if (key_table.capacity() > kKeep) std::vector<std::uint32_t>().swap(key_table);
+}
+
+w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,
+                             unsigned long branch, float total_weight, float& share,
+                             order_range& range, partition_desc const& desc) {
+  if (!att.is_discrete() && !att.is_class() && !att.is_continuous()) throw_no_partition(att);
+  auto* out = new w_sequence();
+  if (att.is_continuous()) {
+    unsigned long t = att.get_index(desc.threshold.c_str());
+    att.visit([&](auto rd) {
+      float wb = 0.0f, wu = 0.0f;
+      for (w_case const* c = begin; c != end; ++c) {
+        unsigned long a = rd(c->first);
+        if (branch == 1) {
+          if (a <= t) wb += c->second;
+        } else if (branch == 2) {
+          if (a > t) wb += c->second;
+          if (a == 0) wu += c->second;
+        }
+      }
+      share = wb / (total_weight - wu);
+      unsigned long lo = t, hi = t;
+      for (w_case const* c = begin; c != end; ++c) {
+        unsigned long a = rd(c->first);
+        if (a == 0) {
+          out->cases().push_back(w_case{c->first, share * c->second});
+          lo = 0;
+        } else if ((branch == 1 && a <= t) || (branch == 2 && a > t)) {
+          out->cases().push_back(*c);
+          lo = std::min(lo, a);
+          hi = std::max(hi, a);
+        }
+      }
+      range = order_range(lo, hi + 1);
+    });
+    return out;
+  }
+  att.visit([&](auto rd) {
+    float wv = 0.0f, wu = 0.0f;
+    for (w_case const* c = begin; c != end; ++c) {
+      unsigned long a = rd(c->first);
+      if (a == branch) wv += c->second;
+      if (a == 0) wu += c->second;
+    }
+    share = wv / (total_weight - wu);
+    for (w_case const* c = begin; c != end; ++c) {
+      unsigned long a = rd(c->first);
+      if (a == branch) {
+        out->cases().push_back(*c);
+      } else if (a == 0) {
+        out->cases().push_back(w_case{c->first, share * c->second});
+      }
+    }
+  });
+  range = order_range(branch, branch + 1);
+  return out;
+}
+
+}  // namespace impls
+}  // namespace brix

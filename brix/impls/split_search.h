@@ -1,0 +1,98 @@
+// Split search: the quality of splitting a node's cases on one attribute, and
+// the distribution of the cases to the branches of the chosen split. Free
+// functions over a column's typed readers: the column only stores orders and
+// its value set, and the working tables belong to the grower that calls.
+#ifndef BRIX_IMPLS_SPLIT_SEARCH_H
+#define BRIX_IMPLS_SPLIT_SEARCH_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "brix/impls/column.h"
+#include "brix/impls/w_sequence.h"
+
+namespace brix {
+namespace impls {
+
+struct options;
+
+// Told the order of a node's cases as soon as a continuous search has sorted
+// them, before it scans them: the parallel grower hands that order on to the
+// next attribute, as sequential growing does by sorting in place.
+struct order_publisher {
+  virtual ~order_publisher() = default;
+  virtual void sorted(w_sequence* cases) = 0;
+};
+
+// The threshold text and branch count that a split node keeps.
+struct partition_desc {
+  std::string threshold;
+  unsigned long branches = 0;
+};
+
+// The best split of one attribute in one node.
+struct splitting_desc {
+  unsigned long branches = 0;
+  unsigned long low = 0;
+  unsigned long high = 0;
+  column const* att = nullptr;
+  float gain = -0.001f;
+  float split_info = 0.0f;
+  void set_partition_desc(partition_desc& desc) const;
+};
+
+// The working tables of one grower or worker, kept from node to node so that
+// a search allocates only when a node is larger than any before. The largest
+// tables are sized for the cases of the largest node: 16 bytes a case.
+class split_scratch {
+ public:
+  // Gives the memory back (the next search allocates it again).
+  void release();
+  // Releases tables sized for a node far larger than one of n_cases: growing
+  // goes down the tree, and the root's tables would otherwise stay to the end.
+  void fit(std::size_t n_cases);
+
+  // Sorted keys with case positions, then keys with classes (key << 32 | low).
+  std::vector<std::uint64_t> packed;
+  // The radix sort's other half, then the sorted cases (w_case bits).
+  std::vector<std::uint64_t> spare;
+  // The counting sort's tallies; the orders of a node's cases while they are
+  // distributed.
+  std::vector<std::uint32_t> counts;
+  std::vector<float> freq;
+  std::vector<float> totals;
+};
+
+// Scores the split of the cases on att into best; a gain of -0.001 means no
+// admissible split. Unless sort_copy, a continuous search leaves the cases in
+// its sorted order (and tells publish when they are).
+void score_split(column const& att, column const& cls, float total_weight, w_sequence& cases,
+                 order_range const& range, float min_objects, options const* opts,
+                 split_scratch& scratch, splitting_desc& best, bool sort_copy,
+                 order_publisher* publish = nullptr);
+
+// Whether score_split sorts the cases (a continuous search by sorting).
+bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range);
+
+// The cases of one branch of a split on att.
+w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,
+                             unsigned long branch, float total_weight, float& share,
+                             order_range& range, partition_desc const& desc);
+
+// The cases of every branch at once: two passes over the father's cases
+// instead of two per branch; children[i], shares[i] and ranges[i] are those
+// that partition_branch gives for branch i + 1.
+void partition_all(column const& att, w_case const* begin, w_case const* end, float total_weight,
+                   partition_desc const& desc, split_scratch& scratch,
+                   std::vector<w_sequence*>& children, std::vector<float>& shares,
+                   std::vector<order_range>& ranges);
+
+// Puts the cases in ascending row order (rows are distinct in a node), as
+// sort_by_row does, in the scratch's tables instead of a buffer of its own.
+void sort_by_row(w_sequence& cases, split_scratch& scratch);
+
+}  // namespace impls
+}  // namespace brix
+
+#endif

@@ -92,16 +92,12 @@ std::uint64_t integral_weight_bound(w_sequence const& cases) {
   return static_cast<std::uint64_t>(std::min(total, cap));
 }
 
-// Whether every weight sum of growing is exact in any order: whole weights
-// whose total a float holds exactly, and no unknown attribute value, whose
-// case would be shared out with fractional weights.
-bool sums_are_exact(table const* t, w_sequence const& cases) {
-  double total = 0.0;
+// Whether the cases of growing keep whole weights: whole weights to start with, and no unknown
+// attribute value, whose case would be shared out with fractional weights.
+bool weights_stay_whole(table const* t, w_sequence const& cases) {
   for (w_case const& c : cases) {
     if (!(c.second >= 0.0f) || c.second != std::floor(c.second)) return false;
-    total += c.second;
   }
-  if (total > 16777216.0) return false;
   for (unsigned long a = 0; a < t->get_no_attributes(); ++a) {
     column const* col = t->get_attribute(a);
     if ((col->is_discrete() || col->is_continuous()) && col->get_o_set()->contains_null()) {
@@ -126,7 +122,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
 
   xlogx_table logs(integral_weight_bound(*root_cases_));
   options_->logs = &logs;
-  options_->any_order = sums_are_exact(t, *root_cases_);
+  options_->any_order = weights_stay_whole(t, *root_cases_);
   try {
     root_.reset(new _decision_tree());
     root_->build(t, root_cases_.get(), split_type_, options_.get(), min_obj_, workers);

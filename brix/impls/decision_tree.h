@@ -28,15 +28,26 @@ class xlogx_table;
 // Options handed unchanged to the split measures: when flag is set, the
 // penalty of continuous cuts is divided by the number of cases instead of
 // their weight. The other fields are set by the grower for one build: logs is
-// its table of x·log2(x) (may be null); any_order says that every weight sum
-// is exact whatever the order of the cases (whole weights, no unknown values
-// to share out), so nodes below the root may keep their cases in row order,
-// which reads the columns far faster, and searches sort copies.
+// its table of x·log2(x) (may be null); any_order says that every weight is
+// whole and no unknown value is shared out, so that each sum over the cases of
+// a node lighter than kExactWeight is exact in any order (see any_order_at).
 struct options {
   bool flag = false;
   xlogx_table const* logs = nullptr;
   bool any_order = false;
 };
+
+// Whole numbers up to 2^24 add exactly in a float; past it, sums depend on the order of the
+// cases, which the trees deliberately keep.
+constexpr float kExactWeight = 16777216.0f;
+
+// Whether the sums over cases of this total weight are exact whatever their order. Such nodes
+// below the root keep their cases in row order, which reads the columns far faster, and their
+// searches sort copies; heavier nodes keep the order their father's last sort left. A float sum
+// of whole weights is below 2^24 exactly when the true sum is, so the node's own weight decides.
+inline bool any_order_at(options const* opts, float weight) {
+  return opts != nullptr && opts->any_order && weight < kExactWeight;
+}
 
 // The growing scratch of an activated node: the value range of every attribute among its cases
 // and the per-attribute split results. Freed when the node closes, so the records that stay in the

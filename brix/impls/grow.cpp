@@ -178,10 +178,16 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
     set_as_leaf();
     return false;
   }
-  // The root sorted its own cases; its children start the row order again.
-  if (opts != nullptr && opts->any_order && father_ == nullptr) {
-    for (w_sequence* child : children)
-      sort_by_row(*child, scratch);
+  // The root and the heavy nodes sorted their own cases: children light enough start the row
+  // order again.
+  if (opts != nullptr && opts->any_order &&
+      (father_ == nullptr || !any_order_at(opts, cases_weight_))) {
+    for (w_sequence* child : children) {
+      double weight = 0.0;  // exact: whole weights
+      for (w_case const& c : *child)
+        weight += c.second;
+      if (weight < kExactWeight) sort_by_row(*child, scratch);
+    }
   }
   return true;
 }
@@ -251,9 +257,7 @@ int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options 
   split_scratch own;
   split_scratch& s = scratch != nullptr ? *scratch : own;
   unsigned long n = t->get_no_attributes();
-  // Below the root, when the order of cases cannot change a sum, searches
-  // sort copies and the node keeps its row order.
-  bool copy = opts != nullptr && opts->any_order && father_ != nullptr;
+  bool copy = father_ != nullptr && any_order_at(opts, cases_weight_);
   for (unsigned long a = 0; a < n; ++a)
     split_att(t, min_obj, opts, a, copy, s);
   return split_post(t);

@@ -291,7 +291,7 @@ class _ff_emitter : public farm::node {
     c.sent = c.outstanding = worth.size();
     // Orders matter only where sums depend on them, and at the root, whose
     // final order is kept with the model.
-    if (!(opts_ != nullptr && opts_->any_order && sub != tree_)) {
+    if (!(sub != tree_ && any_order_at(opts_, node->get_cases_weight()))) {
       c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
     }
     for (std::size_t p = 0; p < worth.size(); ++p) {

@@ -183,10 +183,10 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
   if (opts != nullptr && opts->any_order &&
       (father_ == nullptr || !any_order_at(opts, cases_weight_))) {
     for (w_sequence* child : children) {
-      double weight = 0.0;  // exact: whole weights
+      double weight = 0.0;  // exact: whole weights; as a float, below 2^24 exactly when it is
       for (w_case const& c : *child)
         weight += c.second;
-      if (weight < kExactWeight) sort_by_row(*child, scratch);
+      if (any_order_at(opts, static_cast<float>(weight))) sort_by_row(*child, scratch);
     }
   }
   return true;

@@ -206,6 +206,10 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
              int workers, prune_params const* prune = nullptr);
   void build_depth(table* t, int split_type, float min_obj, options const* opts,
                    prune_params const* prune);
+  // Grows the subtree of this activated node depth first, prepruning it when preprune (as the
+  // root of the whole tree) and pruning each settled subtree when prune is given.
+  void grow_depth(table* t, int split_type, float min_obj, options const* opts,
+                  prune_params const* prune, bool preprune, split_scratch& scratch);
   void build_ff(table* t, int split_type, float min_obj, options const* opts, int nworkers);
   float preprune(float bound);
 

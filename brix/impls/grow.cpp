@@ -410,6 +410,13 @@ void _decision_tree::build(table* t, w_sequence* cases, int split_type, options 
 // every node ever grown.
 void _decision_tree::build_depth(table* t, int split_type, float min_obj, options const* opts,
                                  prune_params const* prune) {
+  get_node()->activate(t);
+  split_scratch scratch;
+  grow_depth(t, split_type, min_obj, opts, prune, true, scratch);
+}
+
+void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options const* opts,
+                                prune_params const* prune, bool preprune, split_scratch& scratch) {
   struct frame {
     _decision_tree* tree;
     bool visit;          // prepruning reaches this node
@@ -425,7 +432,6 @@ void _decision_tree::build_depth(table* t, int split_type, float min_obj, option
   std::vector<w_sequence*> parts;
   std::vector<float> shares;
   std::vector<order_range> ranges;
-  split_scratch scratch;
 
   auto grow = [&](_decision_tree* tree, float bound, bool visit, bool prunable) {
     _decision_node* node = tree->get_node();
@@ -467,8 +473,7 @@ void _decision_tree::build_depth(table* t, int split_type, float min_obj, option
     }
   };
 
-  get_node()->activate(t);
-  grow(this, 1.0f, true, true);
+  grow(this, 1.0f, preprune, true);
   while (!stack.empty()) {
     frame& f = stack.back();
     if (f.next < f.tree->get_no_childs()) {

@@ -88,7 +88,12 @@ class threshold_test {
 // case's path does not chase the scattered node records.
 class compiled_tree {
  public:
-  compiled_tree(_decision_tree const* root, table* t) : table_(t) { add(root); }
+  compiled_tree(_decision_tree const* root, table* t) : table_(t) {
+    std::size_t nodes = root != nullptr ? root->size() : 1;
+    entries_.reserve(nodes);  // at once: growing by doubling would hold two copies at its peak
+    kids_.reserve(nodes);
+    add(root);
+  }
 
   // Descends with weight w; branch(node) gives the branch taken, or -1.
   template <class Branch>

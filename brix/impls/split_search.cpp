@@ -84,6 +84,9 @@ float tally(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::
 // tally for whole weights summing below 2^24, whose sums are exact in any order: four
 // interleaved tables keep consecutive cases of one cell from waiting on each other's additions,
 // and the class totals are summed from the cells afterwards. ways holds the tables.
+// Below this many cases a node's tables cost more to clear and merge than interleaving saves.
+constexpr std::size_t kInterleaveFrom = 256;
+
 template <class Att, class Cls>
 float tally_exact(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::size_t cols,
                   std::size_t cells, float* freq, float* class_total, std::vector<float>& ways) {
@@ -123,7 +126,7 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   float* branch = totals.data();
   float* class_total = totals.data() + rows;
   float unknown =
-      any_order_at(opts, total_weight)
+      cases.size() >= kInterleaveFrom && any_order_at(opts, total_weight)
           ? tally_exact(att, cls, cases, base, cols, rows * cols, freq.data(), class_total, s.ways)
           : tally(att, cls, cases, base, cols, freq.data(), class_total);
   float known = total_weight - unknown;

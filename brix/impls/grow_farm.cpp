@@ -38,7 +38,7 @@ constexpr unsigned long kSendBackoff = 1000;
 // A subtree goes to one worker whole once its node holds at most 1 / (kSubtreeShare · workers)
 // of the rows: pieces enough to balance the workers, and only the few nodes above are split
 // attribute by attribute and distributed by the emitter.
-constexpr unsigned long kSubtreeShare = 8;
+constexpr unsigned long kSubtreeShare = 16;
 
 enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1, SUBTREE_TASK = 2 };
 

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "brix/brix.h"
-#include "tests/brix/binary_bytes.h"
 #include "tests/brix/table_files.h"
 
 namespace {
@@ -23,19 +22,18 @@ struct golf_files {
   std::string table_bytes, tree_bytes;
   golf_files() {
     auto t = stem_table(kGolf);
-    t->toBinary(files.path("golf.bin"));
+    t->toBinary(files.file("golf.bin"));
     brix::dtree tree("golf");
     tree.build(t.get(), nullptr, true, 0);
-    tree.toBinary(files.path("golf.tree"));
-    table_bytes = gunzip_file(files.path("golf.bin"));
-    tree_bytes = gunzip_file(files.path("golf.tree"));
+    tree.toBinary(files.file("golf.tree"));
+    table_bytes = scratch_dir::gunzip(files.file("golf.bin"));
+    tree_bytes = scratch_dir::gunzip(files.file("golf.tree"));
   }
 };
 
 // Reads the content as a table file; what reads back must also grow a tree.
 bool table_reads(golf_files& g, std::string const& content) {
-  std::string path = g.files.path("damaged.bin");
-  gzip_file(path, content);
+  std::string path = g.files.gzip("damaged.bin", content);
   std::unique_ptr<brix::table> t;
   if (!error_of([&] { t.reset(brix::table::fromBinary(path)); }).empty()) return false;
   brix::dtree tree("x");
@@ -45,8 +43,7 @@ bool table_reads(golf_files& g, std::string const& content) {
 
 // Reads the content as a tree file; what reads back is put through every output.
 bool tree_reads(golf_files& g, std::string const& content) {
-  std::string path = g.files.path("damaged.tree");
-  gzip_file(path, content);
+  std::string path = g.files.gzip("damaged.tree", content);
   std::unique_ptr<brix::dtree> tree;
   if (!error_of([&] { tree.reset(brix::dtree::fromBinary(path)); }).empty()) return false;
   std::ostringstream out;
@@ -100,11 +97,11 @@ TEST(BinaryDamage, ForeignFiles) {
   }
   EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(plain); }), "");
   // A tree file is no table file, and the other way round.
-  EXPECT_NE(error_of([&] { delete brix::table::fromBinary(g.files.path("golf.tree")); }), "");
-  EXPECT_NE(error_of([&] { delete brix::dtree::fromBinary(g.files.path("golf.bin")); }), "");
+  EXPECT_NE(error_of([&] { delete brix::table::fromBinary(g.files.file("golf.tree")); }), "");
+  EXPECT_NE(error_of([&] { delete brix::dtree::fromBinary(g.files.file("golf.bin")); }), "");
   // Bytes after the record.
-  gzip_file(g.files.path("long.tree"), g.tree_bytes + "x");
-  EXPECT_NE(error_of([&] { delete brix::dtree::fromBinary(g.files.path("long.tree")); }), "");
+  std::string longer = g.files.gzip("long.tree", g.tree_bytes + "x");
+  EXPECT_NE(error_of([&] { delete brix::dtree::fromBinary(longer); }), "");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // hand, a table round trip, and the XML and DOT outputs of small trees.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -11,7 +12,6 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
-#include "tests/brix/binary_bytes.h"
 #include "tests/brix/table_files.h"
 #include "zel/inpout/binstream.h"
 
@@ -19,6 +19,31 @@ using brix::impls::column;
 using brix::impls::storage_kind;
 
 namespace {
+
+// Byte strings of the binary files, written by hand item by item.
+struct bytes {
+  std::string s;
+  template <class T>
+  bytes& raw(T v) {
+    s.append(reinterpret_cast<char const*>(&v), sizeof v);
+    return *this;
+  }
+  bytes& u8(unsigned v) { return raw(static_cast<std::uint8_t>(v)); }
+  bytes& u32(std::uint32_t v) { return raw(v); }
+  bytes& u64(std::uint64_t v) { return raw(v); }
+  bytes& f32(float v) { return raw(v); }
+  bytes& f64(double v) { return raw(v); }
+  // A present text: flag 1, length, characters.
+  bytes& text(std::string const& t) {
+    u8(1).u64(t.size());
+    s += t;
+    return *this;
+  }
+  bytes& add(bytes const& b) {
+    s += b.s;
+    return *this;
+  }
+};
 
 // A bit column, a float continuous column with an unknown value and the class.
 char const* const kNames = "windy,string,discrete\ntemp,float,continuous\nplay,string,class\n";
@@ -63,12 +88,12 @@ bytes table_record(std::string const& name, bool with_rows) {
 TEST(BinaryTable, BytesOfATinyTable) {
   table_files files;
   auto t = files.loaded(kNames, kData);
-  std::string path = files.path("t.bin");
+  std::string path = files.file("t.bin");
   {
     zel::inpout::obinstream out(path, true, 1);
     out << static_cast<brix::impls::table const*>(t.get());
   }
-  EXPECT_EQ(gunzip_file(path), table_record("t", true).s);
+  EXPECT_EQ(scratch_dir::gunzip(path), table_record("t", true).s);
 }
 
 TEST(BinaryTable, RoundTrip) {
@@ -79,7 +104,7 @@ TEST(BinaryTable, RoundTrip) {
       "a,TRUE,1.5,-3,18446744073709551615,0.25,2,yes\nb,FALSE,?,7,0,?,1,no\n"
       "c,TRUE,-2,?,5,1e300,3,yes\n");
   t->set_file_counter(7);
-  std::string path = files.path("t.bin");
+  std::string path = files.file("t.bin");
   {
     zel::inpout::obinstream out(path, true, 1);
     out << static_cast<brix::impls::table const*>(t.get());
@@ -153,8 +178,7 @@ bytes tree_file(std::uint64_t high = 0) {
 
 TEST(BinaryTree, ReadsAndWritesTheLayout) {
   table_files files;
-  std::string in = files.path("in.tree"), out = files.path("out.tree");
-  gzip_file(in, tree_file().s);
+  std::string in = files.gzip("in.tree", tree_file().s), out = files.file("out.tree");
   std::unique_ptr<brix::dtree> tree(brix::dtree::fromBinary(in));
   brix::impls::decision_tree const& t = *tree->get_impl();
   EXPECT_EQ(t.size(), 3u);
@@ -169,7 +193,7 @@ TEST(BinaryTree, ReadsAndWritesTheLayout) {
   EXPECT_EQ(tree->predict({"TRUE", "2"}), "no");
 
   tree->toBinary(out);
-  EXPECT_EQ(gunzip_file(out), tree_file().s);
+  EXPECT_EQ(scratch_dir::gunzip(out), tree_file().s);
 
   std::ostringstream dot;
   tree->toDOT(dot);
@@ -189,12 +213,11 @@ TEST(BinaryTree, RefusesRowsBeyond32Bits) {
   // The first case's row: after the root's fixed fields and its class distribution.
   std::size_t at = s.find(std::string("\x01\x02\x00\x00\x00\x00\x00\x00\x00", 9)) + 9;
   s[at + 4] = 1;  // row 2^32
-  std::string path = files.path("big.tree");
-  gzip_file(path, s);
+  std::string path = files.gzip("big.tree", s);
   EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(path); }),
             "Binary tree: case row number beyond 32 bits");
   // Nodes keep classes in 32 bits: a wider one must not wrap round to a valid class.
-  gzip_file(path, tree_file(std::uint64_t(1) << 32).s);
+  files.gzip("big.tree", tree_file(std::uint64_t(1) << 32).s);
   EXPECT_EQ(error_of([&] { delete brix::dtree::fromBinary(path); }),
             "Binary tree: leaf class out of range");
 }

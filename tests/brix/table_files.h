@@ -13,8 +13,6 @@
 
 class table_files : public scratch_dir {
  public:
-  std::string path(std::string const& name) const { return file(name); }
-
   // A line stream over a file of the given text.
   zel::inpout::stream* source(std::string const& name, std::string const& text,
                               char sep = ',') const {

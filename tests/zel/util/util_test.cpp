@@ -1,4 +1,4 @@
-// Number parsing, XML escapes, the field tokenizer and the timer.
+// Number parsing, the field tokenizer and the timer.
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -89,12 +89,6 @@ TEST(Str2Int, RangesSignsBlanksAndMessages) {
                                                            {"- 1", "- 1: _not an int"}};
   for (auto const& [text, want] : int_cases)
     EXPECT_EQ(parsed<int>(text), want) << '"' << text << '"';
-}
-
-TEST(ToXML, EscapesMarkupButNotQuotes) {
-  EXPECT_EQ(string_util::toXML("a<b & c>d"), "a&lt;b &amp; c&gt;d");
-  EXPECT_EQ(string_util::toXML("say \"hi\" 'x'"), "say \"hi\" 'x'");
-  EXPECT_EQ(string_util::toXML("&amp;"), "&amp;amp;");
 }
 
 std::vector<std::string> fields(const std::string& s, char delim, int calls) {

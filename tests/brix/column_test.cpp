@@ -92,51 +92,35 @@ TEST(Column, FactoryErrorsAndStorageWidth) {
   EXPECT_EQ(brix::impls::width_for(4294967295UL), 8u);
 }
 
-TEST(Column, PushBackAndLookups) {
+TEST(Column, PushBackLookupsAndDeepCopies) {
   std::string error;
   std::unique_ptr<column> bits(column::NEW_COLUMN(set_of("string", 2), "b", "discrete", error));
-  for (char const* v : {"v1", "v0", "v1", "v1"})
+  for (char const* v : {"v1", "v0", "v1"})
     bits->push_back(v);
-  EXPECT_EQ(bits->size(), 4u);
   EXPECT_EQ(bits->get_row_index(0), 2u);
   EXPECT_EQ(bits->get_row_index(1), 1u);
-  EXPECT_EQ(bits->get_value(2), "v1");
-  EXPECT_TRUE(bits->less_than(1, 0));
   EXPECT_EQ(error_of([&] { bits->push_back("v7"); }),
             "[column::push_back] index not found for value 'v7'");
+  EXPECT_EQ(bits->find_threshold(1, 2), "?");  // not continuous: the null text
 
   std::unique_ptr<column> bytes(
       column::NEW_COLUMN(set_of("integer", 3, true), "n", "continuous", error));
   for (char const* v : {"2", "?", "0"})
     bytes->push_back(v);
-  EXPECT_EQ(bytes->get_row_index(0), 3u);
-  EXPECT_EQ(bytes->get_row_index(1), 0u);
   EXPECT_EQ(bytes->get_row_value(1), "?");
   EXPECT_EQ(error_of([&] { bytes->push_back("9"); }), "column require a valid o_set");
   EXPECT_EQ(bytes->size(), 3u);
-  EXPECT_EQ(bytes->get_index("1"), 2u);
   EXPECT_EQ(bytes->get_index("9"), 0u);
-  EXPECT_EQ(bytes->get_distinct(), 3u);
   EXPECT_EQ(bytes->get_range(), order_range(1, 4));
-  EXPECT_EQ(bytes->find_threshold(1, 3), "1");
-
-  // The threshold of a non-continuous column is its null text.
-  EXPECT_EQ(bits->find_threshold(1, 2), "?");
-  std::unique_ptr<column> empty(column::NEW_COLUMN(set_of("string", 0), "e", "discrete", error));
-  EXPECT_EQ(empty->get_range(), order_range(0, 0));
 
   // A copy with or without rows, on its own value set.
   std::unique_ptr<column> full(bytes->clone(false)), bare(bytes->clone(true));
-  EXPECT_EQ(full->size(), 3u);
   EXPECT_EQ(full->get_value(0), "2");
   EXPECT_EQ(bare->size(), 0u);
-  EXPECT_EQ(full->get_row_value(1), "?");
-  bare->get_o_set()->insert("9");  // a deep copy
+  bare->get_o_set()->insert("9");
   EXPECT_EQ(bare->get_distinct(), 4u);
   EXPECT_EQ(bytes->get_distinct(), 3u);
-  std::unique_ptr<column> bits_copy(bits->clone(false));
-  EXPECT_EQ(bits_copy->get_storage(), storage_kind::bit);
-  EXPECT_EQ(bits_copy->get_value(0), "v1");
+  EXPECT_EQ(std::unique_ptr<column>(bits->clone(false))->get_value(0), "v1");
 }
 
 using case_list = std::vector<std::pair<unsigned, float>>;

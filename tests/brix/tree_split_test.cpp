@@ -19,7 +19,6 @@
 
 using brix::impls::_decision_node;
 using brix::impls::_decision_tree;
-using brix::impls::column;
 using brix::impls::decision_tree;
 using brix::impls::options;
 using brix::impls::order_range;
@@ -267,25 +266,6 @@ TEST(TreeSplit, LastCutBeforeTheLimitIsEvaluated) {
     EXPECT_NEAR(c.gain, 0.093414f, 1e-6) << parts;
     EXPECT_EQ(c.low, 8u);
     EXPECT_EQ(c.high, 9u);
-  }
-}
-
-TEST(TreeSplit, SortingSearchSortsTheNodeUnlessAskedForACopy) {
-  table_files files;
-  auto t = grid(files, 40, 2);
-  w_sequence s = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
-  std::vector<w_case> before(s.begin(), s.end());
-  score(t.get(), s, 1, 41, 2);  // with a copy
-  EXPECT_TRUE(std::equal(before.begin(), before.end(), s.begin(),
-                         [](w_case a, w_case b) { return a.first == b.first; }));
-  options opts;
-  splitting_desc d;
-  order_range range(1, 41);
-  score_split(*t->get_attribute(0), *t->get_class(), 9.0f, s, range, 2.0f, &opts, scratch(), d,
-              false);
-  column const* x = t->get_attribute(0);
-  for (std::size_t i = 1; i < s.size(); ++i) {
-    EXPECT_LE(x->get_row_index(s[i - 1].first), x->get_row_index(s[i].first));
   }
 }
 

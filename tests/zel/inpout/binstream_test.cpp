@@ -50,19 +50,13 @@ std::uint64_t bits(T v) {
 
 }  // namespace
 
+// Items that the table and tree files (binary_format_test) do not pin.
 TEST(BinStream, ItemBytes) {
-  EXPECT_EQ("01 02 00 00 00 00 00 00 00 61 62", bytes_of([](obinstream& o) { o << "ab"; }));
   EXPECT_EQ("00", bytes_of([](obinstream& o) { o << static_cast<const char*>(nullptr); }));
   EXPECT_EQ("01 00 00 00 00 00 00 00 00", bytes_of([](obinstream& o) { o << ""; }));
-  EXPECT_EQ("FF FF FF FF", bytes_of([](obinstream& o) { o << -1; }));
   EXPECT_EQ("01 00 41 FE FF",
             bytes_of([](obinstream& o) { o << true << false << 'A' << static_cast<short>(-2); }));
   EXPECT_EQ("D0 C0 B0 A0", bytes_of([](obinstream& o) { o << shade::dark; }));
-  EXPECT_EQ("00", bytes_of([](obinstream& o) { o << static_cast<std::vector<int>*>(nullptr); }));
-  EXPECT_EQ("01 02 00 00 00 00 00 00 00 05 00 00 00 06 00 00 00", bytes_of([](obinstream& o) {
-              std::vector<int> v{5, 6};
-              o << &v;
-            }));
   EXPECT_EQ(
       "01 03 00 00 00 00 00 00 00 00 01 01 00 00 00 00 00 00 00 7A 01 00 00 00 00 00 00 00 00",
       bytes_of([](obinstream& o) {
@@ -177,9 +171,7 @@ TEST(BinStream, ShortAndForeignInputIsFlaggedNotFatal) {
 TEST(BinStream, OpenFailures) {
   scratch_dir dir;
   for (bool compressed : {true, false}) {
-    EXPECT_EQ("Error description not available",
-              error_of([&] { ibinstream in(dir.file("missing"), compressed); }));
-    EXPECT_EQ("Error description not available",
-              error_of([&] { obinstream out(dir.file("no/such/dir"), compressed, 1); }));
+    EXPECT_NE("", error_of([&] { ibinstream in(dir.file("missing"), compressed); }));
+    EXPECT_NE("", error_of([&] { obinstream out(dir.file("no/such/dir"), compressed, 1); }));
   }
 }

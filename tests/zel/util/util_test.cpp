@@ -124,28 +124,16 @@ TEST(Tokenizer, EmptyFieldsTrailingDelimiterRestAndNoString) {
   EXPECT_STREQ("", tokenizer::EMPTY);
 }
 
-TEST(Tokenizer, FieldsOfEveryLengthIncludingLongOnes) {
-  std::mt19937 rng(3);
-  std::vector<size_t> lengths;
-  for (size_t n = 0; n < 40; ++n)
-    lengths.push_back(n);
-  for (size_t n : {255, 256, 257, 384, 1000, 100000})
-    lengths.push_back(n);
-  std::string line;
+TEST(Tokenizer, FieldsOfEveryLengthAroundTheBuffer) {
+  // Lengths about the 256-byte token buffer, then short fields after a long one.
   strings expected;
-  for (size_t n : lengths) {
-    std::string f;
-    for (size_t i = 0; i < n; ++i)
-      f += static_cast<char>('a' + rng() % 26);
-    expected.push_back(f);
-    line += f + ";";
+  std::string line;
+  for (size_t n : {0, 1, 15, 16, 17, 255, 256, 257, 100000, 3, 0}) {
+    expected.push_back(std::string(n, static_cast<char>('a' + n % 26)));
+    line += expected.back() + ";";
   }
   line.pop_back();
   EXPECT_EQ(expected, fields(line, ';', static_cast<int>(expected.size())));
-
-  // A long field first, then short ones: the grown buffer serves them all.
-  EXPECT_EQ(strings({std::string(5000, 'k'), "s", ""}),
-            fields(std::string(5000, 'k') + ",s", ',', 3));
 }
 
 TEST(Cronos, StoppedTwiceMeasuresFromTheSameStart) {

@@ -107,29 +107,6 @@ TEST(TreeGolf, SunnyThresholdIsAValueOfTheColumn) {
   EXPECT_EQ(sunny.node->get_threshold(), "75");
 }
 
-TEST(TreeGolf, PrunedTreeAndErrors) {
-  auto t = load(kGolf);
-  decision_tree dt("golf");
-  dt.build_pruned(t.get(), nullptr, true, 0);
-  // The shape, leaf classes, weights and training matrix are those of tests/cli/golden/golf.txt.
-  // Pure leaves at cf 0.25 add n·(1 − 0.25^(1/n)): 1.171573, 1.110118, 1.0 for n = 4, 3, 2.
-  _decision_node const* overcast = node_at(dt, {0});
-  EXPECT_NEAR(overcast->get_known_fract_over_father(), 4.0f / 14, 1e-6);
-  EXPECT_NEAR(overcast->get_error(), 1.171573f, 2e-6);
-
-  // rainy (windy: 3y / 2n) as a leaf: 2 + add_errs(5, 2) = 2 + 5·0.647917 − 2 = 3.239583 >
-  // 1.110118 + 1.0 + 0.1: the subtree stays.
-  _decision_node const* rainy = node_at(dt, {1});
-  EXPECT_NEAR(rainy->get_error(), 2.110118f, 4e-6);
-  EXPECT_NEAR(node_at(dt, {1, 0})->get_error(), 1.110118f, 2e-6);
-  EXPECT_NEAR(node_at(dt, {1, 1})->get_error(), 1.0f, 2e-6);
-
-  EXPECT_NEAR(node_at(dt, {2})->get_error(), 2.110118f, 4e-6);  // sunny
-
-  // Root as a leaf: 5 + 14·0.4853567 − 5 = 6.794993 against S = 1.171573 + 2·2.110118.
-  EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 5.391809f, 1e-5);
-}
-
 TEST(TreeGolf, PrepruneStopsOnceTheBoundIsReached) {
   auto t = load(kGolf);
   decision_tree dt("golf");

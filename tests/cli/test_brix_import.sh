@@ -24,19 +24,15 @@ round_trip iris "$EX/iris.csv" "$EX/iris_test.csv"
 for name in mlb_housevotes84 mlb_pima weka_credit_g; do
   stem=$DATA_DIR/$name
   [ -f "$stem.names" ] || continue
-  header=$(cut -d, -f1 "$stem.names" | paste -sd, -)
-  { echo "$header"; cat "$stem.data"; } >"$name.csv"
-  { echo "$header"; cat "$stem.test"; } >"${name}_test.csv"
+  as_csv "$stem.names" "$stem.data" >"$name.csv"
+  as_csv "$stem.names" "$stem.test" >"${name}_test.csv"
   round_trip "$name" "$name.csv" "${name}_test.csv" --class "$(awk -F, '$3 == "class" { print $1 }' "$stem.names")"
 done
 # With the declared kinds and types, the import is the original table: brixcmd's own report.
 stem=$DATA_DIR/mlb_breastcancer
 if [ -f "$stem.names" ]; then
-  declared=()
-  while IFS=, read -r col type kind; do
-    [ "$kind" = class ] && declared+=(--class "$col") || declared+=(--kind "$col=$kind" --type "$col=$type")
-  done <"$stem.names"
-  { cut -d, -f1 "$stem.names" | paste -sd, -; cat "$stem.data"; } >bc.csv
+  mapfile -t declared < <(declared "$stem.names")
+  as_csv "$stem.names" "$stem.data" >bc.csv
   "$BRIX" import bc.csv --to bc "${declared[@]}" 2>/dev/null || fail "import with declared kinds"
   cmp -s <("$BRIXCMD" -f bc -ft "$stem.test" -tstd) <("$BRIXCMD" -f "$stem" -ft "$stem.test" -tstd) ||
     fail "import with declared kinds: another report than the original's"

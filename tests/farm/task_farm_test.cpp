@@ -139,32 +139,6 @@ TEST(TaskFarm, FeedbackTreeRunsEveryTaskOnceAndAgain) {
   }
 }
 
-TEST(TaskFarm, EmitterEndsOrRunsWithoutFeedback) {
-  int calls = 0;
-  fn_node quitter([&](fn_node&, void*) {
-    ++calls;
-    return EOS;
-  });
-  rig q(&quitter, 4, 0);
-  EXPECT_EQ(q.f.run_and_wait_end(), 0);
-  EXPECT_EQ(calls, 1);
-
-  // Without feedback svc is called until EOS; a returned task is sent. Slow workers make the
-  // emitter sleep for room, and the tasks still queued at EOS must be run too.
-  task tasks[60];
-  int next = 0;
-  fn_node source([&](fn_node&, void*) -> void* {
-    if (next == 60) return EOS;
-    tasks[next].id = next;
-    return &tasks[next++];
-  });
-  rig r(&source, 3, 60, 1, 1, false);
-  for (auto& w : r.ws)
-    w->pause = 3000;
-  ASSERT_EQ(r.f.run_and_wait_end(), 0);
-  r.expect_hits(1);
-}
-
 struct fixed_balancer : farm::load_balancer {
   int selectworker() override { return choice; }
   int choice = 0;

@@ -3,7 +3,9 @@
 
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -34,16 +36,9 @@ std::string parsed(const char* s) {
 TEST(ParseFloating, PlainDecimalsAgreeWithTheGeneralParser) {
   using zel::data_types::detail::parse_floating;
   std::mt19937_64 gen(5);
-  std::vector<std::string> texts{"16777217",
-                                 "-0",
-                                 "0.",
-                                 ".5",
-                                 "1.",
-                                 "33554435",
-                                 "0.1",
-                                 "123456789012345",
-                                 "1234567890123456",
-                                 "9007199254740993"};
+  std::istringstream seeds(
+      "16777217 -0 0. .5 1. 33554435 0.1 123456789012345 1234567890123456 9007199254740993");
+  std::vector<std::string> texts{std::istream_iterator<std::string>(seeds), {}};
   for (int i = 0; i < 200000; ++i) {
     std::string t = std::to_string(gen() % 1000000000000000ULL >> (gen() % 50));
     t.insert(gen() % (t.size() + 1), ".");

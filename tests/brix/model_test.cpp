@@ -1,6 +1,6 @@
 // The trained-tree API: figures on the golf table worked out by hand, round trips, reproducible
-// splits and refused arguments. Its probabilities against brixcmd's score files on every dataset:
-// tests/python.
+// splits and refused arguments, of the model and of the facade classes. Its probabilities against
+// brixcmd's score files on every dataset: tests/python.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "brix/brix.h"
 #include "brix/model.h"
 #include "brix/tree_writer.h"
 #include "tests/brix/table_files.h"
@@ -151,6 +152,52 @@ TEST(TreeModel, RefusedArguments) {
   auto other = stem_table(kExamples + "iris");
   EXPECT_THROW(m->predict(*other, 0), std::invalid_argument);  // no column "outlook"
   EXPECT_THROW(brix::kfold(5, 1, 0), std::invalid_argument);
+}
+
+// Bad arguments to the public classes throw errors the caller can catch instead of reading out
+// of bounds.
+
+TEST(FacadeArguments, TreeCallsRefuseValuesAndRowsThatDoNotFit) {
+  auto t = stem_table(kExamples + "golf");
+  brix::dtree tree("golf");
+  EXPECT_EQ("[brix::dtree::predict] the tree has not been built",
+            error_of([&] { tree.predict(std::vector<std::string>{"sunny"}); }));
+  tree.build(t.get(), nullptr, true, 0);
+  EXPECT_EQ("[brix::dtree::predict] 1 values given for 4 attributes",
+            error_of([&] { tree.predict(std::vector<std::string>{"sunny"}); }));
+  EXPECT_EQ("no", tree.predict(std::vector<std::string>{"sunny", "85", "85", "FALSE"}));
+  EXPECT_EQ("[brix::dtree::predict] row 14 out of range (14)",
+            error_of([&] { tree.predict(t.get(), 14, 1.0f); }));
+
+  brix::table::subset bad;
+  bad.push_back(99, 1.0f);
+  EXPECT_EQ("[brix::dtree::predict] case row 99 out of range (14)",
+            error_of([&] { delete tree.predict(t.get(), &bad); }));
+  brix::dtree other("other");
+  EXPECT_EQ("[brix::dtree::build] case row 99 out of range (14)",
+            error_of([&] { other.build(t.get(), &bad, true, 0); }));
+  EXPECT_EQ("[brix::dtree::build] no table given",
+            error_of([&] { other.build(nullptr, nullptr, true, 0); }));
+  EXPECT_EQ("[brix::table::subset::get] position 1 out of range (1)",
+            error_of([&] { bad.get(1); }));
+
+  std::unique_ptr<brix::conf_matrix> m(tree.get_prediction());
+  EXPECT_EQ("[brix::conf_matrix::get_element] cell (0, 3) out of range",
+            error_of([&] { m->get_element(0, 3); }));
+}
+
+class FacadeFiles : public ::testing::Test, public scratch_dir {};
+
+TEST_F(FacadeFiles, TableWithoutRowsOrClassRefusesRowQueries) {
+  std::string bin = file("meta.bin");
+  stem_table(kExamples + "golf", "")->toBinary(bin);
+  std::unique_ptr<brix::table> t(brix::table::fromBinary(bin));
+  EXPECT_EQ("[brix::table::get_class] the table has no class column",
+            error_of([&] { t->get_class(0); }));
+  EXPECT_EQ("[brix::table::get_weight] row 0 out of range (0)",
+            error_of([&] { t->get_weight(0); }));
+  EXPECT_EQ("[brix::table::get_class] row 14 out of range (14)",
+            error_of([&] { stem_table(kExamples + "golf")->get_class(14); }));
 }
 
 }  // namespace

@@ -3,13 +3,12 @@
 // brixcmd's score files on every dataset: tests/python.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <numeric>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -79,15 +78,13 @@ TEST_F(TreeModelFiles, OutputFormatsByName) {
   brix::tree_output src(m->facade());
   std::ostringstream text;
   m->write_text(text);
-  std::vector<std::string> names;
+  std::set<std::string> names;
   for (brix::output_format const& f : brix::output_formats()) {
-    EXPECT_EQ(0u, std::count(names.begin(), names.end(), f.name)) << f.name;
-    names.push_back(f.name);
+    EXPECT_TRUE(names.insert(f.name).second) << f.name;
     EXPECT_EQ(&f, &brix::output_format_named(f.name));
     std::string path = file(std::string("golf") + f.extension);
     f.writer->write(src, path);
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string bytes = read(path);
     if (f.binary) {
       std::ostringstream loaded;
       brix::tree_model::load(path)->write_text(loaded);
@@ -111,8 +108,7 @@ TEST_F(TreeModelFiles, OutputFormatsByName) {
                    },
                    "cannot be written"),
                std::runtime_error);
-  std::ifstream in(kept);
-  EXPECT_EQ(text.str(), std::string(std::istreambuf_iterator<char>(in), {}));
+  EXPECT_EQ(text.str(), read(kept));
   EXPECT_FALSE(std::ifstream(kept + ".part").good());
 }
 

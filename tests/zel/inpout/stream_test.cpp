@@ -86,32 +86,6 @@ TEST(Stream, RandomTextAgreesWithTheLineRulesAtAnyBufferSize) {
   }
 }
 
-TEST(Stream, PositionsRewindAndReopen) {
-  scratch_dir dir;
-  iofile* f = new iofile();
-  ASSERT_TRUE(f->open(dir.write("d", "a;b\r\ncd\nef"), 2, 0644));
-  stream s(f, true, ';', 16384);
-  ASSERT_TRUE(s.read_line());
-  EXPECT_EQ(5u, s.tell2());
-  EXPECT_EQ(-1, s.lseek(0, 9));  // a failed seek changes nothing
-  EXPECT_STREQ("a", s.tokenizer.next());
-  EXPECT_STREQ("b", s.tokenizer.next());
-  EXPECT_EQ(lines({"cd", "ef"}), all_lines(s));
-  ASSERT_TRUE(s.rewind());
-  EXPECT_EQ(lines({"a;b", "cd", "ef"}), all_lines(s));
-  EXPECT_EQ(5, s.lseek(5, 0));
-  EXPECT_EQ(lines({"cd", "ef"}), all_lines(s));
-
-  // open() deletes the owned connection; one not owned survives close().
-  std::string other = "x|y\n";
-  iomem m;
-  m.open(&other[0], other.size(), other.size());
-  ASSERT_TRUE(s.open(&m, false, '|', 8));
-  EXPECT_EQ(lines({"x|y"}), all_lines(s));
-  s.close();
-  EXPECT_TRUE(m.is_open());
-}
-
 TEST(Stream, GzipAndPlainFilesGiveTheSameLines) {
   scratch_dir dir;
   std::string text;

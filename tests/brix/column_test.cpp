@@ -208,15 +208,6 @@ TEST_F(PartitionTest, ContinuousAndDiscrete) {
   auto t = files_.loaded("w,float,weights\ni,string,ignore\nc,string,class\n", "1,a,y\n");
   EXPECT_EQ(error_of([&] { part(*t->get_column(0), {}, 1, 1.0f, three); }),
             "[column::partition] method not defined for column type 'weights'");
-  std::vector<w_sequence*> children;
-  std::vector<float> shares;
-  std::vector<order_range> ranges;
-  split_scratch scratch;
-  EXPECT_EQ(error_of([&] {
-              partition_all(*t->get_column(1), d.data(), d.data(), 1.0f, three, scratch, children,
-                            shares, ranges);
-            }),
-            "[column::partition] method not defined for column type 'ignore'");
 }
 
 // partition_all must give, branch by branch, exactly what partition_branch gives. One scratch

@@ -99,8 +99,6 @@ TEST(Column, PushBackLookupsAndDeepCopies) {
     bits->push_back(v);
   EXPECT_EQ(bits->get_row_index(0), 2u);
   EXPECT_EQ(bits->get_row_index(1), 1u);
-  EXPECT_EQ(error_of([&] { bits->push_back("v7"); }),
-            "[column::push_back] index not found for value 'v7'");
   EXPECT_EQ(bits->find_threshold(1, 2), "?");  // not continuous: the null text
 
   std::unique_ptr<column> bytes(
@@ -108,7 +106,6 @@ TEST(Column, PushBackLookupsAndDeepCopies) {
   for (char const* v : {"2", "?", "0"})
     bytes->push_back(v);
   EXPECT_EQ(bytes->get_row_value(1), "?");
-  EXPECT_EQ(error_of([&] { bytes->push_back("9"); }), "column require a valid o_set");
   EXPECT_EQ(bytes->size(), 3u);
   EXPECT_EQ(bytes->get_index("9"), 0u);
   EXPECT_EQ(bytes->get_range(), order_range(1, 4));

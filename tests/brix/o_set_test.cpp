@@ -62,17 +62,6 @@ TEST(OSet, OrdersFollowValueOrderNotInsertionOrder) {
   EXPECT_EQ(known(*t), (strings{"apple", "banana", "pear"}));
 }
 
-TEST(OSet, ProvisionalIdsAndRemap) {
-  std::unique_ptr<o_set> s(o_set::NEW_O_SET("integer", true, "?"));
-  for (auto [text, id] : {std::pair{"10", 1u}, {"2", 2u}, {"?", 0u}, {"10", 1u}, {"7", 3u}})
-    EXPECT_EQ(s->insert_id(text), id) << text;
-  std::vector<std::uint32_t> remap;
-  s->freeze_remap(remap);
-  EXPECT_EQ(remap, (std::vector<std::uint32_t>{0, 3, 1, 2}));
-  EXPECT_TRUE(s->contains_null());
-  EXPECT_EQ(s->get_value(2), "7");
-}
-
 // Sets of many values are sorted by another route than small ones.
 TEST(OSet, LargeSetsAreNumberedInValueOrder) {
   std::mt19937_64 gen(11);

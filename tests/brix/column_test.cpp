@@ -79,14 +79,10 @@ TEST(Column, FactoryErrorsAndStorageWidth) {
   EXPECT_EQ(storage_for("continuous", set_of("integer", 65535)), storage_kind::u32);
   // The loaders' provisional ids widen at the same counts, keeping earlier ids.
   brix::impls::id_buffer ids;
-  ids.push_back(254);
-  EXPECT_EQ(ids.width(), 1u);
-  ids.push_back(255);
-  EXPECT_EQ(ids.width(), 2u);
-  ids.push_back(65534);
-  EXPECT_EQ(ids.width(), 2u);
-  ids.push_back(65535);
-  EXPECT_EQ(ids.width(), 4u);
+  for (auto [id, width] : {std::pair{254u, 1u}, {255u, 2u}, {65534u, 2u}, {65535u, 4u}}) {
+    ids.push_back(id);
+    EXPECT_EQ(ids.width(), width) << id;
+  }
   EXPECT_EQ(ids.u32(), (std::vector<std::uint32_t>{254, 255, 65534, 65535}));
   EXPECT_EQ(brix::impls::width_for(4294967294UL), 4u);
   EXPECT_EQ(brix::impls::width_for(4294967295UL), 8u);

@@ -184,10 +184,7 @@ TEST(OSet, Leq) {
   EXPECT_EQ(f->leq("0.5", "0.25"), 1);
   EXPECT_EQ(f->leq(1, "0.500000000000000000000000000000"), 0);
   EXPECT_EQ(f->leq(1, "0.4999"), 1);
-  auto str = make_set("string", {"b"});
-  EXPECT_EQ(str->leq("b", "a"), 1);
-  EXPECT_EQ(str->leq(1, "b"), 0);
-  EXPECT_EQ(make_set("null", {})->leq("1", "2"), -1);
+  EXPECT_EQ(make_set("string", {"b"})->leq("b", "a"), 1);
 }
 
 // Loads texts into a fresh column of the given type and kind; returns the

@@ -119,7 +119,6 @@ TEST(BinaryTable, RoundTrip) {
   EXPECT_EQ(r->get_weights_index(), 6u);
   EXPECT_EQ(r->get_loaded_columns(), 8u);
   EXPECT_EQ(r->get_file_counter(), 7u);
-  EXPECT_EQ(r->get_no_attributes(), t->get_no_attributes());
   // Each column as text: name, kind, storage, value set and rows.
   auto text = [](column const* c) {
     std::ostringstream out;

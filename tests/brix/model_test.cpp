@@ -182,9 +182,7 @@ TEST(FacadeArguments, TreeCallsRefuseValuesAndRowsThatDoNotFit) {
             error_of([&] { m->get_element(0, 3); }));
 }
 
-class FacadeFiles : public ::testing::Test, public scratch_dir {};
-
-TEST_F(FacadeFiles, TableWithoutRowsOrClassRefusesRowQueries) {
+TEST_F(TreeModelFiles, TableWithoutRowsOrClassRefusesRowQueries) {
   std::string bin = file("meta.bin");
   stem_table(kExamples + "golf", "")->toBinary(bin);
   std::unique_ptr<brix::table> t(brix::table::fromBinary(bin));

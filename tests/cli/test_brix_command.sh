@@ -38,7 +38,6 @@ while read -r name names data test; do
   same_report "$name-arff" "$name.arff" "${declared[@]}" -- -fm "$names" -fd "$data"
   [ -n "$test" ] || continue
   stem=${names%.names}
-  same_report "$name" "$stem" --test "$test" -- -f "$stem" -ft "$test"
   as_csv "$names" "$data" >"$name.csv"
   as_csv "$names" "$test" >"${name}_test.csv"
   same_report "$name-csv" "$name.csv" --test "${name}_test.csv" "${declared[@]}" -- \

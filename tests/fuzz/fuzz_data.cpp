@@ -2,8 +2,6 @@
 // so that values the loader accepts are also values the grower and the predictor survive.
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <stdexcept>
 
 #include "tests/fuzz/fuzz_input.h"
 

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -28,6 +28,7 @@
 #include "brix/model.h"
 #include "brix/tree_writer.h"
 #include "cmd/brix_import.h"
+#include "zel/util/proc.h"
 
 namespace {
 
@@ -646,6 +647,7 @@ void help(std::string const& name, command const& c) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  zel::util::proc::keep_freed_blocks_for_reuse();
   try {
     if (argc < 2) throw usage_error("no command given");
     std::string cmd = argv[1];

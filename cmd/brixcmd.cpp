@@ -15,6 +15,7 @@
 
 #include "brix/brix.h"
 #include "brix/tree_writer.h"
+#include "zel/util/proc.h"
 
 namespace {
 
@@ -403,6 +404,7 @@ int run(const settings& s) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  zel::util::proc::keep_freed_blocks_for_reuse();
   if (argc < 2) {
     USAGE();
     return 0;

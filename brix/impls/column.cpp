@@ -202,8 +202,12 @@ void column_filler::fill(std::size_t from, std::size_t to) {
       // Two known values without unknowns: the ids are bytes.
       zel::adt::bitmap& bits = static_cast<column_bool*>(target_)->bits();
       std::uint8_t const* ids = ids_.u8().data();
-      for (std::size_t i = from; i < to; ++i)
-        bits.push_back(remap_[ids[i]] == 2);
+      std::size_t base = bits.size(), end = base + (to - from);
+      if (end > bits.capacity()) bits.reserve(std::max(end, bits.capacity() + bits.capacity() / 2));
+      bits.resize(end);  // fresh bits read 0: only the second value's are set
+      for (std::size_t i = from; i < to; ++i) {
+        if (remap_[ids[i]] == 2) bits.set(base + (i - from));
+      }
       if (to == ids_.size()) std::vector<std::uint8_t>().swap(ids_.u8());
       break;
     }

@@ -123,9 +123,17 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   xlogx_table logs(integral_weight_bound(*root_cases_));
   options_->logs = &logs;
   options_->any_order = weights_stay_whole(t, *root_cases_);
+  // Default pruning is settled subtree by subtree while growing; prune() below then finds
+  // nothing left to change but is kept as the one definition of the pruned tree.
+  // A level out of range (only a damaged model file holds one) is refused by prune() as before.
+  bool prune_online =
+      pruned && pruning_strategy_ == DT_PRUNING && conf_level_ >= 0.0f && conf_level_ <= 1.0f;
+  prune_params online{conf_level_,
+                      prune_online ? _decision_tree::CFCoefficient(conf_level_) : 0.0f};
   try {
     root_.reset(new _decision_tree());
-    root_->build(t, root_cases_.get(), split_type_, options_.get(), min_obj_, workers);
+    root_->build(t, root_cases_.get(), split_type_, options_.get(), min_obj_, workers,
+                 prune_online ? &online : nullptr);
   } catch (...) {
     options_->logs = nullptr;
     options_->any_order = false;

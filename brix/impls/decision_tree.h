@@ -187,6 +187,12 @@ class _decision_node {
 };
 static_assert(sizeof(_decision_node) <= 120, "a grown tree keeps one node record a node");
 
+// Error-based pruning's confidence level and the coefficient derived from it.
+struct prune_params {
+  float cf;
+  float coeff;
+};
+
 class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tree> {
  public:
   _decision_tree() = default;
@@ -194,9 +200,16 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
 
   _decision_tree* clone() const;
 
+  // Grows and preprunes the tree; with prune given, sequential growing also prunes each
+  // subtree as it completes (the caller's later pruning of the whole tree leaves it as it is).
   void build(table* t, w_sequence* cases, int split_type, options const* opts, float min_obj,
-             int workers);
-  void build_breadth(table* t, int split_type, float min_obj, options const* opts);
+             int workers, prune_params const* prune = nullptr);
+  void build_depth(table* t, int split_type, float min_obj, options const* opts,
+                   prune_params const* prune);
+  // Grows the subtree of this activated node depth first, prepruning it when preprune (as the
+  // root of the whole tree) and pruning each settled subtree when prune is given.
+  void grow_depth(table* t, int split_type, float min_obj, options const* opts,
+                  prune_params const* prune, bool preprune, split_scratch& scratch);
   void build_ff(table* t, int split_type, float min_obj, options const* opts, int nworkers);
   float preprune(float bound);
 
@@ -204,6 +217,11 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   static float add_errs(float cf, float coeff, float n, float e);
   float prune_dt(table* t, float cf, float coeff);
   float prune_dt(table* t, float cf);
+  // Error-based pruning of this node alone, its children already pruned; returns what prune_dt
+  // returns for it.
+  float prune_dt_here(float cf, float coeff);
+  // What prune_dt returned for this subtree once it is pruned.
+  float pruned_value() const;
   std::pair<float, float> prune_c45(table* t, float cf, float coeff, bool update,
                                     bool substitute_father);
   std::pair<float, float> prune_c45(table* t, float cf);

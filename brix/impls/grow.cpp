@@ -1,6 +1,6 @@
 // Growing: node activation and statistics, the split decision, the
-// breadth-first grower and prepruning.
-#include <deque>
+// depth-first grower and prepruning.
+#include <algorithm>
 #include <iostream>
 #include <stdexcept>
 
@@ -390,29 +390,50 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
 // ---------------------------------------------------------------- growing
 
 void _decision_tree::build(table* t, w_sequence* cases, int split_type, options const* opts,
-                           float min_obj, int workers) {
+                           float min_obj, int workers, prune_params const* prune) {
   delete_childs();
   set_node(new _decision_node(cases));
   if (workers < 1) {
-    build_breadth(t, split_type, min_obj, opts);
+    build_depth(t, split_type, min_obj, opts, prune);
   } else {
     build_ff(t, split_type, min_obj, opts, workers);
+    preprune(1.0f);
   }
-  preprune(1.0f);
 }
 
-// Breadth first: only the queued nodes and the father being split hold case
-// sequences, so memory keeps at most two levels of them.
-void _decision_tree::build_breadth(table* t, int split_type, float min_obj, options const* opts) {
+// Depth first, and prepruned on the way exactly as preprune(1.0f) would prune the grown tree: a
+// node's bound is known before its children grow, so each child is prepruned as soon as its
+// subtree is complete. Children that prepruning would not reach are grown but left as they are;
+// those of a node it collapses are dropped ungrown. With prune given, each complete subtree is then
+// pruned as well (pruning reaches a node unless one above has known fraction 0). The tree thus
+// holds the open path, its waiting brothers with their cases, and settled subtrees, instead of
+// every node ever grown.
+void _decision_tree::build_depth(table* t, int split_type, float min_obj, options const* opts,
+                                 prune_params const* prune) {
   get_node()->activate(t);
-  std::deque<_decision_tree*> queue{this};
+  split_scratch scratch;
+  grow_depth(t, split_type, min_obj, opts, prune, true, scratch);
+}
+
+void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options const* opts,
+                                prune_params const* prune, bool preprune, split_scratch& scratch) {
+  struct frame {
+    _decision_tree* tree;
+    bool visit;          // prepruning reaches this node
+    bool prunable;       // pruning reaches its children
+    bool counting;       // prepruning still sums its children's values
+    unsigned long next;  // the next child to grow
+    float bound;         // prepruning's bound for the children
+    float leaf_error;
+    float sum;
+    float value;  // prepruning's value of the subtree, for the father
+  };
+  std::vector<frame> stack;
   std::vector<w_sequence*> parts;
   std::vector<float> shares;
   std::vector<order_range> ranges;
-  split_scratch scratch;
-  while (!queue.empty()) {
-    _decision_tree* tree = queue.front();
-    queue.pop_front();
+
+  auto grow = [&](_decision_tree* tree, float bound, bool visit, bool prunable) {
     _decision_node* node = tree->get_node();
     scratch.fit(node->get_cases_count());
     int status = node->split(t, split_type, min_obj, opts, &scratch);
@@ -425,10 +446,50 @@ void _decision_tree::build_breadth(table* t, int split_type, float min_obj, opti
         tree->push_back_child(sub);
         child->activate_with(t, parts[i], shares[i], ranges[i]);
         parts[i] = nullptr;
-        queue.push_back(sub);
       }
     }
     node->disactivate();
+    frame f{tree, visit, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
+    if (node->status_ == _decision_node::LEAF_NODE) {
+      f.value = node->error_;
+    } else if (visit) {
+      // The same float and double steps as preprune.
+      f.leaf_error = node->get_leaf_error();
+      f.bound = static_cast<float>(std::min(static_cast<double>(bound), f.leaf_error - 0.001));
+      f.counting = true;
+    }
+    stack.push_back(f);
+  };
+  // Prepruning's verdict once its sum reaches the bound or the last child.
+  auto settle = [](frame& f) {
+    f.counting = false;
+    _decision_node* node = f.tree->get_node();
+    if (f.sum < f.leaf_error - 0.001) {
+      node->error_ = f.sum;
+      f.value = static_cast<float>(f.leaf_error - 0.001);
+    } else {
+      f.tree->collapse(f.leaf_error);  // children not yet grown go with it
+      f.value = f.leaf_error;
+    }
+  };
+
+  grow(this, 1.0f, preprune, true);
+  while (!stack.empty()) {
+    frame& f = stack.back();
+    if (f.next < f.tree->get_no_childs()) {
+      _decision_tree* child = f.tree->get_child(f.next++);
+      grow(child, f.bound, f.counting, f.prunable);  // f is not used past this point
+      continue;
+    }
+    if (f.counting) settle(f);
+    if (prune != nullptr && f.prunable) f.tree->prune_dt_here(prune->cf, prune->coeff);
+    float value = f.value;
+    stack.pop_back();
+    if (!stack.empty() && stack.back().counting) {
+      frame& father = stack.back();
+      father.sum += value;
+      if (father.sum >= father.bound) settle(father);
+    }
   }
 }
 

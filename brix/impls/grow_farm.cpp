@@ -35,7 +35,12 @@ constexpr std::size_t kOutputQueue = 2176;
 // Back-off, in pause hints, between retries of a send to a full ring.
 constexpr unsigned long kSendBackoff = 1000;
 
-enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1 };
+// A subtree goes to one worker whole once its node holds at most 1 / (kSubtreeShare · workers)
+// of the rows: pieces enough to balance the workers, and only the few nodes above are split
+// attribute by attribute and distributed by the emitter.
+constexpr unsigned long kSubtreeShare = 8;
+
+enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1, SUBTREE_TASK = 2 };
 
 // Wakes every task waiting on an order, and stops them all once any task of
 // the farm has failed (its error is rethrown by the farm).
@@ -123,6 +128,8 @@ class _ff_worker : public farm::node {
       scratch_.fit(n->get_cases_count());
       if (k->kind == ATTRIBUTE_TASK) {
         evaluate_attribute(n, k);
+      } else if (k->kind == SUBTREE_TASK) {
+        k->subtree->grow_depth(table_, split_type_, min_obj_, opts_, nullptr, false, scratch_);
       } else {
         n->split(table_, split_type_, min_obj_, opts_, &scratch_);
       }
@@ -175,6 +182,7 @@ class _ff_emitter : public farm::node {
         min_obj_(min_obj),
         n_attributes_(t->get_no_attributes()),
         n_rows_(t->get_no_rows()),
+        subtree_rows_(n_rows_ / (kSubtreeShare * static_cast<unsigned long>(nworkers))),
         load_(static_cast<std::size_t>(nworkers), 0),
         lb_(lb) {}
 
@@ -213,6 +221,10 @@ class _ff_emitter : public farm::node {
       counters_.erase(k->subtree);
       node->split_post(table_);
       return expand(k->subtree, sent, k);
+    }
+    if (k->kind == SUBTREE_TASK) {
+      release(k);
+      return go_on_or_end();
     }
     return expand(k->subtree, 0, k);
   }
@@ -260,6 +272,9 @@ class _ff_emitter : public farm::node {
       if (child->split_pre(table_, split_type_, min_obj_)) {
         // Already a leaf: no worker needs to see it.
         child->disactivate();
+      } else if (c <= subtree_rows_) {
+        send(ct, SUBTREE_TASK, 0, c, reuse);
+        reuse = nullptr;
       } else if (limit > c * c) {
         send(ct, NODE_TASK, 0, c, reuse);
         reuse = nullptr;
@@ -340,6 +355,7 @@ class _ff_emitter : public farm::node {
   float min_obj_;
   unsigned long n_attributes_;
   unsigned long n_rows_;
+  unsigned long subtree_rows_;  // nodes of at most so many cases go to a worker with their subtree
   std::vector<unsigned long> load_;
   ff_balancer* lb_;
   unsigned long in_flight_ = 0;

@@ -83,49 +83,62 @@ class threshold_test {
 };
 
 // A tree laid out for prediction: the column and threshold test of every
-// split node, resolved once against the table whose values are read.
+// split node, resolved once against the table whose values are read, and what
+// descending reads of each node copied into one array in preorder, so that a
+// case's path does not chase the scattered node records.
 class compiled_tree {
  public:
-  compiled_tree(_decision_tree const* root, table* t) : table_(t) { add(root); }
+  compiled_tree(_decision_tree const* root, table* t) : table_(t) {
+    std::size_t nodes = root != nullptr ? root->size() : 1;
+    entries_.reserve(nodes);  // at once: growing by doubling would hold two copies at its peak
+    kids_.reserve(nodes);
+    add(root);
+  }
 
   // Descends with weight w; branch(node) gives the branch taken, or -1.
   template <class Branch>
   void descend(std::size_t at, float w, std::vector<float>& dist, Branch const& branch) const {
     entry const& e = entries_[at];
-    if (e.node == nullptr) throw std::runtime_error("Found a null node");
-    _decision_node const* n = e.node;
-    float cw = n->get_cases_weight();
-    if (n->get_node_status() == _decision_node::LEAF_NODE) {
+    if (!e.present) throw std::runtime_error("Found a null node");
+    float cw = e.cw;
+    if (e.status == _decision_node::LEAF_NODE) {
       if (cw > 0.0f) {
-        std::vector<float> const& d = n->get_class_distribution();
-        for (std::size_t c = 0; c < d.size() && c < dist.size(); ++c)
+        float const* d = dists_.data() + e.dist;
+        for (std::size_t c = 0; c < e.dist_size && c < dist.size(); ++c)
           dist[c] += w * d[c] / cw;
       } else {
-        dist[n->get_leaf()] += w;
+        dist[e.leaf] += w;
       }
       return;
     }
-    if (n->get_node_status() != _decision_node::SPLIT_NODE) return;
+    if (e.status != _decision_node::SPLIT_NODE) return;
     if (e.col == nullptr) throw std::runtime_error("Unknown column type");
     long b = branch(e);
-    if (b >= 0 && static_cast<std::size_t>(b) < e.children.size()) {
-      descend(e.children[b], w, dist, branch);
+    std::size_t const* kids = kids_.data() + e.kids;
+    if (b >= 0 && static_cast<std::size_t>(b) < e.n_kids) {
+      descend(kids[b], w, dist, branch);
       return;
     }
     if (b >= 0) throw std::runtime_error("Found a null node");
-    for (std::size_t child : e.children) {
-      entry const& c = entries_[child];
-      if (c.node == nullptr) throw std::runtime_error("Found a null node");
-      descend(child, w * c.node->get_cases_weight() / cw, dist, branch);
+    for (std::size_t i = 0; i < e.n_kids; ++i) {
+      entry const& c = entries_[kids[i]];
+      if (!c.present) throw std::runtime_error("Found a null node");
+      descend(kids[i], w * c.cw / cw, dist, branch);
     }
   }
 
   struct entry {
-    _decision_node const* node = nullptr;
     column const* col = nullptr;
-    unsigned long att = 0;
     std::unique_ptr<threshold_test> test;  // continuous splits
-    std::vector<std::size_t> children;
+    unsigned long att = 0;
+    unsigned long leaf = 0;
+    std::size_t kids = 0;  // the first child's place in kids_
+    std::size_t dist = 0;  // a leaf's class distribution in dists_
+    std::uint32_t n_kids = 0;
+    std::uint32_t dist_size = 0;
+    float cw = 0.0f;  // the node's training weight
+    std::uint8_t status = 0;
+    bool present = false;  // false: a null node
   };
 
  private:
@@ -134,27 +147,40 @@ class compiled_tree {
     entries_.emplace_back();
     if (tree == nullptr || tree->get_node() == nullptr) return at;
     _decision_node const* n = tree->get_node();
-    entries_[at].node = n;
-    if (n->get_node_status() == _decision_node::SPLIT_NODE) {
+    entry& e = entries_[at];
+    e.present = true;
+    e.status = n->get_node_status();
+    e.cw = n->get_cases_weight();
+    e.leaf = n->get_leaf();
+    if (e.status == _decision_node::LEAF_NODE) {
+      std::vector<float> const& d = n->get_class_distribution();
+      e.dist = dists_.size();
+      e.dist_size = static_cast<std::uint32_t>(d.size());
+      dists_.insert(dists_.end(), d.begin(), d.end());
+    } else if (e.status == _decision_node::SPLIT_NODE) {
       unsigned long att = n->get_split_attribute_index();
       column const* col = table_->get_attribute(att);
-      entries_[at].att = att;
+      e.att = att;
       if (col->is_continuous()) {
-        entries_[at].col = col;
-        entries_[at].test.reset(new threshold_test(col->get_o_set(), n->get_threshold()));
+        e.col = col;
+        e.test.reset(new threshold_test(col->get_o_set(), n->get_threshold()));
       } else if (col->is_discrete()) {
-        entries_[at].col = col;
+        e.col = col;
       }
     }
     std::vector<std::size_t> kids;
     for (unsigned long i = 0; i < tree->get_no_childs(); ++i)
       kids.push_back(add(tree->get_child(i)));
-    entries_[at].children = std::move(kids);
+    entries_[at].kids = kids_.size();
+    entries_[at].n_kids = static_cast<std::uint32_t>(kids.size());
+    kids_.insert(kids_.end(), kids.begin(), kids.end());
     return at;
   }
 
   table* table_;
   std::vector<entry> entries_;
+  std::vector<std::size_t> kids_;
+  std::vector<float> dists_;
 };
 
 // Fewer cases than this are not worth a thread.

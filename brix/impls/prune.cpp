@@ -48,7 +48,23 @@ float _decision_tree::prune_dt(table* t, float cf) {
 
 float _decision_tree::prune_dt(table* t, float cf, float coeff) {
   _decision_node* n = get_node();
-  if (n->known_fract_ == 0.0f) return 0.0f;
+  if (n->known_fract_ != 0.0f && n->status_ != _decision_node::LEAF_NODE) {
+    for (unsigned long i = 0; i < get_no_childs(); ++i)
+      get_child(i)->prune_dt(t, cf, coeff);
+  }
+  return prune_dt_here(cf, coeff);
+}
+
+float _decision_tree::pruned_value() const {
+  _decision_node const* n = get_node();
+  return n->known_fract_ == 0.0f ? 0.0f : n->error_;
+}
+
+// A node settled here keeps its value in error_, so pruning a pruned tree again changes nothing:
+// growing prunes subtrees as they complete and the whole tree is pruned once more after.
+float _decision_tree::prune_dt_here(float cf, float coeff) {
+  _decision_node* n = get_node();
+  if (n->known_fract_ == 0.0f) return 0.0f;  // deliberately neither pruned nor valued
   float leaf = n->get_leaf_error();
   float estimate = leaf + add_errs(cf, coeff, n->cases_weight_, leaf);
   if (n->status_ == _decision_node::LEAF_NODE) {
@@ -57,7 +73,7 @@ float _decision_tree::prune_dt(table* t, float cf, float coeff) {
   }
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i)
-    sum += get_child(i)->prune_dt(t, cf, coeff);
+    sum += get_child(i)->pruned_value();
   if (estimate <= sum + kPruneSlack) {
     collapse(estimate);
     return estimate;

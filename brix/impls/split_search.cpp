@@ -81,6 +81,33 @@ float tally(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::
   return unknown;
 }
 
+// tally for whole weights summing below 2^24, whose sums are exact in any order: four
+// interleaved tables keep consecutive cases of one cell from waiting on each other's additions,
+// and the class totals are summed from the cells afterwards. ways holds the tables.
+template <class Att, class Cls>
+float tally_exact(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::size_t cols,
+                  std::size_t cells, float* freq, float* class_total, std::vector<float>& ways) {
+  constexpr std::size_t kWays = 4;
+  ways.assign(kWays * cells, 0.0f);
+  float* t = ways.data();
+  float unknown = 0.0f;
+  w_case const* c = cases.data();
+  std::size_t n = cases.size();
+  for (std::size_t i = 0; i < n; ++i) {
+    unsigned long a = att(c[i].first);
+    if (a == 0) {
+      unknown += c[i].second;
+    } else {
+      t[(i % kWays) * cells + (a - base) * cols + cls(c[i].first)] += c[i].second;
+    }
+  }
+  for (std::size_t j = 0; j < cells; ++j)
+    freq[j] = (t[j] + t[cells + j]) + (t[2 * cells + j] + t[3 * cells + j]);
+  for (std::size_t j = cols; j < cells; ++j)
+    class_total[j % cols] += freq[j];
+  return unknown;
+}
+
 template <class Att, class Cls>
 void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
                       w_sequence const& cases, order_range const& range, float min_objects,
@@ -95,7 +122,10 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   totals.assign(rows + cols, 0.0f);
   float* branch = totals.data();
   float* class_total = totals.data() + rows;
-  float unknown = tally(att, cls, cases, base, cols, freq.data(), class_total);
+  float unknown =
+      any_order_at(opts, total_weight)
+          ? tally_exact(att, cls, cases, base, cols, rows * cols, freq.data(), class_total, s.ways)
+          : tally(att, cls, cases, base, cols, freq.data(), class_total);
   float known = total_weight - unknown;
   if (known == 0.0f) return no_split(best);
   branch[0] = unknown;
@@ -490,6 +520,7 @@ void split_scratch::release() {
   std::vector<std::uint32_t>().swap(counts);
   std::vector<float>().swap(freq);
   std::vector<float>().swap(totals);
+  std::vector<float>().swap(ways);
 }
 
 void sort_by_row(w_sequence& cases, split_scratch& scratch) {

@@ -62,6 +62,7 @@ class split_scratch {
   std::vector<std::uint32_t> counts;
   std::vector<float> freq;
   std::vector<float> totals;
+  std::vector<float> ways;  // interleaved tallies of whole weights
 };
 
 // Scores the split of the cases on att into best; a gain of -0.001 means no

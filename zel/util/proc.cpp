@@ -1,5 +1,6 @@
 #include "zel/util/proc.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/sysinfo.h>
 
@@ -29,6 +30,13 @@ unsigned long proc::process_free_ram() {
   unsigned long used = process_current_mem();
   if (total == unavailable || used == unavailable) return unavailable;
   return total - used;
+}
+
+void proc::keep_freed_blocks_for_reuse() {
+#if defined(M_MMAP_THRESHOLD) && defined(M_TRIM_THRESHOLD)
+  mallopt(M_MMAP_THRESHOLD, kMapFrom);
+  mallopt(M_TRIM_THRESHOLD, kTrimFrom);
+#endif
 }
 
 unsigned long proc::process_peak_mem() {

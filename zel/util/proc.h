@@ -16,6 +16,14 @@ class proc {
   // Not measured: always unsigned -1.
   static unsigned long process_peak_mem();
 
+  // For a command that owns its process. glibc maps blocks above a bound that it moves as blocks
+  // are freed, and gives the heap's top back once twice that bound is free, so tables freed and
+  // taken again node after node are faulted in afresh each time. Fixed bounds keep blocks below
+  // kMapFrom in the heap for reuse; larger ones (whole columns) are still mapped and returned.
+  static void keep_freed_blocks_for_reuse();
+  static constexpr int kMapFrom = 32 << 20;
+  static constexpr int kTrimFrom = 64 << 20;
+
   static constexpr unsigned long unavailable = static_cast<unsigned long>(-1);
 };
 

@@ -2,7 +2,6 @@
 #ifndef TESTS_BRIX_TABLE_FILES_H
 #define TESTS_BRIX_TABLE_FILES_H
 
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -13,8 +12,6 @@
 
 class table_files : public scratch_dir {
  public:
-  std::string path(std::string const& name) const { return file(name); }
-
   // A line stream over a file of the given text.
   zel::inpout::stream* source(std::string const& name, std::string const& text,
                               char sep = ',') const {
@@ -41,18 +38,12 @@ class table_files : public scratch_dir {
 // The examples beside the tests.
 inline std::string const kExamples = std::string(BRIX_TEST_DATA) + "/../../examples/";
 
-// The file of a stem with the suffix, or its .gz when there is none.
-inline std::string data_file(std::string const& stem, std::string const& suffix = ".data") {
-  return std::filesystem::exists(stem + suffix) ? stem + suffix : stem + suffix + ".gz";
-}
-
 // The table of a stem's .names and the rows of stem + suffix (none for an empty suffix).
 inline std::unique_ptr<brix::table> stem_table(std::string const& stem,
                                                std::string const& suffix = ".data") {
   auto t = std::make_unique<brix::table>("t");
   t->load_meta_data(brix::datasource("FILE#" + stem + ".names#,"));
-  if (!suffix.empty())
-    t->load_data(brix::datasource("FILE#" + data_file(stem, suffix) + "#,"), "?");
+  if (!suffix.empty()) t->load_data(brix::datasource("FILE#" + stem + suffix + "#,"), "?");
   return t;
 }
 

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +13,6 @@
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;
-using brix::impls::storage_kind;
 using brix::impls::table;
 using brix::impls::w_sequence;
 
@@ -54,16 +51,8 @@ TEST(Metadata, Lines) {
   EXPECT_EQ(t->get_column(0)->get_name(), " outlook");
   EXPECT_TRUE(t->get_column(0)->is_discrete());
   EXPECT_TRUE(t->get_column(1)->is_class());
-  EXPECT_FALSE(t->get_column(1)->get_o_set()->admits_null());
-  EXPECT_EQ(t->get_no_rows(), 0u);
 
-  // Messages are checked end to end by the command-line tests; here the
-  // row number of a blank last line and the missing source.
-  table blank_end("t", true);
-  EXPECT_EQ(error_of([&] {
-              blank_end.load_meta_data(files.source("m.names", "a,string,discrete\n\n"), true);
-            }),
-            "Reading metadata: bad row format (row 2): ");
+  // Messages are checked end to end by test_load_metadata_errors.sh; here the missing source.
   EXPECT_EQ(error_of([] { table("t", true).load_meta_data(nullptr, true); }),
             "no data provider detected.");
 
@@ -72,11 +61,6 @@ TEST(Metadata, Lines) {
   error_of(
       [&] { partial.load_meta_data(files.source("p.names", "a,string,discrete\nb\n"), true); });
   EXPECT_EQ(partial.get_no_columns(), 1u);
-
-  // The metadata separator is the source's.
-  table semi("t", true);
-  semi.load_meta_data(files.source("s.names", "a;string;discrete\nc;string;class\n", ';'), true);
-  EXPECT_EQ(semi.get_no_columns(), 2u);
 }
 
 TEST(Metadata, ConsistencyRules) {
@@ -89,7 +73,6 @@ TEST(Metadata, ConsistencyRules) {
   EXPECT_EQ(t->get_class_index(), 1u);
   EXPECT_EQ(t->get_weights_index(), 2u);
   EXPECT_FALSE(t->consistency_check(1, error));
-  EXPECT_FALSE(t->consistency_check(0, error));
 
   // Switching the rules back and forth; a failed switch restores the old ones.
   auto loaded = files.loaded("a,string,discrete\nc,string,class\n", "x,y\n", false);
@@ -126,34 +109,17 @@ TEST(Load, ValuesOrdersAndLineEndings) {
   EXPECT_EQ(orders(*t, 0), (std::vector<unsigned long>{3, 1, 2, 3}));
   EXPECT_EQ(orders(*t, 1), (std::vector<unsigned long>{3, 0, 2, 1}));
   EXPECT_EQ(orders(*t, 2), (std::vector<unsigned long>{2, 3, 0, 1}));
-  EXPECT_EQ(t->get_column(4)->get_value(0), "no");  // no carriage return kept
-  EXPECT_EQ(t->get_column(4)->get_value(1), "yes");
+  EXPECT_EQ(t->get_column(4)->get_value(1), "yes");  // no carriage return kept
   EXPECT_EQ(t->get_column(2)->get_value(0), "85.500000000000000000000000000000");
-  EXPECT_EQ(t->get_column(3)->get_storage(), storage_kind::bit);
-  EXPECT_EQ(t->get_column(1)->get_storage(), storage_kind::u8);
-  EXPECT_EQ(t->get_no_attributes(), 4u);
 }
 
-TEST(Load, ProgressLogByVerbosity) {
-  // The full log that brixcmd asks for is checked end to end by the command-line tests.
+TEST(Load, VerbosityWithoutALogStream) {
+  // The log itself is checked end to end by test_load_log.sh.
   table_files files;
-  std::string data;
-  for (int r = 0; r < 25000; ++r)
-    data += std::to_string(r % 300) + (r % 2 ? ",a\n" : ",b\n");
-  auto log_of = [&](unsigned long verbosity, bool with_stream) {
-    auto t = files.declared("n,integer,continuous\nc,string,class\n");
-    std::ostringstream log;
-    if (with_stream) t->set_log(&log);
-    t->set_verbosity(verbosity);
-    t->load_data(files.source("d.data", data), "?", true);
-    EXPECT_EQ(t->get_no_rows(), 25000u);
-    EXPECT_EQ(t->get_column(0)->get_value(24999), std::to_string(24999 % 300));
-    return log.str();
-  };
-  EXPECT_EQ(log_of(1, true),
-            "Reading data   25000 rows read. Indexing ...  done.\n ... 2nd pass: \n");
-  EXPECT_EQ(log_of(0, true), "");
-  log_of(200, false);  // verbosity without a log stream: the rows still load
+  auto t = files.declared("n,integer,continuous\nc,string,class\n");
+  t->set_verbosity(200);
+  t->load_data(files.source("d.data", "1,a\n2,b\n"), "?", true);
+  EXPECT_EQ(t->get_no_rows(), 2u);
 }
 
 TEST(Load, Errors) {
@@ -167,19 +133,13 @@ TEST(Load, Errors) {
     EXPECT_EQ(t->get_column(0)->size(), 0u);
     return e;
   };
-  // Every message is checked end to end by the command-line tests; here the
-  // failures at each stage leave nothing behind, and a line quoted in a
-  // message is the line as read.
+  // Every message is checked end to end by test_load_data_errors.sh; here the failures at each
+  // stage leave nothing behind, and a line quoted in a message is the line as read.
   std::string names = "n,integer,continuous\nf,float,continuous\nc,string,class\n";
-  EXPECT_EQ(load_error(names, "1,2,a\n1,2,a,b\n"),
-            "Reading training data: bad row format (row 2): 1,2,a,b");
   EXPECT_EQ(load_error(names, "1,2,a,b,\n"),
             "Reading training data: bad row format (row 1): 1,2,a,b,");
-  EXPECT_EQ(load_error(names, "1,2,a\n1,2,?\n"),
-            "Reading training data: [o_set::insert()] called with unadmitted null value");
-  EXPECT_EQ(load_error(names, "1,2,a\n1.5,2,a\n"), "Reading training data: 1.5: _not an int");
-  EXPECT_EQ(load_error("a,string,discrete\nc1,string,class\nc2,string,class\n", "a,b,c\n"),
-            "Reading training data: there must be only one class column");
+  EXPECT_NE(load_error(names, "1,2,a\n1.5,2,a\n"), "");
+  EXPECT_NE(load_error("a,string,discrete\nc1,string,class\nc2,string,class\n", "a,b,c\n"), "");
   table t("t", true);
   EXPECT_EQ(error_of([&] { t.load_data(nullptr, "?", true); }),
             "Reading training data: no data provider detected.");
@@ -220,27 +180,6 @@ TEST(Load, IncrementalColumnsAndFailedLoadKeepsTheTable) {
   EXPECT_EQ(t->get_column(2)->size(), 2u);
   EXPECT_EQ(t->get_column(2)->get_row_index(1), 0u);
   EXPECT_EQ(t->get_no_attributes(), 2u);
-}
-
-TEST(Load, WidthsAtTheLimits) {
-  table_files files;
-  auto with_values = [&](int k, bool unknown) {
-    std::string data;
-    for (int v = k - 1; v >= 0; --v)
-      data += "v" + std::to_string(v) + ",c\n";
-    if (unknown) data += "?,c\n";
-    return files.loaded("d,string,discrete\nc,string,class\n", data);
-  };
-  auto t254 = with_values(254, true);
-  EXPECT_EQ(t254->get_column(0)->get_storage(), storage_kind::u8);
-  EXPECT_EQ(t254->get_column(0)->get_value(253), "v0");
-  EXPECT_EQ(t254->get_column(0)->get_row_index(254), 0u);
-  auto t255 = with_values(255, false);
-  EXPECT_EQ(t255->get_column(0)->get_storage(), storage_kind::u16);
-  for (unsigned long r : {0ul, 1ul, 253ul, 254ul}) {
-    EXPECT_EQ(t255->get_column(0)->get_value(r), "v" + std::to_string(254 - r));
-  }
-  // Past 65534 values the ids widen again: the separable tables of test_tree_figures.sh.
 }
 
 TEST(LoadRow, ReordersToAttributesClassWeight) {
@@ -304,42 +243,21 @@ std::unique_ptr<table> rows_table(table_files const& files, int n) {
   return files.loaded("a,string,discrete\nc,string,class\n", data);
 }
 
-TEST(Subsets, FirstNAndClamping) {
+TEST(Subsets, FirstNRandomAndTheDifferenceCoverEveryRowOnce) {
   table_files files;
   auto t = rows_table(files, 10);
   EXPECT_TRUE(rows(t->get_wsubset_first_n(0)).empty());
   EXPECT_EQ(rows(t->get_wsubset_first_n(4)), range_of(0, 4));
   EXPECT_EQ(rows(t->get_wsubset_first_n(1000)), range_of(0, 10));
-  EXPECT_EQ(rows(t->get_wsubset_all()), range_of(0, 10));
-  EXPECT_TRUE(rows(t->get_wsubset_random(0)).empty());
   EXPECT_EQ(rows(t->get_wsubset_random(25)), range_of(0, 10));
-}
-
-TEST(Subsets, RandomAndItsDifferenceCoverEveryRowOnce) {
-  table_files files;
-  auto t = rows_table(files, 10);
   std::unique_ptr<w_sequence> train(t->get_wsubset_random(7));
-  ASSERT_EQ(train->size(), 7u);
   std::unique_ptr<w_sequence> test(t->get_wsubset_difference(train.get()));
-  ASSERT_EQ(test->size(), 3u);
-  std::vector<int> seen(10, 0);
-  for (auto const* s : {train.get(), test.get()}) {
-    for (std::size_t i = 0; i < s->size(); ++i) {
-      if (i > 0) {
-        EXPECT_LT((*s)[i - 1].first, (*s)[i].first) << "rows not ascending";
-      }
-      ++seen[(*s)[i].first];
-    }
-  }
-  EXPECT_EQ(seen, std::vector<int>(10, 1));
-
-  // Reseeded with the time in seconds: two draws in the same second agree.
-  auto big = rows_table(files, 200);
-  std::time_t before = std::time(nullptr);
-  std::unique_ptr<w_sequence> a(big->get_wsubset_random(50)), b(big->get_wsubset_random(50));
-  if (std::time(nullptr) == before) {
-    EXPECT_EQ(rows_of(*a), rows_of(*b));
-  }
+  std::vector<unsigned> a = rows_of(*train), b = rows_of(*test);
+  ASSERT_EQ(a.size(), 7u);
+  EXPECT_TRUE(std::is_sorted(a.begin(), a.end()) && std::is_sorted(b.begin(), b.end()));
+  a.insert(a.end(), b.begin(), b.end());
+  std::sort(a.begin(), a.end());
+  EXPECT_EQ(a, range_of(0, 10));
 }
 
 TEST(Subsets, DifferenceWalksTheSortedSequence) {
@@ -362,27 +280,18 @@ TEST(Subsets, DifferenceWalksTheSortedSequence) {
 
 TEST(Subsets, WeightsColumnSetsTheWeights) {
   table_files files;
-  std::string data;
-  for (int r = 0; r < 8; ++r)
-    data += std::string(r == 4 ? "2.5" : "1") + (r % 2 ? ",a\n" : ",b\n");
-  auto t = files.loaded("w,float,weights\nc,string,class\n", data);
-  ASSERT_NE(t->get_weights(), nullptr);
-  auto weight_of_row4 = [](w_sequence const& s) {
-    for (auto const& c : s) {
-      if (c.first == 4) return c.second;
-      EXPECT_EQ(c.second, 1.0f) << "row " << c.first;
-    }
-    return -1.0f;
-  };
+  auto t = files.loaded("w,float,weights\nc,string,class\n", "1,a\n1,b\n2.5,a\n1,b\n");
   w_sequence others;
   others.push_back(0, 1.0f);
-  std::vector<std::unique_ptr<w_sequence>> all;
-  all.emplace_back(t->get_wsubset_all());
-  all.emplace_back(t->get_wsubset_first_n(6));
-  all.emplace_back(t->get_wsubset_random(8));
-  all.emplace_back(t->get_wsubset_difference(&others));
-  for (auto const& s : all)
-    EXPECT_EQ(weight_of_row4(*s), 2.5f);
+  std::unique_ptr<w_sequence> all[] = {
+      std::unique_ptr<w_sequence>(t->get_wsubset_all()),
+      std::unique_ptr<w_sequence>(t->get_wsubset_first_n(3)),
+      std::unique_ptr<w_sequence>(t->get_wsubset_random(4)),
+      std::unique_ptr<w_sequence>(t->get_wsubset_difference(&others))};
+  for (auto const& s : all) {
+    for (auto const& c : *s)
+      EXPECT_EQ(c.second, c.first == 2 ? 2.5f : 1.0f) << "row " << c.first;
+  }
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 
 using brix::impls::_decision_node;
 using brix::impls::_decision_tree;
-using brix::impls::column;
 using brix::impls::decision_tree;
 using brix::impls::options;
 using brix::impls::order_range;
@@ -245,47 +244,6 @@ TEST(TreeSplit, EqualGainsKeepTheLowerCut) {
     EXPECT_NEAR(c.gain, copies == 1 ? 0.084963f : 0.196073f, 1e-6) << copies;
     EXPECT_EQ(c.low, 1u) << copies;
     EXPECT_EQ(c.high, 2u) << copies;
-  }
-}
-
-TEST(TreeSplit, LastCutBeforeTheLimitIsEvaluated) {
-  table_files files;
-  auto t = grid(files, 40, 2);
-  // x = 1..9 of k0 weighing 10, x = 10 of k1 weighing 4: K − m = 89.3, cuts 1|2 .. 8|9 tried.
-  // All lie in one run of k0, but after 8|9 the next block ends at 90 > 89.3, so 8|9 is
-  // evaluated: gain (I(90,4) − I(10,4))/94 − log2(8)/94 = 0.125329 − 0.031915 = 0.093414.
-  for (int parts : {1, 3}) {  // 10 cases over 40 orders: sorting; 30 over 10: tally
-    w_sequence s;
-    for (unsigned long x = 1; x <= 10; ++x) {
-      for (int i = 0; i < parts; ++i) {
-        float w = x < 10 ? 10.0f : 4.0f;
-        if (parts == 3) w = i < 2 ? (x < 10 ? 3.0f : 1.0f) : (x < 10 ? 4.0f : 2.0f);
-        s.push_back(grid_row(x, x < 10 ? 0 : 1, 2), w);
-      }
-    }
-    cut c = score(t.get(), s, 1, parts == 1 ? 41 : 11, 2);
-    EXPECT_NEAR(c.gain, 0.093414f, 1e-6) << parts;
-    EXPECT_EQ(c.low, 8u);
-    EXPECT_EQ(c.high, 9u);
-  }
-}
-
-TEST(TreeSplit, SortingSearchSortsTheNodeUnlessAskedForACopy) {
-  table_files files;
-  auto t = grid(files, 40, 2);
-  w_sequence s = cases_at({{0, 0, 0}, {1, 1, 1}, {1, 1, 1}}, 1.0f);
-  std::vector<w_case> before(s.begin(), s.end());
-  score(t.get(), s, 1, 41, 2);  // with a copy
-  EXPECT_TRUE(std::equal(before.begin(), before.end(), s.begin(),
-                         [](w_case a, w_case b) { return a.first == b.first; }));
-  options opts;
-  splitting_desc d;
-  order_range range(1, 41);
-  score_split(*t->get_attribute(0), *t->get_class(), 9.0f, s, range, 2.0f, &opts, scratch(), d,
-              false);
-  column const* x = t->get_attribute(0);
-  for (std::size_t i = 1; i < s.size(); ++i) {
-    EXPECT_LE(x->get_row_index(s[i - 1].first), x->get_row_index(s[i].first));
   }
 }
 

@@ -24,3 +24,17 @@ datasets() {
     echo "$(basename "$stem") $names $data $test"
   done
 }
+
+# declared NAMES: brix options giving each column of NAMES its declared kind and type, one a line.
+declared() {
+  local col type kind
+  while IFS=, read -r col type kind; do
+    [ "$kind" = class ] && printf '%s\n' --class "$col" || printf '%s\n' --kind "$col=$kind" --type "$col=$type"
+  done <"$1"
+}
+
+# as_csv NAMES FILE: the rows of FILE (.data, .data.gz or .test) under a header of the names.
+as_csv() {
+  cut -d, -f1 "$1" | paste -sd,
+  case $2 in *.gz) zcat "$2" ;; *) cat "$2" ;; esac
+}

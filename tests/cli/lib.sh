@@ -37,26 +37,14 @@ expect_status() { [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"; 
 ok() { run "$@"; expect_status 0; }
 
 # says TEXT ARGS...: brixcmd ARGS ends with status 0 and prints exactly TEXT.
-says() {
-  local text=$1
-  shift
-  ok "$@"
-  expect_output "$text"
-}
+says() { ok "${@:2}"; expect_output "$1"; }
 
-# expect_output_file FILE: standard output is exactly the content of FILE.
-expect_output_file() {
-  diff -u "$1" "$WORK/stdout" >"$WORK/diff" || fail "output differs from $1:
-$(cat "$WORK/diff")"
-}
-
-# expect_output TEXT: standard output is exactly TEXT and one end of line.
+# expect_output_file FILE: standard output is exactly the content of FILE; expect_output TEXT:
+# exactly TEXT and one end of line.
+expect_output_file() { diff -u "$1" "$WORK/stdout" >"$WORK/diff" || fail "output differs from $1:
+$(cat "$WORK/diff")"; }
 expect_output() { printf '%s\n' "$1" >"$WORK/expected" && expect_output_file "$WORK/expected"; }
-
-expect_line_count() {
-  local n=$(wc -l <"$WORK/stdout")
-  [ "$n" -eq "$1" ] || fail "$n lines of output, expected $1"
-}
+expect_line_count() { [ "$(wc -l <"$WORK/stdout")" -eq "$1" ] || fail "$(wc -l <"$WORK/stdout") lines of output, expected $1"; }
 
 NEEDS_MISSING=
 
@@ -83,9 +71,7 @@ $(cat "$WORK/diff")"
 
 # expect_line N PATTERN: line N of standard output matches the extended regular expression.
 expect_line() {
-  local line
-  line=$(sed -n "${1}p" "$WORK/stdout")
-  printf '%s\n' "$line" | grep -Eq -- "$2" || fail "line $1 is '$line', expected /$2/"
+  sed -n "${1}p" "$WORK/stdout" | grep -Eq -- "$2" || fail "line $1 is '$(sed -n "${1}p" "$WORK/stdout")', expected /$2/"
 }
 
 # expect_grep PATTERN [FILE]: some line of FILE (standard output by default) matches the extended

@@ -1,5 +1,5 @@
 # The golf tree end to end: text reports worked out by hand (the arithmetic is in
-# tests/brix/tree_golf_test.cpp), test files, holdouts and scoring.
+# tests/brix/tree_prune_predict_test.cpp), test files, holdouts and scoring.
 source "$(dirname "$0")/lib.sh"
 
 GOLF=$ROOT/examples/golf

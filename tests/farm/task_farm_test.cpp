@@ -139,32 +139,6 @@ TEST(TaskFarm, FeedbackTreeRunsEveryTaskOnceAndAgain) {
   }
 }
 
-TEST(TaskFarm, EmitterEndsOrRunsWithoutFeedback) {
-  int calls = 0;
-  fn_node quitter([&](fn_node&, void*) {
-    ++calls;
-    return EOS;
-  });
-  rig q(&quitter, 4, 0);
-  EXPECT_EQ(q.f.run_and_wait_end(), 0);
-  EXPECT_EQ(calls, 1);
-
-  // Without feedback svc is called until EOS; a returned task is sent. Slow workers make the
-  // emitter sleep for room, and the tasks still queued at EOS must be run too.
-  task tasks[60];
-  int next = 0;
-  fn_node source([&](fn_node&, void*) -> void* {
-    if (next == 60) return EOS;
-    tasks[next].id = next;
-    return &tasks[next++];
-  });
-  rig r(&source, 3, 60, 1, 1, false);
-  for (auto& w : r.ws)
-    w->pause = 3000;
-  ASSERT_EQ(r.f.run_and_wait_end(), 0);
-  r.expect_hits(1);
-}
-
 struct fixed_balancer : farm::load_balancer {
   int selectworker() override { return choice; }
   int choice = 0;
@@ -243,35 +217,30 @@ TEST(TaskFarm, RefusalsAndFailedStartsPrintTheirMessage) {
   EXPECT_TRUE(r.ws[5]->ended == 1 && r.ws[6]->ended == 2);
 }
 
-TEST(TaskFarm, SendGivesUpOnAFullRingOrHandsOverToTheFallback) {
-  for (bool with_fallback : {false, true}) {
-    // The only worker holds its first task until released, so its one-entry ring stays full.
-    std::atomic<bool> started{false}, release{false};
-    fn_node holder([&](fn_node&, void*) {
-      for (started = true; !release;)
-        std::this_thread::yield();
-      return GO_ON;
-    });
-    task tasks[3];
-    bool third_sent = false;
-    fn_node e([&](fn_node& self, void*) {
-      self.send_out(&tasks[0]);
-      while (!started)
-        std::this_thread::yield();
-      self.send_out(&tasks[1]);
-      third_sent = self.send_out(&tasks[2], 3, 10);
-      release = true;
-      return EOS;
-    });
-    farm::task_farm f(nullptr, 1);
-    std::vector<void*> fell_back;
-    if (with_fallback) f.set_fallback([&](void* t) { fell_back.push_back(t); });
-    f.add_emitter(&e);
-    f.add_workers({&holder});
-    ASSERT_EQ(f.run_and_wait_end(), 0);
-    EXPECT_EQ(third_sent, with_fallback);
-    EXPECT_EQ(fell_back, with_fallback ? std::vector<void*>{&tasks[2]} : std::vector<void*>{});
-  }
+TEST(TaskFarm, SendGivesUpOnAFullRing) {
+  // The only worker holds its first task until released, so its one-entry ring stays full.
+  std::atomic<bool> started{false}, release{false};
+  fn_node holder([&](fn_node&, void*) {
+    for (started = true; !release;)
+      std::this_thread::yield();
+    return GO_ON;
+  });
+  task tasks[3];
+  bool third_sent = true;
+  fn_node e([&](fn_node& self, void*) {
+    self.send_out(&tasks[0]);
+    while (!started)
+      std::this_thread::yield();
+    self.send_out(&tasks[1]);
+    third_sent = self.send_out(&tasks[2], 3, 10);
+    release = true;
+    return EOS;
+  });
+  farm::task_farm f(nullptr, 1);
+  f.add_emitter(&e);
+  f.add_workers({&holder});
+  ASSERT_EQ(f.run_and_wait_end(), 0);
+  EXPECT_FALSE(third_sent);
 }
 
 TEST(TaskFarm, ExceptionsReachTheCallerAfterAllThreadsAreJoined) {

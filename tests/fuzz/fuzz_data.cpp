@@ -2,10 +2,8 @@
 // so that values the loader accepts are also values the grower and the predictor survive.
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <stdexcept>
 
-#include "tests/fuzz/grow_and_predict.h"
+#include "tests/fuzz/fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   fuzz::grow_and_predict(

@@ -1,5 +1,5 @@
 // Inputs for the fuzz harnesses: fuzzer bytes as a line stream or as a file that the binary
-// readers can open by name, without touching the disk.
+// readers can open by name, without touching the disk; and rows grown into trees.
 #ifndef TESTS_FUZZ_FUZZ_INPUT_H
 #define TESTS_FUZZ_FUZZ_INPUT_H
 
@@ -8,9 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
 #include "zel/inpout/iomem.h"
 #include "zel/inpout/stream.h"
 
@@ -45,6 +50,28 @@ class memory_file {
  private:
   int fd_;
 };
+
+// Loads rows under fixed metadata, then grows, prunes and classifies what loaded.
+inline void grow_and_predict(std::string const& names, std::uint8_t const* data, std::size_t size,
+                             char sep) {
+  brix::impls::table t("fuzz", true);
+  try {
+    t.load_meta_data(
+        memory_stream(reinterpret_cast<std::uint8_t const*>(names.data()), names.size(), sep),
+        true);
+    t.load_data(memory_stream(data, size, sep), "?", true);
+    std::unique_ptr<brix::impls::w_sequence> all(t.get_wsubset_all());
+    for (int strategy : {0, 1, 2}) {
+      brix::impls::decision_tree tree("fuzz");
+      tree.set_pruning_strategy(strategy);
+      tree.build_pruned(&t, all.get(), true, 0);
+      std::unique_ptr<brix::impls::conf_matrix> m(tree.predict(&t, all.get()));
+      std::ostringstream text;
+      tree.toTEXT(text, 0);
+    }
+  } catch (std::runtime_error const&) {
+  }
+}
 
 }  // namespace fuzz
 

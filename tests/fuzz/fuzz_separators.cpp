@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/fuzz/grow_and_predict.h"
+#include "tests/fuzz/fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   if (size == 0) return 0;

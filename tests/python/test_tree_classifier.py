@@ -1,14 +1,12 @@
 """brix.TreeClassifier: scikit-learn's estimator checks, the trees and scores of brixcmd on every
 dataset, and the errors users meet."""
 import os
-import pickle
 import subprocess
 
 import numpy as np
 import pandas as pd
 import pytest
-from sklearn.model_selection import GridSearchCV, cross_val_score
-from sklearn.pipeline import make_pipeline
+from sklearn.model_selection import cross_val_score
 from sklearn.utils.estimator_checks import check_estimator
 
 import brix
@@ -88,6 +86,7 @@ def test_trees_and_scores_are_those_of_brixcmd(stem, pruning, tmp_path):
 
 
 def test_frames_arrays_and_scikit_learn_tools():
+    # Cloning, parameters and pickling are among the estimator checks above.
     X, y, _ = read_stem(os.path.join(ROOT, "examples", "iris"))
     clf = brix.TreeClassifier(n_jobs=2).fit(X, y)
     assert list(clf.feature_names_in_) == list(X.columns)
@@ -97,11 +96,6 @@ def test_frames_arrays_and_scikit_learn_tools():
     assert abs(clf.feature_importances_.sum() - 1) < 1e-9
     assert clf.attribute_usage_.max() == 1
     assert cross_val_score(brix.TreeClassifier(), X, y, cv=5).mean() > 0.85
-    grid = GridSearchCV(brix.TreeClassifier(), {"confidence": [0.1, 0.25]}, cv=3).fit(X, y)
-    assert grid.best_params_["confidence"] in (0.1, 0.25)
-    assert make_pipeline(brix.TreeClassifier()).fit(X, y).score(X, y) > 0.9
-    again = pickle.loads(pickle.dumps(clf))
-    assert (again.predict_proba(X) == clf.predict_proba(X)).all()
     for text in (clf.export_dot(max_depth=1), clf.export_pmml(), clf.to_json()):
         assert "petalwidth" in text
 
@@ -117,7 +111,6 @@ def test_saved_model_reads_in_brixcmd(tmp_path):
     loaded = brix.TreeClassifier.load(tmp_path / "iris.tree")
     assert loaded.export_text() == clf.export_text()
     assert (loaded.predict_proba(X) == clf.predict_proba(X)).all()
-    assert list(loaded.predict(X)) == list(clf.predict(X))
 
 
 def test_integer_attributes_classify_fractions_on_the_right_side():

@@ -1,9 +1,10 @@
-// A fresh directory under /tmp for one test, removed with everything in it afterwards, and the
-// message of a runtime error.
+// A fresh directory under /tmp for one test, removed with everything in it afterwards, files in it
+// plain or gzipped, and the message of a runtime error.
 #ifndef TESTS_ZEL_INPOUT_SCRATCH_DIR_H
 #define TESTS_ZEL_INPOUT_SCRATCH_DIR_H
 
 #include <stdlib.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -36,6 +37,27 @@ class scratch_dir {
   static std::string read(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+
+  // One gzip member holding the bytes.
+  std::string gzip(const std::string& name, const std::string& bytes) const {
+    std::string p = file(name);
+    gzFile f = gzopen(p.c_str(), "wb1");
+    if (f == nullptr) throw std::runtime_error("cannot open " + p);
+    if (!bytes.empty()) gzwrite(f, bytes.data(), static_cast<unsigned>(bytes.size()));
+    gzclose(f);
+    return p;
+  }
+
+  static std::string gunzip(const std::string& path) {
+    gzFile f = gzopen(path.c_str(), "rb");
+    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+    std::string out;
+    char buf[4096];
+    for (int n; (n = gzread(f, buf, sizeof buf)) > 0;)
+      out.append(buf, static_cast<std::size_t>(n));
+    gzclose(f);
+    return out;
   }
 
  private:

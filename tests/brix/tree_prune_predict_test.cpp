@@ -185,6 +185,21 @@ TEST(TreePrune, OfTwoEqualBranchesTheLaterIsRaised) {
   EXPECT_NEAR(dt.get_root()->get_node()->get_error(), 5.497236f, 2e-5);
 }
 
+TEST(TreePrune, RaisingTakesABranchWithinTheSlackOfTheSubtree) {
+  // Split on a0 first; the raised a0 = v0 branch (a split on a1) estimates within 0.1 of the
+  // subtree's sum, so it replaces the split on a0 (testing the slack on the raised side instead
+  // keeps the 7-node tree).
+  table_files files;
+  auto t = files.loaded("a0,string,discrete\na1,float,continuous\nk,string,class\n",
+                        "v2,5,k3\nv3,3,k2\nv1,1,k3\nv0,0,k0\nv0,3,k3\nv0,3,k3\nv0,1,k1\n"
+                        "v0,1,k1\nv2,0,k2\nv1,5,k2\n");
+  decision_tree dt("t");
+  dt.set_pruning_strategy(decision_tree::C45_PRUNING);
+  dt.build_pruned(t.get(), nullptr, false, 0);
+  EXPECT_EQ(dt.size(), 3u);
+  EXPECT_EQ(dt.get_root()->get_node()->get_split_attribute_index(), 1u);
+}
+
 TEST(TreeGrow, NodeOfTwiceTheMinimumIsSplit) {
   table_files files;
   auto t = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nu,p\nv,q\nv,q\n");

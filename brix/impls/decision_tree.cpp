@@ -124,8 +124,8 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   options_->logs = &logs;
   options_->any_order = weights_stay_whole(t, *root_cases_);
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
-  // nothing left to change but is kept as the one definition of the pruned tree.
-  // A level out of range (only a damaged model file holds one) is refused by prune() as before.
+  // nothing left to change but stays the one definition of the pruned tree, and the one to
+  // refuse a level out of range (only a damaged model file holds one).
   bool prune_online =
       pruned && pruning_strategy_ == DT_PRUNING && conf_level_ >= 0.0f && conf_level_ <= 1.0f;
   prune_params online{conf_level_,

@@ -210,6 +210,11 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   // root of the whole tree) and pruning each settled subtree when prune is given.
   void grow_depth(table* t, int split_type, float min_obj, options const* opts,
                   prune_params const* prune, bool preprune, split_scratch& scratch);
+  // Hands the cases of this decided node to new activated children (none when it stays a
+  // leaf), then closes the node; parts, shares and ranges are the caller's reusable buffers.
+  void branch_out(table* t, options const* opts, split_scratch& scratch,
+                  std::vector<w_sequence*>& parts, std::vector<float>& shares,
+                  std::vector<order_range>& ranges);
   void build_ff(table* t, int split_type, float min_obj, options const* opts, int nworkers);
   float preprune(float bound);
 

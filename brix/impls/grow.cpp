@@ -389,6 +389,24 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
 
 // ---------------------------------------------------------------- growing
 
+void _decision_tree::branch_out(table* t, options const* opts, split_scratch& scratch,
+                                std::vector<w_sequence*>& parts, std::vector<float>& shares,
+                                std::vector<order_range>& ranges) {
+  _decision_node* node = get_node();
+  if (node->status_ == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1 &&
+      node->distribute(t, parts, shares, ranges, opts, scratch)) {
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      auto* child = new _decision_node(node, i + 1);
+      auto* sub = new _decision_tree();
+      sub->set_node(child);
+      push_back_child(sub);
+      child->activate_with(t, parts[i], shares[i], ranges[i]);
+      parts[i] = nullptr;
+    }
+  }
+  node->disactivate();
+}
+
 void _decision_tree::build(table* t, w_sequence* cases, int split_type, options const* opts,
                            float min_obj, int workers, prune_params const* prune) {
   delete_childs();
@@ -419,7 +437,6 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
                                 prune_params const* prune, bool preprune, split_scratch& scratch) {
   struct frame {
     _decision_tree* tree;
-    bool visit;          // prepruning reaches this node
     bool prunable;       // pruning reaches its children
     bool counting;       // prepruning still sums its children's values
     unsigned long next;  // the next child to grow
@@ -436,20 +453,9 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
   auto grow = [&](_decision_tree* tree, float bound, bool visit, bool prunable) {
     _decision_node* node = tree->get_node();
     scratch.fit(node->get_cases_count());
-    int status = node->split(t, split_type, min_obj, opts, &scratch);
-    if (status != _decision_node::LEAF_NODE && node->get_no_of_splits() >= 1 &&
-        node->distribute(t, parts, shares, ranges, opts, scratch)) {
-      for (std::size_t i = 0; i < parts.size(); ++i) {
-        auto* child = new _decision_node(node, i + 1);
-        auto* sub = new _decision_tree();
-        sub->set_node(child);
-        tree->push_back_child(sub);
-        child->activate_with(t, parts[i], shares[i], ranges[i]);
-        parts[i] = nullptr;
-      }
-    }
-    node->disactivate();
-    frame f{tree, visit, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
+    node->split(t, split_type, min_obj, opts, &scratch);
+    tree->branch_out(t, opts, scratch, parts, shares, ranges);
+    frame f{tree, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
     if (node->status_ == _decision_node::LEAF_NODE) {
       f.value = node->error_;
     } else if (visit) {

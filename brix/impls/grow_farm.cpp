@@ -249,21 +249,11 @@ class _ff_emitter : public farm::node {
   // attribute otherwise.
   void* expand(_decision_tree* sub, unsigned long attribute_tasks, ff_task* reuse) {
     _decision_node* node = sub->get_node();
-    std::vector<_decision_tree*> kids;
     scratch_.fit(node->get_cases_count());
-    if (node->get_node_status() == _decision_node::SPLIT_NODE && node->get_no_of_splits() >= 1 &&
-        node->distribute(table_, parts_, shares_, ranges_, opts_, scratch_)) {
-      for (std::size_t i = 0; i < parts_.size(); ++i) {
-        auto* child = new _decision_node(node, i + 1);
-        auto* ct = new _decision_tree();
-        ct->set_node(child);
-        sub->push_back_child(ct);
-        child->activate_with(table_, parts_[i], shares_[i], ranges_[i]);
-        parts_[i] = nullptr;
-        kids.push_back(ct);
-      }
-    }
-    node->disactivate();
+    sub->branch_out(table_, opts_, scratch_, parts_, shares_, ranges_);
+    std::vector<_decision_tree*> kids;
+    for (unsigned long i = 0; i < sub->get_no_childs(); ++i)
+      kids.push_back(sub->get_child(i));
     unsigned long limit =
         attribute_tasks > 0 ? n_rows_ / attribute_tasks : std::numeric_limits<unsigned long>::max();
     for (_decision_tree* ct : kids) {

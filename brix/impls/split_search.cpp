@@ -81,12 +81,12 @@ float tally(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::
   return unknown;
 }
 
-// tally for whole weights summing below 2^24, whose sums are exact in any order: four
-// interleaved tables keep consecutive cases of one cell from waiting on each other's additions,
-// and the class totals are summed from the cells afterwards. ways holds the tables.
 // Below this many cases a node's tables cost more to clear and merge than interleaving saves.
 constexpr std::size_t kInterleaveFrom = 256;
 
+// tally for whole weights summing below 2^24, whose sums are exact in any order: four
+// interleaved tables keep consecutive cases of one cell from waiting on each other's additions,
+// and the class totals are summed from the cells afterwards. ways holds the tables.
 template <class Att, class Cls>
 float tally_exact(Att att, Cls cls, w_sequence const& cases, unsigned long base, std::size_t cols,
                   std::size_t cells, float* freq, float* class_total, std::vector<float>& ways) {

@@ -1,5 +1,6 @@
 #include "brix/impls/decision_tree.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iomanip>
 #include <ostream>
@@ -123,6 +124,9 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   xlogx_table logs(integral_weight_bound(*root_cases_));
   options_->logs = &logs;
   options_->any_order = weights_stay_whole(t, *root_cases_);
+  options_->unit_weights =
+      options_->any_order && std::all_of(root_cases_->begin(), root_cases_->end(),
+                                         [](w_case const& c) { return c.second == 1.0f; });
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
   // nothing left to change but stays the one definition of the pruned tree, and the one to
   // refuse a level out of range (only a damaged model file holds one).
@@ -137,10 +141,12 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   } catch (...) {
     options_->logs = nullptr;
     options_->any_order = false;
+    options_->unit_weights = false;
     throw;
   }
   options_->logs = nullptr;
   options_->any_order = false;
+  options_->unit_weights = false;
 
   if (pruned) {
     if (stage) stage("prune");

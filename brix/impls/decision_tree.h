@@ -35,6 +35,8 @@ struct options {
   bool flag = false;
   xlogx_table const* logs = nullptr;
   bool any_order = false;
+  // Every case weighs exactly 1, in every node: any_order, and 1 to start with.
+  bool unit_weights = false;
 };
 
 // Whole numbers up to 2^24 add exactly in a float; past it, sums depend on the order of the

@@ -188,6 +188,7 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
         weight += c.second;
       if (any_order_at(opts, static_cast<float>(weight))) sort_by_row(*child, scratch);
     }
+    scratch.shed_row_sort();
   }
   return true;
 }

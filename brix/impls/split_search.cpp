@@ -31,16 +31,9 @@ constexpr float kNoGain = -0.001f;
 // Nodes with fewer cases than this per possible value are sorted by
 // comparison instead of by counting.
 constexpr unsigned long kCountingSortRatio = 17;
-// Order stretches up to this width are counted in one pass; wider ones in
-// byte digits, so that the tallies stay in cache.
+// Order stretches up to this width are counted in one pass; wider ones by
+// their high bits, so that the tallies stay in cache, each bucket then sorted.
 constexpr unsigned long kOnePassWidth = 1UL << 16;
-
-unsigned bytes_for(unsigned long width) {
-  unsigned b = 1;
-  while (b < 4 && (width >> (8 * b)) != 0)
-    ++b;
-  return b;
-}
 
 void no_split(splitting_desc& best) {
   best.gain = kNoGain;
@@ -189,97 +182,108 @@ void finish_cut(splitting_desc& best, float best_gain, float split_info, unsigne
   }
 }
 
-// A case as 64 bits, so that the sorted cases can live in the radix sort's
-// buffer instead of a table of their own.
-std::uint64_t case_bits(w_case c) {
-  return static_cast<std::uint64_t>(c.first) |
-         (static_cast<std::uint64_t>(zel::adt::detail::float_bits(c.second)) << 32);
-}
-w_case bits_case(std::uint64_t b) {
-  return w_case{static_cast<std::uint32_t>(b),
-                zel::adt::detail::bits_float(static_cast<std::uint32_t>(b >> 32))};
+std::uint64_t keyed(unsigned long key, std::uint32_t payload) {
+  return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(key)) << 32) | payload;
 }
 
-// Sorts the cases by attribute order, stably: counting over the order stretch
-// when it is dense enough, radix passes when it is wide, comparison sort when
-// the cases are few against it. Each case travels as its order << 32 | its
-// position. On return s.packed[i] holds the order of the i-th sorted case
-// << 32 | its class, and s.spare[i] the case itself: the scan that follows
-// reads both sequentially instead of the columns by row. Two 8-byte tables a
-// case, the sort's buffer included.
-template <class Att, class Cls>
-void sort_by_order(Att att, Cls cls, std::vector<w_case> const& cases, order_range const& range,
-                   split_scratch& s) {
+// Stable by key within each bucket of packed: the scatter left equal keys in case order.
+void sort_buckets(std::vector<std::uint64_t>& packed, std::vector<std::uint32_t> const& ends,
+                  std::size_t buckets) {
+  auto by_key = [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); };
+  std::size_t begin = 0;
+  for (std::size_t d = 0; d < buckets; ++d) {
+    std::size_t end = ends[d];
+    if (end - begin > 32) {
+      // Often one value fills a bucket: nothing to do, and no buffer taken.
+      if (!std::is_sorted(packed.begin() + begin, packed.begin() + end, by_key))
+        std::stable_sort(packed.begin() + begin, packed.begin() + end, by_key);
+    } else {
+      for (std::size_t i = begin + 1; i < end; ++i) {
+        std::uint64_t x = packed[i];
+        std::size_t j = i;
+        for (; j > begin && by_key(x, packed[j - 1]); --j)
+          packed[j] = packed[j - 1];
+        packed[j] = x;
+      }
+    }
+    begin = end;
+  }
+}
+
+// Sorts the cases by attribute order into s.packed, each as its order << 32 |
+// payload(i): counting by the order's high bits (all of them up to a width of
+// kOnePassWidth), then each bucket by the rest, when the cases are many
+// against the order stretch; a comparison sort when they are few. Both give
+// the permutation of the sort they replace: stable by order, or that of
+// std::sort comparing orders only. No buffer beside packed: the column is read
+// twice instead.
+template <class Att, class Payload>
+void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const& range,
+                   split_scratch& s, Payload payload) {
   std::size_t n = cases.size();
   unsigned long base = range.first - 1;
   unsigned long width = range.second - base;
   std::vector<std::uint64_t>& packed = s.packed;
-  std::vector<std::uint64_t>& spare = s.spare;
   packed.resize(n);
-  spare.resize(n);
-  auto keyed = [](unsigned long key, std::size_t i) {
-    return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(key)) << 32) | i;
-  };
-  unsigned long key_base = base;
-  if (width / n < kCountingSortRatio && width <= kOnePassWidth) {
+  if (width / n < kCountingSortRatio) {
+    unsigned shift = 0;
+    while ((width >> shift) > kOnePassWidth)
+      ++shift;
+    std::size_t buckets = (width >> shift) + 1;
     std::vector<std::uint32_t>& counts = s.counts;
-    counts.assign(width + 2, 0);
+    counts.assign(buckets + 1, 0);
+    for (std::size_t i = 0; i < n; ++i)
+      ++counts[((att(cases[i].first) - base) >> shift) + 1];
+    for (std::size_t d = 1; d <= buckets; ++d)
+      counts[d] += counts[d - 1];
     for (std::size_t i = 0; i < n; ++i) {
-      unsigned long k = att(cases[i].first) - base;
-      spare[i] = keyed(k, i);
-      ++counts[k + 1];
+      unsigned long a = att(cases[i].first);
+      packed[counts[(a - base) >> shift]++] = keyed(a, payload(i));
     }
-    for (unsigned long k = 1; k <= width; ++k)
-      counts[k] += counts[k - 1];
-    for (std::size_t i = 0; i < n; ++i)
-      packed[counts[spare[i] >> 32]++] = spare[i];
-  } else if (width / n < kCountingSortRatio) {
-    // A wide stretch: the same stable sort as counting over every order,
-    // done in passes of small digits whose tallies stay in cache.
-    for (std::size_t i = 0; i < n; ++i)
-      packed[i] = keyed(att(cases[i].first) - base, i);
-    zel::adt::lsd_radix(packed, spare, bytes_for(width),
-                        [](std::uint64_t x) { return static_cast<std::uint32_t>(x >> 32); });
+    if (shift > 0) sort_buckets(packed, counts, buckets);
   } else {
-    // The comparisons, and so the permutation, are those of sorting the cases
-    // by the column's order of their rows; the order travels with each case
-    // so that no comparison reads the column.
-    key_base = 0;
     for (std::size_t i = 0; i < n; ++i)
-      packed[i] = keyed(att(cases[i].first), i);
+      packed[i] = keyed(att(cases[i].first), payload(i));
     std::sort(packed.begin(), packed.end(),
               [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); });
   }
-  for (std::size_t i = 0; i < n; ++i) {
-    std::uint64_t x = packed[i];
-    w_case c = cases[static_cast<std::uint32_t>(x)];
-    spare[i] = case_bits(c);
-    auto order = static_cast<std::uint32_t>((x >> 32) + key_base);
-    packed[i] = keyed(order, static_cast<std::uint32_t>(cls(c.first)));
-  }
 }
 
-template <class Att, class Cls>
-void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
-                        w_sequence& node_cases, order_range const& range, float min_objects,
-                        options const* opts, split_scratch& s, splitting_desc& best, bool sort_copy,
-                        order_publisher* publish) {
-  xlogx_table const& logs = logs_of(opts);
-  best.branches = 2;
-  std::vector<w_case>& cases = node_cases.cases();
-  std::size_t n = cases.size();
-  if (n == 0) return no_split(best);
-  sort_by_order(att, cls, cases, range, s);
-  std::uint64_t const* sorted = s.packed.data();
-  std::uint64_t const* sorted_cases = s.spare.data();
-  if (!sort_copy) {
-    for (std::size_t i = 0; i < n; ++i)
-      cases[i] = bits_case(sorted_cases[i]);
+// Whole weights below 2^24 and classes below 256 travel beside the order:
+// weight << 8 | class.
+constexpr unsigned long kCompactClasses = 256;
+
+// Reads the sorted cases' classes from packed and their weights from where
+// the search left them.
+struct sorted_in_place {  // the node's cases, permuted
+  std::uint64_t const* packed;
+  w_case const* cases;
+  std::uint32_t class_of(std::size_t i) const { return static_cast<std::uint32_t>(packed[i]); }
+  float weight_of(std::size_t i) const { return cases[i].second; }
+};
+struct sorted_compact {  // weight << 8 | class
+  std::uint64_t const* packed;
+  std::uint32_t class_of(std::size_t i) const { return packed[i] & 0xFF; }
+  float weight_of(std::size_t i) const {
+    return static_cast<float>(static_cast<std::uint32_t>(packed[i]) >> 8);
   }
-  if (publish != nullptr) publish->sorted(sort_copy ? nullptr : &node_cases);
-  auto order_of = [sorted](std::size_t i) { return static_cast<std::uint32_t>(sorted[i] >> 32); };
-  auto class_of = [sorted](std::size_t i) { return static_cast<std::uint32_t>(sorted[i]); };
-  auto weight_of = [sorted_cases](std::size_t i) { return bits_case(sorted_cases[i]).second; };
+};
+struct sorted_copied {  // the cases gathered into the scratch
+  std::uint64_t const* packed;
+  w_case const* copy;
+  std::uint32_t class_of(std::size_t i) const { return static_cast<std::uint32_t>(packed[i]); }
+  float weight_of(std::size_t i) const { return copy[i].second; }
+};
+
+// The best binary cut over n sorted cases.
+template <class Sorted>
+void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsigned long classes,
+               float total_weight, float min_objects, options const* opts, split_scratch& s,
+               splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  auto order_of = [packed](std::size_t i) { return static_cast<std::uint32_t>(packed[i] >> 32); };
+  auto class_of = [&sorted](std::size_t i) { return sorted.class_of(i); };
+  auto weight_of = [&sorted](std::size_t i) { return sorted.weight_of(i); };
 
   std::size_t cols = classes + 1;
   std::vector<float>& totals = s.totals;
@@ -348,6 +352,60 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
     }
   }
   finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
+}
+
+// Sorts the node's cases by the attribute's order, then scans the cuts. The
+// cases themselves are left in the sorted order unless sort_copy. Unit and
+// whole weights travel in the sort's own table (8 bytes a case); other weights
+// need the sorted cases copied aside (8 more).
+template <class Att, class Cls>
+void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
+                        w_sequence& node_cases, order_range const& range, float min_objects,
+                        options const* opts, split_scratch& s, splitting_desc& best, bool sort_copy,
+                        order_publisher* publish) {
+  best.branches = 2;
+  std::vector<w_case>& cases = node_cases.cases();
+  std::size_t n = cases.size();
+  if (n == 0) return no_split(best);
+  std::vector<std::uint64_t>& packed = s.packed;
+  constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
+  auto scan = [&](auto sorted) {
+    scan_cuts(sorted, packed.data(), n, classes, total_weight, min_objects, opts, s, best);
+  };
+  if (sort_copy && classes < kCompactClasses && any_order_at(opts, total_weight)) {
+    sort_by_order(att, cases, range, s, [&](std::size_t i) {
+      return (static_cast<std::uint32_t>(cases[i].second) << 8) |
+             static_cast<std::uint32_t>(cls(cases[i].first));
+    });
+    if (publish != nullptr) publish->sorted(nullptr);
+    return scan(sorted_compact{packed.data()});
+  }
+  if (!sort_copy && opts != nullptr && opts->unit_weights) {
+    // The row itself travels: the sorted cases are rewritten from it.
+    sort_by_order(att, cases, range, s, [&](std::size_t i) { return cases[i].first; });
+    for (std::size_t i = 0; i < n; ++i) {
+      auto row = static_cast<std::uint32_t>(packed[i]);
+      cases[i] = w_case{row, 1.0f};
+      packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(row));
+    }
+    if (publish != nullptr) publish->sorted(&node_cases);
+    return scan(sorted_in_place{packed.data(), cases.data()});
+  }
+  sort_by_order(att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); });
+  std::vector<w_case>& copy = s.spare;
+  copy.resize(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    w_case c = cases[static_cast<std::uint32_t>(packed[i])];
+    copy[i] = c;
+    packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
+  }
+  if (sort_copy) {
+    if (publish != nullptr) publish->sorted(nullptr);
+    return scan(sorted_copied{packed.data(), copy.data()});
+  }
+  std::copy(copy.begin(), copy.end(), cases.begin());
+  if (publish != nullptr) publish->sorted(&node_cases);
+  scan(sorted_in_place{packed.data(), cases.data()});
 }
 
 template <class Att, class Cls>
@@ -428,19 +486,18 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 
 // The two passes over the father's cases for a discrete split: per-branch
 // sums in case order, then each case copied to its branch and every unknown
-// one to all branches with the branch's share of its weight. The orders read
-// in the first pass are kept in keys for the second, so the column is read in
-// row order only once per split.
+// one to all branches with the branch's share of its weight. The orders are
+// read again in the second pass rather than kept: a table of them would
+// sit beside the father's cases and the children at the peak of growing.
 template <class Reader>
 void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
-                        std::uint32_t* keys, std::vector<w_sequence*>& children,
-                        std::vector<float>& shares, std::vector<order_range>& ranges) {
+                        std::vector<w_sequence*>& children, std::vector<float>& shares,
+                        std::vector<order_range>& ranges) {
   std::size_t k = children.size();
   std::vector<float> wv(k + 1, 0.0f);
   std::vector<std::size_t> count(k + 1, 0);
   for (w_case const* c = begin; c != end; ++c) {
     auto a = static_cast<std::uint32_t>(rd(c->first));
-    keys[c - begin] = a;
     wv[a] += c->second;
     ++count[a];
   }
@@ -451,7 +508,7 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
     children[v - 1]->reserve(count[v] + count[0]);
   }
   for (w_case const* c = begin; c != end; ++c) {
-    std::uint32_t a = keys[c - begin];
+    auto a = static_cast<std::uint32_t>(rd(c->first));
     if (a != 0) {
       children[a - 1]->cases().push_back(*c);
     } else {
@@ -466,14 +523,12 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
 // deliberately, counts the unknown cases in its own weight too.
 template <class Reader>
 void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_case const* end,
-                          float total_weight, std::uint32_t* keys,
-                          std::vector<w_sequence*>& children, std::vector<float>& shares,
-                          std::vector<order_range>& ranges) {
+                          float total_weight, std::vector<w_sequence*>& children,
+                          std::vector<float>& shares, std::vector<order_range>& ranges) {
   float w1 = 0.0f, w2 = 0.0f, wu = 0.0f;
   std::size_t n1 = 0, n2 = 0, nu = 0;
   for (w_case const* c = begin; c != end; ++c) {
     unsigned long a = rd(c->first);
-    keys[c - begin] = static_cast<std::uint32_t>(a);
     if (a <= t) {
       w1 += c->second;
       ++n1;
@@ -492,7 +547,7 @@ void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_cas
   children[1]->reserve(n2 + nu);
   unsigned long lo1 = t, hi1 = t, lo2 = t, hi2 = t;
   for (w_case const* c = begin; c != end; ++c) {
-    unsigned long a = keys[c - begin];
+    unsigned long a = rd(c->first);
     if (a == 0) {
       children[0]->cases().push_back(w_case{c->first, shares[0] * c->second});
       children[1]->cases().push_back(w_case{c->first, shares[1] * c->second});
@@ -519,7 +574,7 @@ void splitting_desc::set_partition_desc(partition_desc& desc) const {
 
 void split_scratch::release() {
   std::vector<std::uint64_t>().swap(packed);
-  std::vector<std::uint64_t>().swap(spare);
+  std::vector<w_case>().swap(spare);
   std::vector<std::uint32_t>().swap(counts);
   std::vector<float>().swap(freq);
   std::vector<float>().swap(totals);
@@ -527,26 +582,29 @@ void split_scratch::release() {
 }
 
 void sort_by_row(w_sequence& cases, split_scratch& scratch) {
-  std::size_t n = cases.size();
-  std::vector<std::uint64_t>& packed = scratch.packed;
-  packed.resize(n);
+  std::vector<w_case>& v = cases.cases();
   std::uint32_t top = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    packed[i] = case_bits(cases[i]);
-    top |= cases[i].first;
-  }
+  for (w_case const& c : v)
+    top |= c.first;
   unsigned bytes = 1;
   while (bytes < 4 && (top >> (8 * bytes)) != 0)
     ++bytes;
-  zel::adt::lsd_radix(packed, scratch.spare, bytes,
-                      [](std::uint64_t x) { return static_cast<std::uint32_t>(x); });
-  for (std::size_t i = 0; i < n; ++i)
-    cases[i] = bits_case(packed[i]);
+  w_case const* own = v.data();
+  zel::adt::lsd_radix(v, scratch.spare, bytes, [](w_case const& c) { return c.first; });
+  if (v.data() != own) {
+    // An odd number of passes ends in the scratch: the cases keep their own storage.
+    std::copy(v.begin(), v.end(), scratch.spare.begin());
+    v.swap(scratch.spare);
+  }
+}
+
+void split_scratch::shed_row_sort() {
+  if (spare.capacity() > kKeep) std::vector<w_case>().swap(spare);
 }
 
 void split_scratch::fit(std::size_t n_cases) {
-  if (std::max(packed.capacity(), counts.capacity()) / 4 > std::max<std::size_t>(n_cases, kKeep))
-    release();
+  std::size_t largest = std::max({packed.capacity(), spare.capacity(), counts.capacity()});
+  if (largest / 4 > std::max<std::size_t>(n_cases, kKeep)) release();
 }
 
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range) {
@@ -608,19 +666,17 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
   // The father's sorted cases are no longer needed: large tables go before
   // the children are made, so that the two do not add up.
   if (scratch.packed.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.packed);
-  if (scratch.spare.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.spare);
-  std::vector<std::uint32_t>& key_table = scratch.counts;
-  key_table.resize(static_cast<std::size_t>(end - begin));
-  std::uint32_t* keys = key_table.data();
+  if (scratch.spare.capacity() > kKeep) std::vector<w_case>().swap(scratch.spare);
+  if (scratch.counts.capacity() > kKeep) std::vector<std::uint32_t>().swap(scratch.counts);
   try {
     if (k == 2 && att.is_continuous()) {
       unsigned long t = att.get_index(desc.threshold.c_str());
       att.visit([&](auto rd) {
-        partition_continuous(rd, t, begin, end, total_weight, keys, children, shares, ranges);
+        partition_continuous(rd, t, begin, end, total_weight, children, shares, ranges);
       });
     } else {
       att.visit([&](auto rd) {
-        partition_discrete(rd, begin, end, total_weight, keys, children, shares, ranges);
+        partition_discrete(rd, begin, end, total_weight, children, shares, ranges);
       });
     }
   } catch (...) {
@@ -629,7 +685,6 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
     children.clear();
     throw;
   }
-  if (key_table.capacity() > kKeep) std::vector<std::uint32_t>().swap(key_table);
 }
 
 w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,

@@ -43,8 +43,9 @@ struct splitting_desc {
 };
 
 // The working tables of one grower or worker, kept from node to node so that
-// a search allocates only when a node is larger than any before. The largest
-// tables are sized for the cases of the largest node: 16 bytes a case.
+// a search allocates only when a node is larger than any before. A continuous
+// search needs 8 bytes a case of the largest node (16 where it must copy
+// fractional weights aside), the row sort of a node's cases 8.
 class split_scratch {
  public:
   // Gives the memory back (the next search allocates it again).
@@ -52,13 +53,14 @@ class split_scratch {
   // Releases tables sized for a node far larger than one of n_cases: growing
   // goes down the tree, and the root's tables would otherwise stay to the end.
   void fit(std::size_t n_cases);
+  // Releases the row sort's buffer if large: the children's searches do not need it.
+  void shed_row_sort();
 
-  // Sorted keys with case positions, then keys with classes (key << 32 | low).
+  // The sorted cases: order << 32 | position, row, class, or weight << 8 | class.
   std::vector<std::uint64_t> packed;
-  // The radix sort's other half, then the sorted cases (w_case bits).
-  std::vector<std::uint64_t> spare;
-  // The counting sort's tallies; the orders of a node's cases while they are
-  // distributed.
+  // Sorted cases copied aside; the row sort's other half.
+  std::vector<w_case> spare;
+  // The counting sort's tallies.
   std::vector<std::uint32_t> counts;
   std::vector<float> freq;
   std::vector<float> totals;

@@ -141,18 +141,28 @@ split_scratch& scratch() {
   return s;
 }
 
+// How a search keeps its sorted cases: copied aside; weight and class beside the order (whole
+// weights); the node's own cases sorted in place (from their rows when every weight is 1).
+enum class keep { copied, compact, in_place };
+
 // Scores x over the cases with the stretch (lo, hi) of orders.
 cut score(table* t, w_sequence& cases, unsigned long lo, unsigned long hi, float min_obj,
-          bool count_cases = false) {
+          bool count_cases = false, keep how = keep::copied) {
   options opts;
   opts.flag = count_cases;
   float w = 0.0f;
-  for (w_case const& c : cases)
+  bool unit = true;
+  for (w_case const& c : cases) {
     w += c.second;
+    unit = unit && c.second == 1.0f;
+  }
+  opts.any_order = how == keep::compact;
+  opts.unit_weights = how == keep::in_place && unit;
   splitting_desc d;
   order_range range(lo, hi);
-  score_split(*t->get_attribute(0), *t->get_class(), w, cases, range, min_obj, &opts, scratch(), d,
-              true);
+  w_sequence own(cases);
+  score_split(*t->get_attribute(0), *t->get_class(), w, how == keep::in_place ? own : cases, range,
+              min_obj, &opts, scratch(), d, how != keep::in_place);
   EXPECT_EQ(d.branches, 2u);
   return {d.gain, d.split_info, d.low, d.high};
 }
@@ -249,7 +259,8 @@ TEST(TreeSplit, EqualGainsKeepTheLowerCut) {
 
 TEST(TreeSplit, SortingAndTallySearchesAgree) {
   // Random nodes scored over a narrow stretch of orders (the tally search), one as wide as the
-  // node (counting sort) and one 17 times wider (comparison sort) agree bit for bit.
+  // node (counting sort), one 16 times wider (counted by high bits when wider than 2^16) and one
+  // 17 times wider (comparison sort), keeping the sorted cases in each way, agree bit for bit.
   constexpr unsigned long kValues = 4000, kClasses = 3;
   table_files files;
   auto t = grid(files, kValues, kClasses);
@@ -273,7 +284,8 @@ TEST(TreeSplit, SortingAndTallySearchesAgree) {
       if (density == 0 || (density == 1 && pick(2) == 0)) occupied.push_back(x);
     }
     if (occupied.size() < 2) occupied = {first, last};
-    unsigned long n = 3 * w + 1 + pick(40);
+    // Some nodes large enough for a stretch 16 times wider to pass 2^16 orders.
+    unsigned long n = pick(10) == 0 ? 4200 + pick(800) : 3 * w + 1 + pick(40);
     unsigned long classes = 2 + pick(2);
     unsigned long bands = 2 + pick(3);
     bool noisy = pick(3) != 0;
@@ -300,9 +312,12 @@ TEST(TreeSplit, SortingAndTallySearchesAgree) {
     SCOPED_TRACE("trial " + std::to_string(trial));
     ASSERT_GT(n / w, 2u);
     cut tally = score(t.get(), s, lo, lo + w, min_obj, count_cases);
-    cut counting = score(t.get(), s, lo, lo + n, min_obj, count_cases);
-    cut comparison = score(t.get(), s, lo, lo + 17 * n + 17, min_obj, count_cases);
-    for (cut const& c : {counting, comparison}) {
+    std::vector<cut> others;
+    for (keep how : {keep::copied, keep::compact, keep::in_place}) {
+      for (unsigned long width : {n, 16 * n, 17 * n + 17})
+        others.push_back(score(t.get(), s, lo, lo + width, min_obj, count_cases, how));
+    }
+    for (cut const& c : others) {
       EXPECT_EQ(std::memcmp(&c.gain, &tally.gain, sizeof(float)), 0) << c.gain << " " << tally.gain;
       EXPECT_EQ(std::memcmp(&c.split_info, &tally.split_info, sizeof(float)), 0);
       EXPECT_EQ(c.low, tally.low);

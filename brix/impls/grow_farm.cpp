@@ -11,6 +11,15 @@
 // scan), sorts its own copy when its search sorts, and publishes the result.
 // Scans run side by side; only the sorts are serialised, and the node ends
 // with the very order sequential growing gives it.
+//
+// Where sums are exact in any order (whole weights, below 2^24), no search
+// depends on the order it is given; the root's final order still must be the
+// sequential one, since the model keeps it. The root's searches then run
+// without a chain on its cases as they are, and one more task sorts a copy of
+// them as the sequential searches would, in the background; the root takes that
+// order once the task and the root's searches are both done. The root's
+// children are the same whichever order they were distributed from: exact
+// sums, and the row order they are put in.
 #include <condition_variable>
 #include <deque>
 #include <limits>
@@ -40,7 +49,7 @@ constexpr unsigned long kSendBackoff = 1000;
 // attribute by attribute and distributed by the emitter.
 constexpr unsigned long kSubtreeShare = 16;
 
-enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1, SUBTREE_TASK = 2 };
+enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1, SUBTREE_TASK = 2, ORDER_TASK = 3 };
 
 // Wakes every task waiting on an order, and stops them all once any task of
 // the farm has failed (its error is rethrown by the farm).
@@ -81,6 +90,15 @@ class order_chain {
   std::vector<std::shared_ptr<w_sequence>> order_;
 };
 
+// The root's final order, sorted apart from its searches: the attributes' ranges are copied, since
+// the root closes while the task may still run.
+struct root_order {
+  std::unique_ptr<w_sequence> cases;
+  std::vector<order_range> ranges;
+  bool sorted = false;
+  bool root_decided = false;
+};
+
 struct ff_task {
   _decision_tree* subtree;
   int kind;
@@ -89,6 +107,7 @@ struct ff_task {
   int worker;
   order_chain* chain;  // attribute tasks: the node's chain and this task's place in it
   std::size_t position;
+  root_order* order;  // the order task's
 };
 
 // Publishes a sorted copy as the next order of the chain.
@@ -128,6 +147,8 @@ class _ff_worker : public farm::node {
       scratch_.fit(n->get_cases_count());
       if (k->kind == ATTRIBUTE_TASK) {
         evaluate_attribute(n, k);
+      } else if (k->kind == ORDER_TASK) {
+        sort_root(k->order);
       } else if (k->kind == SUBTREE_TASK) {
         k->subtree->grow_depth(table_, split_type_, min_obj_, opts_, nullptr, false, scratch_);
       } else {
@@ -141,6 +162,13 @@ class _ff_worker : public farm::node {
   }
 
  private:
+  void sort_root(root_order* o) {
+    for (unsigned long a = 0; a < table_->get_no_attributes(); ++a) {
+      sort_as_search(*table_->get_attribute(a), *table_->get_class(), *o->cases, o->ranges[a],
+                     opts_, scratch_);
+    }
+  }
+
   void evaluate_attribute(_decision_node* n, ff_task* k) {
     if (k->chain == nullptr) {
       n->split_att(table_, min_obj_, opts_, k->attribute, true, scratch_);
@@ -205,6 +233,12 @@ class _ff_emitter : public farm::node {
   void* feedback(ff_task* k) {
     --in_flight_;
     load_[static_cast<std::size_t>(k->worker)] -= k->weight;
+    if (k->kind == ORDER_TASK) {
+      order_.sorted = true;
+      if (order_.root_decided) take_root_order();
+      release(k);
+      return go_on_or_end();
+    }
     if (k->kind == ATTRIBUTE_TASK) {
       counters& c = counters_[k->subtree];
       if (--c.outstanding > 0) {
@@ -217,6 +251,10 @@ class _ff_emitter : public farm::node {
       if (c.chain) {
         std::shared_ptr<w_sequence> const& last = c.chain->final_order();
         if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
+      }
+      if (k->subtree == tree_ && order_.cases) {
+        order_.root_decided = true;
+        if (order_.sorted) take_root_order();
       }
       counters_.erase(k->subtree);
       node->split_post(table_);
@@ -296,8 +334,10 @@ class _ff_emitter : public farm::node {
     c.sent = c.outstanding = worth.size();
     // Orders matter only where sums depend on them, and at the root, whose
     // final order is kept with the model.
-    if (!(sub != tree_ && any_order_at(opts_, node->get_cases_weight()))) {
+    if (!any_order_at(opts_, node->get_cases_weight())) {
       c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
+    } else if (sub == tree_) {
+      send_order_task(node);
     }
     for (std::size_t p = 0; p < worth.size(); ++p) {
       send(sub, ATTRIBUTE_TASK, worth[p], node->get_cases_count(), reuse, c.chain.get(), p);
@@ -306,15 +346,36 @@ class _ff_emitter : public farm::node {
     return worth.size();
   }
 
+  // Sorts a copy of the root's cases in the background, if any search would sort them; it weighs
+  // as much as the sorts it runs.
+  void send_order_task(_decision_node* root) {
+    std::vector<order_range> const& ranges = *root->get_att_ranges();
+    w_sequence const& cases = *root->get_all_cases();
+    unsigned long sorts = 0;
+    for (unsigned long a = 0; a < n_attributes_; ++a) {
+      if (search_sorts_cases(*table_->get_attribute(a), cases.size(), ranges[a])) ++sorts;
+    }
+    if (sorts == 0) return;
+    order_.cases.reset(new w_sequence(cases));
+    order_.ranges = ranges;
+    send(tree_, ORDER_TASK, 0, sorts * cases.size(), nullptr, nullptr, 0, &order_);
+  }
+
+  void take_root_order() {
+    tree_->get_node()->get_all_cases()->cases().swap(order_.cases->cases());
+    order_.cases.reset();
+  }
+
   // The least loaded worker takes the task; ties go to the lowest index.
   void send(_decision_tree* sub, int kind, unsigned long attribute, unsigned long weight,
-            ff_task* reuse, order_chain* chain = nullptr, std::size_t position = 0) {
+            ff_task* reuse, order_chain* chain = nullptr, std::size_t position = 0,
+            root_order* order = nullptr) {
     std::size_t w = 0;
     for (std::size_t i = 1; i < load_.size(); ++i) {
       if (load_[i] < load_[w]) w = i;
     }
     ff_task* k = reuse != nullptr ? reuse : acquire();
-    *k = ff_task{sub, kind, attribute, weight, static_cast<int>(w), chain, position};
+    *k = ff_task{sub, kind, attribute, weight, static_cast<int>(w), chain, position, order};
     lb_->choice = static_cast<int>(w);
     load_[w] += weight;
     ++in_flight_;
@@ -350,6 +411,7 @@ class _ff_emitter : public farm::node {
   ff_balancer* lb_;
   unsigned long in_flight_ = 0;
   std::unordered_map<_decision_tree*, counters> counters_;
+  root_order order_;
   std::deque<ff_task> pool_;  // every task record, freed with the emitter
   std::vector<ff_task*> free_;
   std::vector<w_sequence*> parts_;

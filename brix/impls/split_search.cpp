@@ -354,10 +354,41 @@ void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsign
   finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
 }
 
+constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
+
+// Sorts a node's own cases by the attribute's order; packed then holds each
+// sorted case's order << 32 | class. With unit weights the row travels in the
+// sort and the cases are rewritten from it; other weights gather the cases
+// through a copy (8 more bytes a case).
+template <class Att, class Cls>
+void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_range const& range,
+                         options const* opts, split_scratch& s) {
+  std::vector<std::uint64_t>& packed = s.packed;
+  std::size_t n = cases.size();
+  if (opts != nullptr && opts->unit_weights) {
+    sort_by_order(att, cases, range, s, [&](std::size_t i) { return cases[i].first; });
+    for (std::size_t i = 0; i < n; ++i) {
+      auto row = static_cast<std::uint32_t>(packed[i]);
+      cases[i] = w_case{row, 1.0f};
+      packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(row));
+    }
+    return;
+  }
+  sort_by_order(att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); });
+  std::vector<w_case>& copy = s.spare;
+  copy.resize(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    w_case c = cases[static_cast<std::uint32_t>(packed[i])];
+    copy[i] = c;
+    packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
+  }
+  std::copy(copy.begin(), copy.end(), cases.begin());
+}
+
 // Sorts the node's cases by the attribute's order, then scans the cuts. The
-// cases themselves are left in the sorted order unless sort_copy. Unit and
-// whole weights travel in the sort's own table (8 bytes a case); other weights
-// need the sorted cases copied aside (8 more).
+// cases themselves are left in the sorted order unless sort_copy; then
+// whole-weight nodes carry weight and class in the sort's own table (8 bytes a
+// case), and only other nodes copy their sorted cases aside (8 more).
 template <class Att, class Cls>
 void quality_continuous(Att att, Cls cls, unsigned long classes, float total_weight,
                         w_sequence& node_cases, order_range const& range, float min_objects,
@@ -368,28 +399,21 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   std::size_t n = cases.size();
   if (n == 0) return no_split(best);
   std::vector<std::uint64_t>& packed = s.packed;
-  constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
   auto scan = [&](auto sorted) {
     scan_cuts(sorted, packed.data(), n, classes, total_weight, min_objects, opts, s, best);
   };
-  if (sort_copy && classes < kCompactClasses && any_order_at(opts, total_weight)) {
+  if (!sort_copy) {
+    sort_cases_in_place(att, cls, cases, range, opts, s);
+    if (publish != nullptr) publish->sorted(&node_cases);
+    return scan(sorted_in_place{packed.data(), cases.data()});
+  }
+  if (publish != nullptr) publish->sorted(nullptr);
+  if (classes < kCompactClasses && any_order_at(opts, total_weight)) {
     sort_by_order(att, cases, range, s, [&](std::size_t i) {
       return (static_cast<std::uint32_t>(cases[i].second) << 8) |
              static_cast<std::uint32_t>(cls(cases[i].first));
     });
-    if (publish != nullptr) publish->sorted(nullptr);
     return scan(sorted_compact{packed.data()});
-  }
-  if (!sort_copy && opts != nullptr && opts->unit_weights) {
-    // The row itself travels: the sorted cases are rewritten from it.
-    sort_by_order(att, cases, range, s, [&](std::size_t i) { return cases[i].first; });
-    for (std::size_t i = 0; i < n; ++i) {
-      auto row = static_cast<std::uint32_t>(packed[i]);
-      cases[i] = w_case{row, 1.0f};
-      packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(row));
-    }
-    if (publish != nullptr) publish->sorted(&node_cases);
-    return scan(sorted_in_place{packed.data(), cases.data()});
   }
   sort_by_order(att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); });
   std::vector<w_case>& copy = s.spare;
@@ -399,13 +423,7 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
     copy[i] = c;
     packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
   }
-  if (sort_copy) {
-    if (publish != nullptr) publish->sorted(nullptr);
-    return scan(sorted_copied{packed.data(), copy.data()});
-  }
-  std::copy(copy.begin(), copy.end(), cases.begin());
-  if (publish != nullptr) publish->sorted(&node_cases);
-  scan(sorted_in_place{packed.data(), cases.data()});
+  scan(sorted_copied{packed.data(), copy.data()});
 }
 
 template <class Att, class Cls>
@@ -605,6 +623,14 @@ void split_scratch::shed_row_sort() {
 void split_scratch::fit(std::size_t n_cases) {
   std::size_t largest = std::max({packed.capacity(), spare.capacity(), counts.capacity()});
   if (largest / 4 > std::max<std::size_t>(n_cases, kKeep)) release();
+}
+
+void sort_as_search(column const& att, column const& cls, w_sequence& cases,
+                    order_range const& range, options const* opts, split_scratch& scratch) {
+  if (!search_sorts_cases(att, cases.size(), range)) return;
+  cls.visit([&](auto c) {
+    att.visit([&](auto a) { sort_cases_in_place(a, c, cases.cases(), range, opts, scratch); });
+  });
 }
 
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range) {

@@ -78,6 +78,11 @@ void score_split(column const& att, column const& cls, float total_weight, w_seq
 // Whether score_split sorts the cases (a continuous search by sorting).
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range);
 
+// Leaves the cases in the order score_split without sort_copy leaves them,
+// without scoring.
+void sort_as_search(column const& att, column const& cls, w_sequence& cases,
+                    order_range const& range, options const* opts, split_scratch& scratch);
+
 // The cases of one branch of a split on att.
 w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,
                              unsigned long branch, float total_weight, float& share,

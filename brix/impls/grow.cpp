@@ -186,7 +186,9 @@ bool _decision_node::distribute(table* t, std::vector<w_sequence*>& children,
       double weight = 0.0;  // exact: whole weights; as a float, below 2^24 exactly when it is
       for (w_case const& c : *child)
         weight += c.second;
-      if (any_order_at(opts, static_cast<float>(weight))) sort_by_row(*child, scratch);
+      bool in_rows = std::is_sorted(child->begin(), child->end(),
+                                    [](w_case a, w_case b) { return a.first < b.first; });
+      if (!in_rows && any_order_at(opts, static_cast<float>(weight))) sort_by_row(*child, scratch);
     }
     scratch.shed_row_sort();
   }

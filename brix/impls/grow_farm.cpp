@@ -19,7 +19,9 @@
 // them as the sequential searches would, in the background; the root takes that
 // order once the task and the root's searches are both done. The root's
 // children are the same whichever order they were distributed from: exact
-// sums, and the row order they are put in.
+// sums, and the row order they are put in; distributed from the first order,
+// which the rows still follow unless a random holdout drew them, they need no
+// sorting.
 #include <condition_variable>
 #include <deque>
 #include <limits>
@@ -252,13 +254,16 @@ class _ff_emitter : public farm::node {
         std::shared_ptr<w_sequence> const& last = c.chain->final_order();
         if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
       }
-      if (k->subtree == tree_ && order_.cases) {
+      counters_.erase(k->subtree);
+      node->split_post(table_);
+      bool root = k->subtree == tree_ && order_.cases;
+      void* next = expand(k->subtree, sent, k);
+      // Distributed from its first order, the root's children are already in row order.
+      if (root) {
         order_.root_decided = true;
         if (order_.sorted) take_root_order();
       }
-      counters_.erase(k->subtree);
-      node->split_post(table_);
-      return expand(k->subtree, sent, k);
+      return next;
     }
     if (k->kind == SUBTREE_TASK) {
       release(k);

@@ -216,10 +216,12 @@ void sort_buckets(std::vector<std::uint64_t>& packed, std::vector<std::uint32_t>
 // against the order stretch; a comparison sort when they are few. Both give
 // the permutation of the sort they replace: stable by order, or that of
 // std::sort comparing orders only. No buffer beside packed: the column is read
-// twice instead.
+// twice, unless the cases are in no row order (keep_keys), where a second read
+// would miss the cache as often as the first and the orders are kept (4 bytes
+// a case).
 template <class Att, class Payload>
 void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const& range,
-                   split_scratch& s, Payload payload) {
+                   split_scratch& s, Payload payload, bool keep_keys) {
   std::size_t n = cases.size();
   unsigned long base = range.first - 1;
   unsigned long width = range.second - base;
@@ -232,13 +234,29 @@ void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const&
     std::size_t buckets = (width >> shift) + 1;
     std::vector<std::uint32_t>& counts = s.counts;
     counts.assign(buckets + 1, 0);
-    for (std::size_t i = 0; i < n; ++i)
-      ++counts[((att(cases[i].first) - base) >> shift) + 1];
-    for (std::size_t d = 1; d <= buckets; ++d)
-      counts[d] += counts[d - 1];
-    for (std::size_t i = 0; i < n; ++i) {
-      unsigned long a = att(cases[i].first);
-      packed[counts[(a - base) >> shift]++] = keyed(a, payload(i));
+    auto scatter = [&](auto order_of) {
+      for (std::size_t i = 0; i < n; ++i) {
+        unsigned long a = order_of(i);
+        packed[counts[(a - base) >> shift]++] = keyed(a, payload(i));
+      }
+    };
+    if (keep_keys) {
+      std::vector<std::uint32_t>& keys = s.keys;
+      keys.resize(n);
+      for (std::size_t i = 0; i < n; ++i) {
+        auto a = static_cast<std::uint32_t>(att(cases[i].first));
+        keys[i] = a;
+        ++counts[((a - base) >> shift) + 1];
+      }
+      for (std::size_t d = 1; d <= buckets; ++d)
+        counts[d] += counts[d - 1];
+      scatter([&keys](std::size_t i) { return keys[i]; });
+    } else {
+      for (std::size_t i = 0; i < n; ++i)
+        ++counts[((att(cases[i].first) - base) >> shift) + 1];
+      for (std::size_t d = 1; d <= buckets; ++d)
+        counts[d] += counts[d - 1];
+      scatter([&](std::size_t i) { return att(cases[i].first); });
     }
     if (shift > 0) sort_buckets(packed, counts, buckets);
   } else {
@@ -366,7 +384,8 @@ void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_ran
   std::vector<std::uint64_t>& packed = s.packed;
   std::size_t n = cases.size();
   if (opts != nullptr && opts->unit_weights) {
-    sort_by_order(att, cases, range, s, [&](std::size_t i) { return cases[i].first; });
+    sort_by_order(
+        att, cases, range, s, [&](std::size_t i) { return cases[i].first; }, true);
     for (std::size_t i = 0; i < n; ++i) {
       auto row = static_cast<std::uint32_t>(packed[i]);
       cases[i] = w_case{row, 1.0f};
@@ -374,7 +393,8 @@ void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_ran
     }
     return;
   }
-  sort_by_order(att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); });
+  sort_by_order(
+      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, true);
   std::vector<w_case>& copy = s.spare;
   copy.resize(n);
   for (std::size_t i = 0; i < n; ++i) {
@@ -409,13 +429,17 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   }
   if (publish != nullptr) publish->sorted(nullptr);
   if (classes < kCompactClasses && any_order_at(opts, total_weight)) {
-    sort_by_order(att, cases, range, s, [&](std::size_t i) {
-      return (static_cast<std::uint32_t>(cases[i].second) << 8) |
-             static_cast<std::uint32_t>(cls(cases[i].first));
-    });
+    sort_by_order(
+        att, cases, range, s,
+        [&](std::size_t i) {
+          return (static_cast<std::uint32_t>(cases[i].second) << 8) |
+                 static_cast<std::uint32_t>(cls(cases[i].first));
+        },
+        false);
     return scan(sorted_compact{packed.data()});
   }
-  sort_by_order(att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); });
+  sort_by_order(
+      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, false);
   std::vector<w_case>& copy = s.spare;
   copy.resize(n);
   for (std::size_t i = 0; i < n; ++i) {
@@ -594,6 +618,7 @@ void split_scratch::release() {
   std::vector<std::uint64_t>().swap(packed);
   std::vector<w_case>().swap(spare);
   std::vector<std::uint32_t>().swap(counts);
+  std::vector<std::uint32_t>().swap(keys);
   std::vector<float>().swap(freq);
   std::vector<float>().swap(totals);
   std::vector<float>().swap(ways);
@@ -621,7 +646,8 @@ void split_scratch::shed_row_sort() {
 }
 
 void split_scratch::fit(std::size_t n_cases) {
-  std::size_t largest = std::max({packed.capacity(), spare.capacity(), counts.capacity()});
+  std::size_t largest =
+      std::max({packed.capacity(), spare.capacity(), counts.capacity(), keys.capacity()});
   if (largest / 4 > std::max<std::size_t>(n_cases, kKeep)) release();
 }
 
@@ -694,6 +720,7 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
   if (scratch.packed.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.packed);
   if (scratch.spare.capacity() > kKeep) std::vector<w_case>().swap(scratch.spare);
   if (scratch.counts.capacity() > kKeep) std::vector<std::uint32_t>().swap(scratch.counts);
+  if (scratch.keys.capacity() > kKeep) std::vector<std::uint32_t>().swap(scratch.keys);
   try {
     if (k == 2 && att.is_continuous()) {
       unsigned long t = att.get_index(desc.threshold.c_str());

@@ -44,8 +44,9 @@ struct splitting_desc {
 
 // The working tables of one grower or worker, kept from node to node so that
 // a search allocates only when a node is larger than any before. A continuous
-// search needs 8 bytes a case of the largest node (16 where it must copy
-// fractional weights aside), the row sort of a node's cases 8.
+// search needs 8 bytes a case of the largest node (12 where the cases are in
+// no row order, 16 where it must copy fractional weights aside), the row sort
+// of a node's cases 8.
 class split_scratch {
  public:
   // Gives the memory back (the next search allocates it again).
@@ -60,6 +61,8 @@ class split_scratch {
   std::vector<std::uint64_t> packed;
   // Sorted cases copied aside; the row sort's other half.
   std::vector<w_case> spare;
+  // The orders of a node's cases in no row order, read once for the sort.
+  std::vector<std::uint32_t> keys;
   // The counting sort's tallies.
   std::vector<std::uint32_t> counts;
   std::vector<float> freq;

@@ -186,25 +186,55 @@ std::uint64_t keyed(unsigned long key, std::uint32_t payload) {
   return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(key)) << 32) | payload;
 }
 
-// Stable by key within each bucket of packed: the scatter left equal keys in case order.
+// By key within each bucket of packed: by insertion when few. Where equal keys
+// must keep their case order (stable), in byte digits of the key bits below the
+// bucket's through run, or, for a bucket larger than kKeep (one value filling
+// much of a skewed column), by a merge sort whose buffer lasts only as long.
+// Where the scan's sums are exact and no order is kept, equal keys may move and
+// large buckets are sorted in place.
 void sort_buckets(std::vector<std::uint64_t>& packed, std::vector<std::uint32_t> const& ends,
-                  std::size_t buckets) {
+                  std::size_t buckets, unsigned long base, unsigned shift,
+                  std::vector<std::uint64_t>& run, bool stable) {
   auto by_key = [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); };
+  std::size_t hist[256];
   std::size_t begin = 0;
   for (std::size_t d = 0; d < buckets; ++d) {
-    std::size_t end = ends[d];
-    if (end - begin > 32) {
-      // Often one value fills a bucket: nothing to do, and no buffer taken.
-      if (!std::is_sorted(packed.begin() + begin, packed.begin() + end, by_key))
-        std::stable_sort(packed.begin() + begin, packed.begin() + end, by_key);
-    } else {
-      for (std::size_t i = begin + 1; i < end; ++i) {
-        std::uint64_t x = packed[i];
+    std::size_t end = ends[d], n = end - begin;
+    std::uint64_t* a = packed.data() + begin;
+    if (n <= 32) {
+      for (std::size_t i = 1; i < n; ++i) {
+        std::uint64_t x = a[i];
         std::size_t j = i;
-        for (; j > begin && by_key(x, packed[j - 1]); --j)
-          packed[j] = packed[j - 1];
-        packed[j] = x;
+        for (; j > 0 && by_key(x, a[j - 1]); --j)
+          a[j] = a[j - 1];
+        a[j] = x;
       }
+    } else if (std::is_sorted(a, a + n, by_key)) {  // often one value fills a bucket
+    } else if (!stable) {
+      std::sort(a, a + n, by_key);
+    } else if (n > kKeep) {
+      std::stable_sort(a, a + n, by_key);
+    } else {
+      if (run.size() < n) run.resize(n);
+      std::uint64_t* from = a;
+      std::uint64_t* to = run.data();
+      for (unsigned low = 0; low < shift; low += 8) {
+        auto digit = [base, low](std::uint64_t x) { return (((x >> 32) - base) >> low) & 0xFF; };
+        std::fill_n(hist, 256, std::size_t(0));
+        for (std::size_t i = 0; i < n; ++i)
+          ++hist[digit(from[i])];
+        if (hist[digit(from[0])] == n) continue;
+        std::size_t sum = 0;
+        for (std::size_t& h : hist) {
+          std::size_t c = h;
+          h = sum;
+          sum += c;
+        }
+        for (std::size_t i = 0; i < n; ++i)
+          to[hist[digit(from[i])]++] = from[i];
+        std::swap(from, to);
+      }
+      if (from != a) std::copy(from, from + n, a);
     }
     begin = end;
   }
@@ -218,10 +248,10 @@ void sort_buckets(std::vector<std::uint64_t>& packed, std::vector<std::uint32_t>
 // std::sort comparing orders only. No buffer beside packed: the column is read
 // twice, unless the cases are in no row order (keep_keys), where a second read
 // would miss the cache as often as the first and the orders are kept (4 bytes
-// a case).
+// a case). Unless stable, cases of equal orders may change places.
 template <class Att, class Payload>
 void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const& range,
-                   split_scratch& s, Payload payload, bool keep_keys) {
+                   split_scratch& s, Payload payload, bool keep_keys, bool stable = true) {
   std::size_t n = cases.size();
   unsigned long base = range.first - 1;
   unsigned long width = range.second - base;
@@ -258,7 +288,7 @@ void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const&
         counts[d] += counts[d - 1];
       scatter([&](std::size_t i) { return att(cases[i].first); });
     }
-    if (shift > 0) sort_buckets(packed, counts, buckets);
+    if (shift > 0) sort_buckets(packed, counts, buckets, base, shift, s.run, stable);
   } else {
     for (std::size_t i = 0; i < n; ++i)
       packed[i] = keyed(att(cases[i].first), payload(i));
@@ -429,13 +459,14 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   }
   if (publish != nullptr) publish->sorted(nullptr);
   if (classes < kCompactClasses && any_order_at(opts, total_weight)) {
+    // Exact sums, and the order is not kept: cases of equal orders may change places.
     sort_by_order(
         att, cases, range, s,
         [&](std::size_t i) {
           return (static_cast<std::uint32_t>(cases[i].second) << 8) |
                  static_cast<std::uint32_t>(cls(cases[i].first));
         },
-        false);
+        false, false);
     return scan(sorted_compact{packed.data()});
   }
   sort_by_order(
@@ -619,6 +650,7 @@ void split_scratch::release() {
   std::vector<w_case>().swap(spare);
   std::vector<std::uint32_t>().swap(counts);
   std::vector<std::uint32_t>().swap(keys);
+  std::vector<std::uint64_t>().swap(run);
   std::vector<float>().swap(freq);
   std::vector<float>().swap(totals);
   std::vector<float>().swap(ways);
@@ -646,8 +678,8 @@ void split_scratch::shed_row_sort() {
 }
 
 void split_scratch::fit(std::size_t n_cases) {
-  std::size_t largest =
-      std::max({packed.capacity(), spare.capacity(), counts.capacity(), keys.capacity()});
+  std::size_t largest = std::max(
+      {packed.capacity(), spare.capacity(), counts.capacity(), keys.capacity(), run.capacity()});
   if (largest / 4 > std::max<std::size_t>(n_cases, kKeep)) release();
 }
 
@@ -721,6 +753,7 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
   if (scratch.spare.capacity() > kKeep) std::vector<w_case>().swap(scratch.spare);
   if (scratch.counts.capacity() > kKeep) std::vector<std::uint32_t>().swap(scratch.counts);
   if (scratch.keys.capacity() > kKeep) std::vector<std::uint32_t>().swap(scratch.keys);
+  if (scratch.run.capacity() > kKeep) std::vector<std::uint64_t>().swap(scratch.run);
   try {
     if (k == 2 && att.is_continuous()) {
       unsigned long t = att.get_index(desc.threshold.c_str());

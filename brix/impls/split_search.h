@@ -63,8 +63,9 @@ class split_scratch {
   std::vector<w_case> spare;
   // The orders of a node's cases in no row order, read once for the sort.
   std::vector<std::uint32_t> keys;
-  // The counting sort's tallies.
+  // The counting sort's tallies, and its buffer for the buckets it sorts by their low bits.
   std::vector<std::uint32_t> counts;
+  std::vector<std::uint64_t> run;
   std::vector<float> freq;
   std::vector<float> totals;
   std::vector<float> ways;  // interleaved tallies of whole weights

@@ -39,10 +39,10 @@ class iogz : public ioconn {
   virtual bool open(const std::string& name, int mode, int level, int strategy);
 
   // Whether open() inflates a regular file for reading through zlib on a second thread, at most
-  // 4 MiB ahead of read(), instead of at once with libdeflate: slower inflating, but it overlaps
-  // the reader's own work, and memory stays small. Worth it where the reader does more than
-  // copy (parsing lines), not where it mostly copies (binary tables). Every byte, error and
-  // position is then that of zlib's own stream. Off by default.
+  // 4 MiB ahead of read(), instead of at once with libdeflate, when the process may run on two
+  // cores: slower inflating, but it overlaps the reader's own work, and memory stays small. Worth
+  // it where the reader does more than copy (parsing lines), not where it mostly copies (binary
+  // tables). Every byte, error and position is then that of zlib's own stream. Off by default.
   void set_ahead(bool on) { want_ahead_ = on; }
 
   // The most inflated bytes read through memory: an eighth of the physical memory, as the

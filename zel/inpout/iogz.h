@@ -1,5 +1,6 @@
-// gzip file connection. Reading inflates a regular file at once into memory when it fits (see
-// open) and otherwise streams through zlib; writing goes through zlib. Seeks: origins 0 and 1.
+// gzip file connection. Reading a regular file either inflates it on a second thread while the
+// reader consumes it (set_ahead) or inflates it at once into memory when it fits (see open);
+// other files stream through zlib, and writing goes through zlib. Seeks: origins 0 and 1.
 #ifndef ZEL_INPOUT_IOGZ_H
 #define ZEL_INPOUT_IOGZ_H
 
@@ -7,6 +8,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "zel/inpout/ioconn.h"
 
@@ -21,7 +24,7 @@ class iogz : public ioconn {
   void close() override;
   bool finish() override;
   bool eof() override;
-  bool is_open() const override { return file_ != nullptr || whole_open_; }
+  bool is_open() const override { return file_ != nullptr || whole_open_ || ahead_ != nullptr; }
   int get_mode() const override { return mode_; }
   bool rewind() override;
   int write(const void* buf, int n) override;
@@ -31,8 +34,16 @@ class iogz : public ioconn {
   long long tell() override;
 
   // Level -1 leaves the level to zlib; strategy as zlib's. False when the file can not be opened.
-  // For reading, a regular file whose inflated bytes fit whole_limit() is inflated at once.
+  // For reading, a regular file is inflated ahead (set_ahead) or, when its inflated bytes fit
+  // whole_limit(), at once.
   virtual bool open(const std::string& name, int mode, int level, int strategy);
+
+  // Whether open() inflates a regular file for reading through zlib on a second thread, at most
+  // 4 MiB ahead of read(), instead of at once with libdeflate, when the process may run on two
+  // cores: slower inflating, but it overlaps the reader's own work, and memory stays small. Worth
+  // it where the reader does more than copy (parsing lines), not where it mostly copies (binary
+  // tables). Every byte, error and position is then that of zlib's own stream. Off by default.
+  void set_ahead(bool on) { want_ahead_ = on; }
 
   // The most inflated bytes read through memory: an eighth of the physical memory, as the
   // inflated copy lives beside whatever the reader builds from it. Larger files stream.
@@ -42,9 +53,16 @@ class iogz : public ioconn {
   static std::string zlib_mode(int mode, int level);
 
  private:
+  class ahead;  // the inflating thread and its ring of blocks
+
   // Reading through zlib from position at.
   bool stream_from(long long at);
   void drop_whole();
+  bool start_ahead();
+  // Stops the thread and hands the file to zlib at pos_, in the state zlib's own stream would
+  // have there after the same reads: replay_ replayed. False when zlib can not take it.
+  bool resume_through_zlib();
+  void drop_ahead();
 
   int mode_;
   void* file_;  // gzFile, kept opaque so that users need no zlib header
@@ -57,6 +75,14 @@ class iogz : public ioconn {
   long long pos_;
   std::size_t kept_from_;
   bool past_end_;  // a read asked beyond the end, as zlib's end-of-file flag
+  // Inflating ahead: the thread, the file it reads, and the reads served so far as zlib would
+  // need them replayed: runs of reads shorter than zlib's output buffer as one skip (first:
+  // false), others as they were (true).
+  bool want_ahead_;
+  std::unique_ptr<ahead> ahead_;
+  int fd_;
+  std::vector<std::pair<bool, long long>> replay_;
+  std::string zlib_prefix_;  // what zlib puts before its messages: the name it was opened by
 };
 
 // Inflates the gzip file name whole: grow(n) must give a buffer of at least n bytes keeping the

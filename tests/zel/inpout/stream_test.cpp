@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/zel/inpout/scratch_dir.h"
@@ -114,6 +115,52 @@ TEST(Stream, GzipMembersGiveTheLinesOfTheirText) {
     EXPECT_EQ("File " + dir.file("bad.data.gz") +
                   ": truncated or corrupt compressed data (incorrect length check)",
               error_of([&] { all_lines(*b); }));
+  }
+}
+
+namespace {
+
+// What a stream over a damaged gzip file reads before it fails: its lines and the message.
+std::pair<std::size_t, std::string> lines_and_error(stream* s) {
+  std::unique_ptr<stream> owned(s);
+  std::size_t n = 0;
+  std::string error = error_of([&] {
+    while (owned->read_line())
+      ++n;
+  });
+  return {n, error};
+}
+
+}  // namespace
+
+// Streams inflate ahead on a second thread. A reader that stops early stops it, and a damaged
+// file reads as through zlib alone: the same lines, then the same message, also after lines
+// longer than zlib's buffer (read past it) and in either member.
+TEST(Stream, GzipReadAheadStopsEarlyAndFailsWhereZlibDoes) {
+  scratch_dir dir;
+  std::mt19937 rng(5);
+  std::string text;
+  while (text.size() < (6u << 20))
+    text += std::to_string(rng()) + ",abc\n";
+  text.insert(text.size() * 3 / 4, std::string(600 << 10, 'w') + "\n");
+  std::string first = dir.read(dir.gzip("a.gz", text.substr(0, text.size() / 2)));
+  std::string gz = first + dir.read(dir.gzip("b.gz", text.substr(text.size() / 2)));
+  {
+    std::unique_ptr<stream> s(stream::FROM_FILE(dir.write("t.data.gz", gz), ','));
+    ASSERT_TRUE(s->read_line());
+  }
+  std::vector<std::string> damaged;
+  for (std::size_t at : {gz.size() / 5, first.size(), gz.size() * 9 / 10, gz.size() - 9}) {
+    damaged.push_back(gz.substr(0, at));
+    damaged.push_back(gz);
+    damaged.back()[at] ^= 0x55;
+  }
+  for (std::string const& bad : damaged) {
+    std::string name = dir.write("d.data.gz", bad);
+    auto* z = new iogz();
+    ASSERT_TRUE(z->open(name, iogz::READ, -1, 0));
+    EXPECT_EQ(lines_and_error(new stream(z, true, ',', stream::DEFAULT_BUFFER)),
+              lines_and_error(stream::FROM_FILE(name, ',')));
   }
 }
 

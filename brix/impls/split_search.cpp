@@ -404,10 +404,28 @@ void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsign
 
 constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
 
+// Sorts the cases by the attribute's order into packed (order << 32 | class)
+// and copies them, in that order, into the scratch's spare table (8 bytes a
+// case more).
+template <class Att, class Cls>
+std::vector<w_case> const& sort_copied(Att att, Cls cls, std::vector<w_case> const& cases,
+                                       order_range const& range, split_scratch& s, bool keep_keys) {
+  std::vector<std::uint64_t>& packed = s.packed;
+  sort_by_order(
+      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, keep_keys);
+  std::vector<w_case>& copy = s.spare;
+  copy.resize(cases.size());
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    w_case c = cases[static_cast<std::uint32_t>(packed[i])];
+    copy[i] = c;
+    packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
+  }
+  return copy;
+}
+
 // Sorts a node's own cases by the attribute's order; packed then holds each
 // sorted case's order << 32 | class. With unit weights the row travels in the
-// sort and the cases are rewritten from it; other weights gather the cases
-// through a copy (8 more bytes a case).
+// sort and the cases are rewritten from it; other weights are copied back.
 template <class Att, class Cls>
 void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_range const& range,
                          options const* opts, split_scratch& s) {
@@ -423,15 +441,7 @@ void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_ran
     }
     return;
   }
-  sort_by_order(
-      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, true);
-  std::vector<w_case>& copy = s.spare;
-  copy.resize(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    w_case c = cases[static_cast<std::uint32_t>(packed[i])];
-    copy[i] = c;
-    packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
-  }
+  std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, true);
   std::copy(copy.begin(), copy.end(), cases.begin());
 }
 
@@ -469,15 +479,7 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
         false, false);
     return scan(sorted_compact{packed.data()});
   }
-  sort_by_order(
-      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, false);
-  std::vector<w_case>& copy = s.spare;
-  copy.resize(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    w_case c = cases[static_cast<std::uint32_t>(packed[i])];
-    copy[i] = c;
-    packed[i] = (packed[i] & kHigh) | static_cast<std::uint32_t>(cls(c.first));
-  }
+  std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, false);
   scan(sorted_copied{packed.data(), copy.data()});
 }
 

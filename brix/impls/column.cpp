@@ -205,9 +205,20 @@ void column_filler::fill(std::size_t from, std::size_t to) {
       std::size_t base = bits.size(), end = base + (to - from);
       if (end > bits.capacity()) bits.reserve(std::max(end, bits.capacity() + bits.capacity() / 2));
       bits.resize(end);  // fresh bits read 0: only the second value's are set
-      for (std::size_t i = from; i < to; ++i) {
-        if (remap_[ids[i]] == 2) bits.set(base + (i - from));
+      // The ids are 1 and 2; each row's bit is whether its id maps to the second value.
+      std::uint32_t const hit[3] = {0, remap_[1] == 2 ? 1u : 0u, remap_[2] == 2 ? 1u : 0u};
+      std::uint32_t* words = bits.words();
+      std::size_t i = from, b = base;
+      for (; i < to && (b & 31) != 0; ++i, ++b)
+        words[b >> 5] |= hit[ids[i]] << (b & 31);
+      for (; to - i >= 32; i += 32, b += 32) {  // a word at a time, built in a register
+        std::uint32_t w = 0;
+        for (unsigned k = 0; k < 32; ++k)
+          w |= hit[ids[i + k]] << k;
+        words[b >> 5] = w;
       }
+      for (; i < to; ++i, ++b)
+        words[b >> 5] |= hit[ids[i]] << (b & 31);
       if (to == ids_.size()) std::vector<std::uint8_t>().swap(ids_.u8());
       break;
     }

@@ -127,6 +127,12 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   options_->unit_weights =
       options_->any_order && std::all_of(root_cases_->begin(), root_cases_->end(),
                                          [](w_case const& c) { return c.second == 1.0f; });
+  std::vector<char> one_bit(t->get_no_attributes());
+  for (unsigned long a = 0; a < one_bit.size(); ++a) {
+    column const* col = t->get_attribute(a);
+    one_bit[a] = col->is_discrete() && col->get_storage() == storage_kind::bit;
+  }
+  options_->one_bit = &one_bit;
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
   // nothing left to change but stays the one definition of the pruned tree, and the one to
   // refuse a level out of range (only a damaged model file holds one).
@@ -142,11 +148,13 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
     options_->logs = nullptr;
     options_->any_order = false;
     options_->unit_weights = false;
+    options_->one_bit = nullptr;
     throw;
   }
   options_->logs = nullptr;
   options_->any_order = false;
   options_->unit_weights = false;
+  options_->one_bit = nullptr;
 
   if (pruned) {
     if (stage) stage("prune");

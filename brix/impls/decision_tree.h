@@ -37,6 +37,8 @@ struct options {
   bool any_order = false;
   // Every case weighs exactly 1, in every node: any_order, and 1 to start with.
   bool unit_weights = false;
+  // Per attribute, whether it is discrete and stored a bit a row (may be null: then asked).
+  std::vector<char> const* one_bit = nullptr;
 };
 
 // Whole numbers up to 2^24 add exactly in a float; past it, sums depend on the order of the

@@ -261,8 +261,36 @@ int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options 
   split_scratch& s = scratch != nullptr ? *scratch : own;
   unsigned long n = t->get_no_attributes();
   bool copy = father_ != nullptr && any_order_at(opts, cases_weight_);
-  for (unsigned long a = 0; a < n; ++a)
+  // Two-valued attributes stored a bit a row are tallied side by side where sums are exact.
+  std::vector<column const*>& bits = s.bit_atts;
+  std::vector<splitting_desc*>& bit_descs = s.bit_descs;
+  bits.clear();
+  bit_descs.clear();
+  if (any_order_at(opts, cases_weight_)) {
+    std::vector<order_range> const& r = ranges();
+    for (unsigned long a = 0; a < n; ++a) {
+      column const* col = t->get_attribute(a);
+      bool one_bit = opts->one_bit != nullptr
+                         ? (*opts->one_bit)[a] != 0
+                         : col->is_discrete() && col->get_storage() == storage_kind::bit;
+      if (!one_bit || !(r[a] == order_range(1, 3))) continue;
+      bits.push_back(col);
+      bit_descs.push_back(&descs()[a]);
+    }
+  }
+  if (bits.size() < 2) bit_descs.clear();
+  if (!bit_descs.empty()) {
+    score_bit_splits(bits, *t->get_class(), cases_weight_, *all_cases_, min_obj, opts, s,
+                     bit_descs);
+  }
+  std::size_t next = 0;
+  for (unsigned long a = 0; a < n; ++a) {
+    if (next < bit_descs.size() && bit_descs[next] == &descs()[a]) {
+      ++next;
+      continue;
+    }
     split_att(t, min_obj, opts, a, copy, s);
+  }
   return split_post(t);
 }
 

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "brix/impls/column_typed.h"
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/o_set_typed.h"
@@ -82,6 +83,14 @@ class threshold_test {
   unsigned long leq_order_ = 0;
 };
 
+template <class T>
+void const* rd_rows(typed_reader<T> rd) {
+  return rd.data;
+}
+void const* rd_rows(bit_reader rd) {
+  return rd.words;
+}
+
 // A tree laid out for prediction: the column and threshold test of every
 // split node, resolved once against the table whose values are read, and what
 // descending reads of each node copied into one array in preorder, so that a
@@ -129,6 +138,25 @@ class compiled_tree {
 
   struct entry {
     column const* col = nullptr;
+    // The column's stored orders, read without a virtual call a level; none: ask the column.
+    storage_kind kind = storage_kind::none;
+    void const* rows = nullptr;
+    unsigned long order_of(unsigned long row) const {
+      switch (kind) {
+        case storage_kind::bit:
+          return bit_reader{static_cast<std::uint32_t const*>(rows)}(row);
+        case storage_kind::u8:
+          return static_cast<std::uint8_t const*>(rows)[row];
+        case storage_kind::u16:
+          return static_cast<std::uint16_t const*>(rows)[row];
+        case storage_kind::u32:
+          return static_cast<std::uint32_t const*>(rows)[row];
+        case storage_kind::u64:
+          return static_cast<unsigned long>(static_cast<unsigned long long const*>(rows)[row]);
+        default:
+          return col->get_row_index(row);
+      }
+    }
     std::unique_ptr<threshold_test> test;  // continuous splits
     unsigned long att = 0;
     unsigned long leaf = 0;
@@ -166,6 +194,12 @@ class compiled_tree {
         e.test.reset(new threshold_test(col->get_o_set(), n->get_threshold()));
       } else if (col->is_discrete()) {
         e.col = col;
+      }
+      if (e.col != nullptr && e.col->get_storage() != storage_kind::none) {
+        e.col->visit([&e](auto rd) {
+          e.rows = rd_rows(rd);
+          e.kind = e.col->get_storage();
+        });
       }
     }
     std::vector<std::size_t> kids;
@@ -228,7 +262,7 @@ conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases, int thre
       unsigned long row = (*cases)[i].first;
       std::fill(dist.begin(), dist.end(), 0.0f);
       tree.descend(0, (*cases)[i].second, dist, [&](compiled_tree::entry const& e) -> long {
-        unsigned long order = e.col->get_row_index(row);
+        unsigned long order = e.order_of(row);
         if (e.test) return e.test->side_of_order(order);
         return static_cast<long>(order) - 1;
       });

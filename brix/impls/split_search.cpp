@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 #include <vector>
 
 #include "brix/impls/column_typed.h"
@@ -104,24 +105,14 @@ float tally_exact(Att att, Cls cls, w_sequence const& cases, unsigned long base,
   return unknown;
 }
 
-template <class Att, class Cls>
-void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
-                      w_sequence const& cases, order_range const& range, float min_objects,
-                      options const* opts, split_scratch& s, splitting_desc& best) {
-  xlogx_table const& logs = logs_of(opts);
-  std::size_t cols = classes + 1;
-  std::size_t rows = range.second - range.first + 1;
-  unsigned long base = range.first - 1;
-  std::vector<float>& freq = s.freq;
-  freq.assign(rows * cols, 0.0f);
-  std::vector<float>& totals = s.totals;
-  totals.assign(rows + cols, 0.0f);
-  float* branch = totals.data();
-  float* class_total = totals.data() + rows;
-  float unknown =
-      cases.size() >= kInterleaveFrom && any_order_at(opts, total_weight)
-          ? tally_exact(att, cls, cases, base, cols, rows * cols, freq.data(), class_total, s.ways)
-          : tally(att, cls, cases, base, cols, freq.data(), class_total);
+// The gain and split information of a discrete split from its tallies: freq
+// by (value row, class), rows x cols; totals holds the branch weights (filled
+// here) then the class totals.
+void discrete_gain(std::vector<float> const& freq, float* totals, std::size_t rows,
+                   std::size_t cols, unsigned long classes, float unknown, float total_weight,
+                   float min_objects, xlogx_table const& logs, splitting_desc& best) {
+  float* branch = totals;
+  float* class_total = totals + rows;
   float known = total_weight - unknown;
   if (known == 0.0f) return no_split(best);
   branch[0] = unknown;
@@ -143,6 +134,27 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
   // Deliberate: scaled by known / (unknown + known), not by the total weight; the float bits
   // differ.
   best.gain = (hc / known - hs / known) * (known / (unknown + known));
+}
+
+template <class Att, class Cls>
+void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
+                      w_sequence const& cases, order_range const& range, float min_objects,
+                      options const* opts, split_scratch& s, splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  std::size_t cols = classes + 1;
+  std::size_t rows = range.second - range.first + 1;
+  unsigned long base = range.first - 1;
+  std::vector<float>& freq = s.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = s.totals;
+  totals.assign(rows + cols, 0.0f);
+  float* class_total = totals.data() + rows;
+  float unknown =
+      cases.size() >= kInterleaveFrom && any_order_at(opts, total_weight)
+          ? tally_exact(att, cls, cases, base, cols, rows * cols, freq.data(), class_total, s.ways)
+          : tally(att, cls, cases, base, cols, freq.data(), class_total);
+  discrete_gain(freq, totals.data(), rows, cols, classes, unknown, total_weight, min_objects, logs,
+                best);
 }
 
 // The best binary cut so far: a cut is kept when its gain on the known
@@ -691,6 +703,55 @@ void sort_as_search(column const& att, column const& cls, w_sequence& cases,
   cls.visit([&](auto c) {
     att.visit([&](auto a) { sort_cases_in_place(a, c, cases.cases(), range, opts, scratch); });
   });
+}
+
+void score_bit_splits(std::vector<column const*> const& atts, column const& cls, float total_weight,
+                      w_sequence const& cases, float min_objects, options const* opts,
+                      split_scratch& scratch, std::vector<splitting_desc*> const& best) {
+  std::size_t m = atts.size();
+  unsigned long classes = cls.get_distinct();
+  std::size_t cols = classes + 1;
+  std::vector<std::uint32_t const*> words(m);
+  for (std::size_t j = 0; j < m; ++j) {
+    atts[j]->visit([&](auto rd) {
+      if constexpr (std::is_same<decltype(rd), bit_reader>::value) words[j] = rd.words;
+    });
+    if (words[j] == nullptr) throw std::logic_error("score_bit_splits: not a one-bit column");
+  }
+  // counts[(j * 2 + bit) * cols + class], then the class totals: each case adds to one cell of
+  // each attribute, and consecutive additions go to different tables instead of waiting on one
+  // another.
+  std::vector<float>& counts = scratch.ways;
+  counts.assign(m * 2 * cols + cols, 0.0f);
+  float* t = counts.data();
+  float* class_total = t + m * 2 * cols;
+  cls.visit([&](auto rd) {
+    std::uint32_t const* const* w = words.data();
+    for (w_case const& c : cases) {
+      float weight = c.second;  // held: the stores below could alias it for all the compiler knows
+      std::size_t k = rd(c.first);
+      class_total[k] += weight;
+      std::size_t word = c.first >> 5, bit = c.first & 31;
+      float* cell = t + k;
+      for (std::size_t j = 0; j < m; ++j, cell += 2 * cols)
+        cell[((w[j][word] >> bit) & 1u) * cols] += weight;
+    }
+  });
+  // Each attribute's tables as quality_discrete lays them out: rows for no value, order 1 and
+  // order 2; the branch weights, then the class totals.
+  std::vector<float>& freq = scratch.freq;
+  std::vector<float>& totals = scratch.totals;
+  xlogx_table const& logs = logs_of(opts);
+  for (std::size_t j = 0; j < m; ++j) {
+    freq.assign(3 * cols, 0.0f);
+    std::copy(t + j * 2 * cols, t + (j + 1) * 2 * cols, freq.begin() + cols);
+    totals.assign(3 + cols, 0.0f);
+    std::copy(class_total, class_total + cols, totals.begin() + 3);
+    splitting_desc& d = *best[j];
+    d.att = atts[j];
+    d.branches = atts[j]->get_distinct();
+    discrete_gain(freq, totals.data(), 3, cols, classes, 0.0f, total_weight, min_objects, logs, d);
+  }
 }
 
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range) {

@@ -69,6 +69,9 @@ class split_scratch {
   std::vector<float> freq;
   std::vector<float> totals;
   std::vector<float> ways;  // interleaved tallies of whole weights
+  // The one-bit attributes of a node tallied side by side, and their results.
+  std::vector<column const*> bit_atts;
+  std::vector<splitting_desc*> bit_descs;
 };
 
 // Scores the split of the cases on att into best; a gain of -0.001 means no
@@ -78,6 +81,13 @@ void score_split(column const& att, column const& cls, float total_weight, w_seq
                  order_range const& range, float min_objects, options const* opts,
                  split_scratch& scratch, splitting_desc& best, bool sort_copy,
                  order_publisher* publish = nullptr);
+
+// Scores discrete attributes stored one bit a row (two values, none unknown) in one pass over a
+// node's cases, as score_split would each: for nodes whose sums are exact in any order, since each
+// table is summed in case order but the attributes side by side. best[j] is atts[j]'s.
+void score_bit_splits(std::vector<column const*> const& atts, column const& cls, float total_weight,
+                      w_sequence const& cases, float min_objects, options const* opts,
+                      split_scratch& scratch, std::vector<splitting_desc*> const& best);
 
 // Whether score_split sorts the cases (a continuous search by sorting).
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range);

@@ -19,11 +19,13 @@
 
 using brix::impls::_decision_node;
 using brix::impls::_decision_tree;
+using brix::impls::column;
 using brix::impls::decision_tree;
 using brix::impls::options;
 using brix::impls::order_range;
 using brix::impls::split_scratch;
 using brix::impls::splitting_desc;
+using brix::impls::storage_kind;
 using brix::impls::table;
 using brix::impls::w_case;
 using brix::impls::w_sequence;
@@ -328,6 +330,60 @@ TEST(TreeSplit, SortingAndTallySearchesAgree) {
   // Both outcomes are well represented.
   EXPECT_GT(found, 500);
   EXPECT_GT(none, 20);
+}
+
+TEST(TreeSplit, TwoValuedAttributesSideBySideAgreeWithOneByOne) {
+  // Five one-bit attributes tallied in one pass give each the bits of its own search, on random
+  // nodes of unit and whole weights, classes depending on some attributes.
+  std::mt19937 gen(7);
+  std::ostringstream data;
+  for (int r = 0; r < 3000; ++r) {
+    int b[5], s = 0;
+    for (int j = 0; j < 5; ++j) {
+      b[j] = static_cast<int>(gen() % 2);
+      data << (b[j] ? "y," : "n,");
+      s += b[j] * (j + 1);
+    }
+    data << 'k' << (s + (gen() % 5 == 0 ? 1 : 0)) % 4 << '\n';
+  }
+  table_files files;
+  auto t = files.loaded(
+      "a,string,discrete\nb,string,discrete\nc,string,discrete\nd,string,discrete\n"
+      "e,string,discrete\nk,string,class\n",
+      data.str());
+  std::vector<column const*> atts;
+  for (unsigned long a = 0; a < 5; ++a)
+    atts.push_back(t->get_attribute(a));
+  ASSERT_EQ(atts[0]->get_storage(), storage_kind::bit);
+  xlogx_table logs(3 * 3000);
+  options opts;
+  opts.logs = &logs;
+  opts.any_order = true;
+  for (int trial = 0; trial < 200; ++trial) {
+    w_sequence cases;
+    float w = 0.0f;
+    unsigned long keep = 1 + gen() % 8, weights = 1 + gen() % 3;
+    for (unsigned long r = 0; r < 3000; ++r) {
+      if (gen() % keep != 0) continue;
+      float x = static_cast<float>(1 + gen() % weights);
+      cases.push_back(r, x);
+      w += x;
+    }
+    std::vector<splitting_desc> side(5);
+    std::vector<splitting_desc*> out;
+    for (auto& d : side)
+      out.push_back(&d);
+    score_bit_splits(atts, *t->get_class(), w, cases, 2.0f, &opts, scratch(), out);
+    for (unsigned long a = 0; a < 5; ++a) {
+      splitting_desc one;
+      score_split(*atts[a], *t->get_class(), w, cases, order_range(1, 3), 2.0f, &opts, scratch(),
+                  one, true);
+      EXPECT_EQ(std::memcmp(&one.gain, &side[a].gain, sizeof(float)), 0) << trial << " " << a;
+      EXPECT_EQ(std::memcmp(&one.split_info, &side[a].split_info, sizeof(float)), 0);
+      EXPECT_EQ(one.branches, side[a].branches);
+      EXPECT_EQ(one.att, side[a].att);
+    }
+  }
 }
 
 // Nodes below the root kept in row order must give the tree and root order of sorting in place.

@@ -140,7 +140,7 @@ void column_bool::push_back(char const* value) {
 
 column_filler::column_filler(column* target, id_buffer& ids,
                              std::vector<std::uint32_t> const& remap)
-    : target_(target), ids_(ids), remap_(remap.data()) {
+    : target_(target), ids_(ids), remap_(remap.data()), remap_size_(remap.size()) {
   switch (target->get_storage()) {
     case storage_kind::u8:
       adopt(static_cast<column_typed<std::uint8_t>*>(target)->rows());
@@ -205,8 +205,12 @@ void column_filler::fill(std::size_t from, std::size_t to) {
       std::size_t base = bits.size(), end = base + (to - from);
       if (end > bits.capacity()) bits.reserve(std::max(end, bits.capacity() + bits.capacity() / 2));
       bits.resize(end);  // fresh bits read 0: only the second value's are set
-      // The ids are 1 and 2; each row's bit is whether its id maps to the second value.
-      std::uint32_t const hit[3] = {0, remap_[1] == 2 ? 1u : 0u, remap_[2] == 2 ? 1u : 0u};
+      // The ids are 1 and 2; each row's bit is whether its id maps to the second value. A
+      // load may have met only one of the two values, so the remap can stop at id 1.
+      auto second = [this](std::size_t id) {
+        return id < remap_size_ && remap_[id] == 2 ? 1u : 0u;
+      };
+      std::uint32_t const hit[3] = {0, second(1), second(2)};
       std::uint32_t* words = bits.words();
       std::size_t i = from, b = base;
       for (; i < to && (b & 31) != 0; ++i, ++b)

@@ -197,6 +197,7 @@ class column_filler {
   column* target_;
   id_buffer& ids_;
   std::uint32_t const* remap_;
+  std::size_t remap_size_;
   void* rows_ = nullptr;  // the adopted storage, of the target's width
 };
 

@@ -38,6 +38,11 @@ class xlogx_table {
     limit_ = static_cast<float>(n);
   }
 
+  // term(x) for a whole x.
+  float whole(std::uint32_t x) const {
+    return x < values_.size() ? values_[x] : term(static_cast<float>(x));
+  }
+
   float term(float x) const {
     if (x <= 0.0f) return 0.0f;
     if (x <= limit_) {
@@ -61,6 +66,20 @@ inline float info(xlogx_table const& t, float const* x, std::size_t n) {
   }
   float head = s > 0.0f ? t.term(s) : 0.0f * s;
   return head - sum;
+}
+
+// info of whole weights, x(1) .. x(n), that sum below 2^24: the same bits as info on their
+// floats, which add exactly.
+template <class Count>
+float info_whole(xlogx_table const& t, Count x, std::size_t n) {
+  std::uint32_t s = 0;
+  float sum = 0.0f;
+  for (std::size_t i = 1; i <= n; ++i) {
+    std::uint32_t v = x(i);
+    s += v;
+    sum += t.whole(v);
+  }
+  return (s > 0 ? t.whole(s) : 0.0f) - sum;
 }
 
 }  // namespace impls

@@ -32,6 +32,9 @@ constexpr float kNoGain = -0.001f;
 // Nodes with fewer cases than this per possible value are sorted by
 // comparison instead of by counting.
 constexpr unsigned long kCountingSortRatio = 17;
+// Nodes sorted by comparison from this many cases are radix sorted instead, where equal orders
+// may come in any order.
+constexpr std::size_t kRadixFrom = 512;
 // Order stretches up to this width are counted in one pass; wider ones by
 // their high bits, so that the tallies stay in cache, each bucket then sorted.
 constexpr unsigned long kOnePassWidth = 1UL << 16;
@@ -167,7 +170,20 @@ struct cut_score {
   float split_info = 0.0f;
 
   bool consider(float const* left, float const* right, float l_weight) {
-    float hs = info(logs, left + 1, classes) + info(logs, right + 1, classes);
+    return consider_info(info(logs, left + 1, classes) + info(logs, right + 1, classes), l_weight);
+  }
+
+  // consider from whole class weights: moved left of the cut out of total.
+  bool consider_whole(std::uint32_t const* moved, std::uint32_t const* total, float l_weight) {
+    float hl = info_whole(
+        logs, [moved](std::size_t k) { return moved[k]; }, classes);
+    float hr = info_whole(
+        logs, [moved, total](std::size_t k) { return total[k] - moved[k]; }, classes);
+    return consider_info(hl + hr, l_weight);
+  }
+
+  // hs: the information of both sides.
+  bool consider_info(float hs, float l_weight) {
     float gain = (known / (unknown + known)) * (hc / known - hs / known);
     if (!(gain > best_gain)) return false;
     best_gain = gain;
@@ -223,7 +239,7 @@ void sort_buckets(std::vector<std::uint64_t>& packed, std::vector<std::uint32_t>
       }
     } else if (std::is_sorted(a, a + n, by_key)) {  // often one value fills a bucket
     } else if (!stable) {
-      std::sort(a, a + n, by_key);
+      std::sort(a, a + n);  // the payload may order equal keys
     } else if (n > kKeep) {
       std::stable_sort(a, a + n, by_key);
     } else {
@@ -304,8 +320,18 @@ void sort_by_order(Att att, std::vector<w_case> const& cases, order_range const&
   } else {
     for (std::size_t i = 0; i < n; ++i)
       packed[i] = keyed(att(cases[i].first), payload(i));
-    std::sort(packed.begin(), packed.end(),
-              [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); });
+    if (stable) {
+      std::sort(packed.begin(), packed.end(),
+                [](std::uint64_t a, std::uint64_t b) { return (a >> 32) < (b >> 32); });
+    } else if (n >= kRadixFrom) {  // equal orders may come in any order
+      unsigned bytes = 1;
+      while (bytes < 4 && (width >> (8 * bytes)) != 0)
+        ++bytes;
+      zel::adt::lsd_radix(packed, s.run, bytes,
+                          [base](std::uint64_t x) { return (x >> 32) - base; });
+    } else {
+      std::sort(packed.begin(), packed.end());
+    }
   }
 }
 
@@ -320,13 +346,6 @@ struct sorted_in_place {  // the node's cases, permuted
   w_case const* cases;
   std::uint32_t class_of(std::size_t i) const { return static_cast<std::uint32_t>(packed[i]); }
   float weight_of(std::size_t i) const { return cases[i].second; }
-};
-struct sorted_compact {  // weight << 8 | class
-  std::uint64_t const* packed;
-  std::uint32_t class_of(std::size_t i) const { return packed[i] & 0xFF; }
-  float weight_of(std::size_t i) const {
-    return static_cast<float>(static_cast<std::uint32_t>(packed[i]) >> 8);
-  }
 };
 struct sorted_copied {  // the cases gathered into the scratch
   std::uint64_t const* packed;
@@ -414,6 +433,85 @@ void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsign
   finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
 }
 
+// scan_cuts for whole weights summing below 2^24, packed as weight << 8 | class: the tallies are
+// kept in integers, which hold the very values the float sums would, since such sums are exact in
+// any order; the cut tests and the gains then see the same floats. Integers carry no float adds on
+// the loop's path, and the class totals are counted in four interleaved tables.
+void scan_cuts_whole(std::uint64_t const* packed, std::size_t n, unsigned long classes,
+                     float total_weight, float min_objects, options const* opts, split_scratch& s,
+                     splitting_desc& best) {
+  xlogx_table const& logs = logs_of(opts);
+  auto order_of = [packed](std::size_t i) { return static_cast<std::uint32_t>(packed[i] >> 32); };
+  auto class_of = [packed](std::size_t i) { return static_cast<std::uint32_t>(packed[i] & 0xFF); };
+  auto weight_of = [packed](std::size_t i) { return static_cast<std::uint32_t>(packed[i]) >> 8; };
+
+  std::size_t cols = classes + 1;
+  std::vector<std::uint32_t>& counts = s.counts;
+  counts.assign(6 * cols, 0);
+  std::uint32_t* ways = counts.data();
+  std::uint32_t* total = ways + 4 * cols;
+  std::uint32_t* moved = total + cols;  // left of the cut
+  std::uint32_t unknown_w = 0;
+  std::size_t first = 0;
+  while (first < n && order_of(first) == 0)  // unknown orders sort first
+    unknown_w += weight_of(first++);
+  for (std::size_t i = first; i < n; ++i)
+    ways[(i & 3) * cols + class_of(i)] += weight_of(i);
+  for (std::size_t k = 0; k < cols; ++k)
+    total[k] = ways[k] + ways[cols + k] + ways[2 * cols + k] + ways[3 * cols + k];
+
+  float unknown = static_cast<float>(unknown_w);
+  float known = total_weight - unknown;
+  if (known < 2 * min_objects) return no_split(best);
+  float hc = info_whole(
+      logs, [total](std::size_t k) { return total[k]; }, classes);
+  float m = least_side_weight(min_objects, known, classes);
+  float upper = known - m;
+
+  cut_score score{logs, classes, hc, known, unknown};
+  std::uint32_t l_whole = 0;
+  unsigned long tried = 0, low = 0, high = 0;
+  std::uint32_t stretch_class = 0;
+  bool stretch_open = false, stretch_pure = true;
+  for (std::size_t i = first; i + 1 < n; ++i) {
+    std::uint32_t c = class_of(i);
+    std::uint32_t w = weight_of(i);
+    moved[c] += w;
+    l_whole += w;
+    if (!stretch_open) {
+      stretch_open = true;
+      stretch_pure = true;
+      stretch_class = c;
+    } else if (c != stretch_class) {
+      stretch_pure = false;
+    }
+    float l_weight = static_cast<float>(l_whole);
+    if (l_weight < m) continue;
+    if (l_weight > upper) break;
+    std::uint32_t a = order_of(i), a_next = order_of(i + 1);
+    if (a == a_next) continue;
+    ++tried;
+    if (stretch_pure) {
+      bool same = true;
+      std::uint32_t ahead = l_whole;
+      for (std::size_t j = i + 1; j < n && order_of(j) == a_next; ++j) {
+        if (class_of(j) != stretch_class) {
+          same = false;
+          break;
+        }
+        ahead += weight_of(j);
+      }
+      if (same && static_cast<float>(ahead) <= upper) continue;
+    }
+    stretch_open = false;
+    if (score.consider_whole(moved, total, l_weight)) {
+      low = a;
+      high = a_next;
+    }
+  }
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n, opts, low, high);
+}
+
 constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
 
 // Sorts the cases by the attribute's order into packed (order << 32 | class)
@@ -489,7 +587,7 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
                  static_cast<std::uint32_t>(cls(cases[i].first));
         },
         false, false);
-    return scan(sorted_compact{packed.data()});
+    return scan_cuts_whole(packed.data(), n, classes, total_weight, min_objects, opts, s, best);
   }
   std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, false);
   scan(sorted_copied{packed.data(), copy.data()});

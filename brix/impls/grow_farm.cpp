@@ -22,6 +22,7 @@
 // sums, and the row order they are put in; distributed from the first order,
 // which the rows still follow unless a random holdout drew them, they need no
 // sorting.
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <limits>
@@ -45,6 +46,11 @@ constexpr std::size_t kInputQueuePerWorker = 4096;
 constexpr std::size_t kOutputQueue = 2176;
 // Back-off, in pause hints, between retries of a send to a full ring.
 constexpr unsigned long kSendBackoff = 1000;
+
+// Tasks handed to one worker and not yet reported back: one running and one waiting, so that no
+// worker waits for the emitter. The rest wait at the emitter and go to whichever worker frees
+// first, since tasks of one node may differ twentyfold in cost.
+constexpr unsigned kQueuedPerWorker = 2;
 
 // A subtree goes to one worker whole once its node holds at most 1 / (kSubtreeShare · workers)
 // of the rows: pieces enough to balance the workers, and only the few nodes above are split
@@ -105,7 +111,6 @@ struct ff_task {
   _decision_tree* subtree;
   int kind;
   unsigned long attribute;
-  unsigned long weight;  // the node's case count when the task was sent
   int worker;
   order_chain* chain;  // attribute tasks: the node's chain and this task's place in it
   std::size_t position;
@@ -213,12 +218,14 @@ class _ff_emitter : public farm::node {
         n_attributes_(t->get_no_attributes()),
         n_rows_(t->get_no_rows()),
         subtree_rows_(n_rows_ / (kSubtreeShare * static_cast<unsigned long>(nworkers))),
-        load_(static_cast<std::size_t>(nworkers), 0),
+        queued_(static_cast<std::size_t>(nworkers), 0),
         lb_(lb) {}
 
   void* svc(void* task) override {
     try {
-      return task == nullptr ? start() : feedback(static_cast<ff_task*>(task));
+      void* r = task == nullptr ? start() : feedback(static_cast<ff_task*>(task));
+      dispatch();
+      return r;
     } catch (...) {
       fail(signal_);
       throw;
@@ -234,7 +241,7 @@ class _ff_emitter : public farm::node {
 
   void* feedback(ff_task* k) {
     --in_flight_;
-    load_[static_cast<std::size_t>(k->worker)] -= k->weight;
+    --queued_[static_cast<std::size_t>(k->worker)];
     if (k->kind == ORDER_TASK) {
       order_.sorted = true;
       if (order_.root_decided) take_root_order();
@@ -306,10 +313,10 @@ class _ff_emitter : public farm::node {
         // Already a leaf: no worker needs to see it.
         child->disactivate();
       } else if (c <= subtree_rows_) {
-        send(ct, SUBTREE_TASK, 0, c, reuse);
+        send(ct, SUBTREE_TASK, 0, reuse);
         reuse = nullptr;
       } else if (limit > c * c) {
-        send(ct, NODE_TASK, 0, c, reuse);
+        send(ct, NODE_TASK, 0, reuse);
         reuse = nullptr;
       } else {
         unsigned long sent = send_attribute_tasks(ct, reuse);
@@ -341,18 +348,22 @@ class _ff_emitter : public farm::node {
     // final order is kept with the model.
     if (!any_order_at(opts_, node->get_cases_weight())) {
       c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
-    } else if (sub == tree_) {
-      send_order_task(node);
+    } else {
+      if (sub == tree_) send_order_task(node);
+      // Independent searches: those that sort, the longest, go first.
+      std::vector<order_range> const& ranges = *node->get_att_ranges();
+      std::stable_partition(worth.begin(), worth.end(), [&](unsigned long a) {
+        return search_sorts_cases(*table_->get_attribute(a), node->get_cases_count(), ranges[a]);
+      });
     }
     for (std::size_t p = 0; p < worth.size(); ++p) {
-      send(sub, ATTRIBUTE_TASK, worth[p], node->get_cases_count(), reuse, c.chain.get(), p);
+      send(sub, ATTRIBUTE_TASK, worth[p], reuse, c.chain.get(), p);
       reuse = nullptr;
     }
     return worth.size();
   }
 
-  // Sorts a copy of the root's cases in the background, if any search would sort them; it weighs
-  // as much as the sorts it runs.
+  // Sorts a copy of the root's cases in the background, if any search would sort them.
   void send_order_task(_decision_node* root) {
     std::vector<order_range> const& ranges = *root->get_att_ranges();
     w_sequence const& cases = *root->get_all_cases();
@@ -363,7 +374,7 @@ class _ff_emitter : public farm::node {
     if (sorts == 0) return;
     order_.cases.reset(new w_sequence(cases));
     order_.ranges = ranges;
-    send(tree_, ORDER_TASK, 0, sorts * cases.size(), nullptr, nullptr, 0, &order_);
+    send(tree_, ORDER_TASK, 0, nullptr, nullptr, 0, &order_);
   }
 
   void take_root_order() {
@@ -371,24 +382,36 @@ class _ff_emitter : public farm::node {
     order_.cases.reset();
   }
 
-  // The least loaded worker takes the task; ties go to the lowest index.
-  void send(_decision_tree* sub, int kind, unsigned long attribute, unsigned long weight,
-            ff_task* reuse, order_chain* chain = nullptr, std::size_t position = 0,
-            root_order* order = nullptr) {
-    std::size_t w = 0;
-    for (std::size_t i = 1; i < load_.size(); ++i) {
-      if (load_[i] < load_[w]) w = i;
-    }
+  // Queues a task for the next free worker.
+  void send(_decision_tree* sub, int kind, unsigned long attribute, ff_task* reuse,
+            order_chain* chain = nullptr, std::size_t position = 0, root_order* order = nullptr) {
     ff_task* k = reuse != nullptr ? reuse : acquire();
-    *k = ff_task{sub, kind, attribute, weight, static_cast<int>(w), chain, position, order};
-    lb_->choice = static_cast<int>(w);
-    load_[w] += weight;
+    *k = ff_task{sub, kind, attribute, -1, chain, position, order};
     ++in_flight_;
-    if (!send_out(k, -1, kSendBackoff)) {
-      // Only an aborting farm refuses a send; its error is rethrown to the caller.
-      --in_flight_;
-      load_[w] -= weight;
-      release(k);
+    waiting_.push_back(k);
+  }
+
+  // Hands waiting tasks, in the order they were sent, to workers with room; the one with the
+  // fewest tasks takes the next, ties going to the lowest index. A task of an order chain waits
+  // only for tasks sent before it, which every worker runs in the order it receives them.
+  void dispatch() {
+    while (!waiting_.empty()) {
+      std::size_t w = 0;
+      for (std::size_t i = 1; i < queued_.size(); ++i) {
+        if (queued_[i] < queued_[w]) w = i;
+      }
+      if (queued_[w] >= kQueuedPerWorker) return;
+      ff_task* k = waiting_.front();
+      waiting_.pop_front();
+      k->worker = static_cast<int>(w);
+      lb_->choice = static_cast<int>(w);
+      ++queued_[w];
+      if (!send_out(k, -1, kSendBackoff)) {
+        // Only an aborting farm refuses a send; its error is rethrown to the caller.
+        --in_flight_;
+        --queued_[w];
+        release(k);
+      }
     }
   }
 
@@ -412,7 +435,8 @@ class _ff_emitter : public farm::node {
   unsigned long n_attributes_;
   unsigned long n_rows_;
   unsigned long subtree_rows_;  // nodes of at most so many cases go to a worker with their subtree
-  std::vector<unsigned long> load_;
+  std::vector<unsigned> queued_;  // tasks handed to each worker and not reported back
+  std::deque<ff_task*> waiting_;  // tasks not yet handed to a worker, in the order sent
   ff_balancer* lb_;
   unsigned long in_flight_ = 0;
   std::unordered_map<_decision_tree*, counters> counters_;

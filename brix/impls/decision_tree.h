@@ -39,7 +39,17 @@ struct options {
   bool unit_weights = false;
   // Per attribute, whether it is discrete and stored a bit a row (may be null: then asked).
   std::vector<char> const* one_bit = nullptr;
+  // A node of at least local_min_cases cases copies their orders into a table of its own when
+  // the table it reads keeps at least local_from_bytes of columns, at least kLocalSparsity times
+  // its cases: below that a node's rows lie scattered and each read touches a cache line of its
+  // own, while its subtree then reads them in sequence. Smaller nodes and tables fit in the cache.
+  unsigned long local_min_cases = 4096;
+  double local_from_bytes = 8 << 20;
 };
+
+// The largest share of its table's rows a node copies: the copy costs at most 1/kLocalSparsity
+// of the columns at each level of nesting, and nearer to the whole the rows are nearly in sequence.
+constexpr unsigned long kLocalSparsity = 8;
 
 // Whole numbers up to 2^24 add exactly in a float; past it, sums depend on the order of the
 // cases, which the trees deliberately keep.

@@ -2,11 +2,14 @@
 // depth-first grower and prepruning.
 #include <algorithm>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
+#include <type_traits>
 
 #include "brix/impls/column_typed.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "zel/util/proc.h"
 
 namespace brix {
 namespace impls {
@@ -420,6 +423,110 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
 
 // ---------------------------------------------------------------- growing
 
+namespace {
+
+// Copies of at least so many rows give their pages back when dropped.
+constexpr unsigned long kLocalReturn = 16384;
+
+double storage_bytes(storage_kind k) {
+  switch (k) {
+    case storage_kind::bit:
+      return 0.125;
+    case storage_kind::u8:
+      return 1;
+    case storage_kind::u16:
+      return 2;
+    case storage_kind::u32:
+      return 4;
+    case storage_kind::u64:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
+// The orders of the rows of cases, in case order, into to (a column of the same kind and storage
+// on the same value set).
+void gather_orders(column const& from, column& to, w_case const* cases, std::size_t n) {
+  from.visit([&](auto rd) {
+    auto fill = [&](auto& rows) {
+      rows.resize(n);
+      for (std::size_t i = 0; i < n; ++i)
+        rows[i] = static_cast<std::remove_reference_t<decltype(rows[0])>>(rd(cases[i].first));
+    };
+    switch (to.get_storage()) {
+      case storage_kind::bit: {
+        zel::adt::bitmap& bits = static_cast<column_bool&>(to).bits();
+        bits.resize(n);  // fresh bits read 0: only the second value's are set
+        std::uint32_t* words = bits.words();
+        for (std::size_t i = 0; i < n; ++i)
+          words[i >> 5] |= static_cast<std::uint32_t>(rd(cases[i].first) - 1) << (i & 31);
+        break;
+      }
+      case storage_kind::u8:
+        fill(static_cast<column_typed<std::uint8_t>&>(to).rows());
+        break;
+      case storage_kind::u16:
+        fill(static_cast<column_typed<std::uint16_t>&>(to).rows());
+        break;
+      case storage_kind::u32:
+        fill(static_cast<column_typed<std::uint32_t>&>(to).rows());
+        break;
+      case storage_kind::u64:
+        fill(static_cast<column_typed<unsigned long long>&>(to).rows());
+        break;
+      default:
+        break;
+    }
+  });
+}
+
+// A table of the node's cases alone, with the cases renumbered to its rows; null where the node
+// is not worth it. Only cases in ascending row order are renumbered, so that every comparison of
+// rows gives what it gave before: the subtree grows exactly as it would on the table t.
+std::unique_ptr<table> localize(table const& t, _decision_node const& node, float min_obj,
+                                options const* opts) {
+  w_sequence* cases = node.get_all_cases();
+  std::size_t n = cases != nullptr ? cases->size() : 0;
+  if (opts == nullptr || n < opts->local_min_cases || n * kLocalSparsity > t.get_no_rows())
+    return nullptr;
+  double row_bytes = 0.0;
+  for (unsigned long c = 0; c < t.get_loaded_columns(); ++c)
+    row_bytes += storage_bytes(t.get_column(c)->get_storage());
+  if (row_bytes * static_cast<double>(t.get_no_rows()) < opts->local_from_bytes) return nullptr;
+  // Nodes that stay leaves read nothing more.
+  float weight = node.get_cases_weight();
+  if (weight == node.get_class_distribution()[node.get_most_frequent_class()] ||
+      2 * min_obj > weight)
+    return nullptr;
+  if (!std::is_sorted(cases->begin(), cases->end(),
+                      [](w_case a, w_case b) { return a.first < b.first; }))
+    return nullptr;
+  std::unique_ptr<table> local(t.clone_metadata());
+  local->set_state(n, t.get_loaded_columns(), t.get_class_index(), t.get_weights_index(),
+                   t.get_verbosity(), t.is_for_tree());
+  for (unsigned long c = 0; c < t.get_loaded_columns(); ++c) {
+    column const* from = t.get_column(c);
+    if (from->get_storage() == storage_kind::none || from->is_weights()) continue;
+    gather_orders(*from, *local->get_column(c), cases->data(), n);
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    (*cases)[i].first = static_cast<decltype(w_case::first)>(i);
+  return local;
+}
+
+// Drops a node's own table once its subtree is grown. The pages of a large one go back to the
+// system: the heap would keep them, and the next large node or the evaluation would not reuse
+// them all, so each copy would add to the process's peak.
+void release(std::unique_ptr<table>& local) {
+  if (!local) return;
+  bool large = local->get_no_rows() >= kLocalReturn;
+  local.reset();
+  if (large) zel::util::proc::return_freed_blocks();
+}
+
+}  // namespace
+
 void _decision_tree::branch_out(table* t, options const* opts, split_scratch& scratch,
                                 std::vector<w_sequence*>& parts, std::vector<float>& shares,
                                 std::vector<order_range>& ranges) {
@@ -474,19 +581,27 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     float bound;         // prepruning's bound for the children
     float leaf_error;
     float sum;
-    float value;  // prepruning's value of the subtree, for the father
+    float value;                   // prepruning's value of the subtree, for the father
+    table* at;                     // the table whose rows its children's cases number
+    std::unique_ptr<table> local;  // at, when the node made a table of its own
   };
   std::vector<frame> stack;
   std::vector<w_sequence*> parts;
   std::vector<float> shares;
   std::vector<order_range> ranges;
 
-  auto grow = [&](_decision_tree* tree, float bound, bool visit, bool prunable) {
+  auto grow = [&](_decision_tree* tree, float bound, bool visit, bool prunable, table* at) {
     _decision_node* node = tree->get_node();
+    std::unique_ptr<table> local = localize(*at, *node, min_obj, opts);
+    if (local) at = local.get();
     scratch.fit(node->get_cases_count());
-    node->split(t, split_type, min_obj, opts, &scratch);
-    tree->branch_out(t, opts, scratch, parts, shares, ranges);
-    frame f{tree, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
+    node->split(at, split_type, min_obj, opts, &scratch);
+    tree->branch_out(at, opts, scratch, parts, shares, ranges);
+    frame f{tree,  prunable && node->known_fract_ != 0.0f,
+            false, 0,
+            0.0f,  0.0f,
+            0.0f,  0.0f,
+            at,    std::move(local)};
     if (node->status_ == _decision_node::LEAF_NODE) {
       f.value = node->error_;
     } else if (visit) {
@@ -495,7 +610,7 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
       f.bound = static_cast<float>(std::min(static_cast<double>(bound), f.leaf_error - 0.001));
       f.counting = true;
     }
-    stack.push_back(f);
+    stack.push_back(std::move(f));
   };
   // Prepruning's verdict once its sum reaches the bound or the last child.
   auto settle = [](frame& f) {
@@ -510,17 +625,18 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     }
   };
 
-  grow(this, 1.0f, preprune, true);
+  grow(this, 1.0f, preprune, true, t);
   while (!stack.empty()) {
     frame& f = stack.back();
     if (f.next < f.tree->get_no_childs()) {
       _decision_tree* child = f.tree->get_child(f.next++);
-      grow(child, f.bound, f.counting, f.prunable);  // f is not used past this point
+      grow(child, f.bound, f.counting, f.prunable, f.at);  // f is not used past this point
       continue;
     }
     if (f.counting) settle(f);
     if (prune != nullptr && f.prunable) f.tree->prune_dt_here(prune->cf, prune->coeff);
     float value = f.value;
+    release(f.local);
     stack.pop_back();
     if (!stack.empty() && stack.back().counting) {
       frame& father = stack.back();

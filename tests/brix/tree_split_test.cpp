@@ -392,12 +392,17 @@ struct grown {
   std::vector<w_case> root_order;
 };
 
-grown grow(table* t, bool any_order, int workers) {
+// With local, every node of at least 16 cases scattered over its table copies their orders.
+grown grow(table* t, bool any_order, int workers, bool local = false) {
   std::unique_ptr<w_sequence> cases(t->get_wsubset_all());
   xlogx_table logs(t->get_no_rows());
   options opts;
   opts.logs = &logs;
   opts.any_order = any_order;
+  if (local) {
+    opts.local_min_cases = 16;
+    opts.local_from_bytes = 0;
+  }
   _decision_tree tree;
   tree.build(t, cases.get(), 1, &opts, 2.0f, workers);
   std::unique_ptr<table> meta(t->clone_metadata());
@@ -425,13 +430,44 @@ TEST(TreeOrder, RowOrderBelowTheRootGrowsTheSameTree) {
       data.str());
   grown in_place = grow(t.get(), false, 0);
   EXPECT_GT(in_place.text.size(), 500u);
-  for (int workers : {0, 1, 2}) {
-    grown rows = grow(t.get(), true, workers);
-    EXPECT_EQ(rows.text, in_place.text) << workers << " workers";
-    ASSERT_EQ(rows.root_order.size(), in_place.root_order.size());
-    for (std::size_t i = 0; i < rows.root_order.size(); ++i) {
-      ASSERT_EQ(rows.root_order[i].first, in_place.root_order[i].first) << i;
+  for (bool local : {false, true}) {
+    for (int workers : {0, 1, 2}) {
+      grown rows = grow(t.get(), true, workers, local);
+      EXPECT_EQ(rows.text, in_place.text) << workers << " workers, local " << local;
+      ASSERT_EQ(rows.root_order.size(), in_place.root_order.size());
+      for (std::size_t i = 0; i < rows.root_order.size(); ++i) {
+        ASSERT_EQ(rows.root_order[i].first, in_place.root_order[i].first) << i;
+      }
     }
+  }
+}
+
+TEST(TreeOrder, NodesCopyingTheirOrdersGrowTheSameTree) {
+  // Storage of a bit, one and two bytes and whole case weights; with and without copies,
+  // sequential and on the farm.
+  std::mt19937 gen(5);
+  std::ostringstream data;
+  for (int r = 0; r < 3000; ++r) {
+    int a = static_cast<int>(gen() % 1000), b = static_cast<int>(gen() % 100000);
+    int c = static_cast<int>(gen() % 30);
+    bool e = gen() % 2 == 0;
+    bool cls = (a < 400 && c > 8) || (b > 60000 && e);
+    if (gen() % 8 == 0) cls = !cls;
+    data << a << ',' << b << ',' << c << ',' << (e ? "y" : "n") << ',' << (cls ? "p" : "n") << ','
+         << 1 + gen() % 3 << '\n';
+  }
+  table_files files;
+  auto t = files.loaded(
+      "a,integer,continuous\nb,integer,continuous\nc,string,discrete\ne,string,discrete\n"
+      "k,string,class\nw,float,weights\n",
+      data.str());
+  ASSERT_EQ(t->get_attribute(3)->get_storage(), storage_kind::bit);
+  ASSERT_EQ(t->get_attribute(2)->get_storage(), storage_kind::u8);
+  ASSERT_EQ(t->get_attribute(0)->get_storage(), storage_kind::u16);
+  grown whole = grow(t.get(), true, 0);
+  EXPECT_GT(whole.text.size(), 500u);
+  for (int workers : {0, 2}) {
+    EXPECT_EQ(grow(t.get(), true, workers, true).text, whole.text) << workers << " workers";
   }
 }
 

@@ -39,6 +39,12 @@ void proc::keep_freed_blocks_for_reuse() {
 #endif
 }
 
+void proc::return_freed_blocks() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
+
 unsigned long proc::process_peak_mem() {
   return unavailable;
 }

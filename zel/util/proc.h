@@ -21,6 +21,9 @@ class proc {
   // taken again node after node are faulted in afresh each time. Fixed bounds keep blocks below
   // kMapFrom in the heap for reuse; larger ones (whole columns) are still mapped and returned.
   static void keep_freed_blocks_for_reuse();
+  // Gives the pages of freed heap blocks back to the system: for a phase that drops many
+  // blocks the next phase will not take again at once.
+  static void return_freed_blocks();
   static constexpr int kMapFrom = 32 << 20;
   static constexpr int kTrimFrom = 64 << 20;
 

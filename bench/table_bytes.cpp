@@ -20,20 +20,9 @@ using brix::impls::storage_kind;
 namespace {
 
 unsigned long long column_bytes(column const& c, unsigned long long rows) {
-  switch (c.get_storage()) {
-    case storage_kind::bit:
-      return (rows + 7) / 8;
-    case storage_kind::u8:
-      return rows;
-    case storage_kind::u16:
-      return rows * 2;
-    case storage_kind::u32:
-      return rows * 4;
-    case storage_kind::u64:
-      return rows * 8;
-    default:
-      return 0;
-  }
+  double bytes = brix::impls::storage_bytes(c.get_storage());
+  return bytes < 1 ? (bytes > 0 ? (rows + 7) / 8 : 0)
+                   : rows * static_cast<unsigned long long>(bytes);
 }
 
 unsigned long long set_bytes(brix::impls::o_set& s) {

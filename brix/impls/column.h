@@ -23,6 +23,16 @@ class id_buffer;
 // How a column keeps its rows; hot loops are instantiated once per width.
 enum class storage_kind { none, bit, u8, u16, u32, u64 };
 
+// Bytes a row of each storage (an eighth for a bit).
+constexpr double storage_bytes(storage_kind k) {
+  return k == storage_kind::bit   ? 0.125
+         : k == storage_kind::u8  ? 1
+         : k == storage_kind::u16 ? 2
+         : k == storage_kind::u32 ? 4
+         : k == storage_kind::u64 ? 8
+                                  : 0;
+}
+
 using order_range = zel::util::pair<unsigned long, unsigned long>;
 
 class column {

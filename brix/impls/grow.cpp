@@ -428,23 +428,6 @@ namespace {
 // Copies of at least so many rows give their pages back when dropped.
 constexpr unsigned long kLocalReturn = 16384;
 
-double storage_bytes(storage_kind k) {
-  switch (k) {
-    case storage_kind::bit:
-      return 0.125;
-    case storage_kind::u8:
-      return 1;
-    case storage_kind::u16:
-      return 2;
-    case storage_kind::u32:
-      return 4;
-    case storage_kind::u64:
-      return 8;
-    default:
-      return 0;
-  }
-}
-
 // The orders of the rows of cases, in case order, into to (a column of the same kind and storage
 // on the same value set).
 void gather_orders(column const& from, column& to, w_case const* cases, std::size_t n) {

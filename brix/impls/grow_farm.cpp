@@ -54,8 +54,10 @@ constexpr unsigned kQueuedPerWorker = 2;
 
 // A subtree goes to one worker whole once its node holds at most 1 / (kSubtreeShare · workers)
 // of the rows: pieces enough to balance the workers, and only the few nodes above are split
-// attribute by attribute and distributed by the emitter.
-constexpr unsigned long kSubtreeShare = 16;
+// attribute by attribute and distributed by the emitter. A worker's subtree copies the orders of
+// its cases once they lie scattered (kLocalSparsity); nodes searched attribute by attribute read
+// the whole table, so on two workers the subtrees start where the copies do.
+constexpr unsigned long kSubtreeShare = 4;
 
 enum task_kind { NODE_TASK = 0, ATTRIBUTE_TASK = 1, SUBTREE_TASK = 2, ORDER_TASK = 3 };
 

@@ -354,6 +354,37 @@ struct sorted_copied {  // the cases gathered into the scratch
   float weight_of(std::size_t i) const { return copy[i].second; }
 };
 
+// The stretch of cases moved left since the last evaluated cut, while it holds a single class. No
+// cut inside a run of one class can win, unless the next value block brings another class or
+// carries the left side past its limit.
+struct class_stretch {
+  std::uint32_t cls = 0;
+  bool open = false, pure = true;
+
+  void add(std::uint32_t c) {
+    if (!open) {
+      open = true;
+      pure = true;
+      cls = c;
+    } else if (c != cls) {
+      pure = false;
+    }
+  }
+  // Whether the cut after case i, of left weight left, can be passed over: the block of order
+  // next that follows holds the stretch's class alone and keeps the left side within upper. Sum
+  // is the scan's own arithmetic.
+  template <class Sum, class Order, class Class, class Weight>
+  bool passes(std::size_t i, std::size_t n, std::uint32_t next, Sum left, float upper,
+              Order order_of, Class class_of, Weight weight_of) const {
+    if (!pure) return false;
+    for (std::size_t j = i + 1; j < n && order_of(j) == next; ++j) {
+      if (class_of(j) != cls) return false;
+      left += weight_of(j);
+    }
+    return static_cast<float>(left) <= upper;
+  }
+};
+
 // The best binary cut over n sorted cases.
 template <class Sorted>
 void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsigned long classes,
@@ -388,43 +419,21 @@ void scan_cuts(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsign
   cut_score score{logs, classes, hc, known, unknown};
   float l_weight = 0.0f;
   unsigned long tried = 0, low = 0, high = 0;
-  // The stretch of cases moved left since the last evaluated cut, while it
-  // holds a single class.
-  std::uint32_t stretch_class = 0;
-  bool stretch_open = false, stretch_pure = true;
+  class_stretch stretch;
   for (std::size_t i = first; i + 1 < n; ++i) {
     std::uint32_t c = class_of(i);
     float w = weight_of(i);
     right[c] -= w;
     left[c] += w;
     l_weight += w;
-    if (!stretch_open) {
-      stretch_open = true;
-      stretch_pure = true;
-      stretch_class = c;
-    } else if (c != stretch_class) {
-      stretch_pure = false;
-    }
+    stretch.add(c);
     if (l_weight < m) continue;
     if (l_weight > upper) break;
     std::uint32_t a = order_of(i), a_next = order_of(i + 1);
     if (a == a_next) continue;
     ++tried;
-    if (stretch_pure) {
-      // No cut inside a run of one class can win, unless the next value block
-      // brings another class or carries the left side past its limit.
-      bool same = true;
-      float ahead = l_weight;
-      for (std::size_t j = i + 1; j < n && order_of(j) == a_next; ++j) {
-        if (class_of(j) != stretch_class) {
-          same = false;
-          break;
-        }
-        ahead += weight_of(j);
-      }
-      if (same && ahead <= upper) continue;
-    }
-    stretch_open = false;
+    if (stretch.passes(i, n, a_next, l_weight, upper, order_of, class_of, weight_of)) continue;
+    stretch.open = false;
     if (score.consider(left, right, l_weight)) {
       low = a;
       high = a_next;
@@ -471,39 +480,21 @@ void scan_cuts_whole(std::uint64_t const* packed, std::size_t n, unsigned long c
   cut_score score{logs, classes, hc, known, unknown};
   std::uint32_t l_whole = 0;
   unsigned long tried = 0, low = 0, high = 0;
-  std::uint32_t stretch_class = 0;
-  bool stretch_open = false, stretch_pure = true;
+  class_stretch stretch;
   for (std::size_t i = first; i + 1 < n; ++i) {
     std::uint32_t c = class_of(i);
     std::uint32_t w = weight_of(i);
     moved[c] += w;
     l_whole += w;
-    if (!stretch_open) {
-      stretch_open = true;
-      stretch_pure = true;
-      stretch_class = c;
-    } else if (c != stretch_class) {
-      stretch_pure = false;
-    }
+    stretch.add(c);
     float l_weight = static_cast<float>(l_whole);
     if (l_weight < m) continue;
     if (l_weight > upper) break;
     std::uint32_t a = order_of(i), a_next = order_of(i + 1);
     if (a == a_next) continue;
     ++tried;
-    if (stretch_pure) {
-      bool same = true;
-      std::uint32_t ahead = l_whole;
-      for (std::size_t j = i + 1; j < n && order_of(j) == a_next; ++j) {
-        if (class_of(j) != stretch_class) {
-          same = false;
-          break;
-        }
-        ahead += weight_of(j);
-      }
-      if (same && static_cast<float>(ahead) <= upper) continue;
-    }
-    stretch_open = false;
+    if (stretch.passes(i, n, a_next, l_whole, upper, order_of, class_of, weight_of)) continue;
+    stretch.open = false;
     if (score.consider_whole(moved, total, l_weight)) {
       low = a;
       high = a_next;

@@ -469,6 +469,8 @@ void gather_orders(column const& from, column& to, w_case const* cases, std::siz
 // rows gives what it gave before: the subtree grows exactly as it would on the table t.
 std::unique_ptr<table> localize(table const& t, _decision_node const& node, float min_obj,
                                 options const* opts) {
+  // The root's cases are its caller's, and the model keeps their order: never renumbered.
+  if (node.get_father() == nullptr) return nullptr;
   w_sequence* cases = node.get_all_cases();
   std::size_t n = cases != nullptr ? cases->size() : 0;
   if (opts == nullptr || n < opts->local_min_cases || n * kLocalSparsity > t.get_no_rows())

@@ -392,9 +392,13 @@ struct grown {
   std::vector<w_case> root_order;
 };
 
-// With local, every node of at least 16 cases scattered over its table copies their orders.
-grown grow(table* t, bool any_order, int workers, bool local = false) {
-  std::unique_ptr<w_sequence> cases(t->get_wsubset_all());
+// With local, every node of at least 16 cases scattered over its table copies their orders. With
+// every, the root holds every every-th row only.
+grown grow(table* t, bool any_order, int workers, bool local = false, unsigned every = 1) {
+  std::unique_ptr<w_sequence> cases(new w_sequence());
+  for (unsigned long r = 0; r < t->get_no_rows(); r += every)
+    cases->push_back(r, 1.0f);
+  t->update_weights(cases.get());
   xlogx_table logs(t->get_no_rows());
   options opts;
   opts.logs = &logs;
@@ -464,10 +468,17 @@ TEST(TreeOrder, NodesCopyingTheirOrdersGrowTheSameTree) {
   ASSERT_EQ(t->get_attribute(3)->get_storage(), storage_kind::bit);
   ASSERT_EQ(t->get_attribute(2)->get_storage(), storage_kind::u8);
   ASSERT_EQ(t->get_attribute(0)->get_storage(), storage_kind::u16);
-  grown whole = grow(t.get(), true, 0);
-  EXPECT_GT(whole.text.size(), 500u);
-  for (int workers : {0, 2}) {
-    EXPECT_EQ(grow(t.get(), true, workers, true).text, whole.text) << workers << " workers";
+  for (unsigned every : {1, 9}) {
+    // A root of a ninth of the rows would copy its own cases: they are the caller's.
+    grown whole = grow(t.get(), true, 0, false, every);
+    EXPECT_GT(whole.text.size(), 300u);
+    for (int workers : {0, 2}) {
+      grown local = grow(t.get(), true, workers, true, every);
+      EXPECT_EQ(local.text, whole.text) << workers << " workers, every " << every;
+      ASSERT_EQ(local.root_order.size(), whole.root_order.size());
+      for (std::size_t i = 0; i < whole.root_order.size(); ++i)
+        ASSERT_EQ(local.root_order[i].first, whole.root_order[i].first) << i << " every " << every;
+    }
   }
 }
 

@@ -566,9 +566,9 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     float bound;         // prepruning's bound for the children
     float leaf_error;
     float sum;
-    float value;                   // prepruning's value of the subtree, for the father
-    table* at;                     // the table whose rows its children's cases number
-    std::unique_ptr<table> local;  // at, when the node made a table of its own
+    float value;                             // prepruning's value of the subtree, for the father
+    table* at = nullptr;                     // the table whose rows its children's cases number
+    std::unique_ptr<table> local = nullptr;  // at, when the node made a table of its own
   };
   std::vector<frame> stack;
   std::vector<w_sequence*> parts;
@@ -582,11 +582,9 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     scratch.fit(node->get_cases_count());
     node->split(at, split_type, min_obj, opts, &scratch);
     tree->branch_out(at, opts, scratch, parts, shares, ranges);
-    frame f{tree,  prunable && node->known_fract_ != 0.0f,
-            false, 0,
-            0.0f,  0.0f,
-            0.0f,  0.0f,
-            at,    std::move(local)};
+    frame f{tree, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
+    f.at = at;
+    f.local = std::move(local);
     if (node->status_ == _decision_node::LEAF_NODE) {
       f.value = node->error_;
     } else if (visit) {

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <ostream>
 #include <stdexcept>
+#include <thread>
 
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
@@ -50,6 +51,11 @@ void each_split(_decision_tree const* t, std::vector<bool>& above, F const& f) {
   for (unsigned long i = 0; i < t->get_no_childs(); ++i)
     each_split(t->get_child(i), above, f);
   above[a] = was;
+}
+
+// Threads for classifying a large table: each row's figures are the same on any number.
+int cores() {
+  return static_cast<int>(std::min(8u, std::max(1u, std::thread::hardware_concurrency())));
 }
 
 std::uint64_t splitmix64(std::uint64_t& state) {
@@ -154,12 +160,9 @@ std::vector<double> tree_model::predict_proba(std::vector<std::string> const& va
         std::to_string(t.get_metadata()->get_no_attributes()) + " attributes");
   }
   std::vector<float> dist(t.get_n_classes() + 1, 0.0f);
-  t.get_root()->predict(values, dist, t.get_metadata(), 1.0f);
-  // The shares as prediction sums them in 32-bit floats, so that they equal the figures of the
-  // score file; they add up to 1 up to that rounding.
+  t.distribution(values, dist, 1.0f);
   std::vector<double> p(dist.size() - 1, 0.0);
-  for (std::size_t c = 1; c < dist.size(); ++c)
-    p[c - 1] = dist[c];
+  impls::class_shares(dist, p.data());
   return p;
 }
 
@@ -178,42 +181,32 @@ std::vector<impls::column const*> tree_model::columns_of(table const& t) const {
   return cols;
 }
 
-void tree_model::case_values(std::vector<impls::column const*> const& cols, unsigned long row,
-                             std::vector<std::string>& values) const {
-  impls::table const* meta = impl(*tree_).get_metadata();
-  values.resize(cols.size());
-  for (std::size_t a = 0; a < cols.size(); ++a) {
-    // An unknown value reads as the tree's own unknown text.
-    values[a] = cols[a]->get_row_index(row) == 0 ? meta->get_attribute(a)->get_o_set()->get_null()
-                                                 : cols[a]->get_value(row);
-  }
-}
-
 std::vector<double> tree_model::predict_proba(table const& t, unsigned long row) const {
   if (row >= t.get_no_rows()) bad("row " + std::to_string(row) + " is not in the table");
-  std::vector<std::string> values;
-  case_values(columns_of(t), row, values);
-  return predict_proba(values);
+  std::vector<double> p(impl(*tree_).get_n_classes());
+  impls::table_predictor(impl(*tree_), t.get_impl(), columns_of(t))
+      .probabilities(row, row + 1, p.data(), 1);
+  return p;
 }
 
 std::vector<double> tree_model::predict_proba(table const& t) const {
-  std::vector<impls::column const*> cols = columns_of(t);
-  std::vector<std::string> values;
-  std::vector<double> out;
-  out.reserve(t.get_no_rows() * impl(*tree_).get_n_classes());
-  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
-    case_values(cols, r, values);
-    std::vector<double> p = predict_proba(values);
-    out.insert(out.end(), p.begin(), p.end());
-  }
+  std::vector<double> out(t.get_no_rows() * impl(*tree_).get_n_classes());
+  impls::table_predictor(impl(*tree_), t.get_impl(), columns_of(t))
+      .probabilities(0, t.get_no_rows(), out.data(), cores());
   return out;
 }
 
+namespace {
+// The first class of the largest share wins, as in prediction.
+std::string best_of(impls::decision_tree const& tree, double const* p, std::size_t k) {
+  auto best = std::max_element(p, p + k) - p;
+  return tree.get_class_value(static_cast<unsigned long>(best) + 1);
+}
+}  // namespace
+
 std::string tree_model::predict(table const& t, unsigned long row) const {
   std::vector<double> p = predict_proba(t, row);
-  // The first class of the largest share wins, as in prediction.
-  auto best = std::max_element(p.begin(), p.end()) - p.begin();
-  return impl(*tree_).get_class_value(static_cast<unsigned long>(best) + 1);
+  return best_of(impl(*tree_), p.data(), p.size());
 }
 
 std::vector<std::string> tree_model::predict(table const& t) const {
@@ -221,13 +214,16 @@ std::vector<std::string> tree_model::predict(table const& t) const {
   std::size_t k = impl(*tree_).get_n_classes();
   std::vector<std::string> out;
   out.reserve(t.get_no_rows());
-  for (std::size_t at = 0; at < p.size(); at += k) {
-    auto best =
-        std::max_element(p.begin() + static_cast<long>(at), p.begin() + static_cast<long>(at + k)) -
-        (p.begin() + static_cast<long>(at));
-    out.push_back(impl(*tree_).get_class_value(static_cast<unsigned long>(best) + 1));
-  }
+  for (std::size_t at = 0; at < p.size(); at += k)
+    out.push_back(best_of(impl(*tree_), p.data() + at, k));
   return out;
+}
+
+std::unique_ptr<conf_matrix> tree_model::evaluate(
+    table const& t, std::vector<std::pair<std::string, unsigned long>>* unseen) const {
+  if (t.get_impl()->get_class() == nullptr) bad("the table has no class column");
+  impls::table_predictor p(impl(*tree_), t.get_impl(), columns_of(t));
+  return std::make_unique<conf_matrix>(p.evaluate(cores(), unseen));
 }
 
 std::vector<double> tree_model::attribute_usage() const {

@@ -9,6 +9,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "brix/brix.h"
@@ -54,17 +55,26 @@ class tree_model {
   unsigned long size() const;
   unsigned long depth() const;
 
-  // The class distribution at the leaves a case reaches (the shares prediction sums in 32-bit
-  // floats, which the score file prints; they add up to 1 up to that rounding); a case with an
-  // unknown value follows every branch with a share of its weight. Values: one text per
-  // attribute, "?" for unknown.
+  // Class probabilities: the class distribution at the leaves a case reaches; a case with an
+  // unknown value follows every branch with a share of its weight. Each vector sums to 1 within
+  // 1e-6. The shares are summed in 32-bit floats, as brixcmd's score figures are, and kept as
+  // they are where they sum to 1 within 1e-6; the shares of a case with unknown values may add
+  // up to a little more or less than 1 (children's weights need not add up to their parent's),
+  // and those are divided by their sum. Values: one text per attribute, "?" for unknown.
   std::vector<double> predict_proba(std::vector<std::string> const& values) const;
-  // A row of a table: its columns are matched to the attributes by name.
+  // A row of a table: its columns are matched to the attributes by name; its value sets are its
+  // own (values the tree never saw count as unknown).
   std::vector<double> predict_proba(table const& t, unsigned long row) const;
-  // Every row: rows x classes, row-major.
+  // Every row: rows x classes, row-major; a large table on every core (the figures do not
+  // depend on it).
   std::vector<double> predict_proba(table const& t) const;
   std::string predict(table const& t, unsigned long row) const;
   std::vector<std::string> predict(table const& t) const;
+  // The confusion matrix of a table with a class column, each row counted with its weight, the
+  // columns matched by name. Rows whose class value the tree never saw count as errors; unseen,
+  // when given, receives each such value with the number of rows carrying it.
+  std::unique_ptr<conf_matrix> evaluate(
+      table const& t, std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
 
   // Per attribute: the share of training weight that passes through a node testing it.
   std::vector<double> attribute_usage() const;
@@ -89,8 +99,6 @@ class tree_model {
   explicit tree_model(std::unique_ptr<dtree> tree);
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
-  void case_values(std::vector<impls::column const*> const& cols, unsigned long row,
-                   std::vector<std::string>& values) const;
   std::unique_ptr<dtree> tree_;
 };
 

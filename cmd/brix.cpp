@@ -319,16 +319,22 @@ void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix con
   m.toTEXT(out, 0);
 }
 
-// The confusion matrix of a table's rows whose columns are matched to the tree by name.
-std::unique_ptr<brix::conf_matrix> evaluate(brix::tree_model const& m, brix::table const& t) {
-  brix::impls::decision_tree const& tree = *m.facade().get_impl();
-  auto cells = std::make_unique<brix::impls::conf_matrix>(tree.get_metadata());
-  brix::impls::column const* cls = tree.get_metadata()->get_class();
-  std::vector<std::string> predicted = m.predict(t);
-  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
-    cells->add(cls->get_index(predicted[r].c_str()), cls->get_index(t.get_class(r).c_str()),
-               t.get_weight(r));
-  return std::make_unique<brix::conf_matrix>(cells.release());
+// The confusion matrix of a table's rows whose columns are matched to the tree by name, with a
+// warning for class values the tree never saw: such rows can only count as errors.
+std::unique_ptr<brix::conf_matrix> evaluate(brix::tree_model const& m, brix::table const& t,
+                                            std::string const& name, settings const& s) {
+  std::vector<std::pair<std::string, unsigned long>> unseen;
+  auto matrix = m.evaluate(t, &unseen);
+  if (!unseen.empty() && !s.quiet) {
+    std::ostringstream w;
+    w << "brix: " << name << " has class values the tree never saw, counted as errors:";
+    for (std::size_t i = 0; i < unseen.size(); ++i)
+      w << (i ? ", '" : " '") << unseen[i].first << "' (" << unseen[i].second
+        << (unseen[i].second == 1 ? " row)" : " rows)");
+    progress.clear();
+    std::cerr << w.str() << std::endl;
+  }
+  return matrix;
 }
 
 void warn_past_exact(brix::table const& t, settings const& s) {
@@ -391,7 +397,7 @@ int train(settings const& s) {
     if (is_table_file(s.test)) {
       auto tt = load(s.test, s, true);
       progress.begin("test");
-      test = evaluate(*m, *tt);
+      test = evaluate(*m, *tt, s.test, s);
     } else {
       progress.begin("test");
       test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));

@@ -117,6 +117,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
   std::string message;
   if (!t->set_consistency_for_tree(true, message)) throw std::runtime_error(message);
+  forget_compiled();
   root_.reset();
   meta_.reset(t->clone_metadata());
   root_cases_.reset(cases ? new w_sequence(*cases) : t->get_wsubset_all());
@@ -181,6 +182,7 @@ void decision_tree::prune(table* t) {
   std::string message;
   if (!t->set_consistency_for_tree(true, message)) throw std::runtime_error(message);
   if (!root_) throw std::runtime_error("no unpruned tree");
+  forget_compiled();
   zel::util::cronos timer;
   timer.start();
   if (pruning_strategy_ == C45_PRUNING) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +25,7 @@ class conf_matrix;
 class _decision_tree;
 
 class xlogx_table;
+class compiled_tree;
 
 // Options handed unchanged to the split measures: when flag is set, the
 // penalty of continuous cuts is divided by the number of cases instead of
@@ -245,10 +247,9 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
                                     bool substitute_father);
   std::pair<float, float> prune_c45(table* t, float cf);
 
-  // Adds the weighted class distribution that a case reaches to dist.
-  void predict(std::vector<std::string> const& values, std::vector<float>& dist, table* meta,
-               float weight) const;
-  // The confusion matrix of a table's cases, classified on up to threads threads.
+  // The confusion matrix of a table's cases, classified on up to threads threads; each case
+  // descends with its own weight. The table is the one the tree was grown on, or one with the
+  // same value sets.
   conf_matrix* predict(table* t, w_sequence const* cases, int threads = 1) const;
 
   void toTEXT(table* meta, std::ostream& out, unsigned long level) const;
@@ -301,6 +302,10 @@ class decision_tree {
   table* get_metadata() const { return meta_.get(); }
   conf_matrix* get_prediction() const { return training_.get(); }
 
+  // The class distribution (index 0: the unknown class) a case given as one value text per
+  // attribute reaches with the given weight, added to dist (classes + 1 entries).
+  void distribution(std::vector<std::string> const& values, std::vector<float>& dist,
+                    float weight) const;
   std::pair<unsigned long, float> predict(std::vector<std::string> const& values,
                                           float weight) const;
   std::pair<std::string, float> prediction(std::vector<std::string> const& values,
@@ -322,6 +327,10 @@ class decision_tree {
  private:
   void build(table* t, w_sequence* cases, bool evaluate, int workers, bool pruned,
              std::function<void(char const*)> const& stage = nullptr);
+  // The tree laid out for cases given as value texts, made at the first such case and kept
+  // until the tree changes.
+  compiled_tree const& by_text() const;
+  void forget_compiled();
 
   std::unique_ptr<_decision_tree> root_;
   std::unique_ptr<table> meta_;
@@ -334,6 +343,42 @@ class decision_tree {
   double elapsed_ = 0.0;
   std::string name_;
   std::unique_ptr<w_sequence> root_cases_;  // the cases the root was grown from
+  mutable std::mutex compiled_mutex_;
+  mutable std::shared_ptr<compiled_tree const> by_text_;
+};
+
+// The classes of a distribution of weight 1 (index 0, the unknown class, left out) as shares that
+// sum to 1 within 1e-6: as summed where they do, which keeps them equal to the score file's
+// figures, and divided by their sum where they do not (a case with unknown values reaches shares
+// that, summed in 32-bit floats, may add up to a little more or less than its weight).
+void class_shares(std::vector<float> const& dist, double* out);
+
+// The tree bound to a table whose columns carry its attribute names but whose value sets are its
+// own (another file's, in another order, with values the tree never saw): built once per table,
+// each split node then reads the table's stored orders through a map to the tree's branches, and
+// every row is classified as the same values given as texts would be.
+class table_predictor {
+ public:
+  // cols[a]: the table's column of the tree's attribute a.
+  table_predictor(decision_tree const& tree, table const* t,
+                  std::vector<column const*> const& cols);
+  ~table_predictor();
+  table_predictor(table_predictor const&) = delete;
+  table_predictor& operator=(table_predictor const&) = delete;
+
+  // Rows [from, to), each with weight 1, as class probabilities (the unknown class left out)
+  // that sum to 1: (to - from) x classes, row-major, into out.
+  void probabilities(unsigned long from, unsigned long to, double* out, int threads) const;
+  // Every row of a table with a class column, each counted with its weight. Class values the
+  // tree never saw count as the unknown class; unseen, when given, receives each with the
+  // number of rows carrying it.
+  conf_matrix* evaluate(int threads,
+                        std::vector<std::pair<std::string, unsigned long>>* unseen) const;
+
+ private:
+  decision_tree const& tree_;
+  table const* table_;
+  std::unique_ptr<compiled_tree> compiled_;
 };
 
 }  // namespace impls

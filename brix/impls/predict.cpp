@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <exception>
 #include <ostream>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 
 #include "brix/impls/column_typed.h"
 #include "brix/impls/conf_matrix.h"
@@ -22,65 +24,84 @@ namespace impls {
 
 namespace {
 
-// The side of a continuous test for a value: 0 (not above the threshold),
-// 1 (above), -1 (unknown). The threshold is read once per node.
+// The texts a value set reads and compares, by data type.
+template <class F>
+bool with_typed(o_set* s, F&& f) {
+  if (auto* p = dynamic_cast<o_set_int*>(s)) return f(*p), true;
+  if (auto* p = dynamic_cast<o_set_uint*>(s)) return f(*p), true;
+  if (auto* p = dynamic_cast<o_set_float*>(s)) return f(*p), true;
+  if (auto* p = dynamic_cast<o_set_double*>(s)) return f(*p), true;
+  if (auto* p = dynamic_cast<o_set_string*>(s)) return f(*p), true;
+  return false;
+}
+
+// The side of a continuous test for a value text: 0 (not above the threshold), 1 (above), -1
+// (unknown). The threshold is read once, in the data type of the tree's column.
 class threshold_test {
  public:
-  threshold_test(o_set* values, std::string const& threshold)
-      : values_(values), kind_(values->get_datatype()) {
-    if (kind_ == "integer") {
-      i_ = zel::data_types::datatype<int>::parse(threshold.c_str());
-    } else if (kind_ == "uinteger") {
-      u_ = zel::data_types::datatype<unsigned long>::parse(threshold.c_str());
-    } else if (kind_ == "float") {
-      f_ = zel::data_types::datatype<float>::parse(threshold.c_str());
-    } else {
-      generic_ = true;
-      text_ = threshold;
-    }
-    if (!generic_) {
-      // Orders of values not above the threshold are 1..leq_order_.
-      values->freeze();
-      leq_order_ = count_not_above();
-    }
+  threshold_test(o_set* values, std::string const& threshold) : values_(values), text_(threshold) {
+    with_typed(values, [&](auto& s) {
+      using T = typename std::remove_reference_t<decltype(s)>::traits;
+      kind_ = kind_of(T{});
+      set(T::parse(threshold.c_str()));
+    });
   }
 
   int side_of_text(std::string const& v) const {
-    if (generic_) return values_->leq(v, text_);
     if (values_->is_null_text(v.c_str())) return -1;
-    if (kind_[0] == 'i') return zel::data_types::datatype<int>::parse(v.c_str()) > i_ ? 1 : 0;
-    if (kind_[0] == 'u')
-      return zel::data_types::datatype<unsigned long>::parse(v.c_str()) > u_ ? 1 : 0;
-    return zel::data_types::datatype<float>::parse(v.c_str()) > f_ ? 1 : 0;
+    switch (kind_) {
+      case kind::i:
+        return zel::data_types::datatype<int>::parse(v.c_str()) > i_ ? 1 : 0;
+      case kind::u:
+        return zel::data_types::datatype<unsigned long>::parse(v.c_str()) > u_ ? 1 : 0;
+      case kind::f:
+        return zel::data_types::datatype<float>::parse(v.c_str()) > f_ ? 1 : 0;
+      case kind::d:
+        return zel::data_types::datatype<double>::parse(v.c_str()) > d_ ? 1 : 0;
+      default:
+        return values_->leq(v, text_);
+    }
   }
 
-  int side_of_order(unsigned long order) const {
-    if (order == 0) return -1;
-    if (generic_) return values_->leq(order, text_);
-    return order > leq_order_ ? 1 : 0;
+  // Orders 1..n of a value set of the tree's own data type whose values are not above the
+  // threshold; -1 when the set is of another type.
+  long not_above(o_set* values) const {
+    long n = -1;
+    if (values->get_datatype() != values_->get_datatype()) return n;
+    with_typed(values, [&](auto& s) {
+      using T = typename std::remove_reference_t<decltype(s)>::traits;
+      auto const& v = s.sorted_values();
+      auto bound = T::parse(text_.c_str());
+      n = static_cast<long>(
+          std::upper_bound(v.begin(), v.end(), bound,
+                           [](auto const& a, auto const& b) { return T::less(a, b); }) -
+          v.begin());
+    });
+    return n;
   }
+
+  bool numeric() const { return kind_ != kind::s && kind_ != kind::generic; }
 
  private:
-  template <class X>
-  unsigned long count_in(X bound) const {
-    auto const& v =
-        static_cast<o_set_typed<zel::data_types::datatype<X>>*>(values_)->sorted_values();
-    return static_cast<unsigned long>(std::upper_bound(v.begin(), v.end(), bound) - v.begin());
-  }
-  unsigned long count_not_above() const {
-    if (kind_[0] == 'i') return count_in<int>(i_);
-    if (kind_[0] == 'u') return count_in<unsigned long>(u_);
-    return count_in<float>(f_);
-  }
+  enum class kind { i, u, f, d, s, generic };
+  static kind kind_of(zel::data_types::datatype<int>) { return kind::i; }
+  static kind kind_of(zel::data_types::datatype<unsigned long>) { return kind::u; }
+  static kind kind_of(zel::data_types::datatype<float>) { return kind::f; }
+  static kind kind_of(zel::data_types::datatype<double>) { return kind::d; }
+  static kind kind_of(zel::data_types::datatype<std::string>) { return kind::s; }
+  void set(int v) { i_ = v; }
+  void set(unsigned long v) { u_ = v; }
+  void set(float v) { f_ = v; }
+  void set(double v) { d_ = v; }
+  void set(std::string const&) {}
 
   o_set* values_;
-  std::string kind_;
-  bool generic_ = false;
   std::string text_;
+  kind kind_ = kind::generic;
   int i_ = 0;
   unsigned long u_ = 0;
   float f_ = 0.0f;
-  unsigned long leq_order_ = 0;
+  double d_ = 0.0;
 };
 
 template <class T>
@@ -91,20 +112,66 @@ void const* rd_rows(bit_reader rd) {
   return rd.words;
 }
 
-// A tree laid out for prediction: the column and threshold test of every
-// split node, resolved once against the table whose values are read, and what
-// descending reads of each node copied into one array in preorder, so that a
-// case's path does not chase the scattered node records.
+}  // namespace
+
+// A tree laid out for prediction: what descending reads of each node copied into one array in
+// preorder, so that a case's path does not chase the scattered node records. Cases come either
+// as value texts, read in the tree's own value sets, or as rows of a table, whose column of each
+// split attribute is resolved once with a map from its value orders to the tree's branches.
 class compiled_tree {
  public:
-  compiled_tree(_decision_tree const* root, table* t) : table_(t) {
+  // cols null: cases as texts; otherwise cols[a] is the table's column of attribute a of meta.
+  compiled_tree(_decision_tree const* root, table const* meta,
+                std::vector<column const*> const* cols)
+      : meta_(meta), cols_(cols) {
     std::size_t nodes = root != nullptr ? root->size() : 1;
     entries_.reserve(nodes);  // at once: growing by doubling would hold two copies at its peak
     kids_.reserve(nodes);
+    if (cols != nullptr) branch_maps_.resize(cols->size());
     add(root);
   }
 
-  // Descends with weight w; branch(node) gives the branch taken, or -1.
+  struct entry {
+    column const* col = nullptr;  // the tree's column (texts) or the table's (rows)
+    // The column's stored orders, read without a virtual call a level; none: ask the column.
+    storage_kind kind = storage_kind::none;
+    void const* rows = nullptr;
+    unsigned long order_of(unsigned long row) const {
+      switch (kind) {
+        case storage_kind::bit:
+          return bit_reader{static_cast<std::uint32_t const*>(rows)}(row);
+        case storage_kind::u8:
+          return static_cast<std::uint8_t const*>(rows)[row];
+        case storage_kind::u16:
+          return static_cast<std::uint16_t const*>(rows)[row];
+        case storage_kind::u32:
+          return static_cast<std::uint32_t const*>(rows)[row];
+        case storage_kind::u64:
+          return static_cast<unsigned long>(static_cast<unsigned long long const*>(rows)[row]);
+        default:
+          return col->get_row_index(row);
+      }
+    }
+    std::unique_ptr<threshold_test> test;  // continuous splits of texts
+    // Rows, continuous: orders 1..not_above lie on side 0, unless side_of gives each order's.
+    unsigned long not_above = 0;
+    std::int8_t const* side_of = nullptr;
+    // Rows, discrete: a table order's branch (-1: unknown); null when the orders are the tree's.
+    std::int32_t const* branch_of = nullptr;
+    bool continuous = false;
+    unsigned long att = 0;
+    unsigned long leaf = 0;
+    std::size_t kids = 0;  // the first child's place in kids_
+    std::size_t dist = 0;  // a leaf's class distribution in dists_
+    std::uint32_t n_kids = 0;
+    std::uint32_t dist_size = 0;
+    float cw = 0.0f;  // the node's training weight
+    std::uint8_t status = 0;
+    bool present = false;  // false: a null node
+  };
+
+  // Descends with weight w; branch(node) gives the branch taken, or -1 for an unknown value,
+  // which follows every branch with its weight shared by the branches' training weights.
   template <class Branch>
   void descend(std::size_t at, float w, std::vector<float>& dist, Branch const& branch) const {
     entry const& e = entries_[at];
@@ -136,39 +203,6 @@ class compiled_tree {
     }
   }
 
-  struct entry {
-    column const* col = nullptr;
-    // The column's stored orders, read without a virtual call a level; none: ask the column.
-    storage_kind kind = storage_kind::none;
-    void const* rows = nullptr;
-    unsigned long order_of(unsigned long row) const {
-      switch (kind) {
-        case storage_kind::bit:
-          return bit_reader{static_cast<std::uint32_t const*>(rows)}(row);
-        case storage_kind::u8:
-          return static_cast<std::uint8_t const*>(rows)[row];
-        case storage_kind::u16:
-          return static_cast<std::uint16_t const*>(rows)[row];
-        case storage_kind::u32:
-          return static_cast<std::uint32_t const*>(rows)[row];
-        case storage_kind::u64:
-          return static_cast<unsigned long>(static_cast<unsigned long long const*>(rows)[row]);
-        default:
-          return col->get_row_index(row);
-      }
-    }
-    std::unique_ptr<threshold_test> test;  // continuous splits
-    unsigned long att = 0;
-    unsigned long leaf = 0;
-    std::size_t kids = 0;  // the first child's place in kids_
-    std::size_t dist = 0;  // a leaf's class distribution in dists_
-    std::uint32_t n_kids = 0;
-    std::uint32_t dist_size = 0;
-    float cw = 0.0f;  // the node's training weight
-    std::uint8_t status = 0;
-    bool present = false;  // false: a null node
-  };
-
  private:
   std::size_t add(_decision_tree const* tree) {
     std::size_t at = entries_.size();
@@ -186,20 +220,11 @@ class compiled_tree {
       e.dist_size = static_cast<std::uint32_t>(d.size());
       dists_.insert(dists_.end(), d.begin(), d.end());
     } else if (e.status == _decision_node::SPLIT_NODE) {
-      unsigned long att = n->get_split_attribute_index();
-      column const* col = table_->get_attribute(att);
-      e.att = att;
-      if (col->is_continuous()) {
-        e.col = col;
-        e.test.reset(new threshold_test(col->get_o_set(), n->get_threshold()));
-      } else if (col->is_discrete()) {
-        e.col = col;
-      }
-      if (e.col != nullptr && e.col->get_storage() != storage_kind::none) {
-        e.col->visit([&e](auto rd) {
-          e.rows = rd_rows(rd);
-          e.kind = e.col->get_storage();
-        });
+      e.att = n->get_split_attribute_index();
+      if (cols_ == nullptr) {
+        bind_text(e, n);
+      } else {
+        bind_rows(e, n);
       }
     }
     std::vector<std::size_t> kids;
@@ -211,11 +236,91 @@ class compiled_tree {
     return at;
   }
 
-  table* table_;
+  void bind_text(entry& e, _decision_node const* n) {
+    column const* col = meta_->get_attribute(e.att);
+    if (col->is_continuous()) {
+      e.col = col;
+      e.continuous = true;
+      e.test.reset(new threshold_test(col->get_o_set(), n->get_threshold()));
+    } else if (col->is_discrete()) {
+      e.col = col;
+      col->get_o_set()->freeze();  // orders are then read concurrently
+    }
+  }
+
+  void bind_rows(entry& e, _decision_node const* n) {
+    column const* mine = meta_->get_attribute(e.att);
+    column const* col = (*cols_)[e.att];
+    o_set* values = col->get_o_set();
+    values->freeze();
+    if (mine->is_continuous()) {
+      e.continuous = true;
+      threshold_test test(mine->get_o_set(), n->get_threshold());
+      long not_above = test.not_above(values);
+      if (not_above < 0) not_above = not_above_by_text(test, values);
+      if (not_above >= 0) {
+        e.not_above = static_cast<unsigned long>(not_above);
+      } else {
+        // Values of an unordered type: each order's side from its text.
+        std::vector<std::int8_t> sides(values->size_of_known() + 1, -1);
+        for (unsigned long o = 1; o < sides.size(); ++o)
+          sides[o] = static_cast<std::int8_t>(test.side_of_text(values->get_value(o)));
+        side_maps_.push_back(std::move(sides));
+        e.side_of = side_maps_.back().data();
+      }
+    } else if (mine->is_discrete()) {
+      if (values != mine->get_o_set()) e.branch_of = branch_map(e.att, mine, values);
+    } else {
+      return;
+    }
+    e.col = col;
+    if (col->get_storage() != storage_kind::none) {
+      col->visit([&e, col](auto rd) {
+        e.rows = rd_rows(rd);
+        e.kind = col->get_storage();
+      });
+    }
+  }
+
+  // The count of a numeric value set's orders not above the threshold, reading each value's text
+  // as the tree's type (monotone between numeric types); -1 for other types.
+  static long not_above_by_text(threshold_test const& test, o_set* values) {
+    bool numbers = values->is_dt_numeric() || values->get_datatype() == "double";
+    if (!test.numeric() || !numbers) return -1;
+    unsigned long lo = 0, hi = values->size_of_known();  // the count lies in [lo, hi]
+    while (lo < hi) {
+      unsigned long mid = lo + (hi - lo + 1) / 2;
+      if (test.side_of_text(values->get_value(mid)) == 0) {
+        lo = mid;
+      } else {
+        hi = mid - 1;
+      }
+    }
+    return static_cast<long>(lo);
+  }
+
+  // A table order's branch of a discrete attribute: its value's order in the tree's set, less one;
+  // values the tree never saw (and the unknown value) -1. Made once per attribute.
+  std::int32_t const* branch_map(unsigned long att, column const* mine, o_set* values) {
+    std::vector<std::int32_t>& map = branch_maps_[att];
+    if (map.empty()) {
+      map.assign(values->size_of_known() + 1, -1);
+      for (unsigned long o = 1; o < map.size(); ++o)
+        map[o] = static_cast<std::int32_t>(mine->get_index(values->get_value(o).c_str())) - 1;
+    }
+    return map.data();
+  }
+
+  table const* meta_;
+  std::vector<column const*> const* cols_;
   std::vector<entry> entries_;
   std::vector<std::size_t> kids_;
   std::vector<float> dists_;
+  std::vector<std::vector<std::int32_t>> branch_maps_;
+  std::deque<std::vector<std::int8_t>> side_maps_;  // a deque keeps each map where it is
 };
+
+namespace {
 
 // Fewer cases than this are not worth a thread.
 constexpr std::size_t kParallelPredictCases = 50000;
@@ -239,36 +344,25 @@ struct text_branch {
   }
 };
 
-}  // namespace
-
-void _decision_tree::predict(std::vector<std::string> const& values, std::vector<float>& dist,
-                             table* meta, float weight) const {
-  compiled_tree(this, meta).descend(0, weight, dist, text_branch{values});
-}
-
-conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases, int threads) const {
-  zel::util::cronos timer;
-  timer.start();
-  std::unique_ptr<conf_matrix> m(new conf_matrix(t));
-  compiled_tree tree(this, t);
-  column const* cls = t->get_class();
-  std::size_t n = cases->size();
-  // Cases are classified in parallel chunks; the matrix is then filled in
-  // case order, so that its sums do not depend on the thread count.
-  std::vector<std::uint32_t> predicted(n);
-  auto classify = [&](std::size_t from, std::size_t to) {
-    std::vector<float> dist(cls->get_distinct() + 1);
-    for (std::size_t i = from; i < to; ++i) {
-      unsigned long row = (*cases)[i].first;
-      std::fill(dist.begin(), dist.end(), 0.0f);
-      tree.descend(0, (*cases)[i].second, dist, [&](compiled_tree::entry const& e) -> long {
-        unsigned long order = e.order_of(row);
-        if (e.test) return e.test->side_of_order(order);
-        return static_cast<long>(order) - 1;
-      });
-      predicted[i] = static_cast<std::uint32_t>(best_class(dist));
+// The branch a row of the bound table takes.
+struct row_branch {
+  unsigned long row;
+  long operator()(compiled_tree::entry const& e) const {
+    unsigned long order = e.order_of(row);
+    if (e.continuous) {
+      if (e.side_of != nullptr) return e.side_of[order];
+      if (order == 0) return -1;
+      return order > e.not_above ? 1 : 0;
     }
-  };
+    if (e.branch_of != nullptr) return e.branch_of[order];
+    return static_cast<long>(order) - 1;
+  }
+};
+
+// classify(from, to) over [0, n) in up to threads parallel parts (one for few cases); the first
+// error of a part is rethrown.
+template <class Classify>
+void in_parts(std::size_t n, int threads, Classify const& classify) {
   std::size_t parts =
       threads > 1 && n >= kParallelPredictCases ? static_cast<std::size_t>(threads) : 1;
   std::vector<std::thread> pool;
@@ -292,12 +386,118 @@ conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases, int thre
   for (std::exception_ptr const& e : errors) {
     if (e) std::rethrow_exception(e);
   }
+}
+
+// The confusion matrix of cases of t over the classes of meta. Each case descends with its own
+// weight (training evaluation) or with 1 (test data, as the score file's figures are read); the
+// matrix is filled in case order, so that its sums do not depend on the thread count.
+// actual_of maps t's class orders to meta's (null: the same).
+conf_matrix* confusion(compiled_tree const& tree, table* meta, table const* t,
+                       w_sequence const* cases, bool weighted, int threads,
+                       std::vector<unsigned long> const* actual_of) {
+  zel::util::cronos timer;
+  timer.start();
+  std::unique_ptr<conf_matrix> m(new conf_matrix(meta));
+  std::size_t n_dist = meta->get_class()->get_distinct() + 1;
+  std::size_t n = cases->size();
+  std::vector<std::uint32_t> predicted(n);
+  in_parts(n, threads, [&](std::size_t from, std::size_t to) {
+    std::vector<float> dist(n_dist);
+    for (std::size_t i = from; i < to; ++i) {
+      std::fill(dist.begin(), dist.end(), 0.0f);
+      tree.descend(0, weighted ? (*cases)[i].second : 1.0f, dist, row_branch{(*cases)[i].first});
+      predicted[i] = static_cast<std::uint32_t>(best_class(dist));
+    }
+  });
+  column const* cls = t->get_class();
   for (std::size_t i = 0; i < n; ++i) {
-    m->add(predicted[i], cls->get_row_index((*cases)[i].first), (*cases)[i].second);
+    unsigned long actual = cls->get_row_index((*cases)[i].first);
+    if (actual_of != nullptr) actual = (*actual_of)[actual];
+    m->add(predicted[i], actual, (*cases)[i].second);
   }
   timer.stop();
   m->set_elapsed(timer.get_elapsed());
   return m.release();
+}
+
+}  // namespace
+
+void class_shares(std::vector<float> const& dist, double* out) {
+  double sum = 0.0;
+  for (std::size_t c = 1; c < dist.size(); ++c)
+    sum += dist[c];
+  bool as_summed = std::fabs(sum - 1.0) <= 1e-6;
+  for (std::size_t c = 1; c < dist.size(); ++c)
+    out[c - 1] = as_summed ? dist[c] : sum > 0.0 ? dist[c] / sum : 0.0;
+}
+
+conf_matrix* _decision_tree::predict(table* t, w_sequence const* cases, int threads) const {
+  std::vector<column const*> cols(t->get_no_attributes());
+  for (unsigned long a = 0; a < cols.size(); ++a)
+    cols[a] = t->get_attribute(a);
+  compiled_tree tree(this, t, &cols);
+  return confusion(tree, t, t, cases, true, threads, nullptr);
+}
+
+compiled_tree const& decision_tree::by_text() const {
+  std::lock_guard<std::mutex> lock(compiled_mutex_);
+  if (!by_text_)
+    by_text_ = std::make_shared<compiled_tree const>(root_.get(), meta_.get(), nullptr);
+  return *by_text_;
+}
+
+void decision_tree::forget_compiled() {
+  std::lock_guard<std::mutex> lock(compiled_mutex_);
+  by_text_.reset();
+}
+
+void decision_tree::distribution(std::vector<std::string> const& values, std::vector<float>& dist,
+                                 float weight) const {
+  if (!root_) throw std::runtime_error("Found a null node");
+  by_text().descend(0, weight, dist, text_branch{values});
+}
+
+table_predictor::table_predictor(decision_tree const& tree, table const* t,
+                                 std::vector<column const*> const& cols)
+    : tree_(tree), table_(t) {
+  if (tree.get_root() == nullptr) throw std::runtime_error("Found a null node");
+  compiled_.reset(new compiled_tree(tree.get_root(), tree.get_metadata(), &cols));
+}
+
+table_predictor::~table_predictor() = default;
+
+void table_predictor::probabilities(unsigned long from, unsigned long to, double* out,
+                                    int threads) const {
+  std::size_t k = tree_.get_n_classes();
+  in_parts(to - from, threads, [&](std::size_t a, std::size_t b) {
+    std::vector<float> dist(k + 1);
+    for (std::size_t i = a; i < b; ++i) {
+      std::fill(dist.begin(), dist.end(), 0.0f);
+      compiled_->descend(0, 1.0f, dist, row_branch{from + i});
+      class_shares(dist, out + i * k);
+    }
+  });
+}
+
+conf_matrix* table_predictor::evaluate(
+    int threads, std::vector<std::pair<std::string, unsigned long>>* unseen) const {
+  column const* cls = table_->get_class();
+  if (cls == nullptr) throw std::runtime_error("the data has no class column");
+  column const* mine = tree_.get_metadata()->get_class();
+  std::vector<unsigned long> actual_of(cls->get_distinct() + 1, 0);
+  for (unsigned long o = 1; o < actual_of.size(); ++o)
+    actual_of[o] = mine->get_index(cls->get_o_set()->get_value(o).c_str());
+  std::unique_ptr<w_sequence> all(table_->get_wsubset_all());
+  if (unseen != nullptr) {
+    unseen->clear();
+    std::vector<unsigned long> rows(actual_of.size(), 0);
+    for (w_case const& c : *all)
+      ++rows[cls->get_row_index(c.first)];
+    for (unsigned long o = 1; o < actual_of.size(); ++o)
+      if (actual_of[o] == 0 && rows[o] > 0)
+        unseen->emplace_back(cls->get_o_set()->get_value(o), rows[o]);
+  }
+  return confusion(*compiled_, tree_.get_metadata(), table_, all.get(), false, threads, &actual_of);
 }
 
 conf_matrix* decision_tree::predict(table* t, w_sequence const* cases) const {
@@ -311,7 +511,7 @@ conf_matrix* decision_tree::predict(table* t, w_sequence const* cases) const {
 std::pair<unsigned long, float> decision_tree::predict(std::vector<std::string> const& values,
                                                        float weight) const {
   std::vector<float> dist(get_n_classes() + 1, 0.0f);
-  if (root_) root_->predict(values, dist, meta_.get(), weight);
+  if (root_) distribution(values, dist, weight);
   unsigned long c = best_class(dist);
   return {c, dist[c]};
 }
@@ -339,7 +539,7 @@ conf_matrix* decision_tree::predict(zel::inpout::stream* source, bool delete_str
   timer.start();
   std::unique_ptr<conf_matrix> m(new conf_matrix(meta_.get()));
   if (!root_) throw std::runtime_error("Found a null node");
-  compiled_tree tree(root_.get(), meta_.get());
+  compiled_tree const& tree = by_text();
   unsigned long n = meta_->get_no_attributes();
   column const* cls = meta_->get_class();
   std::vector<std::string> row;
@@ -372,7 +572,7 @@ double decision_tree::evaluate(zel::inpout::stream* source, std::ostream& out, c
   zel::util::cronos timer;
   timer.start();
   if (!root_) throw std::runtime_error("Found a null node");
-  compiled_tree tree(root_.get(), meta_.get());
+  compiled_tree const& tree = by_text();
   // Class texts made once, not per scored row.
   std::vector<std::string> class_names;
   for (unsigned long c = 0; c <= get_n_classes(); ++c)

@@ -415,6 +415,7 @@ ibinstream& operator>>(ibinstream& in, decision_tree& t) {
     checks::damaged("training matrix does not match the class column");
   }
 
+  t.forget_compiled();
   t.root_ = std::move(root);
   t.meta_ = std::move(meta);
   t.training_ = std::move(training);

@@ -82,6 +82,19 @@ class threshold_test {
 
   bool numeric() const { return kind_ != kind::s && kind_ != kind::generic; }
 
+  // The side of a known number read as the tree's type would read its text.
+  int side_of_number(double v) const {
+    switch (kind_) {
+      case kind::i:
+      case kind::u:
+        return v > (kind_ == kind::i ? static_cast<double>(i_) : static_cast<double>(u_)) ? 1 : 0;
+      case kind::f:
+        return static_cast<float>(v) > f_ ? 1 : 0;
+      default:
+        return v > d_ ? 1 : 0;
+    }
+  }
+
  private:
   enum class kind { i, u, f, d, s, generic };
   static kind kind_of(zel::data_types::datatype<int>) { return kind::i; }
@@ -257,7 +270,7 @@ class compiled_tree {
       e.continuous = true;
       threshold_test test(mine->get_o_set(), n->get_threshold());
       long not_above = test.not_above(values);
-      if (not_above < 0) not_above = not_above_by_text(test, values);
+      if (not_above < 0) not_above = not_above_as_numbers(test, values);
       if (not_above >= 0) {
         e.not_above = static_cast<unsigned long>(not_above);
       } else {
@@ -282,21 +295,24 @@ class compiled_tree {
     }
   }
 
-  // The count of a numeric value set's orders not above the threshold, reading each value's text
-  // as the tree's type (monotone between numeric types); -1 for other types.
-  static long not_above_by_text(threshold_test const& test, o_set* values) {
-    bool numbers = values->is_dt_numeric() || values->get_datatype() == "double";
-    if (!test.numeric() || !numbers) return -1;
-    unsigned long lo = 0, hi = values->size_of_known();  // the count lies in [lo, hi]
-    while (lo < hi) {
-      unsigned long mid = lo + (hi - lo + 1) / 2;
-      if (test.side_of_text(values->get_value(mid)) == 0) {
-        lo = mid;
-      } else {
-        hi = mid - 1;
+  // The count of a numeric value set's orders not above the threshold when the set's type is
+  // another numeric one (integers read where the tree has floats): values compared as numbers,
+  // the order of the set being theirs; -1 for other types.
+  static long not_above_as_numbers(threshold_test const& test, o_set* values) {
+    long n = -1;
+    if (!test.numeric() || values->get_datatype() == "string") return n;
+    with_typed(values, [&](auto& s) {
+      using value = typename std::remove_reference_t<decltype(s)>::value_type;
+      if constexpr (std::is_arithmetic_v<value>) {
+        auto const& v = s.sorted_values();
+        n = static_cast<long>(
+            std::partition_point(
+                v.begin(), v.end(),
+                [&](value x) { return test.side_of_number(static_cast<double>(x)) == 0; }) -
+            v.begin());
       }
-    }
-    return static_cast<long>(lo);
+    });
+    return n;
   }
 
   // A table order's branch of a discrete attribute: its value's order in the tree's set, less one;

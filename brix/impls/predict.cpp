@@ -24,7 +24,7 @@ namespace impls {
 
 namespace {
 
-// The texts a value set reads and compares, by data type.
+// Calls f with the typed value set behind s; false for a set of no value type (the null set).
 template <class F>
 bool with_typed(o_set* s, F&& f) {
   if (auto* p = dynamic_cast<o_set_int*>(s)) return f(*p), true;

@@ -28,6 +28,7 @@
 #include "brix/model.h"
 #include "brix/tree_writer.h"
 #include "cmd/brix_import.h"
+#include "zel/inpout/stream.h"
 #include "zel/util/proc.h"
 
 namespace {
@@ -319,22 +320,18 @@ void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix con
   m.toTEXT(out, 0);
 }
 
-// The confusion matrix of a table's rows whose columns are matched to the tree by name, with a
-// warning for class values the tree never saw: such rows can only count as errors.
-std::unique_ptr<brix::conf_matrix> evaluate(brix::tree_model const& m, brix::table const& t,
-                                            std::string const& name, settings const& s) {
-  std::vector<std::pair<std::string, unsigned long>> unseen;
-  auto matrix = m.evaluate(t, &unseen);
-  if (!unseen.empty() && !s.quiet) {
-    std::ostringstream w;
-    w << "brix: " << name << " has class values the tree never saw, counted as errors:";
-    for (std::size_t i = 0; i < unseen.size(); ++i)
-      w << (i ? ", '" : " '") << unseen[i].first << "' (" << unseen[i].second
-        << (unseen[i].second == 1 ? " row)" : " rows)");
-    progress.clear();
-    std::cerr << w.str() << std::endl;
-  }
-  return matrix;
+// A warning for class values of the test data the tree never saw: such rows can only count as
+// errors.
+void warn_unseen(std::string const& name, settings const& s,
+                 std::vector<std::pair<std::string, unsigned long>> const& unseen) {
+  if (unseen.empty() || s.quiet) return;
+  std::ostringstream w;
+  w << "brix: " << name << " has class values the tree never saw, counted as errors:";
+  for (std::size_t i = 0; i < unseen.size(); ++i)
+    w << (i ? ", '" : " '") << unseen[i].first << "' (" << unseen[i].second
+      << (unseen[i].second == 1 ? " row)" : " rows)");
+  progress.clear();
+  std::cerr << w.str() << std::endl;
 }
 
 void warn_past_exact(brix::table const& t, settings const& s) {
@@ -394,14 +391,18 @@ int train(settings const& s) {
   brix::dtree const& tree = m->facade();
   std::unique_ptr<brix::conf_matrix> training(tree.get_prediction()), test, holdout;
   if (!s.test.empty()) {
+    std::vector<std::pair<std::string, unsigned long>> unseen;
     if (is_table_file(s.test)) {
       auto tt = load(s.test, s, true);
       progress.begin("test");
-      test = evaluate(*m, *tt, s.test, s);
+      test = m->evaluate(*tt, &unseen);
     } else {
+      // A stem's test file is read as brixcmd reads it.
       progress.begin("test");
-      test.reset(tree.predict(brix::datasource("FILE#" + s.test + "#,")));
+      test = std::make_unique<brix::conf_matrix>(tree.get_impl()->predict(
+          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#,"), true, &unseen));
     }
+    warn_unseen(s.test, s, unseen);
   }
   if (!held.empty()) {
     progress.begin("holdout test");

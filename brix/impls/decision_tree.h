@@ -312,7 +312,10 @@ class decision_tree {
                                            float weight) const;
   std::pair<std::string, float> prediction(table* t, unsigned long row, float weight) const;
   conf_matrix* predict(table* t, w_sequence const* cases) const;
-  conf_matrix* predict(zel::inpout::stream* source, bool delete_stream) const;
+  // The test rows of a stream; unseen, when given, receives each class value the tree never saw
+  // with the number of rows carrying it.
+  conf_matrix* predict(zel::inpout::stream* source, bool delete_stream,
+                       std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
   double evaluate(zel::inpout::stream* source, std::ostream& out, char separator,
                   bool delete_stream) const;
 

@@ -436,6 +436,18 @@ conf_matrix* confusion(compiled_tree const& tree, table* meta, table const* t,
   return m.release();
 }
 
+// One more row of a class value the tree never saw, values in order of first sight.
+void count_unseen(std::vector<std::pair<std::string, unsigned long>>& unseen,
+                  std::string const& value) {
+  for (auto& u : unseen) {
+    if (u.first == value) {
+      ++u.second;
+      return;
+    }
+  }
+  unseen.emplace_back(value, 1);
+}
+
 }  // namespace
 
 void class_shares(std::vector<float> const& dist, double* out) {
@@ -548,7 +560,9 @@ std::pair<std::string, float> decision_tree::prediction(table* t, unsigned long 
   return prediction(values, weight);
 }
 
-conf_matrix* decision_tree::predict(zel::inpout::stream* source, bool delete_stream) const {
+conf_matrix* decision_tree::predict(
+    zel::inpout::stream* source, bool delete_stream,
+    std::vector<std::pair<std::string, unsigned long>>* unseen) const {
   if (source == nullptr) throw std::runtime_error("no zel::inpout::stream");
   std::unique_ptr<zel::inpout::stream> owned(delete_stream ? source : nullptr);
   zel::util::cronos timer;
@@ -568,6 +582,8 @@ conf_matrix* decision_tree::predict(zel::inpout::stream* source, bool delete_str
       std::fill(dist.begin(), dist.end(), 0.0f);
       tree.descend(0, 1.0f, dist, text_branch{row});
       unsigned long actual = cls->get_index(row[n].c_str());
+      if (actual == 0 && unseen != nullptr && !cls->get_o_set()->is_null_text(row[n].c_str()))
+        count_unseen(*unseen, row[n]);
       float weight = case_weight(row[n + 1].c_str());
       if (!(weight >= 0.0f && std::isfinite(weight)))
         throw std::runtime_error("weight '" + row[n + 1] + "' is not a finite non-negative number");

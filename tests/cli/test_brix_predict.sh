@@ -20,6 +20,13 @@ grep -qxF "brix: golf_test.csv has class values the tree never saw, counted as e
 grep -q "MISCLASSIFICATION on test file: 80% of 5 cases." stdout || fail "test error: $(grep test stdout)"
 brix_run train golf.csv --test golf_test.csv --quiet
 [ -s stderr ] && fail "--quiet still warns: $(cat stderr)"
+# A stem's test file too, read as brixcmd reads it; an unknown class is not a class never seen.
+tail -n +2 golf_test.csv >golf_test.data
+echo "sunny,85,85,FALSE,?" >>golf_test.data
+brix_run train "$EX/golf" --test golf_test.data
+expect_status 0
+grep -qxF "brix: golf_test.data has class values the tree never saw, counted as errors: 'maybe' (2 rows), 'perhaps' (1 row)" stderr ||
+  fail "no warning naming the unseen classes of a stem's test file: $(cat stderr)"
 # Known classes only: no warning.
 head -4 golf_test.csv | grep -v maybe >known.csv
 brix_run train golf.csv --test known.csv

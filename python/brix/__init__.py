@@ -136,9 +136,9 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                     v = np.clip(np.floor(v), 1 - 2.0**31, 2.0**31 - 1)
                 elif len(v) and (v.min() < 1 - 2**31 or v.max() > 2**31 - 1):
                     v = np.clip(v, 1 - 2**31, 2**31 - 1)
-            # Fractions of days need more digits than 32-bit floats hold.
             b.numbers(name, "continuous", {"integer": "integer", "date": "integer",
-                                           "date-fraction": "double"}.get(kind, "float"), v)
+                                           "date-fraction": _fraction_type()}.get(kind, "float"),
+                      v)
         if y is not None:
             b.codes("__class__", "class", y, [self._label_text[c] for c in self.classes_])
         if sample_weight is not None:
@@ -210,6 +210,44 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     def predict(self, X):
         p = self.predict_proba(X)
         return self.classes_[np.argmax(p, axis=1)]
+
+    # ------------------------------------------------------------------ the tree's shape
+
+    def get_depth(self):
+        """Edges on the longest path from the root to a leaf: 0 for a tree of one leaf."""
+        check_is_fitted(self, "_model")
+        return int(self._model.depth) - 1
+
+    def get_n_leaves(self):
+        check_is_fitted(self, "_model")
+        return int(self._model.leaves)
+
+    @property
+    def tree_size_(self):
+        """Nodes in the tree, leaves included."""
+        check_is_fitted(self, "_model")
+        return int(self._model.size)
+
+    def _paths(self, X):
+        check_is_fitted(self, "_model")
+        return self._model.paths(self._table(_dense(X)))
+
+    def apply(self, X):
+        """Per sample, the number of the leaf it reaches; nodes are numbered in preorder from the
+        root (0), children in branch order, as decision_path's columns. A sample with an unknown
+        value at a split (or a value the tree never saw there) follows every branch with a share
+        of its weight, as predict_proba does: its leaf is then the one receiving the largest
+        share, the lowest numbered of equal shares."""
+        return self._paths(X)[2]
+
+    def decision_path(self, X):
+        """A sparse indicator matrix of shape (n_samples, tree_size_): (i, j) is 1 when sample i
+        reaches node j. A sample that follows every branch of a split marks every node it
+        reaches, so its row can hold several leaves."""
+        from scipy.sparse import csr_matrix
+        starts, nodes, _ = self._paths(X)
+        return csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, starts),
+                          shape=(len(starts) - 1, self.tree_size_))
 
     @property
     def feature_importances_(self):
@@ -332,6 +370,23 @@ def _numbers(col, name=""):
             return col.to_numpy(dtype=float, na_value=np.nan)
         col = col.to_numpy(dtype=object)
     return _as_float(np.where(_unknown(col), np.nan, col) if col.dtype == object else col, name)
+
+
+_FRACTION_TYPE = []
+
+
+def _fraction_type():
+    """Fractions of days need more digits than 32-bit floats hold (near 2020 they lie about 3
+    minutes apart): 64-bit where the library's continuous columns take them, else 32-bit."""
+    if not _FRACTION_TYPE:
+        b = _core.TableBuilder()
+        try:
+            b.numbers("t", "continuous", "double", np.zeros(1))
+            b.build(False)
+            _FRACTION_TYPE.append("double")
+        except ValueError:
+            _FRACTION_TYPE.append("float")
+    return _FRACTION_TYPE[0]
 
 
 def _days(col):

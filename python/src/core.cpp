@@ -4,6 +4,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <sstream>
@@ -167,6 +168,23 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("classes", &brix::tree_model::classes)
       .def_property_readonly("attributes", &brix::tree_model::attributes)
       .def_property_readonly("size", &brix::tree_model::size)
+      .def_property_readonly("depth", &brix::tree_model::depth)
+      .def_property_readonly("leaves", &brix::tree_model::leaves)
+      // (starts, nodes, leaves) as arrays, for decision_path's CSR matrix and apply.
+      .def("paths",
+           [](brix::tree_model const& model, brix::table const& t) {
+             brix::tree_model::node_paths p;
+             {
+               py::gil_scoped_release release;
+               p = model.paths(t);
+             }
+             auto array = [](std::vector<unsigned long> const& v) {
+               py::array_t<std::int64_t> a(static_cast<py::ssize_t>(v.size()));
+               std::copy(v.begin(), v.end(), a.mutable_data());
+               return a;
+             };
+             return py::make_tuple(array(p.starts), array(p.nodes), array(p.leaves));
+           })
       .def("attribute_usage", &brix::tree_model::attribute_usage)
       .def("importance", &brix::tree_model::importance)
       .def("predict_proba",

@@ -712,27 +712,27 @@ std::function<void(impls::value_loader&, std::size_t)> number_feed(void const* d
   return [v, mask](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), mask[r]); };
 }
 
-// Codes go to the loader as their category's text, met once per category: the loader then
-// sees exactly what it sees reading the same texts from a file.
+// Each category's text goes to the loader once, when its code is first met (so that unused
+// categories stay out of the value set); rows then pass its id: the loader registers exactly what
+// it registers reading the same texts from a file.
 template <class T>
 std::function<void(impls::value_loader&, std::size_t)> code_feed(
     void const* data, std::vector<std::string> const& categories, std::string const& name) {
+  constexpr std::uint32_t kUnset = ~0u;
   T const* c = static_cast<T const*>(data);
-  std::vector<char const*> texts;
-  texts.reserve(categories.size());
-  for (auto const& t : categories)
-    texts.push_back(t.c_str());
-  return [c, texts = std::move(texts), &name](impls::value_loader& l, std::size_t r) {
+  std::size_t n = categories.size();
+  // Slot n: the unknown value.
+  return [c, n, &categories, &name, ids = std::vector<std::uint32_t>(n + 1, kUnset)](
+             impls::value_loader& l, std::size_t r) mutable {
     T code = c[r];
-    if (code < 0) {
-      l.add("?");
-    } else if (static_cast<std::uint64_t>(code) < texts.size()) {
-      l.add(texts[static_cast<std::size_t>(code)]);
-    } else {
+    std::size_t k = code < 0 ? n : static_cast<std::size_t>(code);
+    if (code >= 0 && static_cast<std::uint64_t>(code) >= n)
       throw std::runtime_error("column '" + name + "', row " + std::to_string(r) + ": code " +
                                std::to_string(static_cast<long long>(code)) + " past the last of " +
-                               std::to_string(texts.size()) + " categories");
-    }
+                               std::to_string(n) + " categories");
+    std::uint32_t& id = ids[k];
+    if (id == kUnset) id = l.text_id(k == n ? "?" : categories[k].c_str());
+    l.add_id(id);
   };
 }
 

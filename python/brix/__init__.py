@@ -153,6 +153,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     # ------------------------------------------------------------------ estimator
 
     def fit(self, X, y, sample_weight=None):
+        import pandas as pd
         if self.pruning not in ("error", "full", "none"):
             raise ValueError("pruning must be 'error', 'full' or 'none'")
         if y is None:
@@ -173,14 +174,22 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             what = "Input y contains NaN" if y.dtype.kind == "f" else "Input y has unknown values"
             raise ValueError(f"{what}: column '{y_name}' holds {unknown} unknown class "
                              f"value{'s' if unknown > 1 else ''} (drop those rows)")
-        check_classification_targets(y)
         if len(y) != (len(X) if _is_frame(X) else np.shape(X)[0]):
             raise ValueError("X and y have different numbers of samples")
+        # Hashed, then only the distinct labels sorted: np.unique sorts every label.
+        codes, uniques = pd.factorize(y)
+        uniques = np.asarray(uniques, dtype=y.dtype)
         try:
-            self.classes_, codes = np.unique(y, return_inverse=True)
+            order = np.argsort(uniques, kind="stable")
         except TypeError:
             raise ValueError(f"class column '{y_name}' mixes values that do not compare "
-                             f"(such as numbers and texts): {sorted({type(v).__name__ for v in y})}")
+                             f"(such as numbers and texts): "
+                             f"{sorted({type(v).__name__ for v in uniques})}")
+        self.classes_ = uniques[order]
+        check_classification_targets(self.classes_)
+        rank = np.empty(len(order), dtype=np.int64)
+        rank[order] = np.arange(len(order))
+        codes = rank[codes]
         self._label_text = {c: _text(c) for c in self.classes_}
         if len(set(self._label_text.values())) != len(self.classes_):
             raise ValueError("class labels must differ as text")
@@ -296,8 +305,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         clf = cls()
         clf._model = model
         texts = list(desc["classes"])
-        clf.classes_ = _labels_from_texts(texts)
-        clf._label_text = dict(zip(clf.classes_, texts))
+        labels = _labels_from_texts(texts)
+        clf._label_text = dict(zip(labels, texts))
+        # Numbers in their own order, as fit's np.unique gives them; texts stay in the model's.
+        clf.classes_ = labels[np.argsort(labels, kind="stable")] if labels.dtype != object else \
+            labels
         clf.n_features_in_ = len(desc["attributes"])
         clf.feature_names_in_ = np.asarray([a["name"] for a in desc["attributes"]], dtype=object)
         clf._kinds = {a["name"]: "discrete" if a["kind"] == "discrete" else

@@ -192,7 +192,8 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         codes = rank[codes]
         self._label_text = {c: _text(c) for c in self.classes_}
         if len(set(self._label_text.values())) != len(self.classes_):
-            raise ValueError("class labels must differ as text")
+            raise ValueError(f"class column '{y_name}' holds labels that differ but read as the "
+                             "same text (such as 1 and '1'); make them one type")
         total = (float(np.asarray(sample_weight, dtype=float).sum()) if sample_weight is not None
                  else float(len(y)))
         if total > 2.0**24:
@@ -335,6 +336,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                 with open(p, "wb") as f:
                     f.write(model)
                 state["_model"] = _core.Model.load(p)
+        kinds = state.get("_kinds")
+        if isinstance(kinds, list):
+            # Pickled by a version that kept kinds by column position.
+            names = state.get("feature_names_in_", [f"x{i}" for i in range(len(kinds))])
+            state["_kinds"] = dict(zip((str(n) for n in names), kinds))
         self.__dict__.update(state)
 
     def _more_tags(self):

@@ -151,3 +151,26 @@ def test_paths_agree_with_the_tree_on_a_real_table():
     assert paths[known].sum(axis=1).max() <= clf.get_depth() + 1
     # Nodes no row passes on from are leaves; every leaf holds training rows here.
     assert len(np.unique(leaves)) <= clf.get_n_leaves() < clf.tree_size_
+
+
+@pytest.mark.parametrize("X,y,Xt,leaves", [
+    # Integer thresholds read fractions and values past 32 bits on their side.
+    ([[1], [2], [3], [4]], [0, 0, 1, 1], [[1.5], [2], [2.5], [3], [1e12], [-1e12], [np.nan]],
+     [1, 1, 1, 2, 2, 1, 1]),
+    ([[0.5], [1.5], [2.5], [3.5]], [0, 0, 1, 1], [[1.5], [1.50001], [-7], [9], [np.nan]],
+     [1, 2, 1, 2, 1]),
+], ids=["integer", "float"])
+def test_apply_reads_thresholds_in_the_values_of_the_table_given(X, y, Xt, leaves):
+    clf = brix.TreeClassifier(min_cases=1.01).fit(np.asarray(X), y)
+    assert clf.tree_size_ == 3
+    assert list(clf.apply(np.asarray(Xt, dtype=float))) == leaves
+
+
+def test_rows_of_one_leaf_share_its_prediction():
+    X, y, _ = read_stem(os.path.join(os.path.dirname(__file__), "..", "..", "examples", "iris"))
+    clf = brix.TreeClassifier().fit(X, y)
+    Xt = X + np.random.default_rng(3).normal(0, 0.3, X.shape)  # values the tree never saw
+    leaves, proba = clf.apply(Xt), clf.predict_proba(Xt)
+    assert len(np.unique(leaves)) > 2
+    for leaf in np.unique(leaves):
+        assert (proba[leaves == leaf] == proba[leaves == leaf][0]).all()

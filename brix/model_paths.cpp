@@ -105,8 +105,20 @@ unsigned long tree_model::leaves() const {
 
 tree_model::node_paths tree_model::paths(table const& t) const {
   impls::decision_tree const& dt = *tree_->get_impl();
-  std::vector<impls::column const*> cols = columns_of(t);
-  flat_tree flat(dt.get_root(), dt.get_metadata(), cols);
+  // The table's column for each attribute, by name.
+  impls::table const* meta = dt.get_metadata();
+  impls::table const& tab = *t.get_impl();
+  std::vector<impls::column const*> cols;
+  for (unsigned long a = 0; a < meta->get_no_attributes(); ++a) {
+    std::string const& name = meta->get_attribute(a)->get_name();
+    impls::column const* col = nullptr;
+    for (unsigned long i = 0; i < tab.get_loaded_columns() && col == nullptr; ++i)
+      if (tab.get_column(i)->get_name() == name) col = tab.get_column(i);
+    if (col == nullptr)
+      throw std::invalid_argument("[brix::tree_model] the table has no column '" + name + "'");
+    cols.push_back(col);
+  }
+  flat_tree flat(dt.get_root(), meta, cols);
   std::vector<node_entry> const& nodes = flat.nodes();
   node_paths out;
   unsigned long rows = t.get_no_rows();

@@ -19,6 +19,7 @@
 #include <set>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 
 #include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
@@ -638,15 +639,104 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   return t;
 }
 
+namespace {
+// Where a builder's column takes its values from: a copied list, or an array read in place.
+enum class source { numbers, texts, f64, f32, i64, i32, c8, c16, c32, c64 };
+}  // namespace
+
+// A column as given: copied value lists, or an array read in place (numbers or codes).
 struct table_builder::column_values {
+  column_values(std::string n, column_kind k, value_type t, source f)
+      : name(std::move(n)), kind(k), type(t), from(f) {}
   std::string name;
   column_kind kind;
   value_type type;
   std::vector<double> numbers;
   std::vector<std::string> texts;
   std::vector<bool> known;
-  std::size_t size() const { return type == value_type::string ? texts.size() : numbers.size(); }
+  source from;
+  void const* data = nullptr;  // in place: the caller's array, span values
+  std::size_t span = 0;
+  bool const* mask = nullptr;
+  std::vector<std::string> categories;
+  std::size_t size() const {
+    switch (from) {
+      case source::numbers:
+        return numbers.size();
+      case source::texts:
+        return texts.size();
+      default:
+        return span;
+    }
+  }
 };
+
+namespace {
+
+void refuse(std::string const& name, std::string const& what) {
+  throw std::invalid_argument("[brix::table_builder] column '" + name + "': " + what);
+}
+
+void check_known(std::string const& name, std::size_t flags, std::size_t values) {
+  if (flags != 0 && flags != values)
+    refuse(name, std::to_string(flags) + " known flags for " + std::to_string(values) + " values");
+}
+
+void check_text_kind(std::string const& name, column_kind kind) {
+  if (kind == column_kind::continuous || kind == column_kind::weights)
+    refuse(name, "a " + keyword(kind) + " column needs numbers");
+}
+
+template <class T>
+constexpr source number_source() {
+  if constexpr (std::is_same<T, double>::value) return source::f64;
+  if constexpr (std::is_same<T, float>::value) return source::f32;
+  if constexpr (std::is_same<T, std::int64_t>::value) return source::i64;
+  return source::i32;
+}
+template <class T>
+constexpr source code_source() {
+  if constexpr (sizeof(T) == 1) return source::c8;
+  if constexpr (sizeof(T) == 2) return source::c16;
+  if constexpr (sizeof(T) == 4) return source::c32;
+  return source::c64;
+}
+
+// The loader's feed for one row of an array read in place.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> number_feed(void const* data,
+                                                                   bool const* mask) {
+  T const* v = static_cast<T const*>(data);
+  if (mask == nullptr)
+    return [v](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), true); };
+  return [v, mask](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), mask[r]); };
+}
+
+// Each category's text goes to the loader once, when its code is first met (so that unused
+// categories stay out of the value set); rows then pass its id: the loader registers exactly what
+// it registers reading the same texts from a file.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> code_feed(
+    void const* data, std::vector<std::string> const& categories, std::string const& name) {
+  constexpr std::uint32_t kUnset = ~0u;
+  T const* c = static_cast<T const*>(data);
+  std::size_t n = categories.size();
+  // Slot n: the unknown value.
+  return [c, n, &categories, &name, ids = std::vector<std::uint32_t>(n + 1, kUnset)](
+             impls::value_loader& l, std::size_t r) mutable {
+    T code = c[r];
+    std::size_t k = code < 0 ? n : static_cast<std::size_t>(code);
+    if (code >= 0 && static_cast<std::uint64_t>(code) >= n)
+      throw std::runtime_error("column '" + name + "', row " + std::to_string(r) + ": code " +
+                               std::to_string(static_cast<long long>(code)) + " past the last of " +
+                               std::to_string(n) + " categories");
+    std::uint32_t& id = ids[k];
+    if (id == kUnset) id = l.text_id(k == n ? "?" : categories[k].c_str());
+    l.add_id(id);
+  };
+}
+
+}  // namespace
 
 table_builder::table_builder(std::string name) : name_(std::move(name)) {}
 table_builder::~table_builder() = default;
@@ -654,29 +744,94 @@ table_builder::~table_builder() = default;
 table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
                                           value_type type, std::vector<double> const& values,
                                           std::vector<bool> const& known) {
-  if (type == value_type::string)
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': numbers of type string");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, type, values, {}, known});
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, type, source::numbers);
+  columns_.back().numbers = values;
+  columns_.back().known = known;
   return *this;
 }
 
 table_builder& table_builder::add_strings(std::string const& name, column_kind kind,
                                           std::vector<std::string> const& values,
                                           std::vector<bool> const& known) {
-  if (kind == column_kind::continuous || kind == column_kind::weights)
-    throw std::invalid_argument("[brix::table_builder] column '" + name + "': a " + keyword(kind) +
-                                " column needs numbers");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, value_type::string, {}, values, known});
+  check_text_kind(name, kind);
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, value_type::string, source::texts);
+  columns_.back().texts = values;
+  columns_.back().known = known;
   return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_span(std::string const& name, column_kind kind, value_type type,
+                                       T const* values, std::size_t n, bool const* known) {
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  if (values == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " values");
+  column_values c(name, kind, type, number_source<T>());
+  c.data = values;
+  c.span = n;
+  c.mask = known;
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_code_span(std::string const& name, column_kind kind,
+                                            T const* codes, std::size_t n,
+                                            std::vector<std::string> categories) {
+  check_text_kind(name, kind);
+  if (codes == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " codes");
+  std::set<std::string_view> seen;
+  for (auto const& t : categories)
+    if (!seen.insert(t).second) refuse(name, "category '" + t + "' given twice");
+  column_values c(name, kind, value_type::string, code_source<T>());
+  c.data = codes;
+  c.span = n;
+  c.categories = std::move(categories);
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, double const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, float const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int64_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int32_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int8_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int16_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int32_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int64_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
 }
 
 std::unique_ptr<table> table_builder::build(bool require_class) {
@@ -705,15 +860,42 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
       bad("column '" + c.name + "': " + e.what());
     }
     column_values const* v = &c;
-    if (c.type == value_type::string) {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        bool known = v->known.empty() || v->known[r];
-        l.add(known ? v->texts[r].c_str() : "?");
-      });
-    } else {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
-      });
+    switch (c.from) {
+      case source::texts:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          bool known = v->known.empty() || v->known[r];
+          l.add(known ? v->texts[r].c_str() : "?");
+        });
+        break;
+      case source::numbers:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
+        });
+        break;
+      case source::f64:
+        put.push_back(number_feed<double>(c.data, c.mask));
+        break;
+      case source::f32:
+        put.push_back(number_feed<float>(c.data, c.mask));
+        break;
+      case source::i64:
+        put.push_back(number_feed<std::int64_t>(c.data, c.mask));
+        break;
+      case source::i32:
+        put.push_back(number_feed<std::int32_t>(c.data, c.mask));
+        break;
+      case source::c8:
+        put.push_back(code_feed<std::int8_t>(c.data, c.categories, c.name));
+        break;
+      case source::c16:
+        put.push_back(code_feed<std::int16_t>(c.data, c.categories, c.name));
+        break;
+      case source::c32:
+        put.push_back(code_feed<std::int32_t>(c.data, c.categories, c.name));
+        break;
+      case source::c64:
+        put.push_back(code_feed<std::int64_t>(c.data, c.categories, c.name));
+        break;
     }
   }
   try {

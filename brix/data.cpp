@@ -457,8 +457,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     // Dates are read whatever number type is asked for (the type of a training column may be
     // passed on to its test file).
     auto t = opts.types.find(p.names[j]);
-    bool date_type = t == opts.types.end() || t->second == value_type::integer ||
-                     t->second == value_type::float64;
+    bool date_type = t == opts.types.end() || t->second != value_type::string;
     if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
       shapes[j].all_date = false;
   }

@@ -297,6 +297,15 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   std::vector<brix::impls::column*> from;
   std::vector<column_text> cols;
   for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    // brixcmd's continuous columns are at most 32-bit.
+    if (c->is_continuous() && c->get_o_set()->get_datatype() == "double")
+      throw std::runtime_error("column '" + c->get_name() +
+                               "': continuous doubles (dates with times, --type " + c->get_name() +
+                               "=double) cannot be declared to brixcmd; --type " + c->get_name() +
+                               "=float reads it as brixcmd can");
+  }
+  for (std::size_t j = 0; j < k; ++j) {
     from.push_back(t.get_column(j));
     cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
   }

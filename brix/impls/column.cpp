@@ -49,7 +49,7 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
     error = "Continuous column '" + name + "' requires a numeric data type";
     return nullptr;
   }
-  if (kind == WEIGHTS && !numeric) {
+  if (kind == WEIGHTS && (!numeric || values->get_datatype() == "double")) {
     error = "Weights column '" + name + "' requires a non-negative numeric data type";
     return nullptr;
   }

@@ -409,7 +409,8 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     p.names[0] = kRowNames;
     if (opts.warnings)
       *opts.warnings << "File " << path << ": the first column has no name; taken as row names"
-                     << " and ignored" << std::endl;
+                     << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
+                     << std::endl;
   }
   std::set<std::string> seen;
   for (auto const& n : p.names) {

@@ -516,6 +516,18 @@ int predict(settings const& s) {
   progress.begin("load model");
   auto m = brix::tree_model::load(s.args[0]);
   auto t = load(s.args[1], s, false);
+  // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
+  if (!s.id.empty() && !s.kinds.count(s.id)) {
+    brix::impls::table const& i = *t->get_impl();
+    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
+      if (i.get_column(c)->get_name() == s.id && i.get_column(c)->is_ignore()) {
+        settings again = s;
+        again.kinds[s.id] = brix::column_kind::discrete;
+        again.quiet = true;  // the warnings were given
+        t = load(s.args[1], again, false);
+        break;
+      }
+  }
   progress.begin("predict");
   std::vector<double> all = m->predict_proba(*t);
   progress.begin("write");

@@ -16,6 +16,11 @@ expect_grep '^thickness <= 6 : benign'
 grep -q 'row names' "$WORK/stdout" && fail "the row names are used"
 brix_run check "$DATA/r_write_csv.csv"
 expect_status 0
+"$BRIX" train "$DATA/r_write_csv.csv" --quiet --model r.bt >/dev/null
+brix_run predict r.bt "$DATA/r_write_csv.csv" --id "(row names)"
+expect_status 0
+expect_line 1 '^\(row names\),predicted$'
+expect_line 15 '^14,malignant$'
 # The same table for brixcmd, which grows the same tree.
 brix_run import "$DATA/r_write_csv.csv" --to r --quiet
 expect_status 0

@@ -75,8 +75,7 @@ class o_set {
   std::string const& get_datatype() const { return datatype_; }
   bool is_dt_null() const { return datatype_ == "null"; }
   bool is_dt_numeric() const {
-    return datatype_ == "integer" || datatype_ == "uinteger" || datatype_ == "float" ||
-           datatype_ == "double";
+    return datatype_ == "integer" || datatype_ == "uinteger" || datatype_ == "float";
   }
   bool is_null_text(char const* v) const {
     return v[0] == null_[0] && std::strcmp(v, null_.c_str()) == 0;

@@ -278,21 +278,30 @@ void refuse_separator(std::string const& data, settings const& s) {
     throw usage_error("--sep applies to CSV/TSV files and .names/.data stems, not to " + data);
 }
 
-// A refused CSV file that another separator splits evenly: the error says which.
-[[noreturn]] void rethrow_with_separator_hint(std::string const& data, settings const& s,
-                                              std::runtime_error const& e) {
+// "the lines split evenly at ...: --sep ... reads it" when a CSV file is better read with another
+// separator than the one used; empty otherwise.
+std::string separator_hint(std::string const& data, settings const& s) {
   auto ends = [&data](std::string const& tail) {
     return data.size() > tail.size() &&
            data.compare(data.size() - tail.size(), tail.size(), tail) == 0;
   };
+  if (!is_table_file(data) || ends(".arff") || ends(".arff.gz")) return "";
   char sep = s.separator != 0 ? s.separator : ends(".tsv") || ends(".tsv.gz") ? '\t' : ',';
-  char better = is_table_file(data) ? brix::better_separator(data, sep) : 0;
-  if (better == 0) throw e;
-  throw std::runtime_error(std::string(e.what()) + " (the lines split evenly at " +
-                           (better == '\t' ? std::string("tabs: --sep tab")
-                                           : "'" + std::string(1, better) + "': --sep '" +
-                                                 std::string(1, better) + "'") +
-                           " reads it)");
+  char better = brix::better_separator(data, sep);
+  if (better == 0) return "";
+  return "the lines split evenly at " +
+         (better == '\t'
+              ? std::string("tabs: --sep tab")
+              : "'" + std::string(1, better) + "': --sep '" + std::string(1, better) + "'") +
+         " reads it";
+}
+
+// A refused CSV file that another separator splits evenly: the error says which.
+[[noreturn]] void rethrow_with_separator_hint(std::string const& data, settings const& s,
+                                              std::runtime_error const& e) {
+  std::string hint = separator_hint(data, s);
+  if (hint.empty()) throw e;
+  throw std::runtime_error(std::string(e.what()) + " (" + hint + ")");
 }
 
 void refuse_overrides(std::string const& stem, settings const& s) {
@@ -328,6 +337,11 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
   }
   progress.end();
   std::cerr << warnings.str();
+  // One column read where another separator finds several: the file read is not the one meant.
+  if (!s.quiet && t->get_impl()->get_loaded_columns() == 1) {
+    std::string hint = separator_hint(data, s);
+    if (!hint.empty()) std::cerr << "File " << data << ": one column only; " << hint << std::endl;
+  }
   return t;
 }
 

@@ -49,6 +49,10 @@ expect_status 0
 brix_run predict s.bt "$DATA/semicolon.csv" --sep ';'
 expect_status 0
 expect_line_count 15
+printf 'a;b;c\n1;2;x\n3;4;y\n' >plain.csv
+brix_run train plain.csv
+expect_grep "plain.csv: one column only; the lines split evenly at ';': --sep ';' reads it" \
+  "$WORK/stderr"
 tr ',' '\t' <"$EX/iris.csv" >iris_tabs.txt
 brix_run train iris_tabs.txt --sep tab
 expect_status 0

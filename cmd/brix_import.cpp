@@ -41,14 +41,16 @@ char const* const kImportHelp =
     "',' brixcmd needs -sep. Standard error lists the columns, the separator and every change\n"
     "made to values (--quiet: nothing). The files are written whole or not at all.\n";
 
-char const* const kCheckSynopsis = "brix check STEM|DATA [--class NAME]";
+char const* const kCheckSynopsis = "brix check STEM|DATA [--class NAME] [--sep C]";
 char const* const kCheckHelp =
     "Lists every problem of a .names/.data stem (and its .test) or a CSV/TSV file, one line\n"
     "each (FILE:LINE: column N 'name': ...), then a summary: byte order marks, blank lines, a\n"
     "header row in .data, rows with the wrong number of fields, unclosed quotes, unknown class\n"
     "values, numbers a column's type refuses, quotes kept in values, blanks around values,\n"
-    "values that differ only in case or blanks, columns with one value only. Exit status 0\n"
-    "when there is none, 1 otherwise.\n";
+    "values that differ only in case or blanks, columns with one value only, columns whose\n"
+    "values all differ (IDs), a class with nearly a value a row or of fractional numbers, and\n"
+    "another separator that splits the lines evenly. Exit status 0 when there is none, 1\n"
+    "otherwise.\n";
 
 bool is_table_file(std::string const& p) {
   for (std::string tail :
@@ -1069,8 +1071,9 @@ int check_arff(std::string const& path, std::string const& class_column, problem
     rows = brix::read_arff(path, o)->get_no_rows();
     // The reader's warnings on columns are problems here.
     std::istringstream lines(warnings.str());
+    std::string const prefix = "File " + path + ", ";
     for (std::string line; std::getline(lines, line);)
-      p.add(f, 0, line);
+      p.add(f, 0, line.compare(0, prefix.size(), prefix) == 0 ? line.substr(prefix.size()) : line);
   } catch (std::runtime_error const& e) {
     p.add(f, 0, e.what());
   }

@@ -161,6 +161,9 @@ class markers {
 // Cells holding an unknown-value marker point here.
 char const* const kUnknown = "?";
 
+// The name given to a first column without one.
+char const* const kRowNames = "(row names)";
+
 struct parsed {
   std::vector<std::string> names;
   std::vector<char const*, huge_allocator<char const*>> cells;  // row-major, names.size() a row
@@ -305,6 +308,92 @@ bool is_number(char const* s, double& v) {
   return r.ec == std::errc() && r.ptr == e && e != s && !std::isnan(v);
 }
 
+// Fixed-width digits of an ISO date or time; false on anything else.
+bool digits(char const* s, int n, int& v) {
+  v = 0;
+  for (int i = 0; i < n; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+    v = v * 10 + (s[i] - '0');
+  }
+  return true;
+}
+
+}  // namespace
+
+bool iso_date(char const* s, double& days) {
+  int y, m, d, hh = 0, mm = 0, ss = 0;
+  if (!digits(s, 4, y) || s[4] != '-' || !digits(s + 5, 2, m) || s[7] != '-' ||
+      !digits(s + 8, 2, d))
+    return false;
+  s += 10;
+  if (*s == 'T' || *s == ' ') {
+    if (!digits(s + 1, 2, hh) || s[3] != ':' || !digits(s + 4, 2, mm)) return false;
+    s += 6;
+    if (*s == ':') {
+      if (!digits(s + 1, 2, ss)) return false;
+      s += 3;
+    }
+    if (hh > 23 || mm > 59 || ss > 59) return false;
+  }
+  if (*s != '\0' || m < 1 || m > 12 || d < 1) return false;
+  bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  static int const kMonth[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (d > kMonth[m - 1] + (m == 2 && leap)) return false;
+  // Days of the proleptic Gregorian calendar, counted in 400-year eras from March 1.
+  long yy = y - (m <= 2);
+  long era = yy / 400, yoe = yy - era * 400;
+  long doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  days = static_cast<double>(era * 146097 + doe - 719468) + (hh * 3600 + mm * 60 + ss) / 86400.0;
+  return true;
+}
+
+namespace {
+
+// Columns a tree is better off without, told where the caller wants warnings: a class with
+// (nearly) a value per row or with fractional numbers, and other columns whose values all differ,
+// like an ID. Floats and dates are left alone: measurements often all differ.
+void warn_columns(impls::table const& t, std::string const& path, bool class_named,
+                  std::vector<bool> const& dates, std::ostream* warnings) {
+  if (warnings == nullptr) return;
+  unsigned long rows = t.get_no_rows();
+  if (rows < 10) return;  // too few rows to tell
+  for (unsigned long j = 0; j < t.get_loaded_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    impls::o_set* set = c->get_o_set();
+    unsigned long distinct = set->size_of_known();
+    std::string const& type = set->get_datatype();
+    std::string head = "File " + path + ", column '" + c->get_name() + "'";
+    if (c->is_class()) {
+      std::string how = class_named ? "" : " (the last column)";
+      bool fractions = false;
+      if (type == "string")
+        for (unsigned long o = 1; o <= distinct && !fractions; ++o) {
+          double v;
+          std::string text = set->get_value(o);
+          if (!looks_numeric(text.c_str()) || !is_number(text.c_str(), v)) break;
+          fractions = v != std::floor(v);
+        }
+      if (distinct * 10 >= rows * 9)
+        *warnings << head << ", taken as the class" << how << ": " << distinct
+                  << " different values in " << rows
+                  << " rows, nearly one a row; is it the class? --class NAME names another"
+                  << std::endl;
+      else if (fractions)
+        *warnings << head << ", taken as the class" << how
+                  << ": numbers with fractions, each one a class of its own; is it the class? "
+                     "--class NAME names another"
+                  << std::endl;
+      continue;
+    }
+    if (c->is_ignore() || c->is_weights() || (j < dates.size() && dates[j])) continue;
+    if (type != "string" && type != "integer" && type != "uinteger") continue;
+    if (distinct == rows && !set->contains_null())
+      *warnings << head << ": all " << rows << " values differ, likely an ID; --kind "
+                << c->get_name() << "=ignore leaves it out" << std::endl;
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
@@ -315,6 +404,15 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
+  // A first column without a name holds row names, as R's write.csv writes them.
+  bool row_names = k > 1 && p.names[0].empty();
+  if (row_names) {
+    p.names[0] = kRowNames;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ": the first column has no name; taken as row names"
+                     << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
+                     << std::endl;
+  }
   std::set<std::string> seen;
   for (auto const& n : p.names) {
     if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
@@ -346,6 +444,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // together in memory).
   struct shape {
     bool all_int = true, all_num = true, any = false, lossy = false;
+    bool all_date = true, whole_days = true;
     std::size_t looked = 0;
     std::string lossy_value;
   };
@@ -355,15 +454,29 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
     // A class, a type the caller chose or a kind that takes texts needs no looking at.
-    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind) shapes[j].all_num = false;
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0))
+      shapes[j].all_num = false;
+    // Dates are read whatever number type is asked for (the type of a training column may be
+    // passed on to its test file).
+    auto t = opts.types.find(p.names[j]);
+    bool date_type = t == opts.types.end() || t->second != value_type::string;
+    if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
+      shapes[j].all_date = false;
   }
   for (std::size_t r = 0; r < rows; ++r) {
     for (std::size_t j = 0; j < k; ++j) {
       shape& c = shapes[j];
-      if (!c.all_num) continue;
+      if (!c.all_num && !c.all_date) continue;
       char const* v = p.cells[r * k + j];
       if (v == kUnknown) continue;
       c.any = true;
+      if (c.all_date) {
+        // The syntax only here, the calendar when the column is converted.
+        c.all_date = v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' &&
+                     v[4] == '-';
+        if (c.all_date) continue;
+      }
+      if (!c.all_num) continue;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
       if (!looks_numeric(v)) {
@@ -385,6 +498,46 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       }
     }
   }
+  // ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
+  // go to one buffer of fixed slots, which the cells then point into.
+  constexpr std::size_t kSlot = 32;
+  std::vector<bool> dates(k, false);
+  std::size_t date_columns = 0;
+  for (std::size_t j = 0; j < k; ++j) {
+    shape& c = shapes[j];
+    if (!c.any || !c.all_date) continue;
+    for (std::size_t r = 0; r < rows && c.all_date; ++r) {
+      char const* v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown) continue;
+      c.all_date = iso_date(v, d);
+      c.whole_days = c.whole_days && d == std::floor(d);
+    }
+    if (c.all_date) {
+      dates[j] = true;
+      c.all_num = false;
+      ++date_columns;
+    }
+  }
+  std::vector<char> date_texts(rows * kSlot * date_columns);
+  for (std::size_t j = 0, n = 0; j < k; ++j) {
+    if (!dates[j]) continue;
+    for (std::size_t r = 0; r < rows; ++r) {
+      char const*& v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown || !iso_date(v, d)) continue;
+      char* out = &date_texts[(n * rows + r) * kSlot];
+      auto e = shapes[j].whole_days ? std::to_chars(out, out + kSlot - 1, static_cast<long>(d))
+                                    : std::to_chars(out, out + kSlot - 1, d);
+      *e.ptr = '\0';
+      v = out;
+    }
+    ++n;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ", column '" << p.names[j]
+                     << "': ISO dates, read as days since 1970-01-01"
+                     << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
+  }
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
@@ -395,10 +548,20 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       type = c.all_int ? value_type::integer : value_type::float32;
       if (!c.all_int && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
-                       << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
+                       << c.lossy_value << "' are not exact in 32-bit float; --type " << name
+                       << "=double keeps them exact" << std::endl;
+    } else if (dates[j]) {
+      kind = column_kind::continuous;
+      type = c.whole_days ? value_type::integer : value_type::float64;
+    } else if (row_names && j == 0) {
+      kind = column_kind::ignore;
     }
     auto t = opts.types.find(name);
-    if (t != opts.types.end()) type = t->second;
+    if (t != opts.types.end()) {
+      type = t->second;
+      // A number type on its own keeps the column continuous; --kind may still say otherwise.
+      if (j != cls && type != value_type::string) kind = column_kind::continuous;
+    }
     auto kd = opts.kinds.find(name);
     if (kd != opts.kinds.end()) kind = kd->second;
     try {
@@ -419,6 +582,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     std::size_t at = r == 0 ? 0 : r - 1;
     throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
 
@@ -623,7 +787,42 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     throw std::runtime_error("File " + path + ", line " +
                              std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+char better_separator(std::string const& path, char sep) {
+  // The first lines only: enough to tell, whatever the size of the file.
+  std::string head;
+  try {
+    std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
+    head.resize(1 << 16);
+    int got = in->read(&head[0], static_cast<int>(head.size()));
+    head.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+  } catch (std::exception const&) {
+    return 0;
+  }
+  auto fits = [&head](char s) {
+    std::size_t lines = 0, first = 0, fields = 1;
+    bool quoted = false;
+    for (std::size_t i = 0; i < head.size() && lines < 5; ++i) {
+      char c = head[i];
+      if (c == '"') {
+        quoted = !quoted;
+      } else if (!quoted && c == s) {
+        ++fields;
+      } else if (!quoted && c == '\n') {
+        if (lines++ == 0) first = fields;
+        if (fields != first) return false;
+        fields = 1;
+      }
+    }
+    return lines >= 2 && first >= 2;
+  };
+  if (fits(sep)) return 0;
+  for (char s : {',', ';', '\t', '|'})
+    if (s != sep && fits(s)) return s;
+  return 0;
 }
 
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
@@ -634,8 +833,9 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   struct stat st;
   if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
   auto t = std::make_unique<table>(path);
-  t->load_meta_data(datasource("FILE#" + path + ".names#,"));
-  t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  std::string sep(1, opts.separator != 0 ? opts.separator : ',');
+  t->load_meta_data(datasource("FILE#" + path + ".names#" + sep));
+  t->load_data(datasource("FILE#" + rows + "#" + sep), "?");
   return t;
 }
 

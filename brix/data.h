@@ -106,6 +106,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
 // anything else as the stem of a .names/.data (or .data.gz) pair.
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
 
+// An ISO date, YYYY-MM-DD optionally followed by 'T' (or a blank) and hh:mm or hh:mm:ss, as days
+// since 1970-01-01 (fractional with a time of day); false for any other text or an impossible
+// date. The CSV reader reads columns of such dates as continuous days, with a note.
+bool iso_date(char const* text, double& days);
+
+// When the first lines of a CSV/TSV file do not split evenly at sep but do at another of
+// , ; TAB |, that separator; otherwise 0. For hints after a refused file.
+char better_separator(std::string const& path, char sep);
+
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);
 std::string keyword(column_kind k);

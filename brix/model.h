@@ -91,7 +91,7 @@ class tree_model {
   // Graphviz DOT, every label escaped; nodes deeper than max_depth (when >= 0) are cut to one
   // summary node each; leaves show their class counts, coloured by class.
   void write_dot(std::ostream& out, long max_depth = -1) const;
-  // JSON of the whole tree (docs/json-model.md describes it).
+  // JSON of the whole tree (docs/json-model.md describes it; installed under share/doc/brix).
   void write_json(std::ostream& out) const;
   dtree const& facade() const { return *tree_; }
 

@@ -105,20 +105,8 @@ unsigned long tree_model::leaves() const {
 
 tree_model::node_paths tree_model::paths(table const& t) const {
   impls::decision_tree const& dt = *tree_->get_impl();
-  // The table's column for each attribute, by name.
-  impls::table const* meta = dt.get_metadata();
-  impls::table const& tab = *t.get_impl();
-  std::vector<impls::column const*> cols;
-  for (unsigned long a = 0; a < meta->get_no_attributes(); ++a) {
-    std::string const& name = meta->get_attribute(a)->get_name();
-    impls::column const* col = nullptr;
-    for (unsigned long i = 0; i < tab.get_loaded_columns() && col == nullptr; ++i)
-      if (tab.get_column(i)->get_name() == name) col = tab.get_column(i);
-    if (col == nullptr)
-      throw std::invalid_argument("[brix::tree_model] the table has no column '" + name + "'");
-    cols.push_back(col);
-  }
-  flat_tree flat(dt.get_root(), meta, cols);
+  std::vector<impls::column const*> cols = columns_of(t);
+  flat_tree flat(dt.get_root(), dt.get_metadata(), cols);
   std::vector<node_entry> const& nodes = flat.nodes();
   node_paths out;
   unsigned long rows = t.get_no_rows();
@@ -155,7 +143,7 @@ tree_model::node_paths tree_model::paths(table const& t) const {
       }
       if (b >= 0) {
         unsigned long k = static_cast<unsigned long>(b) < e.kids.size() ? e.kids[b] : kNone;
-        if (k == kNone) throw std::runtime_error("[brix::tree_model] a branch without a node");
+        if (k == kNone) throw std::runtime_error("a branch without a node");
         todo.emplace_back(k, w);
         continue;
       }

@@ -102,7 +102,6 @@ class _decision_node {
   // A copy of every field, vectors deep-copied; the cases pointer is shared
   // for the root and copied otherwise.
   _decision_node* clone() const;
-  void blank_node();
 
   void activate(table* t);
   void activate_root(table* t);
@@ -127,7 +126,6 @@ class _decision_node {
   void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
                     w_sequence* cases, split_scratch& scratch, order_publisher* publish);
   int split_post(table* t);
-  int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
   void set_as_leaf();
   // Distributes the cases to every branch of the split at once. Returns false, and turns the

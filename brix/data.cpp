@@ -22,6 +22,7 @@
 
 #include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
+#include "zel/util/datatype.h"
 
 namespace brix {
 
@@ -184,6 +185,14 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
        ++f)
     ++feeds;
+  if (feeds == 0) {
+    char const* cr =
+        static_cast<char const*>(std::memchr(s, '\r', static_cast<std::size_t>(end - s)));
+    if (cr != nullptr && cr + 1 < end)
+      throw std::runtime_error("File " + path +
+                               ": lines end in CR alone (old Mac text); save it with LF or CR LF "
+                               "line ends");
+  }
   std::size_t line = 1;
   bool header = true;
   while (s < end) {
@@ -259,9 +268,9 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   return p;
 }
 
-// Digits with an optional sign, within 32 bits; a hand loop, as this runs on every numeric cell.
+// Digits with an optional sign, within the integer type's range, which is symmetric: the loader
+// refuses -2^31, so such a column is a float one. A hand loop, as this runs on every numeric cell.
 bool is_int32(char const* s) {
-  bool negative = *s == '-';
   if (*s == '-' || *s == '+') ++s;
   if (*s == '\0') return false;
   while (s[0] == '0' && s[1] >= '0' && s[1] <= '9')
@@ -271,14 +280,18 @@ bool is_int32(char const* s) {
     if (*s < '0' || *s > '9' || n == 11) return false;
     v = v * 10 + static_cast<std::uint64_t>(*s - '0');
   }
-  return v <= (negative ? std::uint64_t{1} << 31 : (std::uint64_t{1} << 31) - 1);
+  return v <= (std::uint64_t{1} << 31) - 1;
 }
 
 // A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
-bool looks_numeric(char const* s) {
+// far: whether the value may lie beyond a float's range (an exponent or over 30 digits), which
+// only converting it tells.
+bool looks_numeric(char const* s, bool& far) {
+  far = false;
   if (*s == '+' || *s == '-') ++s;
   if ((s[0] == 'i' || s[0] == 'I') && (s[1] == 'n' || s[1] == 'N') && (s[2] == 'f' || s[2] == 'F'))
     return s[3] == '\0' || std::strcmp(s + 3, "inity") == 0;
+  char const* from = s;
   bool digits = false;
   while (*s >= '0' && *s <= '9')
     ++s, digits = true;
@@ -288,7 +301,9 @@ bool looks_numeric(char const* s) {
       ++s, digits = true;
   }
   if (!digits) return false;
+  far = s - from > 30;
   if (*s == 'e' || *s == 'E') {
+    far = true;
     ++s;
     if (*s == '+' || *s == '-') ++s;
     if (!(*s >= '0' && *s <= '9')) return false;
@@ -304,6 +319,98 @@ bool is_number(char const* s, double& v) {
   return r.ec == std::errc() && r.ptr == e && e != s && !std::isnan(v);
 }
 
+// A message quoting a cell or a line of any length, cut to a readable size with its tail (what
+// was wrong) kept.
+std::string cut(std::string const& msg) {
+  if (msg.size() <= 200) return msg;
+  std::size_t colon = msg.rfind(": ");
+  std::string tail = colon != std::string::npos && msg.size() - colon < 80 ? msg.substr(colon) : "";
+  return msg.substr(0, 100) + "..." + tail;
+}
+
+// Whether s[0..n) is UTF-8: no stray continuation bytes, overlong forms, surrogates or code
+// points past U+10FFFF, so that every text output built from it is well formed.
+bool is_utf8(unsigned char const* s, std::size_t n) {
+  for (std::size_t i = 0; i < n;) {
+    unsigned char c = s[i];
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    std::size_t len = c >= 0xC2 && c <= 0xDF   ? 2
+                      : c >= 0xE0 && c <= 0xEF ? 3
+                      : c >= 0xF0 && c <= 0xF4 ? 4
+                                               : 0;
+    if (len == 0 || i + len > n) return false;
+    for (std::size_t j = 1; j < len; ++j)
+      if ((s[i + j] & 0xC0) != 0x80) return false;
+    if ((c == 0xE0 && s[i + 1] < 0xA0) || (c == 0xED && s[i + 1] > 0x9F) ||
+        (c == 0xF0 && s[i + 1] < 0x90) || (c == 0xF4 && s[i + 1] > 0x8F))
+      return false;
+    i += len;
+  }
+  return true;
+}
+
+bool is_utf8(char const* s) {
+  return is_utf8(reinterpret_cast<unsigned char const*>(s), std::strlen(s));
+}
+
+// Whether any byte is outside ASCII, eight at a time: most tables are ASCII and need no more.
+bool any_high(char const* s, std::size_t n) {
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, s + i, 8);
+    if (w & 0x8080808080808080ULL) return true;
+  }
+  for (; i < n; ++i)
+    if (static_cast<unsigned char>(s[i]) & 0x80) return true;
+  return false;
+}
+
+std::string not_utf8(std::string const& where) {
+  return where +
+         ": bytes that are not UTF-8 (save the file as UTF-8, e.g. with iconv -f LATIN1 -t UTF-8)";
+}
+
+std::string unknown_classes(std::string const& path, std::string const& name, std::size_t n) {
+  return "File " + path + ", class column '" + name + "': " + std::to_string(n) + " unknown value" +
+         (n == 1 ? "" : "s") + "; a row to learn from needs its class (remove those rows or name " +
+         "another class column)";
+}
+
+// Which of a row's cells its column's type refuses (k when none does): the loader stops at the
+// first such value without saying whose it was.
+std::size_t refusing(std::vector<value_type> const& types, char const* const* cells) {
+  namespace dt = zel::data_types;
+  for (std::size_t j = 0; j < types.size(); ++j) {
+    char const* v = cells[j];
+    if (v == kUnknown || std::strcmp(v, "?") == 0) continue;
+    try {
+      switch (types[j]) {
+        case value_type::integer:
+          dt::datatype<int>::parse(v);
+          break;
+        case value_type::uinteger:
+          dt::datatype<unsigned long>::parse(v);
+          break;
+        case value_type::float32:
+          dt::datatype<float>::parse(v);
+          break;
+        case value_type::float64:
+          dt::datatype<double>::parse(v);
+          break;
+        case value_type::string:
+          break;
+      }
+    } catch (std::runtime_error const&) {
+      return j;
+    }
+  }
+  return types.size();
+}
+
 }  // namespace
 
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
@@ -314,6 +421,18 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
+  if (any_high(text.data(), text.size())) {
+    for (std::size_t j = 0; j < k; ++j)
+      if (!is_utf8(p.names[j].c_str()))
+        throw std::runtime_error(
+            not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+    for (std::size_t r = 0; r < rows; ++r)
+      for (std::size_t j = 0; j < k; ++j)
+        if (!is_utf8(p.cells[r * k + j]))
+          throw std::runtime_error(not_utf8("File " + path + ", line " +
+                                            std::to_string(p.lines[r]) + ", column '" + p.names[j] +
+                                            "'"));
+  }
   std::set<std::string> seen;
   for (auto const& n : p.names) {
     if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
@@ -344,9 +463,9 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // What the values of each column look like, in one pass in row order (the cells of a row lie
   // together in memory).
   struct shape {
-    bool all_int = true, all_num = true, any = false, lossy = false;
+    bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
     std::size_t looked = 0;
-    std::string lossy_value;
+    std::string lossy_value, wide_value;
   };
   std::vector<shape> shapes(k);
   for (std::size_t j = 0; j < k; ++j) {
@@ -365,9 +484,24 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       c.any = true;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
-      if (!looks_numeric(v)) {
+      bool far;
+      if (!looks_numeric(v, far)) {
         c.all_num = false;
         continue;
+      }
+      if (far) {
+        // Converted as the loader converts: a value a float cannot hold makes the column double,
+        // one no double holds either (1e309) makes it text, never a column the loader refuses.
+        float f;
+        double d;
+        if (!zel::data_types::detail::parse_floating(v, f)) {
+          if (zel::data_types::detail::parse_floating(v, d)) {
+            if (!c.wide) c.wide_value = v;
+            c.wide = true;
+          } else
+            c.all_num = false;
+        }
+        if (!c.all_num) continue;
       }
       // Precision is looked at on the first values only: the warning gives an example.
       double d;
@@ -384,6 +518,13 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       }
     }
   }
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (std::size_t r = 0; r < rows; ++r)
+      unknown += p.cells[r * k + cls] == kUnknown;
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
+  }
+  std::vector<value_type> types(k);
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
@@ -391,8 +532,18 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     shape const& c = shapes[j];
     if (c.any && c.all_num) {
       kind = column_kind::continuous;
-      type = c.all_int ? value_type::integer : value_type::float32;
-      if (!c.all_int && c.lossy && opts.warnings)
+      type = c.all_int ? value_type::integer : c.wide ? value_type::float64 : value_type::float32;
+      // Continuous columns hold floats; doubles only discrete ones, so that such a column still
+      // loads, value for value.
+      if (c.wide) {
+        kind = column_kind::discrete;
+        if (opts.warnings)
+          *opts.warnings << "File " << path << ", column '" << name
+                         << "': values lie beyond 32-bit float (e.g. " << c.wide_value
+                         << "); the column is read as discrete doubles (--kind " << name
+                         << "=ignore leaves it out)" << std::endl;
+      }
+      if (!c.all_int && !c.wide && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
                        << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
     }
@@ -400,6 +551,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (t != opts.types.end()) type = t->second;
     auto kd = opts.kinds.find(name);
     if (kd != opts.kinds.end()) kind = kd->second;
+    types[j] = type;
     try {
       impl->push_back(name, keyword(type), keyword(kind));
     } catch (std::runtime_error const& e) {
@@ -414,9 +566,10 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
                     "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
-    std::string msg = e.what();
     std::size_t at = r == 0 ? 0 : r - 1;
-    throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
+    std::size_t j = refusing(types, &p.cells[at * k]);
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(p.lines[at]) +
+                                 (j < k ? ", column '" + p.names[j] + "'" : "") + ": " + e.what()));
   }
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
@@ -488,6 +641,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     value_type type;
     column_kind kind;
     std::vector<std::string> nominal;
+    std::set<std::string> listed;  // the nominal values, to look rows' values up
   };
   std::vector<attribute> atts;
   std::vector<std::vector<std::string>> rows;
@@ -507,6 +661,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (first == std::string::npos || line[first] == '%') continue;
     line = line.substr(first);
     if (!data) {
+      if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
       if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
       std::string word = lower(line.substr(0, line.find_first_of(" \t")));
       if (word == "@relation") continue;
@@ -521,13 +676,14 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
       if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
           head.empty())
         throw std::runtime_error(where() + ": bad attribute declaration");
-      attribute a{head[0], value_type::string, column_kind::discrete, {}};
+      attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
       if (brace != std::string::npos) {
         std::size_t close = rest.rfind('}');
         if (close == std::string::npos || close < brace)
           throw std::runtime_error(where() + ": nominal values without a closing brace");
         if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
           throw std::runtime_error(where() + ": quote not closed");
+        a.listed.insert(a.nominal.begin(), a.nominal.end());
       } else {
         std::string type = head.size() > 1 ? lower(head[1]) : "";
         if (type == "integer") {
@@ -572,6 +728,16 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
                                  std::to_string(atts.size()) + " attributes declared");
       row = f;
     }
+    for (std::size_t j = 0; j < atts.size(); ++j) {
+      attribute const& a = atts[j];
+      if (!is_utf8(row[j].c_str()))
+        throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
+      // A value its declaration does not list is a typing error, not a new value (in the class,
+      // a new class).
+      if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
+        throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                                     "' is not one of the values declared for it"));
+    }
     rows.push_back(std::move(row));
     lines.push_back(line_no);
   }
@@ -589,6 +755,13 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     cls = k;
   }
   markers missing({"?"});
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (auto const& row : rows)
+      unknown += missing(row[cls].c_str(), row[cls].size());
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, atts[cls].name, unknown));
+  }
+  std::vector<value_type> types(k);
   auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
@@ -600,6 +773,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (t != opts.types.end()) a.type = t->second;
     auto kd = opts.kinds.find(a.name);
     if (kd != opts.kinds.end()) a.kind = kd->second;
+    types[j] = a.type;
     try {
       impl->push_back(a.name, keyword(a.type), keyword(a.kind));
     } catch (std::runtime_error const& e) {
@@ -619,8 +793,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         },
         "?");
   } catch (std::runtime_error const& e) {
-    throw std::runtime_error("File " + path + ", line " +
-                             std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
+    std::size_t at = r == 0 ? 0 : r - 1, j = k;
+    if (r > 0) {
+      for (std::size_t i = 0; i < k; ++i)
+        cells[i] = rows[at][i].c_str();
+      j = refusing(types, cells.data());
+    }
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(lines[at]) +
+                                 (j < k ? ", column '" + atts[j].name + "'" : "") + ": " +
+                                 e.what()));
   }
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
@@ -693,6 +874,15 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
           columns_[0].name + "' " + std::to_string(rows));
     if (!names.insert(c.name).second) bad("column '" + c.name + "' given twice");
     has_class |= c.kind == column_kind::class_label;
+    if (c.kind == column_kind::class_label) {
+      std::size_t unknown = 0;
+      for (std::size_t r = 0; r < c.size(); ++r)
+        unknown += (!c.known.empty() && !c.known[r]) ||
+                   (c.type == value_type::string ? c.texts[r] == "?" : std::isnan(c.numbers[r]));
+      if (unknown > 0)
+        bad("class column '" + c.name + "': " + std::to_string(unknown) + " unknown value" +
+            (unknown == 1 ? "" : "s") + "; a row to learn from needs its class");
+    }
   }
   if (rows == 0) bad("no rows");
   if (require_class && !has_class) bad("no class column");

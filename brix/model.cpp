@@ -2,7 +2,10 @@
 #include "brix/model.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <numeric>
 #include <ostream>
 #include <stdexcept>
@@ -105,6 +108,12 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
 }
 
 std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
+  // The binary reader cannot say why a file does not open; the name and the reason are asked
+  // for here first.
+  if (std::FILE* f = std::fopen(path.c_str(), "rb"))
+    std::fclose(f);
+  else
+    throw std::runtime_error("File " + path + ": cannot be opened (" + std::strerror(errno) + ")");
   std::unique_ptr<dtree> tree(dtree::fromBinary(path));
   if (impl(*tree).get_metadata() == nullptr || impl(*tree).get_root() == nullptr)
     throw std::runtime_error("File " + path + ": holds no tree");

@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <iostream>
@@ -62,20 +63,46 @@ bool file_exists(std::string const& p) {
   return ::stat(p.c_str(), &st) == 0;
 }
 
-namespace {
-
-bool ends_with(std::string const& s, char const* tail) {
-  std::size_t n = std::strlen(tail);
-  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-// The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
 std::vector<std::string> input_files(std::string const& data) {
   if (data.empty()) return {};
   if (is_table_file(data)) return {data};
   std::string rows = data + ".data";
   if (!file_exists(rows) && file_exists(rows + ".gz")) rows += ".gz";
   return {data + ".names", rows};
+}
+
+namespace {
+
+// A file's name with every link resolved; for a file not there yet, its directory's resolved
+// name and its own (empty when the directory is not there either).
+std::string resolved(std::string const& p) {
+  std::unique_ptr<char, decltype(&std::free)> full(::realpath(p.c_str(), nullptr), &std::free);
+  if (full) return full.get();
+  std::size_t slash = p.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
+  std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+  std::unique_ptr<char, decltype(&std::free)> d(::realpath(dir.c_str(), nullptr), &std::free);
+  if (!d || name.empty() || name == "." || name == "..") return "";
+  return std::string(d.get()) + (std::strcmp(d.get(), "/") == 0 ? "" : "/") + name;
+}
+
+}  // namespace
+
+bool same_file(std::string const& a, std::string const& b) {
+  if (a.empty() || b.empty()) return false;
+  if (a == b) return true;
+  struct stat sa, sb;
+  if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  std::string ra = resolved(a);
+  return !ra.empty() && ra == resolved(b);
+}
+
+namespace {
+
+bool ends_with(std::string const& s, char const* tail) {
+  std::size_t n = std::strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 // "1 value", "2 values".
@@ -245,13 +272,6 @@ brix::value_type type_of(std::string const& keyword) {
   return brix::value_type::string;
 }
 
-// The same file under two names: the same device and inode.
-bool same_file(std::string const& a, std::string const& b) {
-  struct stat sa, sb;
-  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-         sa.st_ino == sb.st_ino;
-}
-
 std::string shell_word(std::string const& s) {
   if (s.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
       std::string::npos)
@@ -286,8 +306,7 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   inputs.insert(inputs.end(), more.begin(), more.end());
   for (auto const& o : outputs)
     for (auto const& i : inputs)
-      if (o == i || same_file(o, i))
-        throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+      if (same_file(o, i)) throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
 
   opts.warnings = quiet ? nullptr : &std::cerr;
   auto table = brix::read_table(data, opts);

@@ -473,7 +473,9 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
     // A class, a type the caller chose or a kind that takes texts needs no looking at.
-    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind) shapes[j].all_num = false;
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind ||
+        opts.numeric_if_present.count(p.names[j]))
+      shapes[j].all_num = false;
   }
   for (std::size_t r = 0; r < rows; ++r) {
     for (std::size_t j = 0; j < k; ++j) {
@@ -546,6 +548,11 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       if (!c.all_int && !c.wide && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
                        << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
+    }
+    auto n = opts.numeric_if_present.find(name);
+    if (n != opts.numeric_if_present.end() && j != cls) {
+      kind = column_kind::continuous;
+      type = n->second;
     }
     auto t = opts.types.find(name);
     if (t != opts.types.end()) type = t->second;

@@ -23,6 +23,10 @@ struct read_options {
   char separator = 0;  // 0: '\t' for names ending in .tsv or .tsv.gz, ',' otherwise
   std::map<std::string, value_type> types;   // overrides by column name
   std::map<std::string, column_kind> kinds;  // overrides by column name
+  // Continuous columns of these types where present and not overridden (CSV/TSV): a model's
+  // numeric columns when classifying, so that a value that is not a number is refused where it
+  // lies.
+  std::map<std::string, value_type> numeric_if_present;
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
 };
@@ -55,9 +59,10 @@ class table_builder {
 // RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled
 // quotes, separators and line feeds inside; CR LF or LF; a UTF-8 byte order mark is skipped;
 // a name ending in .gz is inflated. Integers that fit 32 bits make integer continuous columns,
-// other numbers float continuous ones, anything else string discrete ones; the class column is
-// string. Errors (std::runtime_error) name the file, line, column and value; nothing is returned
-// then.
+// other numbers float continuous ones (double discrete ones where a float cannot hold a value),
+// anything else string discrete ones; the class column is string. Text that is not UTF-8 and
+// unknown class values are refused. Errors (std::runtime_error) name the file, line, column and
+// value; nothing is returned then.
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts = {});
 
 // ARFF: '%' comments, @relation, @attribute NAME numeric|real|integer|string|{v1,v2,...} (names

@@ -279,8 +279,20 @@ void refuse_overrides(std::string const& stem, settings const& s) {
 }
 
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
-std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
+std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class,
+                                  brix::tree_model const* model = nullptr) {
   brix::read_options o;
+  if (model != nullptr) {
+    brix::impls::table const& meta = *model->facade().get_impl()->get_metadata();
+    for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
+      brix::impls::column const* c = meta.get_attribute(a);
+      std::string const& type = c->get_o_set()->get_datatype();
+      if (!c->is_continuous()) continue;
+      o.numeric_if_present[c->get_name()] = type == "integer"    ? brix::value_type::integer
+                                            : type == "uinteger" ? brix::value_type::uinteger
+                                                                 : brix::value_type::float32;
+    }
+  }
   o.class_column = s.class_column;
   o.require_class = need_class;
   std::ostringstream warnings;
@@ -425,7 +437,7 @@ int train(settings const& s) {
   std::unique_ptr<brix::conf_matrix> training(tree.get_prediction()), test, holdout;
   if (!s.test.empty()) {
     if (is_table_file(s.test)) {
-      auto tt = load(s.test, s, true);
+      auto tt = load(s.test, s, true, m.get());
       progress.begin("test");
       test = evaluate(*m, *tt);
     } else {
@@ -496,7 +508,7 @@ int predict(settings const& s) {
   refuse_same(s.output, read);
   progress.begin("load model");
   auto m = brix::tree_model::load(s.args[0]);
-  auto t = load(s.args[1], s, false);
+  auto t = load(s.args[1], s, false, m.get());
   progress.begin("predict");
   std::vector<double> all = m->predict_proba(*t);
   progress.begin("write");

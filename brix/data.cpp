@@ -821,8 +821,12 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   struct stat st;
   if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
   auto t = std::make_unique<table>(path);
-  t->load_meta_data(datasource("FILE#" + path + ".names#,"));
-  t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  try {
+    t->load_meta_data(datasource("FILE#" + path + ".names#,"));
+    t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(cut(e.what()));  // such messages quote whole lines
+  }
   return t;
 }
 

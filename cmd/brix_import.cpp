@@ -659,6 +659,10 @@ struct column_check {
   tally blanks, quotes, unknown, unreadable;
   bool any = false, several = false, all_numbers = true;
   std::string one;
+  // CSV: how many values are numbers, and the first few distinct texts that are not.
+  std::size_t numbers = 0;
+  tally texts;
+  std::vector<std::string> stray;
   // Distinct texts (views into the store) and the line each first occurs on; not kept past
   // kMaxDistinct values, a column that varies that much is a key, not a category.
   std::unordered_map<std::string_view, std::size_t> seen;
@@ -714,7 +718,15 @@ class value_checks {
     if (c.numeric_type()) {
       if (!readable(c.type, value.c_str())) c.unreadable.see(line, v);
     } else {
-      if (c.all_numbers) c.all_numbers = is_number(v);
+      bool number = is_number(v);
+      if (c.all_numbers) c.all_numbers = number;
+      if (number) {
+        ++c.numbers;
+      } else if (c.type.empty()) {
+        c.texts.see(line, v);
+        if (c.stray.size() < 4 && std::find(c.stray.begin(), c.stray.end(), v) == c.stray.end())
+          c.stray.emplace_back(v.substr(0, 60));
+      }
       if (!v.empty() && (blank(v.front()) || blank(v.back()))) c.blanks.see(line, v);
       if (v.find('"') != std::string_view::npos ||
           (v.size() >= 2 && v.front() == '\'' && v.back() == '\''))
@@ -759,6 +771,17 @@ class value_checks {
               c.where() + ": " + values(c.unreadable.n) + " that " +
                   (c.unreadable.n == 1 ? "is" : "are") + " not " + c.type + ", such as " +
                   quoted(c.unreadable.first));
+      // A few texts among many numbers: most likely unknown values the reader does not know as
+      // such, and they turn the column discrete.
+      if (training && c.type.empty() && !c.is_class && c.texts.n > 0 && c.stray.size() <= 3 &&
+          c.numbers >= 4 * c.texts.n) {
+        std::string shown;
+        for (std::size_t i = 0; i < c.stray.size(); ++i)
+          shown += (i == 0 ? "" : ", ") + quoted(c.stray[i]);
+        p.add(f, c.texts.line,
+              c.where() + ": " + values(c.numbers, "number") + " and " + values(c.texts.n, "text") +
+                  " (" + shown + ") make it a discrete column; mark unknown values as ? or NA");
+      }
       if (!training || rows < 2) continue;
       if (!c.any)
         p.add(f, 0, c.where() + ": no known value");

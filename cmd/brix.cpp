@@ -607,8 +607,10 @@ int import_data(settings const& s) {
   if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
   if (s.to.empty()) throw usage_error("import needs --to STEM");
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
-  refuse_same(s.to + ".names", {s.args[0], s.test});
-  refuse_same(s.to + ".data", {s.args[0], s.test});
+  std::vector<std::string> read = input_files(s.args[0]), test = input_files(s.test);
+  read.insert(read.end(), test.begin(), test.end());
+  for (char const* ext : {".names", ".data", ".test"})
+    refuse_same(s.to + ext, read);
   brix::read_options o;
   o.class_column = s.class_column;
   o.kinds = s.kinds;

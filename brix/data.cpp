@@ -813,6 +813,19 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
 
+std::string non_utf8_text(impls::table const& t) {
+  for (unsigned long j = 0; j < t.get_no_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    if (!is_utf8(c->get_name().c_str())) return "the name of column " + std::to_string(j + 1);
+    impls::o_set* values = c->get_o_set();
+    if (values == nullptr || values->get_datatype() != "string") continue;
+    for (unsigned long v = 1; v <= values->size_of_known(); ++v)
+      if (!is_utf8(values->get_value(v).c_str()))
+        return "a value of column '" + c->get_name() + "'";
+  }
+  return "";
+}
+
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
   if (ends_with(path, ".arff") || ends_with(path, ".arff.gz")) return read_arff(path, opts);
   for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"})
@@ -827,6 +840,8 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   } catch (std::runtime_error const& e) {
     throw std::runtime_error(cut(e.what()));  // such messages quote whole lines
   }
+  std::string bad = non_utf8_text(*t->get_impl());
+  if (!bad.empty()) throw std::runtime_error(not_utf8("File " + path + ".names/.data, " + bad));
   return t;
 }
 

@@ -74,8 +74,16 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
 std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts = {});
 
 // By name: .arff (or .arff.gz) through read_arff, .csv/.tsv/.txt (or .gz) through read_csv,
-// anything else as the stem of a .names/.data (or .data.gz) pair.
+// anything else as the stem of a .names/.data (or .data.gz) pair, refused when its text is not
+// UTF-8.
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
+
+namespace impls {
+class table;
+}
+// Where a table or a model's metadata holds text that is not UTF-8 ("a value of column 'c'"),
+// which no XML or JSON output may carry; empty when there is none.
+std::string non_utf8_text(impls::table const& t);
 
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);

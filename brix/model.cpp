@@ -10,6 +10,7 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "brix/data.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/tree_writer.h"
@@ -117,6 +118,11 @@ std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
   std::unique_ptr<dtree> tree(dtree::fromBinary(path));
   if (impl(*tree).get_metadata() == nullptr || impl(*tree).get_root() == nullptr)
     throw std::runtime_error("File " + path + ": holds no tree");
+  // A tree grown from text that is not UTF-8 (brixcmd takes any bytes) would make malformed
+  // JSON and PMML.
+  std::string bad = non_utf8_text(*impl(*tree).get_metadata());
+  if (!bad.empty())
+    throw std::runtime_error("File " + path + ": " + bad + " holds bytes that are not UTF-8");
   return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
 }
 

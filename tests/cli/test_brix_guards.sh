@@ -90,6 +90,14 @@ expect_message "^brix: File stray\.csv, line 4, column 'petalwidth': x0\.2: not 
 expect_message "line 2, column 'a': .*\.\.\." predict m.tree long.csv --kind a=continuous --type a=integer
 printf 'a,c\n1,\xe9t\xe9\n2,x\n' >latin1.csv
 expect_message "line 2, column 'c': bytes that are not UTF-8" train latin1.csv
+# The same through a .names/.data pair, and a tree brixcmd grew from it (it takes any bytes).
+cp golf.names latin1.names
+sed 's/sunny/sunn\xe9/' golf.data >latin1.data
+expect_message "File latin1\.names/\.data, a value of column 'outlook': bytes that are not UTF-8" \
+  train latin1
+"$BRIXCMD" -f latin1 -tb latin1.tree >/dev/null
+expect_message "File latin1\.tree: a value of column 'outlook' holds bytes that are not UTF-8" \
+  show latin1.tree --format json
 
 # UTF-8 names and values make a well-formed PMML document and JSON that parses.
 printf 'temp\xc3\xa9,c\n1,\xc3\xa9t\xc3\xa9\n2,\xc3\xa9t\xc3\xa9\n3,hiver\n4,hiver\n' >utf8.csv

@@ -607,10 +607,10 @@ int import_data(settings const& s) {
   if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
   if (s.to.empty()) throw usage_error("import needs --to STEM");
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
-  std::vector<std::string> read = input_files(s.args[0]), test = input_files(s.test);
-  read.insert(read.end(), test.begin(), test.end());
-  for (char const* ext : {".names", ".data", ".test"})
-    refuse_same(s.to + ext, read);
+  // Outputs that are inputs under another name are import's own data error.
+  for (std::string const out : {s.to + ".names", s.to + ".data"})
+    for (std::string const& in : {s.args[0], s.test})
+      if (out == in) throw usage_error("the output " + out + " is also an input");
   brix::read_options o;
   o.class_column = s.class_column;
   o.kinds = s.kinds;

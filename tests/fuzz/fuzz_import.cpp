@@ -1,13 +1,16 @@
 // brix import: CSV text that reads is written as a .names/.data pair, and the pair reads back as
 // the same table (names, kinds, types, every value, row order).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <string>
 
+#include "brix/brix.h"
 #include "brix/data.h"
 #include "brix/impls/table.h"
 #include "cmd/brix_import.h"
@@ -40,7 +43,19 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     // different table.
     return 0;
   }
-  std::unique_ptr<brix::table> after = brix::read_table(stem);
+  // The pair is read as brixcmd reads it, with the separator import chose: the character before
+  // the kind that ends the first line of the .names file.
+  std::string first;
+  std::getline(std::ifstream(stem + ".names"), first);
+  std::size_t kind = first.find_last_of(",;:|^~!@$%&*+=/\\`'?<>\t ");
+  for (char const* k : {"discrete", "continuous", "class", "weights", "ignore"}) {
+    std::size_t n = std::strlen(k);
+    if (first.size() > n && first.compare(first.size() - n, n, k) == 0) kind = first.size() - n - 1;
+  }
+  std::string sep(1, kind < first.size() ? first[kind] : ',');
+  auto after = std::make_unique<brix::table>(stem);
+  after->load_meta_data(brix::datasource("FILE#" + stem + ".names#" + sep));
+  after->load_data(brix::datasource("FILE#" + stem + ".data#" + sep), "?");
   brix::impls::table const& a = *before->get_impl();
   brix::impls::table const& b = *after->get_impl();
   if (a.get_loaded_columns() != b.get_loaded_columns()) differ("column count");
@@ -54,8 +69,14 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
       differ("type of " + x->get_name());
     if (x->is_ignore()) continue;
     for (unsigned long r = 0; r < before->get_no_rows(); ++r) {
-      bool known = x->get_row_index(r) != 0;
-      if (known != (y->get_row_index(r) != 0) || (known && x->get_value(r) != y->get_value(r)))
+      bool known = x->get_row_index(r) != 0, kept = y->get_row_index(r) != 0;
+      std::string v = known ? x->get_value(r) : "";
+      // What import says it changes: line breaks become blanks, and an empty value of the last
+      // column, which a .data line cannot end with, becomes unknown.
+      std::replace(v.begin(), v.end(), '\n', ' ');
+      std::replace(v.begin(), v.end(), '\r', ' ');
+      if (known && !kept && v.empty() && j + 1 == a.get_loaded_columns()) continue;
+      if (known != kept || (known && v != y->get_value(r)))
         differ(x->get_name() + ", row " + std::to_string(r));
     }
   }

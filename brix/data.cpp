@@ -284,8 +284,8 @@ bool is_int32(char const* s) {
 }
 
 // A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
-// far: whether the value may lie beyond a float's range (an exponent or over 30 digits), which
-// only converting it tells.
+// far: whether the value may lie beyond a float's range (its digits and its exponent's size
+// above 30 together), which only converting it tells.
 bool looks_numeric(char const* s, bool& far) {
   far = false;
   if (*s == '+' || *s == '-') ++s;
@@ -301,15 +301,17 @@ bool looks_numeric(char const* s, bool& far) {
       ++s, digits = true;
   }
   if (!digits) return false;
-  far = s - from > 30;
+  long size = s - from;
   if (*s == 'e' || *s == 'E') {
-    far = true;
     ++s;
     if (*s == '+' || *s == '-') ++s;
     if (!(*s >= '0' && *s <= '9')) return false;
+    long e = 0;
     while (*s >= '0' && *s <= '9')
-      ++s;
+      e = std::min(e * 10 + (*s++ - '0'), 1000L);
+    size += e;
   }
+  far = size > 30;
   return *s == '\0';
 }
 

@@ -128,6 +128,7 @@ TEST_F(CsvFiles, InferenceAgreesWithTheLoader) {
       // Beyond a float, within a double: discrete doubles, value for value.
       {"1e39,1", "double", "discrete", 0},
       {"1e-50,1", "double", "discrete", 0},
+      {"123456789012345678901234567890e10,1.5e-3", "double", "discrete", 0},
       {"0.0000000000000000000000000000000000000000000000001,1", "double", "discrete", 0},
       // Beyond a double: text.
       {"1e309,1", "string", "discrete", 0},

@@ -23,6 +23,7 @@
 
 #include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
+#include "zel/util/datatype.h"
 
 namespace brix {
 
@@ -188,6 +189,14 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
        ++f)
     ++feeds;
+  if (feeds == 0) {
+    char const* cr =
+        static_cast<char const*>(std::memchr(s, '\r', static_cast<std::size_t>(end - s)));
+    if (cr != nullptr && cr + 1 < end)
+      throw std::runtime_error("File " + path +
+                               ": lines end in CR alone (old Mac text); save it with LF or CR LF "
+                               "line ends");
+  }
   std::size_t line = 1;
   bool header = true;
   while (s < end) {
@@ -263,9 +272,9 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   return p;
 }
 
-// Digits with an optional sign, within 32 bits; a hand loop, as this runs on every numeric cell.
+// Digits with an optional sign, within the integer type's range, which is symmetric: the loader
+// refuses -2^31, so such a column is a float one. A hand loop, as this runs on every numeric cell.
 bool is_int32(char const* s) {
-  bool negative = *s == '-';
   if (*s == '-' || *s == '+') ++s;
   if (*s == '\0') return false;
   while (s[0] == '0' && s[1] >= '0' && s[1] <= '9')
@@ -275,14 +284,18 @@ bool is_int32(char const* s) {
     if (*s < '0' || *s > '9' || n == 11) return false;
     v = v * 10 + static_cast<std::uint64_t>(*s - '0');
   }
-  return v <= (negative ? std::uint64_t{1} << 31 : (std::uint64_t{1} << 31) - 1);
+  return v <= (std::uint64_t{1} << 31) - 1;
 }
 
 // A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
-bool looks_numeric(char const* s) {
+// far: whether the value may lie beyond a float's range (its digits and its exponent's size
+// above 30 together), which only converting it tells.
+bool looks_numeric(char const* s, bool& far) {
+  far = false;
   if (*s == '+' || *s == '-') ++s;
   if ((s[0] == 'i' || s[0] == 'I') && (s[1] == 'n' || s[1] == 'N') && (s[2] == 'f' || s[2] == 'F'))
     return s[3] == '\0' || std::strcmp(s + 3, "inity") == 0;
+  char const* from = s;
   bool digits = false;
   while (*s >= '0' && *s <= '9')
     ++s, digits = true;
@@ -292,13 +305,17 @@ bool looks_numeric(char const* s) {
       ++s, digits = true;
   }
   if (!digits) return false;
+  long size = s - from;
   if (*s == 'e' || *s == 'E') {
     ++s;
     if (*s == '+' || *s == '-') ++s;
     if (!(*s >= '0' && *s <= '9')) return false;
+    long e = 0;
     while (*s >= '0' && *s <= '9')
-      ++s;
+      e = std::min(e * 10 + (*s++ - '0'), 1000L);
+    size += e;
   }
+  far = size > 30;
   return *s == '\0';
 }
 
@@ -371,7 +388,8 @@ void warn_columns(impls::table const& t, std::string const& path, bool class_nam
         for (unsigned long o = 1; o <= distinct && !fractions; ++o) {
           double v;
           std::string text = set->get_value(o);
-          if (!looks_numeric(text.c_str()) || !is_number(text.c_str(), v)) break;
+          bool far;
+          if (!looks_numeric(text.c_str(), far) || !is_number(text.c_str(), v)) break;
           fractions = v != std::floor(v);
         }
       if (distinct * 10 >= rows * 9)
@@ -394,6 +412,98 @@ void warn_columns(impls::table const& t, std::string const& path, bool class_nam
   }
 }
 
+// A message quoting a cell or a line of any length, cut to a readable size with its tail (what
+// was wrong) kept.
+std::string cut(std::string const& msg) {
+  if (msg.size() <= 200) return msg;
+  std::size_t colon = msg.rfind(": ");
+  std::string tail = colon != std::string::npos && msg.size() - colon < 80 ? msg.substr(colon) : "";
+  return msg.substr(0, 100) + "..." + tail;
+}
+
+// Whether s[0..n) is UTF-8: no stray continuation bytes, overlong forms, surrogates or code
+// points past U+10FFFF, so that every text output built from it is well formed.
+bool is_utf8(unsigned char const* s, std::size_t n) {
+  for (std::size_t i = 0; i < n;) {
+    unsigned char c = s[i];
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    std::size_t len = c >= 0xC2 && c <= 0xDF   ? 2
+                      : c >= 0xE0 && c <= 0xEF ? 3
+                      : c >= 0xF0 && c <= 0xF4 ? 4
+                                               : 0;
+    if (len == 0 || i + len > n) return false;
+    for (std::size_t j = 1; j < len; ++j)
+      if ((s[i + j] & 0xC0) != 0x80) return false;
+    if ((c == 0xE0 && s[i + 1] < 0xA0) || (c == 0xED && s[i + 1] > 0x9F) ||
+        (c == 0xF0 && s[i + 1] < 0x90) || (c == 0xF4 && s[i + 1] > 0x8F))
+      return false;
+    i += len;
+  }
+  return true;
+}
+
+bool is_utf8(char const* s) {
+  return is_utf8(reinterpret_cast<unsigned char const*>(s), std::strlen(s));
+}
+
+// Whether any byte is outside ASCII, eight at a time: most tables are ASCII and need no more.
+bool any_high(char const* s, std::size_t n) {
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, s + i, 8);
+    if (w & 0x8080808080808080ULL) return true;
+  }
+  for (; i < n; ++i)
+    if (static_cast<unsigned char>(s[i]) & 0x80) return true;
+  return false;
+}
+
+std::string not_utf8(std::string const& where) {
+  return where +
+         ": bytes that are not UTF-8 (save the file as UTF-8, e.g. with iconv -f LATIN1 -t UTF-8)";
+}
+
+std::string unknown_classes(std::string const& path, std::string const& name, std::size_t n) {
+  return "File " + path + ", class column '" + name + "': " + std::to_string(n) + " unknown value" +
+         (n == 1 ? "" : "s") + "; a row to learn from needs its class (remove those rows or name " +
+         "another class column)";
+}
+
+// Which of a row's cells its column's type refuses (k when none does): the loader stops at the
+// first such value without saying whose it was.
+std::size_t refusing(std::vector<value_type> const& types, char const* const* cells) {
+  namespace dt = zel::data_types;
+  for (std::size_t j = 0; j < types.size(); ++j) {
+    char const* v = cells[j];
+    if (v == kUnknown || std::strcmp(v, "?") == 0) continue;
+    try {
+      switch (types[j]) {
+        case value_type::integer:
+          dt::datatype<int>::parse(v);
+          break;
+        case value_type::uinteger:
+          dt::datatype<unsigned long>::parse(v);
+          break;
+        case value_type::float32:
+          dt::datatype<float>::parse(v);
+          break;
+        case value_type::float64:
+          dt::datatype<double>::parse(v);
+          break;
+        case value_type::string:
+          break;
+      }
+    } catch (std::runtime_error const&) {
+      return j;
+    }
+  }
+  return types.size();
+}
+
 }  // namespace
 
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
@@ -404,6 +514,18 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
+  if (any_high(text.data(), text.size())) {
+    for (std::size_t j = 0; j < k; ++j)
+      if (!is_utf8(p.names[j].c_str()))
+        throw std::runtime_error(
+            not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+    for (std::size_t r = 0; r < rows; ++r)
+      for (std::size_t j = 0; j < k; ++j)
+        if (!is_utf8(p.cells[r * k + j]))
+          throw std::runtime_error(not_utf8("File " + path + ", line " +
+                                            std::to_string(p.lines[r]) + ", column '" + p.names[j] +
+                                            "'"));
+  }
   // A first column without a name holds row names, as R's write.csv writes them.
   bool row_names = k > 1 && p.names[0].empty();
   if (row_names) {
@@ -443,10 +565,10 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // What the values of each column look like, in one pass in row order (the cells of a row lie
   // together in memory).
   struct shape {
-    bool all_int = true, all_num = true, any = false, lossy = false;
+    bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
     bool all_date = true, whole_days = true;
     std::size_t looked = 0;
-    std::string lossy_value;
+    std::string lossy_value, wide_value;
   };
   std::vector<shape> shapes(k);
   for (std::size_t j = 0; j < k; ++j) {
@@ -454,7 +576,8 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
     // A class, a type the caller chose or a kind that takes texts needs no looking at.
-    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0))
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0) ||
+        opts.numeric_if_present.count(p.names[j]))
       shapes[j].all_num = false;
     // Dates are read whatever number type is asked for (the type of a training column may be
     // passed on to its test file).
@@ -479,9 +602,24 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       if (!c.all_num) continue;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
-      if (!looks_numeric(v)) {
+      bool far;
+      if (!looks_numeric(v, far)) {
         c.all_num = false;
         continue;
+      }
+      if (far) {
+        // Converted as the loader converts: a value a float cannot hold makes the column double,
+        // one no double holds either (1e309) makes it text, never a column the loader refuses.
+        float f;
+        double d;
+        if (!zel::data_types::detail::parse_floating(v, f)) {
+          if (zel::data_types::detail::parse_floating(v, d)) {
+            if (!c.wide) c.wide_value = v;
+            c.wide = true;
+          } else
+            c.all_num = false;
+        }
+        if (!c.all_num) continue;
       }
       // Precision is looked at on the first values only: the warning gives an example.
       double d;
@@ -538,6 +676,13 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
                      << "': ISO dates, read as days since 1970-01-01"
                      << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
   }
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (std::size_t r = 0; r < rows; ++r)
+      unknown += p.cells[r * k + cls] == kUnknown;
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
+  }
+  std::vector<value_type> types(k);
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
@@ -545,8 +690,12 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     shape const& c = shapes[j];
     if (c.any && c.all_num) {
       kind = column_kind::continuous;
-      type = c.all_int ? value_type::integer : value_type::float32;
-      if (!c.all_int && c.lossy && opts.warnings)
+      type = c.all_int ? value_type::integer : c.wide ? value_type::float64 : value_type::float32;
+      if (c.wide && opts.warnings)
+        *opts.warnings << "File " << path << ", column '" << name
+                       << "': values lie beyond 32-bit float (e.g. " << c.wide_value
+                       << "); the column is read as doubles" << std::endl;
+      if (!c.all_int && !c.wide && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
                        << c.lossy_value << "' are not exact in 32-bit float; --type " << name
                        << "=double keeps them exact" << std::endl;
@@ -556,6 +705,11 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     } else if (row_names && j == 0) {
       kind = column_kind::ignore;
     }
+    auto n = opts.numeric_if_present.find(name);
+    if (n != opts.numeric_if_present.end() && j != cls) {
+      kind = column_kind::continuous;
+      type = n->second;
+    }
     auto t = opts.types.find(name);
     if (t != opts.types.end()) {
       type = t->second;
@@ -564,6 +718,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     }
     auto kd = opts.kinds.find(name);
     if (kd != opts.kinds.end()) kind = kd->second;
+    types[j] = type;
     try {
       impl->push_back(name, keyword(type), keyword(kind));
     } catch (std::runtime_error const& e) {
@@ -578,9 +733,10 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
                     "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
-    std::string msg = e.what();
     std::size_t at = r == 0 ? 0 : r - 1;
-    throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
+    std::size_t j = refusing(types, &p.cells[at * k]);
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(p.lines[at]) +
+                                 (j < k ? ", column '" + p.names[j] + "'" : "") + ": " + e.what()));
   }
   warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
@@ -653,6 +809,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     value_type type;
     column_kind kind;
     std::vector<std::string> nominal;
+    std::set<std::string> listed;  // the nominal values, to look rows' values up
   };
   std::vector<attribute> atts;
   std::vector<std::vector<std::string>> rows;
@@ -672,6 +829,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (first == std::string::npos || line[first] == '%') continue;
     line = line.substr(first);
     if (!data) {
+      if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
       if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
       std::string word = lower(line.substr(0, line.find_first_of(" \t")));
       if (word == "@relation") continue;
@@ -686,13 +844,14 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
       if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
           head.empty())
         throw std::runtime_error(where() + ": bad attribute declaration");
-      attribute a{head[0], value_type::string, column_kind::discrete, {}};
+      attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
       if (brace != std::string::npos) {
         std::size_t close = rest.rfind('}');
         if (close == std::string::npos || close < brace)
           throw std::runtime_error(where() + ": nominal values without a closing brace");
         if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
           throw std::runtime_error(where() + ": quote not closed");
+        a.listed.insert(a.nominal.begin(), a.nominal.end());
       } else {
         std::string type = head.size() > 1 ? lower(head[1]) : "";
         if (type == "integer") {
@@ -737,6 +896,16 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
                                  std::to_string(atts.size()) + " attributes declared");
       row = f;
     }
+    for (std::size_t j = 0; j < atts.size(); ++j) {
+      attribute const& a = atts[j];
+      if (!is_utf8(row[j].c_str()))
+        throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
+      // A value its declaration does not list is a typing error, not a new value (in the class,
+      // a new class).
+      if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
+        throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                                     "' is not one of the values declared for it"));
+    }
     rows.push_back(std::move(row));
     lines.push_back(line_no);
   }
@@ -754,6 +923,13 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     cls = k;
   }
   markers missing({"?"});
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (auto const& row : rows)
+      unknown += missing(row[cls].c_str(), row[cls].size());
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, atts[cls].name, unknown));
+  }
+  std::vector<value_type> types(k);
   auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
@@ -765,6 +941,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (t != opts.types.end()) a.type = t->second;
     auto kd = opts.kinds.find(a.name);
     if (kd != opts.kinds.end()) a.kind = kd->second;
+    types[j] = a.type;
     try {
       impl->push_back(a.name, keyword(a.type), keyword(a.kind));
     } catch (std::runtime_error const& e) {
@@ -784,8 +961,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         },
         "?");
   } catch (std::runtime_error const& e) {
-    throw std::runtime_error("File " + path + ", line " +
-                             std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
+    std::size_t at = r == 0 ? 0 : r - 1, j = k;
+    if (r > 0) {
+      for (std::size_t i = 0; i < k; ++i)
+        cells[i] = rows[at][i].c_str();
+      j = refusing(types, cells.data());
+    }
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(lines[at]) +
+                                 (j < k ? ", column '" + atts[j].name + "'" : "") + ": " +
+                                 e.what()));
   }
   warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
@@ -825,6 +1009,19 @@ char better_separator(std::string const& path, char sep) {
   return 0;
 }
 
+std::string non_utf8_text(impls::table const& t) {
+  for (unsigned long j = 0; j < t.get_no_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    if (!is_utf8(c->get_name().c_str())) return "the name of column " + std::to_string(j + 1);
+    impls::o_set* values = c->get_o_set();
+    if (values == nullptr || values->get_datatype() != "string") continue;
+    for (unsigned long v = 1; v <= values->size_of_known(); ++v)
+      if (!is_utf8(values->get_value(v).c_str()))
+        return "a value of column '" + c->get_name() + "'";
+  }
+  return "";
+}
+
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
   if (ends_with(path, ".arff") || ends_with(path, ".arff.gz")) return read_arff(path, opts);
   for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"})
@@ -833,9 +1030,15 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   struct stat st;
   if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
   auto t = std::make_unique<table>(path);
-  std::string sep(1, opts.separator != 0 ? opts.separator : ',');
-  t->load_meta_data(datasource("FILE#" + path + ".names#" + sep));
-  t->load_data(datasource("FILE#" + rows + "#" + sep), "?");
+  try {
+    std::string sep(1, opts.separator != 0 ? opts.separator : ',');
+    t->load_meta_data(datasource("FILE#" + path + ".names#" + sep));
+    t->load_data(datasource("FILE#" + rows + "#" + sep), "?");
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(cut(e.what()));  // such messages quote whole lines
+  }
+  std::string bad = non_utf8_text(*t->get_impl());
+  if (!bad.empty()) throw std::runtime_error(not_utf8("File " + path + ".names/.data, " + bad));
   return t;
 }
 
@@ -859,6 +1062,37 @@ struct table_builder::column_values {
   std::size_t span = 0;
   bool const* mask = nullptr;
   std::vector<std::string> categories;
+  // Whether row r holds the unknown value, read as the loader will read it.
+  bool unknown_at(std::size_t r) const {
+    if (mask != nullptr && !mask[r]) return true;
+    if (!known.empty() && !known[r]) return true;
+    auto code = [&](auto const* p) {
+      return p[r] < 0 || (static_cast<std::size_t>(p[r]) < categories.size() &&
+                          categories[static_cast<std::size_t>(p[r])] == "?");
+    };
+    switch (from) {
+      case source::texts:
+        return texts[r] == "?";
+      case source::numbers:
+        return std::isnan(numbers[r]);
+      case source::f64:
+        return std::isnan(static_cast<double const*>(data)[r]);
+      case source::f32:
+        return std::isnan(static_cast<float const*>(data)[r]);
+      case source::i64:
+      case source::i32:
+        return false;
+      case source::c8:
+        return code(static_cast<std::int8_t const*>(data));
+      case source::c16:
+        return code(static_cast<std::int16_t const*>(data));
+      case source::c32:
+        return code(static_cast<std::int32_t const*>(data));
+      case source::c64:
+        return code(static_cast<std::int64_t const*>(data));
+    }
+    return false;
+  }
   std::size_t size() const {
     switch (from) {
       case source::numbers:
@@ -1048,6 +1282,14 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
           columns_[0].name + "' " + std::to_string(rows));
     if (!names.insert(c.name).second) bad("column '" + c.name + "' given twice");
     has_class |= c.kind == column_kind::class_label;
+    if (c.kind == column_kind::class_label) {
+      std::size_t unknown = 0;
+      for (std::size_t r = 0; r < c.size(); ++r)
+        unknown += c.unknown_at(r);
+      if (unknown > 0)
+        bad("class column '" + c.name + "': " + std::to_string(unknown) + " unknown value" +
+            (unknown == 1 ? "" : "s") + "; a row to learn from needs its class");
+    }
   }
   if (rows == 0) bad("no rows");
   if (require_class && !has_class) bad("no class column");

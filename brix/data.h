@@ -25,6 +25,10 @@ struct read_options {
   char separator = 0;  // 0: '\t' for names ending in .tsv or .tsv.gz, ',' otherwise
   std::map<std::string, value_type> types;   // overrides by column name
   std::map<std::string, column_kind> kinds;  // overrides by column name
+  // Continuous columns of these types where present and not overridden (CSV/TSV): a model's
+  // numeric columns when classifying, so that a value that is not a number is refused where it
+  // lies.
+  std::map<std::string, value_type> numeric_if_present;
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
 };
@@ -89,9 +93,10 @@ class table_builder {
 // RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled
 // quotes, separators and line feeds inside; CR LF or LF; a UTF-8 byte order mark is skipped;
 // a name ending in .gz is inflated. Integers that fit 32 bits make integer continuous columns,
-// other numbers float continuous ones, anything else string discrete ones; the class column is
-// string. Errors (std::runtime_error) name the file, line, column and value; nothing is returned
-// then.
+// other numbers float continuous ones (double discrete ones where a float cannot hold a value),
+// anything else string discrete ones; the class column is string. Text that is not UTF-8 and
+// unknown class values are refused. Errors (std::runtime_error) name the file, line, column and
+// value; nothing is returned then.
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts = {});
 
 // ARFF: '%' comments, @relation, @attribute NAME numeric|real|integer|string|{v1,v2,...} (names
@@ -103,7 +108,8 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
 std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts = {});
 
 // By name: .arff (or .arff.gz) through read_arff, .csv/.tsv/.txt (or .gz) through read_csv,
-// anything else as the stem of a .names/.data (or .data.gz) pair.
+// anything else as the stem of a .names/.data (or .data.gz) pair, refused when its text is not
+// UTF-8.
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
 
 // An ISO date, YYYY-MM-DD optionally followed by 'T' (or a blank) and hh:mm or hh:mm:ss, as days
@@ -114,6 +120,12 @@ bool iso_date(char const* text, double& days);
 // When the first lines of a CSV/TSV file do not split evenly at sep but do at another of
 // , ; TAB |, that separator; otherwise 0. For hints after a refused file.
 char better_separator(std::string const& path, char sep);
+namespace impls {
+class table;
+}
+// Where a table or a model's metadata holds text that is not UTF-8 ("a value of column 'c'"),
+// which no XML or JSON output may carry; empty when there is none.
+std::string non_utf8_text(impls::table const& t);
 
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);

@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -60,6 +63,19 @@ double number(std::string const& word, std::string const& text) {
   if (text.empty() || *end != '\0' || !std::isfinite(v))
     throw usage_error(word + ": '" + text + "' is not a number");
   return v;
+}
+
+// A whole number in [least, most], checked before any conversion: a double out of an integer
+// type's range does not convert.
+double whole(std::string const& word, std::string const& text, double least, double most) {
+  double d = number(word, text);
+  if (d < least || d > most || d != std::floor(d)) {
+    std::ostringstream range;
+    range.precision(17);
+    range << word << " must be a whole number in [" << least << ", " << most << "]";
+    throw usage_error(range.str());
+  }
+  return d;
 }
 
 // NAME=VALUE of --kind and --type, VALUE one of the .names keywords of `all`.
@@ -111,9 +127,8 @@ std::vector<option> const& options() {
        }},
       {"--seed", true,
        [](settings& s, std::string const& v) {
-         double d = number("--seed", v);
-         if (d < 0 || d != std::floor(d)) throw usage_error("--seed must be a whole number >= 0");
-         s.seed = static_cast<std::uint64_t>(d);
+         // Up to 2^53: every such whole number reads exactly.
+         s.seed = static_cast<std::uint64_t>(whole("--seed", v, 0, 9007199254740992.0));
        }},
       {"--confidence", true,
        [](settings& s, std::string const& v) {
@@ -123,8 +138,10 @@ std::vector<option> const& options() {
        }},
       {"--min-cases", true,
        [](settings& s, std::string const& v) {
-         s.tree.min_cases = static_cast<float>(number("--min-cases", v));
-         if (!(s.tree.min_cases > 1)) throw usage_error("--min-cases must be > 1");
+         double d = number("--min-cases", v);
+         if (!(d > 1) || d > std::numeric_limits<float>::max())
+           throw usage_error("--min-cases must be > 1");
+         s.tree.min_cases = static_cast<float>(d);
        }},
       {"--pruning", true,
        [](settings& s, std::string const& v) {
@@ -188,15 +205,11 @@ std::vector<option> const& options() {
        }},
       {"-k", true,
        [](settings& s, std::string const& v) {
-         double d = number("-k", v);
-         if (d < 2 || d != std::floor(d)) throw usage_error("-k must be a whole number >= 2");
-         s.folds = static_cast<unsigned>(d);
+         s.folds = static_cast<unsigned>(whole("-k", v, 2, 4294967295.0));
        }},
       {"--max-depth", true,
        [](settings& s, std::string const& v) {
-         double d = number("--max-depth", v);
-         if (d < 0 || d != std::floor(d)) throw usage_error("--max-depth must be >= 0");
-         s.max_depth = static_cast<long>(d);
+         s.max_depth = static_cast<long>(whole("--max-depth", v, 0, 2147483647.0));
        }},
       {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
       {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
@@ -312,8 +325,20 @@ void refuse_overrides(std::string const& stem, settings const& s) {
 }
 
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
-std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
+std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class,
+                                  brix::tree_model const* model = nullptr) {
   brix::read_options o;
+  if (model != nullptr) {
+    brix::impls::table const& meta = *model->facade().get_impl()->get_metadata();
+    for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
+      brix::impls::column const* c = meta.get_attribute(a);
+      std::string const& type = c->get_o_set()->get_datatype();
+      if (!c->is_continuous()) continue;
+      o.numeric_if_present[c->get_name()] = type == "integer"    ? brix::value_type::integer
+                                            : type == "uinteger" ? brix::value_type::uinteger
+                                                                 : brix::value_type::float32;
+    }
+  }
   o.class_column = s.class_column;
   o.require_class = need_class;
   std::ostringstream warnings;
@@ -359,9 +384,32 @@ void write_file(std::string const& path, std::function<void(std::ostream&)> cons
       "cannot be written");
 }
 
+// Compares files, not spellings: ./x.csv, a link to x.csv and x.csv are one.
 void refuse_same(std::string const& out, std::vector<std::string> const& ins) {
+  if (out.empty()) return;
   for (auto const& in : ins)
-    if (!out.empty() && out == in) throw usage_error("the output " + out + " is also an input");
+    if (same_file(out, in))
+      throw usage_error("the output " + out + " is also an input (" + in + ")");
+}
+
+// The files read for DATA and a test file (a table file, or brixcmd's rows for the stem).
+std::vector<std::string> inputs(std::string const& data, std::string const& test = "") {
+  std::vector<std::string> all = input_files(data);
+  if (!test.empty()) {
+    std::vector<std::string> more =
+        is_table_file(test) ? input_files(test) : std::vector<std::string>{test};
+    all.insert(all.end(), more.begin(), more.end());
+  }
+  return all;
+}
+
+// A CSV field, quoted when it holds a separator, a quote or a line end.
+std::string csv_field(std::string const& v) {
+  if (v.find_first_of(",\"\r\n") == std::string::npos) return v;
+  std::string q = "\"";
+  for (char c : v)
+    q += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return q + "\"";
 }
 
 // A whole number as one, others as the stream prints floats.
@@ -440,7 +488,7 @@ int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
   if (!s.test.empty() && s.test_fraction > 0)
     throw usage_error("--test and --test-fraction exclude each other");
-  refuse_same(s.model, {s.args[0], s.test});
+  refuse_same(s.model, inputs(s.args[0], s.test));
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
   brix::tree_options opts = s.tree;
@@ -459,7 +507,7 @@ int train(settings const& s) {
   if (!s.test.empty()) {
     std::vector<std::pair<std::string, unsigned long>> unseen;
     if (is_table_file(s.test)) {
-      auto tt = load(s.test, s, true);
+      auto tt = load(s.test, s, true, m.get());
       progress.begin("test");
       test = m->evaluate(*tt, &unseen);
     } else {
@@ -529,14 +577,16 @@ int train(settings const& s) {
 
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
-  refuse_same(s.output, s.args);
+  std::vector<std::string> read = inputs(s.args[1]);
+  read.push_back(s.args[0]);
+  refuse_same(s.output, read);
   // A model file has no name a table has: DATA first is the likely mistake.
   if (is_table_file(s.args[0]) || file_exists(s.args[0] + ".names"))
     throw usage_error("predict takes MODEL then DATA: " + s.args[0] +
                       " is a table, not a model (the two swapped?)");
   progress.begin("load model");
   auto m = brix::tree_model::load(s.args[0]);
-  auto t = load(s.args[1], s, false);
+  auto t = load(s.args[1], s, false, m.get());
   // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
   if (!s.id.empty() && !s.kinds.count(s.id)) {
     brix::impls::table const& i = *t->get_impl();
@@ -545,7 +595,7 @@ int predict(settings const& s) {
         settings again = s;
         again.kinds[s.id] = brix::column_kind::discrete;
         again.quiet = true;  // the warnings were given
-        t = load(s.args[1], again, false);
+        t = load(s.args[1], again, false, m.get());
         break;
       }
   }
@@ -561,11 +611,14 @@ int predict(settings const& s) {
     if (id == nullptr) throw std::runtime_error("DATA has no column '" + s.id + "'");
   }
   auto write = [&](std::ostream& out) {
-    if (id) out << s.id << ",";
+    if (id) out << csv_field(s.id) << ",";
     out << "predicted";
+    std::vector<std::string> shown;  // the classes as fields
+    for (auto const& c : classes)
+      shown.push_back(csv_field(c));
     if (s.proba)
       for (auto const& c : classes)
-        out << ",p(" << c << ")";
+        out << "," << csv_field("p(" + c + ")");
     out << "\n";
     std::size_t k = classes.size();
     for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
@@ -573,8 +626,8 @@ int predict(settings const& s) {
       // The first class of the largest share wins, as in prediction.
       std::size_t best =
           static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
-      if (id) out << id->get_value(r) << ",";
-      out << classes[best];
+      if (id) out << csv_field(id->get_value(r)) << ",";
+      out << shown[best];
       if (s.proba)
         for (std::size_t c = 0; c < k; ++c)
           out << "," << p[c];
@@ -651,8 +704,10 @@ int import_data(settings const& s) {
   if (s.to.empty()) throw usage_error("import needs --to STEM");
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
   refuse_separator(s.args[0], s);
-  refuse_same(s.to + ".names", {s.args[0], s.test});
-  refuse_same(s.to + ".data", {s.args[0], s.test});
+  // Outputs that are inputs under another name are import's own data error.
+  for (std::string const out : {s.to + ".names", s.to + ".data"})
+    for (std::string const& in : {s.args[0], s.test})
+      if (out == in) throw usage_error("the output " + out + " is also an input");
   brix::read_options o;
   o.class_column = s.class_column;
   o.kinds = s.kinds;
@@ -779,6 +834,11 @@ int main(int argc, char** argv) {
     progress.setup(s);
     int status = it->second.run(s);
     progress.end();
+    // What could not be written (a full device, a closed pipe) fails the run, not just the bytes.
+    std::cout.flush();
+    if (!std::cout || std::fflush(stdout) != 0 || std::ferror(stdout))
+      throw std::runtime_error(std::string("standard output: cannot be written (") +
+                               std::strerror(errno) + ")");
     return status;
   } catch (usage_error const& e) {
     progress.clear();

@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <iostream>
@@ -65,20 +66,46 @@ bool file_exists(std::string const& p) {
   return ::stat(p.c_str(), &st) == 0;
 }
 
-namespace {
-
-bool ends_with(std::string const& s, char const* tail) {
-  std::size_t n = std::strlen(tail);
-  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-// The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
 std::vector<std::string> input_files(std::string const& data) {
   if (data.empty()) return {};
   if (is_table_file(data)) return {data};
   std::string rows = data + ".data";
   if (!file_exists(rows) && file_exists(rows + ".gz")) rows += ".gz";
   return {data + ".names", rows};
+}
+
+namespace {
+
+// A file's name with every link resolved; for a file not there yet, its directory's resolved
+// name and its own (empty when the directory is not there either).
+std::string resolved(std::string const& p) {
+  std::unique_ptr<char, decltype(&std::free)> full(::realpath(p.c_str(), nullptr), &std::free);
+  if (full) return full.get();
+  std::size_t slash = p.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
+  std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+  std::unique_ptr<char, decltype(&std::free)> d(::realpath(dir.c_str(), nullptr), &std::free);
+  if (!d || name.empty() || name == "." || name == "..") return "";
+  return std::string(d.get()) + (std::strcmp(d.get(), "/") == 0 ? "" : "/") + name;
+}
+
+}  // namespace
+
+bool same_file(std::string const& a, std::string const& b) {
+  if (a.empty() || b.empty()) return false;
+  if (a == b) return true;
+  struct stat sa, sb;
+  if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  std::string ra = resolved(a);
+  return !ra.empty() && ra == resolved(b);
+}
+
+namespace {
+
+bool ends_with(std::string const& s, char const* tail) {
+  std::size_t n = std::strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 // "1 value", "2 values".
@@ -248,13 +275,6 @@ brix::value_type type_of(std::string const& keyword) {
   return brix::value_type::string;
 }
 
-// The same file under two names: the same device and inode.
-bool same_file(std::string const& a, std::string const& b) {
-  struct stat sa, sb;
-  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-         sa.st_ino == sb.st_ino;
-}
-
 std::string shell_word(std::string const& s) {
   if (s.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
       std::string::npos)
@@ -289,8 +309,7 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   inputs.insert(inputs.end(), more.begin(), more.end());
   for (auto const& o : outputs)
     for (auto const& i : inputs)
-      if (o == i || same_file(o, i))
-        throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+      if (same_file(o, i)) throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
 
   opts.warnings = quiet ? nullptr : &std::cerr;
   auto table = brix::read_table(data, opts);
@@ -654,6 +673,10 @@ struct column_check {
   bool any = false, several = false, all_numbers = true, fractions = false;
   std::size_t known = 0;  // rows with a known value
   std::string one;
+  // CSV: how many values are numbers, and the first few distinct texts that are not.
+  std::size_t numbers = 0;
+  tally texts;
+  std::vector<std::string> stray;
   // Distinct texts (views into the store) and the line each first occurs on; not kept past
   // kMaxDistinct values, a column that varies that much is a key, not a category.
   std::unordered_map<std::string_view, std::size_t> seen;
@@ -710,8 +733,16 @@ class value_checks {
       if (!readable(c.type, value.c_str())) c.unreadable.see(line, v);
     } else {
       double d = 0;
-      if (c.all_numbers) c.all_numbers = is_number(v, d);
+      bool number = is_number(v, d);
+      if (c.all_numbers) c.all_numbers = number;
       if (c.all_numbers && d != std::floor(d)) c.fractions = true;
+      if (number) {
+        ++c.numbers;
+      } else if (c.type.empty()) {
+        c.texts.see(line, v);
+        if (c.stray.size() < 4 && std::find(c.stray.begin(), c.stray.end(), v) == c.stray.end())
+          c.stray.emplace_back(v.substr(0, 60));
+      }
       if (c.dates) c.dates = brix::iso_date(value.c_str(), d);
       if (!v.empty() && (blank(v.front()) || blank(v.back()))) c.blanks.see(line, v);
       if (v.find('"') != std::string_view::npos ||
@@ -757,6 +788,17 @@ class value_checks {
               c.where() + ": " + values(c.unreadable.n) + " that " +
                   (c.unreadable.n == 1 ? "is" : "are") + " not " + c.type + ", such as " +
                   quoted(c.unreadable.first));
+      // A few texts among many numbers: most likely unknown values the reader does not know as
+      // such, and they turn the column discrete.
+      if (training && c.type.empty() && !c.is_class && c.texts.n > 0 && c.stray.size() <= 3 &&
+          c.numbers >= 4 * c.texts.n) {
+        std::string shown;
+        for (std::size_t i = 0; i < c.stray.size(); ++i)
+          shown += (i == 0 ? "" : ", ") + quoted(c.stray[i]);
+        p.add(f, c.texts.line,
+              c.where() + ": " + values(c.numbers, "number") + " and " + values(c.texts.n, "text") +
+                  " (" + shown + ") make it a discrete column; mark unknown values as ? or NA");
+      }
       if (!training || rows < 2) continue;
       // As the readers warn: a class of (nearly) a value per row or of fractional numbers, and
       // another column whose values all differ, like an ID (not numbers with fractions or dates,

@@ -4,6 +4,7 @@
 #define BRIX_CMD_BRIX_IMPORT_H
 
 #include <string>
+#include <vector>
 
 #include "brix/data.h"
 
@@ -22,6 +23,13 @@ int brix_check(std::string const& data, std::string const& class_column, char se
 // Whether DATA names a CSV/TSV/ARFF file (optionally .gz) rather than a .names/.data stem.
 bool is_table_file(std::string const& p);
 bool file_exists(std::string const& p);
+
+// The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
+std::vector<std::string> input_files(std::string const& data);
+
+// Whether two names are one file: the same device and inode, or, for a file not there yet, the
+// same name once links are resolved. Hard links, symbolic links and other spellings included.
+bool same_file(std::string const& a, std::string const& b);
 
 // Their usage lines and what --help says below them.
 extern char const* const kImportSynopsis;

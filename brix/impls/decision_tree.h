@@ -376,6 +376,17 @@ class table_predictor {
   conf_matrix* evaluate(int threads,
                         std::vector<std::pair<std::string, unsigned long>>* unseen) const;
 
+  // A node a row reaches: its number (preorder from the root, 0, null nodes left out), the share
+  // of the row's weight of 1 reaching it, and whether the descent ends there.
+  struct reached_node {
+    unsigned long node;
+    float weight;
+    bool leaf;
+  };
+  // The nodes a row reaches, descending as probabilities() does, in the order visited: into out,
+  // cleared first.
+  void reach(unsigned long row, std::vector<reached_node>& out) const;
+
  private:
   decision_tree const& tree_;
   table const* table_;

@@ -187,8 +187,9 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
       wrong[i] = first_max(p.data() + (*rows)[i] * k, k) != actual[i];
       if (wrong[i]) missed += w[i];
     }
+    // Within rounding: the renormalised weights of a tie may sum to a hair under a half.
     double err = missed / start;
-    bool last = err <= 0.0 || err >= 0.5;
+    bool last = err <= 1e-12 || err >= 0.5 - 1e-12;
     if (last) {
       if (trial == 0) e->trials_.push_back({std::move(tree), 1.0, err});
       e->stopped_ = err <= 0.0 ? stop::zero_error : stop::half_error;
@@ -495,7 +496,7 @@ void ensemble::write_pmml(std::ostream& out) const {
   out << first.substr(0, head_end) << cut(first, "<DataDictionary", "</DataDictionary>") << "\n";
   std::string schema = cut(first, "<MiningSchema>", "</MiningSchema>");
   out << "  <MiningModel modelName=\"boosted trees\" functionName=\"classification\">\n"
-      << indent(schema, "  ")
+      << indent(schema, "")
       << "    <Segmentation multipleModelMethod=\"weightedMajorityVote\">\n";
   for (std::size_t i = 0; i < trials_.size(); ++i) {
     std::string doc = i == 0 ? first : document(*trials_[i].tree, &tree_model::write_pmml);

@@ -19,6 +19,7 @@
 #include <set>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 
 #include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
@@ -159,6 +160,9 @@ class markers {
 
 // Cells holding an unknown-value marker point here.
 char const* const kUnknown = "?";
+
+// The name given to a first column without one.
+char const* const kRowNames = "(row names)";
 
 struct parsed {
   std::vector<std::string> names;
@@ -304,6 +308,92 @@ bool is_number(char const* s, double& v) {
   return r.ec == std::errc() && r.ptr == e && e != s && !std::isnan(v);
 }
 
+// Fixed-width digits of an ISO date or time; false on anything else.
+bool digits(char const* s, int n, int& v) {
+  v = 0;
+  for (int i = 0; i < n; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+    v = v * 10 + (s[i] - '0');
+  }
+  return true;
+}
+
+}  // namespace
+
+bool iso_date(char const* s, double& days) {
+  int y, m, d, hh = 0, mm = 0, ss = 0;
+  if (!digits(s, 4, y) || s[4] != '-' || !digits(s + 5, 2, m) || s[7] != '-' ||
+      !digits(s + 8, 2, d))
+    return false;
+  s += 10;
+  if (*s == 'T' || *s == ' ') {
+    if (!digits(s + 1, 2, hh) || s[3] != ':' || !digits(s + 4, 2, mm)) return false;
+    s += 6;
+    if (*s == ':') {
+      if (!digits(s + 1, 2, ss)) return false;
+      s += 3;
+    }
+    if (hh > 23 || mm > 59 || ss > 59) return false;
+  }
+  if (*s != '\0' || m < 1 || m > 12 || d < 1) return false;
+  bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  static int const kMonth[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (d > kMonth[m - 1] + (m == 2 && leap)) return false;
+  // Days of the proleptic Gregorian calendar, counted in 400-year eras from March 1.
+  long yy = y - (m <= 2);
+  long era = yy / 400, yoe = yy - era * 400;
+  long doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  days = static_cast<double>(era * 146097 + doe - 719468) + (hh * 3600 + mm * 60 + ss) / 86400.0;
+  return true;
+}
+
+namespace {
+
+// Columns a tree is better off without, told where the caller wants warnings: a class with
+// (nearly) a value per row or with fractional numbers, and other columns whose values all differ,
+// like an ID. Floats and dates are left alone: measurements often all differ.
+void warn_columns(impls::table const& t, std::string const& path, bool class_named,
+                  std::vector<bool> const& dates, std::ostream* warnings) {
+  if (warnings == nullptr) return;
+  unsigned long rows = t.get_no_rows();
+  if (rows < 10) return;  // too few rows to tell
+  for (unsigned long j = 0; j < t.get_loaded_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    impls::o_set* set = c->get_o_set();
+    unsigned long distinct = set->size_of_known();
+    std::string const& type = set->get_datatype();
+    std::string head = "File " + path + ", column '" + c->get_name() + "'";
+    if (c->is_class()) {
+      std::string how = class_named ? "" : " (the last column)";
+      bool fractions = false;
+      if (type == "string")
+        for (unsigned long o = 1; o <= distinct && !fractions; ++o) {
+          double v;
+          std::string text = set->get_value(o);
+          if (!looks_numeric(text.c_str()) || !is_number(text.c_str(), v)) break;
+          fractions = v != std::floor(v);
+        }
+      if (distinct * 10 >= rows * 9)
+        *warnings << head << ", taken as the class" << how << ": " << distinct
+                  << " different values in " << rows
+                  << " rows, nearly one a row; is it the class? --class NAME names another"
+                  << std::endl;
+      else if (fractions)
+        *warnings << head << ", taken as the class" << how
+                  << ": numbers with fractions, each one a class of its own; is it the class? "
+                     "--class NAME names another"
+                  << std::endl;
+      continue;
+    }
+    if (c->is_ignore() || c->is_weights() || (j < dates.size() && dates[j])) continue;
+    if (type != "string" && type != "integer" && type != "uinteger") continue;
+    if (distinct == rows && !set->contains_null())
+      *warnings << head << ": all " << rows << " values differ, likely an ID; --kind "
+                << c->get_name() << "=ignore leaves it out" << std::endl;
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
@@ -314,6 +404,15 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
+  // A first column without a name holds row names, as R's write.csv writes them.
+  bool row_names = k > 1 && p.names[0].empty();
+  if (row_names) {
+    p.names[0] = kRowNames;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ": the first column has no name; taken as row names"
+                     << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
+                     << std::endl;
+  }
   std::set<std::string> seen;
   for (auto const& n : p.names) {
     if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
@@ -345,6 +444,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // together in memory).
   struct shape {
     bool all_int = true, all_num = true, any = false, lossy = false;
+    bool all_date = true, whole_days = true;
     std::size_t looked = 0;
     std::string lossy_value;
   };
@@ -354,15 +454,29 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
     // A class, a type the caller chose or a kind that takes texts needs no looking at.
-    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind) shapes[j].all_num = false;
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0))
+      shapes[j].all_num = false;
+    // Dates are read whatever number type is asked for (the type of a training column may be
+    // passed on to its test file).
+    auto t = opts.types.find(p.names[j]);
+    bool date_type = t == opts.types.end() || t->second != value_type::string;
+    if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
+      shapes[j].all_date = false;
   }
   for (std::size_t r = 0; r < rows; ++r) {
     for (std::size_t j = 0; j < k; ++j) {
       shape& c = shapes[j];
-      if (!c.all_num) continue;
+      if (!c.all_num && !c.all_date) continue;
       char const* v = p.cells[r * k + j];
       if (v == kUnknown) continue;
       c.any = true;
+      if (c.all_date) {
+        // The syntax only here, the calendar when the column is converted.
+        c.all_date = v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' &&
+                     v[4] == '-';
+        if (c.all_date) continue;
+      }
+      if (!c.all_num) continue;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
       if (!looks_numeric(v)) {
@@ -384,6 +498,46 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       }
     }
   }
+  // ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
+  // go to one buffer of fixed slots, which the cells then point into.
+  constexpr std::size_t kSlot = 32;
+  std::vector<bool> dates(k, false);
+  std::size_t date_columns = 0;
+  for (std::size_t j = 0; j < k; ++j) {
+    shape& c = shapes[j];
+    if (!c.any || !c.all_date) continue;
+    for (std::size_t r = 0; r < rows && c.all_date; ++r) {
+      char const* v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown) continue;
+      c.all_date = iso_date(v, d);
+      c.whole_days = c.whole_days && d == std::floor(d);
+    }
+    if (c.all_date) {
+      dates[j] = true;
+      c.all_num = false;
+      ++date_columns;
+    }
+  }
+  std::vector<char> date_texts(rows * kSlot * date_columns);
+  for (std::size_t j = 0, n = 0; j < k; ++j) {
+    if (!dates[j]) continue;
+    for (std::size_t r = 0; r < rows; ++r) {
+      char const*& v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown || !iso_date(v, d)) continue;
+      char* out = &date_texts[(n * rows + r) * kSlot];
+      auto e = shapes[j].whole_days ? std::to_chars(out, out + kSlot - 1, static_cast<long>(d))
+                                    : std::to_chars(out, out + kSlot - 1, d);
+      *e.ptr = '\0';
+      v = out;
+    }
+    ++n;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ", column '" << p.names[j]
+                     << "': ISO dates, read as days since 1970-01-01"
+                     << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
+  }
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
@@ -394,10 +548,20 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       type = c.all_int ? value_type::integer : value_type::float32;
       if (!c.all_int && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
-                       << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
+                       << c.lossy_value << "' are not exact in 32-bit float; --type " << name
+                       << "=double keeps them exact" << std::endl;
+    } else if (dates[j]) {
+      kind = column_kind::continuous;
+      type = c.whole_days ? value_type::integer : value_type::float64;
+    } else if (row_names && j == 0) {
+      kind = column_kind::ignore;
     }
     auto t = opts.types.find(name);
-    if (t != opts.types.end()) type = t->second;
+    if (t != opts.types.end()) {
+      type = t->second;
+      // A number type on its own keeps the column continuous; --kind may still say otherwise.
+      if (j != cls && type != value_type::string) kind = column_kind::continuous;
+    }
     auto kd = opts.kinds.find(name);
     if (kd != opts.kinds.end()) kind = kd->second;
     try {
@@ -418,6 +582,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     std::size_t at = r == 0 ? 0 : r - 1;
     throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
 
@@ -622,7 +787,42 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     throw std::runtime_error("File " + path + ", line " +
                              std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+char better_separator(std::string const& path, char sep) {
+  // The first lines only: enough to tell, whatever the size of the file.
+  std::string head;
+  try {
+    std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
+    head.resize(1 << 16);
+    int got = in->read(&head[0], static_cast<int>(head.size()));
+    head.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+  } catch (std::exception const&) {
+    return 0;
+  }
+  auto fits = [&head](char s) {
+    std::size_t lines = 0, first = 0, fields = 1;
+    bool quoted = false;
+    for (std::size_t i = 0; i < head.size() && lines < 5; ++i) {
+      char c = head[i];
+      if (c == '"') {
+        quoted = !quoted;
+      } else if (!quoted && c == s) {
+        ++fields;
+      } else if (!quoted && c == '\n') {
+        if (lines++ == 0) first = fields;
+        if (fields != first) return false;
+        fields = 1;
+      }
+    }
+    return lines >= 2 && first >= 2;
+  };
+  if (fits(sep)) return 0;
+  for (char s : {',', ';', '\t', '|'})
+    if (s != sep && fits(s)) return s;
+  return 0;
 }
 
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
@@ -633,20 +833,110 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   struct stat st;
   if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
   auto t = std::make_unique<table>(path);
-  t->load_meta_data(datasource("FILE#" + path + ".names#,"));
-  t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  std::string sep(1, opts.separator != 0 ? opts.separator : ',');
+  t->load_meta_data(datasource("FILE#" + path + ".names#" + sep));
+  t->load_data(datasource("FILE#" + rows + "#" + sep), "?");
   return t;
 }
 
+namespace {
+// Where a builder's column takes its values from: a copied list, or an array read in place.
+enum class source { numbers, texts, f64, f32, i64, i32, c8, c16, c32, c64 };
+}  // namespace
+
+// A column as given: copied value lists, or an array read in place (numbers or codes).
 struct table_builder::column_values {
+  column_values(std::string n, column_kind k, value_type t, source f)
+      : name(std::move(n)), kind(k), type(t), from(f) {}
   std::string name;
   column_kind kind;
   value_type type;
   std::vector<double> numbers;
   std::vector<std::string> texts;
   std::vector<bool> known;
-  std::size_t size() const { return type == value_type::string ? texts.size() : numbers.size(); }
+  source from;
+  void const* data = nullptr;  // in place: the caller's array, span values
+  std::size_t span = 0;
+  bool const* mask = nullptr;
+  std::vector<std::string> categories;
+  std::size_t size() const {
+    switch (from) {
+      case source::numbers:
+        return numbers.size();
+      case source::texts:
+        return texts.size();
+      default:
+        return span;
+    }
+  }
 };
+
+namespace {
+
+void refuse(std::string const& name, std::string const& what) {
+  throw std::invalid_argument("[brix::table_builder] column '" + name + "': " + what);
+}
+
+void check_known(std::string const& name, std::size_t flags, std::size_t values) {
+  if (flags != 0 && flags != values)
+    refuse(name, std::to_string(flags) + " known flags for " + std::to_string(values) + " values");
+}
+
+void check_text_kind(std::string const& name, column_kind kind) {
+  if (kind == column_kind::continuous || kind == column_kind::weights)
+    refuse(name, "a " + keyword(kind) + " column needs numbers");
+}
+
+template <class T>
+constexpr source number_source() {
+  if constexpr (std::is_same<T, double>::value) return source::f64;
+  if constexpr (std::is_same<T, float>::value) return source::f32;
+  if constexpr (std::is_same<T, std::int64_t>::value) return source::i64;
+  return source::i32;
+}
+template <class T>
+constexpr source code_source() {
+  if constexpr (sizeof(T) == 1) return source::c8;
+  if constexpr (sizeof(T) == 2) return source::c16;
+  if constexpr (sizeof(T) == 4) return source::c32;
+  return source::c64;
+}
+
+// The loader's feed for one row of an array read in place.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> number_feed(void const* data,
+                                                                   bool const* mask) {
+  T const* v = static_cast<T const*>(data);
+  if (mask == nullptr)
+    return [v](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), true); };
+  return [v, mask](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), mask[r]); };
+}
+
+// Each category's text goes to the loader once, when its code is first met (so that unused
+// categories stay out of the value set); rows then pass its id: the loader registers exactly what
+// it registers reading the same texts from a file.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> code_feed(
+    void const* data, std::vector<std::string> const& categories, std::string const& name) {
+  constexpr std::uint32_t kUnset = ~0u;
+  T const* c = static_cast<T const*>(data);
+  std::size_t n = categories.size();
+  // Slot n: the unknown value.
+  return [c, n, &categories, &name, ids = std::vector<std::uint32_t>(n + 1, kUnset)](
+             impls::value_loader& l, std::size_t r) mutable {
+    T code = c[r];
+    std::size_t k = code < 0 ? n : static_cast<std::size_t>(code);
+    if (code >= 0 && static_cast<std::uint64_t>(code) >= n)
+      throw std::runtime_error("column '" + name + "', row " + std::to_string(r) + ": code " +
+                               std::to_string(static_cast<long long>(code)) + " past the last of " +
+                               std::to_string(n) + " categories");
+    std::uint32_t& id = ids[k];
+    if (id == kUnset) id = l.text_id(k == n ? "?" : categories[k].c_str());
+    l.add_id(id);
+  };
+}
+
+}  // namespace
 
 table_builder::table_builder(std::string name) : name_(std::move(name)) {}
 table_builder::~table_builder() = default;
@@ -654,29 +944,94 @@ table_builder::~table_builder() = default;
 table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
                                           value_type type, std::vector<double> const& values,
                                           std::vector<bool> const& known) {
-  if (type == value_type::string)
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': numbers of type string");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, type, values, {}, known});
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, type, source::numbers);
+  columns_.back().numbers = values;
+  columns_.back().known = known;
   return *this;
 }
 
 table_builder& table_builder::add_strings(std::string const& name, column_kind kind,
                                           std::vector<std::string> const& values,
                                           std::vector<bool> const& known) {
-  if (kind == column_kind::continuous || kind == column_kind::weights)
-    throw std::invalid_argument("[brix::table_builder] column '" + name + "': a " + keyword(kind) +
-                                " column needs numbers");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, value_type::string, {}, values, known});
+  check_text_kind(name, kind);
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, value_type::string, source::texts);
+  columns_.back().texts = values;
+  columns_.back().known = known;
   return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_span(std::string const& name, column_kind kind, value_type type,
+                                       T const* values, std::size_t n, bool const* known) {
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  if (values == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " values");
+  column_values c(name, kind, type, number_source<T>());
+  c.data = values;
+  c.span = n;
+  c.mask = known;
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_code_span(std::string const& name, column_kind kind,
+                                            T const* codes, std::size_t n,
+                                            std::vector<std::string> categories) {
+  check_text_kind(name, kind);
+  if (codes == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " codes");
+  std::set<std::string_view> seen;
+  for (auto const& t : categories)
+    if (!seen.insert(t).second) refuse(name, "category '" + t + "' given twice");
+  column_values c(name, kind, value_type::string, code_source<T>());
+  c.data = codes;
+  c.span = n;
+  c.categories = std::move(categories);
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, double const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, float const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int64_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int32_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int8_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int16_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int32_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int64_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
 }
 
 std::unique_ptr<table> table_builder::build(bool require_class) {
@@ -705,15 +1060,42 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
       bad("column '" + c.name + "': " + e.what());
     }
     column_values const* v = &c;
-    if (c.type == value_type::string) {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        bool known = v->known.empty() || v->known[r];
-        l.add(known ? v->texts[r].c_str() : "?");
-      });
-    } else {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
-      });
+    switch (c.from) {
+      case source::texts:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          bool known = v->known.empty() || v->known[r];
+          l.add(known ? v->texts[r].c_str() : "?");
+        });
+        break;
+      case source::numbers:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
+        });
+        break;
+      case source::f64:
+        put.push_back(number_feed<double>(c.data, c.mask));
+        break;
+      case source::f32:
+        put.push_back(number_feed<float>(c.data, c.mask));
+        break;
+      case source::i64:
+        put.push_back(number_feed<std::int64_t>(c.data, c.mask));
+        break;
+      case source::i32:
+        put.push_back(number_feed<std::int32_t>(c.data, c.mask));
+        break;
+      case source::c8:
+        put.push_back(code_feed<std::int8_t>(c.data, c.categories, c.name));
+        break;
+      case source::c16:
+        put.push_back(code_feed<std::int16_t>(c.data, c.categories, c.name));
+        break;
+      case source::c32:
+        put.push_back(code_feed<std::int32_t>(c.data, c.categories, c.name));
+        break;
+      case source::c64:
+        put.push_back(code_feed<std::int64_t>(c.data, c.categories, c.name));
+        break;
     }
   }
   try {

@@ -3,6 +3,8 @@
 #ifndef BRIX_DATA_H
 #define BRIX_DATA_H
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -42,12 +44,44 @@ class table_builder {
   table_builder& add_strings(std::string const& name, column_kind kind,
                              std::vector<std::string> const& values,
                              std::vector<bool> const& known = {});
+
+  // Columns read where they lie (arrays of n values, read by build(), which they must outlive;
+  // nothing is copied before). Numbers as above, unknown where known (when given) is false or
+  // the value is NaN; each value converts to the column's type as a double would.
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             double const* values, std::size_t n, bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             float const* values, std::size_t n, bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             std::int64_t const* values, std::size_t n,
+                             bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             std::int32_t const* values, std::size_t n,
+                             bool const* known = nullptr);
+  // A discrete, class or ignored column as codes into its distinct texts, given once: code c
+  // stands for categories[c], a negative code for an unknown value. No text is made per row;
+  // the table is the one add_strings gives for the texts the codes stand for. Categories must
+  // differ; a code past the last category is refused at build().
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int8_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int16_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int32_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int64_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
   // Throws std::invalid_argument for columns of different lengths, repeated names, no class
   // column (when require_class) or no rows; the builder can be used again afterwards.
   std::unique_ptr<table> build(bool require_class = true);
 
  private:
   struct column_values;
+  template <class T>
+  table_builder& add_span(std::string const& name, column_kind kind, value_type type,
+                          T const* values, std::size_t n, bool const* known);
+  template <class T>
+  table_builder& add_code_span(std::string const& name, column_kind kind, T const* codes,
+                               std::size_t n, std::vector<std::string> categories);
   std::string name_;
   std::vector<column_values> columns_;
 };
@@ -71,6 +105,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
 // By name: .arff (or .arff.gz) through read_arff, .csv/.tsv/.txt (or .gz) through read_csv,
 // anything else as the stem of a .names/.data (or .data.gz) pair.
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
+
+// An ISO date, YYYY-MM-DD optionally followed by 'T' (or a blank) and hh:mm or hh:mm:ss, as days
+// since 1970-01-01 (fractional with a time of day); false for any other text or an impossible
+// date. The CSV reader reads columns of such dates as continuous days, with a note.
+bool iso_date(char const* text, double& days);
+
+// When the first lines of a CSV/TSV file do not split evenly at sep but do at another of
+// , ; TAB |, that separator; otherwise 0. For hints after a refused file.
+char better_separator(std::string const& path, char sep);
 
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);

@@ -19,8 +19,9 @@ namespace {
 using impls::_decision_node;
 using impls::_decision_tree;
 
+// Messages reach users as they are: no internal prefix.
 [[noreturn]] void bad(std::string const& what) {
-  throw std::invalid_argument("[brix::tree_model] " + what);
+  throw std::invalid_argument(what);
 }
 
 impls::decision_tree& impl(dtree const& t) {

@@ -43,8 +43,9 @@ struct usage_error : std::runtime_error {
 struct settings {
   std::vector<std::string> args;  // positional
   std::string class_column, test, model, output, format = "text", id, report = "text";
-  std::string to;     // import: the stem written
-  std::string costs;  // a cost matrix file
+  std::string to;      // import: the stem written
+  char separator = 0;  // --sep; 0: by the file's name
+  std::string costs;   // a cost matrix file
   int trials = 1;
   std::map<std::string, brix::column_kind> kinds;  // --kind NAME=KIND
   std::map<std::string, brix::value_type> types;   // --type NAME=TYPE
@@ -175,6 +176,16 @@ std::vector<option> const& options() {
       {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
       {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
+      {"--sep", true,
+       [](settings& s, std::string const& v) {
+         if (v == "tab" || v == "\\t" || v == "\t")
+           s.separator = '\t';
+         else if (v.size() == 1 && v != "\"" && v != "\n" && v != "\r")
+           s.separator = v[0];
+         else
+           throw usage_error(
+               "--sep takes one character (not a quote or a line break) or tab, not '" + v + "'");
+       }},
       {"--format", true,
        [](settings& s, std::string const& v) {
          std::vector<std::string> const& all = shown_formats();
@@ -271,6 +282,40 @@ class stages {
 
 stages progress;
 
+// An ARFF file declares how its values are separated.
+void refuse_separator(std::string const& data, settings const& s) {
+  if (s.separator != 0 &&
+      (data.size() > 5 && (data.compare(data.size() - 5, 5, ".arff") == 0 ||
+                           (data.size() > 8 && data.compare(data.size() - 8, 8, ".arff.gz") == 0))))
+    throw usage_error("--sep applies to CSV/TSV files and .names/.data stems, not to " + data);
+}
+
+// "the lines split evenly at ...: --sep ... reads it" when a CSV file is better read with another
+// separator than the one used; empty otherwise.
+std::string separator_hint(std::string const& data, settings const& s) {
+  auto ends = [&data](std::string const& tail) {
+    return data.size() > tail.size() &&
+           data.compare(data.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (!is_table_file(data) || ends(".arff") || ends(".arff.gz")) return "";
+  char sep = s.separator != 0 ? s.separator : ends(".tsv") || ends(".tsv.gz") ? '\t' : ',';
+  char better = brix::better_separator(data, sep);
+  if (better == 0) return "";
+  return "the lines split evenly at " +
+         (better == '\t'
+              ? std::string("tabs: --sep tab")
+              : "'" + std::string(1, better) + "': --sep '" + std::string(1, better) + "'") +
+         " reads it";
+}
+
+// A refused CSV file that another separator splits evenly: the error says which.
+[[noreturn]] void rethrow_with_separator_hint(std::string const& data, settings const& s,
+                                              std::runtime_error const& e) {
+  std::string hint = separator_hint(data, s);
+  if (hint.empty()) throw e;
+  throw std::runtime_error(std::string(e.what()) + " (" + hint + ")");
+}
+
 void refuse_overrides(std::string const& stem, settings const& s) {
   if (!s.kinds.empty() || !s.types.empty())
     throw usage_error("--kind and --type apply to CSV, TSV and ARFF data: " + stem +
@@ -286,15 +331,29 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
   o.warnings = s.quiet ? nullptr : &warnings;
   o.kinds = s.kinds;
   o.types = s.types;
+  o.separator = s.separator;
+  refuse_separator(data, s);
   if (!is_table_file(data)) {
     refuse_overrides(data, s);
     if (!file_exists(data + ".names"))
       throw std::runtime_error("File " + data + ".names: not found");
   }
   progress.begin("load " + data);
-  auto t = brix::read_table(data, o);
+  std::unique_ptr<brix::table> t;
+  try {
+    t = brix::read_table(data, o);
+  } catch (std::runtime_error const& e) {
+    progress.clear();
+    std::cerr << warnings.str();
+    rethrow_with_separator_hint(data, s, e);
+  }
   progress.end();
   std::cerr << warnings.str();
+  // One column read where another separator finds several: the file read is not the one meant.
+  if (!s.quiet && t->get_impl()->get_loaded_columns() == 1) {
+    std::string hint = separator_hint(data, s);
+    if (!hint.empty()) std::cerr << "File " << data << ": one column only; " << hint << std::endl;
+  }
   return t;
 }
 
@@ -324,6 +383,13 @@ std::string count(double v) {
   else
     o << v;
   return o.str();
+}
+
+// A percentage as people read one: two decimals.
+std::string percent(double v) {
+  char b[32];
+  std::snprintf(b, sizeof b, "%.2f", v);
+  return b;
 }
 
 void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix const& m) {
@@ -435,8 +501,9 @@ int train_ensemble(settings const& s) {
       // A stem's test file: rows under the training data's .names, as for a tree.
       progress.begin("load " + s.test);
       tt = std::make_unique<brix::table>(s.test);
-      tt->load_meta_data(brix::datasource("FILE#" + s.args[0] + ".names#,"));
-      tt->load_data(brix::datasource("FILE#" + s.test + "#,"), "?");
+      std::string sep(1, s.separator != 0 ? s.separator : ',');
+      tt->load_meta_data(brix::datasource("FILE#" + s.args[0] + ".names#" + sep));
+      tt->load_data(brix::datasource("FILE#" + s.test + "#" + sep), "?");
     }
     progress.begin("test");
     test = m->evaluate(*tt, nullptr, &unseen);
@@ -518,8 +585,9 @@ int train(settings const& s) {
     } else {
       // A stem's test file is read as brixcmd reads it.
       progress.begin("test");
+      std::string sep(1, s.separator != 0 ? s.separator : ',');
       test = std::make_unique<brix::conf_matrix>(tree.get_impl()->predict(
-          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#,"), true, &unseen));
+          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#" + sep), true, &unseen));
     }
     warn_unseen(s.test, s, unseen);
   }
@@ -582,6 +650,10 @@ int train(settings const& s) {
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
   refuse_same(s.output, s.args);
+  // A model file has no name a table has: DATA first is the likely mistake.
+  if (is_table_file(s.args[0]) || file_exists(s.args[0] + ".names"))
+    throw usage_error("predict takes MODEL then DATA: " + s.args[0] +
+                      " is a table, not a model (the two swapped?)");
   progress.begin("load model");
   std::unique_ptr<brix::tree_model> m;
   std::unique_ptr<brix::ensemble> e;
@@ -590,6 +662,18 @@ int predict(settings const& s) {
   else
     m = brix::tree_model::load(s.args[0]);
   auto t = load(s.args[1], s, false);
+  // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
+  if (!s.id.empty() && !s.kinds.count(s.id)) {
+    brix::impls::table const& i = *t->get_impl();
+    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
+      if (i.get_column(c)->get_name() == s.id && i.get_column(c)->is_ignore()) {
+        settings again = s;
+        again.kinds[s.id] = brix::column_kind::discrete;
+        again.quiet = true;  // the warnings were given
+        t = load(s.args[1], again, false);
+        break;
+      }
+  }
   progress.begin("predict");
   std::vector<double> all = e ? e->predict_proba(*t) : m->predict_proba(*t);
   progress.begin("write");
@@ -634,6 +718,11 @@ int predict(settings const& s) {
 
 int cv(settings const& s) {
   if (s.args.size() != 1) throw usage_error("cv takes one DATA argument");
+  // Options of train that cv has no use for are refused rather than ignored.
+  if (!s.model.empty()) throw usage_error("cv writes no model (--model is for train)");
+  if (s.report != "text") throw usage_error("cv has a text report only (--report is for train)");
+  if (!s.test.empty() || s.test_fraction > 0)
+    throw usage_error("cv tests on its folds (--test and --test-fraction are for train)");
   auto t = load(s.args[0], s, true);
   if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
   warn_past_exact(*t, s);
@@ -684,15 +773,16 @@ int cv(settings const& s) {
     double e = c->mis_perc() * 100.0;
     errors.push_back(e);
     progress.clear();
-    std::cout << k + 1 << "\t" << e << "\t" << m->size() << "\t" << count(c->cases()) << std::endl;
+    std::cout << k + 1 << "\t" << percent(e) << "\t" << m->size() << "\t" << count(c->cases())
+              << std::endl;
   }
   progress.end();
   double mean = std::accumulate(errors.begin(), errors.end(), 0.0) / errors.size(), var = 0;
   for (double e : errors)
     var += (e - mean) * (e - mean);
   double sd = errors.size() > 1 ? std::sqrt(var / (errors.size() - 1)) : 0.0;
-  std::cout << "mean error " << mean << "%, standard deviation " << sd << " (" << s.folds
-            << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
+  std::cout << "mean error " << percent(mean) << "%, standard deviation " << percent(sd) << " ("
+            << s.folds << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
             << std::endl;
   if (many)
     std::cout << "mean average cost "
@@ -724,29 +814,40 @@ int import_data(settings const& s) {
   if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
   if (s.to.empty()) throw usage_error("import needs --to STEM");
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
+  refuse_separator(s.args[0], s);
   refuse_same(s.to + ".names", {s.args[0], s.test});
   refuse_same(s.to + ".data", {s.args[0], s.test});
   brix::read_options o;
   o.class_column = s.class_column;
   o.kinds = s.kinds;
   o.types = s.types;
-  return brix_import(s.args[0], s.to, s.test, o, s.quiet);
+  o.separator = s.separator;
+  try {
+    return brix_import(s.args[0], s.to, s.test, o, s.quiet);
+  } catch (std::runtime_error const& e) {
+    rethrow_with_separator_hint(s.args[0], s, e);
+  }
 }
 
 int check(settings const& s) {
   if (s.args.size() != 1) throw usage_error("check takes one DATA argument");
-  return brix_check(s.args[0], s.class_column);
+  refuse_separator(s.args[0], s);
+  return brix_check(s.args[0], s.class_column, s.separator);
 }
 
 char const* const kDataNote =
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
-    "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt\n"
-    "reads it too) or, from --trials or --costs, a file of trees only brix reads. Everywhere: "
-    "--quiet (no progress line, no warnings), -v (stage timings),\n"
+    "optionally .gz, or the stem of a .names/.data pair; --sep C reads a CSV file or a stem with\n"
+    "the separator C (one character, or tab; by default a tab for .tsv, a comma otherwise).\n"
+    "A first column without a name (R's row names) is ignored; a column of ISO dates\n"
+    "(YYYY-MM-DD, optionally Thh:mm[:ss]) is read as days since 1970-01-01. MODEL is a binary\n"
+    "tree file (brixcmd -bt reads it too) or, from --trials or --costs, a file of trees only\n"
+    "brix reads. Everywhere: --quiet (no progress line, no warnings), -v (stage timings),\n"
     "--help. Exit status: 0 success, 1 data or model error, 2 usage error.\n";
 
 char const* const kTrainingOptions =
     "  --class NAME         the class column of a CSV or ARFF file (default: the last)\n"
+
     "  --kind NAME=KIND     read a CSV or ARFF column as discrete, continuous, weights or ignore\n"
     "  --type NAME=TYPE     store it as integer, uinteger, float, double or string\n"
     "  --confidence CF      pruning confidence in (0,1], default 0.25\n"

@@ -15,9 +15,9 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
                 brix::read_options opts, bool quiet);
 
 // Prints every problem found in a CSV/TSV file or a .names/.data stem, one per line, then a
-// summary; returns 0 when there is none, 1 otherwise. Unreadable files throw
-// std::runtime_error.
-int brix_check(std::string const& data, std::string const& class_column);
+// summary; returns 0 when there is none, 1 otherwise. sep 0: the separator by the file's name
+// (a stem's: the one that splits its .names). Unreadable files throw std::runtime_error.
+int brix_check(std::string const& data, std::string const& class_column, char sep = 0);
 
 // Whether DATA names a CSV/TSV/ARFF file (optionally .gz) rather than a .names/.data stem.
 bool is_table_file(std::string const& p);

@@ -86,6 +86,11 @@ void table::load_meta_data(zel::inpout::stream* source, bool owns) {
       }
       std::string copy(line);
       fields.split(&copy[0], sep, 3);
+      // A .names file declares continuous columns of at most 32-bit numbers, as ever; doubles
+      // come from the readers of CSV and ARFF files only.
+      if (std::strcmp(fields[1], "double") == 0 && std::strcmp(fields[2], "continuous") == 0)
+        throw std::runtime_error(std::string("Continuous column '") + fields[0] +
+                                 "' requires a numeric data type");
       push_back(fields[0], fields[1], fields[2]);
     }
   } catch (std::runtime_error const& e) {

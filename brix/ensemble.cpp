@@ -175,10 +175,6 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     for (std::size_t i = 0; i < rows->size(); ++i)
       cases.push_back((*rows)[i], static_cast<float>(w[i]));
     auto tree = tree_model::train_weighted(t, o.tree, cases);
-    if (o.trials == 1) {
-      e->trials_.push_back({std::move(tree), 1.0, 0.0});
-      break;
-    }
     // Each trial classifies the whole table once; only the training rows count.
     std::vector<double> p = tree->predict_proba(t);
     std::vector<char> wrong(rows->size());
@@ -189,6 +185,10 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     }
     // Within rounding: the renormalised weights of a tie may sum to a hair under a half.
     double err = missed / start;
+    if (o.trials == 1) {
+      e->trials_.push_back({std::move(tree), 1.0, err});
+      break;
+    }
     bool last = err <= 1e-12 || err >= 0.5 - 1e-12;
     if (last) {
       if (trial == 0) e->trials_.push_back({std::move(tree), 1.0, err});
@@ -416,8 +416,11 @@ std::string document(tree_model const& m, void (tree_model::*write)(std::ostream
 
 void ensemble::write_text(std::ostream& out) const {
   std::vector<std::string> names = classes();
-  out << "Boosting: " << asked_ << (asked_ == 1 ? " trial" : " trials") << " asked, "
-      << trials_.size() << " kept (" << stop_text(stopped_) << ")\n";
+  if (asked_ == 1)
+    out << "One tree\n";
+  else
+    out << "Boosting: " << asked_ << " trials asked, " << trials_.size() << " kept ("
+        << stop_text(stopped_) << ")\n";
   if (has_costs_) {
     out << "Costs (predicted, actual, cost), growing weighing each class as shown:\n";
     for (std::size_t p = 0; p < names.size(); ++p)
@@ -496,8 +499,7 @@ void ensemble::write_pmml(std::ostream& out) const {
   out << first.substr(0, head_end) << cut(first, "<DataDictionary", "</DataDictionary>") << "\n";
   std::string schema = cut(first, "<MiningSchema>", "</MiningSchema>");
   out << "  <MiningModel modelName=\"boosted trees\" functionName=\"classification\">\n"
-      << indent(schema, "")
-      << "    <Segmentation multipleModelMethod=\"weightedMajorityVote\">\n";
+      << indent(schema, "") << "    <Segmentation multipleModelMethod=\"weightedMajorityVote\">\n";
   for (std::size_t i = 0; i < trials_.size(); ++i) {
     std::string doc = i == 0 ? first : document(*trials_[i].tree, &tree_model::write_pmml);
     out << "      <Segment id=\"" << i + 1 << "\" weight=\"" << num(trials_[i].vote) << "\">\n"

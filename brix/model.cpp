@@ -112,11 +112,11 @@ std::unique_ptr<tree_model> tree_model::train_weighted(table& t, tree_options co
   for (unsigned long i = 0; i < cases.size(); ++i)
     if (cases.get(i) >= t.get_no_rows())
       bad("row " + std::to_string(cases.get(i)) + " is not in the table");
-  return grow(t, o, cases.get_impl());
+  return grow(t, o, cases.get_impl(), false);
 }
 
 std::unique_ptr<tree_model> tree_model::grow(table& t, tree_options const& o,
-                                             impls::w_sequence* cases) {
+                                             impls::w_sequence* cases, bool evaluate) {
   auto tree = std::make_unique<dtree>(t.get_name());
   tree->set_conf_level(o.confidence);
   tree->set_min_obj(o.min_cases);
@@ -124,7 +124,7 @@ std::unique_ptr<tree_model> tree_model::grow(table& t, tree_options const& o,
                              : o.prune == pruning::full ? dtree::C45_PRUNING
                                                         : dtree::DT_PRUNING);
   if (o.stage) o.stage("grow");
-  impl(*tree).build_pruned(t.get_impl(), cases, true, o.threads > 1 ? o.threads : 0, o.stage);
+  impl(*tree).build_pruned(t.get_impl(), cases, evaluate, o.threads > 1 ? o.threads : 0, o.stage);
   return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
 }
 

@@ -45,7 +45,8 @@ class tree_model {
   static std::unique_ptr<tree_model> train(table& t, tree_options const& o = {},
                                            std::vector<unsigned long> const* rows = nullptr);
   // Grows and prunes on the given cases with the weights they carry instead of the table's: how
-  // an ensemble trains on reweighted cases. Throws as train does.
+  // an ensemble trains on reweighted cases. The facade's training matrix is left empty (an
+  // ensemble classifies the cases itself). Throws as train does.
   static std::unique_ptr<tree_model> train_weighted(table& t, tree_options const& o,
                                                     table::subset const& cases);
   // The binary tree file, as brixcmd -tb writes and -bt reads it.
@@ -104,8 +105,8 @@ class tree_model {
   friend class ensemble;  // reads and writes its trees inside a file of its own
   explicit tree_model(std::unique_ptr<dtree> tree);
   // The options already checked; null cases: every row with the table's weights.
-  static std::unique_ptr<tree_model> grow(table& t, tree_options const& o,
-                                          impls::w_sequence* cases);
+  static std::unique_ptr<tree_model> grow(table& t, tree_options const& o, impls::w_sequence* cases,
+                                          bool evaluate = true);
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
   std::unique_ptr<dtree> tree_;

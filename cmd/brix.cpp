@@ -854,7 +854,8 @@ char const* const kTrainingOptions =
     "  --min-cases M        least weight in two branches of a split, > 1, default 2\n"
     "  --pruning P          error (default), full (also raise subtrees) or none\n"
     "  --threads N          grow on N threads (the same tree)\n"
-    "  --trials N           boost: N trees, each grown on the cases reweighted by the last, vote\n"
+    "  --trials N           boost: up to N trees, each on the cases weighted up where the last\n"
+    "                       erred; they vote\n"
     "  --costs FILE         misclassification costs, CSV predicted,actual,cost (unlisted pairs:\n"
     "                       1 off the diagonal, 0 on it); reports the average cost\n";
 

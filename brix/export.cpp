@@ -70,6 +70,10 @@ dtree* dtree::fromBinary(std::string const& file) {
   std::unique_ptr<dtree> tree(new dtree("my_decision_tree"));
   unsigned char present = 2;
   in >> present;
+  // The first byte of an ensemble file (brix/ensemble.cpp).
+  if (in.good() && present == 'E')
+    throw std::runtime_error(
+        "Binary tree: the file holds boosted or cost-sensitive trees, not one tree");
   if (!in.good() || present > 1) throw std::runtime_error("Binary tree: truncated or damaged data");
   // The loaded model is there to test and score: it needs its tree, its
   // metadata and its training matrix.

@@ -103,6 +103,24 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
       cases->push_back(r, t.get_weight(r));
     }
   }
+  return grow(t, o, cases ? cases->get_impl() : nullptr);
+}
+
+std::unique_ptr<tree_model> tree_model::train_weighted(table& t, tree_options const& o,
+                                                       table::subset const& cases) {
+  if (!(o.confidence > 0.0f && o.confidence <= 1.0f)) bad("confidence must be in (0,1]");
+  if (!(o.min_cases > 1.0f)) bad("min_cases must be > 1");
+  if (o.threads < 1 || o.threads > 64) bad("threads must be in [1,64]");
+  if (t.get_impl()->get_class() == nullptr) bad("the table has no class column");
+  if (cases.size() == 0) bad("no rows to train on");
+  for (unsigned long i = 0; i < cases.size(); ++i)
+    if (cases.get(i) >= t.get_no_rows())
+      bad("row " + std::to_string(cases.get(i)) + " is not in the table");
+  return grow(t, o, cases.get_impl(), false);
+}
+
+std::unique_ptr<tree_model> tree_model::grow(table& t, tree_options const& o,
+                                             impls::w_sequence* cases, bool evaluate) {
   auto tree = std::make_unique<dtree>(t.get_name());
   tree->set_conf_level(o.confidence);
   tree->set_min_obj(o.min_cases);
@@ -110,8 +128,7 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
                              : o.prune == pruning::full ? dtree::C45_PRUNING
                                                         : dtree::DT_PRUNING);
   if (o.stage) o.stage("grow");
-  impl(*tree).build_pruned(t.get_impl(), cases ? cases->get_impl() : nullptr, true,
-                           o.threads > 1 ? o.threads : 0, o.stage);
+  impl(*tree).build_pruned(t.get_impl(), cases, evaluate, o.threads > 1 ? o.threads : 0, o.stage);
   return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
 }
 

@@ -18,7 +18,8 @@ namespace brix {
 
 namespace impls {
 class column;
-}
+class w_sequence;
+}  // namespace impls
 
 // error: prune by estimated error (brixcmd's default); full: also raise subtrees (-c4.5);
 // none: no pruning (-np).
@@ -43,6 +44,11 @@ class tree_model {
   // table's weights). Throws std::invalid_argument for bad options or rows.
   static std::unique_ptr<tree_model> train(table& t, tree_options const& o = {},
                                            std::vector<unsigned long> const* rows = nullptr);
+  // Grows and prunes on the given cases with the weights they carry instead of the table's: how
+  // an ensemble trains on reweighted cases. The facade's training matrix is left empty (an
+  // ensemble classifies the cases itself). Throws as train does.
+  static std::unique_ptr<tree_model> train_weighted(table& t, tree_options const& o,
+                                                    table::subset const& cases);
   // The binary tree file, as brixcmd -tb writes and -bt reads it.
   static std::unique_ptr<tree_model> load(std::string const& path);
   // Written to a temporary file beside path and renamed when complete.
@@ -96,7 +102,11 @@ class tree_model {
   dtree const& facade() const { return *tree_; }
 
  private:
+  friend class ensemble;  // reads and writes its trees inside a file of its own
   explicit tree_model(std::unique_ptr<dtree> tree);
+  // The options already checked; null cases: every row with the table's weights.
+  static std::unique_ptr<tree_model> grow(table& t, tree_options const& o, impls::w_sequence* cases,
+                                          bool evaluate = true);
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
   std::unique_ptr<dtree> tree_;

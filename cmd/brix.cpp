@@ -25,6 +25,7 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
+#include "brix/ensemble.h"
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
@@ -45,8 +46,10 @@ struct usage_error : std::runtime_error {
 struct settings {
   std::vector<std::string> args;  // positional
   std::string class_column, test, model, output, format = "text", id, report = "text";
-  std::string to;                                  // import: the stem written
-  char separator = 0;                              // --sep; 0: by the file's name
+  std::string to;      // import: the stem written
+  char separator = 0;  // --sep; 0: by the file's name
+  std::string costs;   // a cost matrix file
+  int trials = 1;
   std::map<std::string, brix::column_kind> kinds;  // --kind NAME=KIND
   std::map<std::string, brix::value_type> types;   // --type NAME=TYPE
   double test_fraction = 0.0;
@@ -163,6 +166,14 @@ std::vector<option> const& options() {
          s.tree.threads = static_cast<int>(d);
        }},
       {"--model", true, [](settings& s, std::string const& v) { s.model = v; }},
+      {"--trials", true,
+       [](settings& s, std::string const& v) {
+         double d = number("--trials", v);
+         if (d < 1 || d > 1000 || d != std::floor(d))
+           throw usage_error("--trials must be a whole number in [1,1000]");
+         s.trials = static_cast<int>(d);
+       }},
+      {"--costs", true, [](settings& s, std::string const& v) { s.costs = v; }},
       {"--kind", true,
        [](settings& s, std::string const& v) {
          using k = brix::column_kind;
@@ -484,11 +495,122 @@ void json_matrix(std::ostream& out, char const* name, brix::conf_matrix const& m
   out << "]}";
 }
 
+bool ensemble_asked(settings const& s) {
+  return s.trials > 1 || !s.costs.empty();
+}
+
+brix::ensemble_options ensemble_options_of(settings const& s) {
+  brix::ensemble_options o;
+  o.tree = s.tree;
+  o.trials = s.trials;
+  if (!s.costs.empty()) o.costs = brix::read_costs(s.costs);
+  return o;
+}
+
+std::size_t total_size(brix::ensemble const& m) {
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < m.size(); ++i)
+    n += m.trial(i).size();
+  return n;
+}
+
+// train with --trials or --costs: the same report, the trials' trees in place of the tree and
+// the average cost beside each error.
+int train_ensemble(settings const& s) {
+  brix::ensemble_options o = ensemble_options_of(s);
+  auto t = load(s.args[0], s, true);
+  warn_past_exact(*t, s);
+  o.tree.stage = [](char const* what) { progress.begin(what); };
+  std::unique_ptr<brix::ensemble> m;
+  std::vector<unsigned long> rows, held;
+  if (s.test_fraction > 0) {
+    brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
+    rows = h.train;
+    held = h.test;
+  } else {
+    rows.resize(t->get_no_rows());
+    std::iota(rows.begin(), rows.end(), 0ul);
+  }
+  try {
+    m = brix::ensemble::train(*t, o, &rows);
+  } catch (std::invalid_argument const& e) {
+    // A cost matrix naming no class is a data error.
+    std::string what = e.what();
+    throw std::runtime_error(what.substr(what.find("] ") + 2));
+  }
+  progress.begin("evaluate");
+  std::unique_ptr<brix::conf_matrix> training = m->evaluate(*t, &rows), test, holdout;
+  if (!s.test.empty()) {
+    std::vector<std::pair<std::string, unsigned long>> unseen;
+    std::unique_ptr<brix::table> tt;
+    if (is_table_file(s.test)) {
+      tt = load(s.test, s, true);
+    } else {
+      // A stem's test file: rows under the training data's .names, as for a tree.
+      progress.begin("load " + s.test);
+      tt = std::make_unique<brix::table>(s.test);
+      std::string sep(1, s.separator != 0 ? s.separator : ',');
+      tt->load_meta_data(brix::datasource("FILE#" + s.args[0] + ".names#" + sep));
+      tt->load_data(brix::datasource("FILE#" + s.test + "#" + sep), "?");
+    }
+    progress.begin("test");
+    test = m->evaluate(*tt, nullptr, &unseen);
+    warn_unseen(s.test, s, unseen);
+  }
+  if (!held.empty()) {
+    progress.begin("holdout test");
+    holdout = m->evaluate(*t, &held);
+  }
+  if (!s.model.empty()) {
+    progress.begin("write model");
+    m->save(s.model);
+  }
+  progress.end();
+  std::ostream& out = std::cout;
+  if (s.report == "json") {
+    out << "{\"trials\":" << m->size() << ",\"size\":" << total_size(*m);
+    auto with_cost = [&](char const* name, brix::conf_matrix const& c) {
+      json_matrix(out, name, c);
+      out << ",\"" << name << "_average_cost\":" << json_number(m->average_cost(c));
+    };
+    with_cost("training", *training);
+    if (test) with_cost("test", *test);
+    if (holdout) with_cost("holdout", *holdout);
+    out << ",\"model\":";
+    m->write_json(out);
+    out << "}" << std::endl;
+    return 0;
+  }
+  out << brix::get_copyright() << std::endl
+      << std::endl
+      << "TRIALS: " << m->size() << ", TOTAL TREE SIZE: " << total_size(*m) << std::endl
+      << std::endl;
+  auto report = [&](char const* heading, brix::conf_matrix const& c) {
+    report_matrix(out, heading, c);
+    out << "AVERAGE COST: " << m->average_cost(c) << std::endl;
+  };
+  report("MISCLASSIFICATION on training: ", *training);
+  if (test) {
+    out << std::endl;
+    report("MISCLASSIFICATION on test file: ", *test);
+  }
+  if (holdout) {
+    out << std::endl;
+    report("MISCLASSIFICATION on holdout test: ", *holdout);
+  }
+  out << std::endl;
+  m->write_text(out);
+  return 0;
+}
+
 int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
   if (!s.test.empty() && s.test_fraction > 0)
     throw usage_error("--test and --test-fraction exclude each other");
-  refuse_same(s.model, inputs(s.args[0], s.test));
+  std::vector<std::string> read = inputs(s.args[0], s.test);
+  if (!s.costs.empty()) read.push_back(s.costs);
+  refuse_same(s.model, read);
+  if (ensemble_asked(s)) return train_ensemble(s);
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
   brix::tree_options opts = s.tree;
@@ -585,7 +707,12 @@ int predict(settings const& s) {
     throw usage_error("predict takes MODEL then DATA: " + s.args[0] +
                       " is a table, not a model (the two swapped?)");
   progress.begin("load model");
-  auto m = brix::tree_model::load(s.args[0]);
+  std::unique_ptr<brix::tree_model> m;
+  std::unique_ptr<brix::ensemble> e;
+  if (brix::ensemble::is_file(s.args[0]))
+    e = brix::ensemble::load(s.args[0]);
+  else
+    m = brix::tree_model::load(s.args[0]);
   auto t = load(s.args[1], s, false, m.get());
   // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
   if (!s.id.empty() && !s.kinds.count(s.id)) {
@@ -600,9 +727,9 @@ int predict(settings const& s) {
       }
   }
   progress.begin("predict");
-  std::vector<double> all = m->predict_proba(*t);
+  std::vector<double> all = e ? e->predict_proba(*t) : m->predict_proba(*t);
   progress.begin("write");
-  std::vector<std::string> classes = m->classes();
+  std::vector<std::string> classes = e ? e->classes() : m->classes();
   brix::impls::column const* id = nullptr;
   if (!s.id.empty()) {
     brix::impls::table const& i = *t->get_impl();
@@ -625,7 +752,8 @@ int predict(settings const& s) {
       auto p = all.begin() + static_cast<long>(r * k);
       // The first class of the largest share wins, as in prediction.
       std::size_t best =
-          static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
+          e ? e->decide(&*p)
+            : static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
       if (id) out << csv_field(id->get_value(r)) << ",";
       out << shown[best];
       if (s.proba)
@@ -659,8 +787,11 @@ int cv(settings const& s) {
     labels.push_back(cls->get_row_index(r));
   std::vector<unsigned> fold =
       brix::kfold(t->get_no_rows(), s.folds, s.seed, s.stratified ? &labels : nullptr);
-  std::vector<double> errors;
-  std::cout << "fold\terror %\tsize\ttest cases" << std::endl;
+  std::vector<double> errors, costs;
+  bool many = ensemble_asked(s);
+  brix::ensemble_options eo;
+  if (many) eo = ensemble_options_of(s);
+  std::cout << "fold\terror %\tsize\ttest cases" << (many ? "\taverage cost" : "") << std::endl;
   for (unsigned k = 0; k < s.folds; ++k) {
     std::vector<unsigned long> train;
     brix::table::subset test;
@@ -671,6 +802,26 @@ int cv(settings const& s) {
         train.push_back(r);
     }
     progress.begin("fold " + std::to_string(k + 1) + "/" + std::to_string(s.folds));
+    if (many) {
+      std::vector<unsigned long> held;
+      for (unsigned long i = 0; i < test.size(); ++i)
+        held.push_back(test.get(i));
+      std::unique_ptr<brix::ensemble> m;
+      try {
+        m = brix::ensemble::train(*t, eo, &train);
+      } catch (std::invalid_argument const& x) {
+        std::string what = x.what();
+        throw std::runtime_error(what.substr(what.find("] ") + 2));
+      }
+      std::unique_ptr<brix::conf_matrix> c = m->evaluate(*t, &held);
+      double e = c->mis_perc() * 100.0;
+      errors.push_back(e);
+      costs.push_back(m->average_cost(*c));
+      progress.clear();
+      std::cout << k + 1 << "\t" << e << "\t" << total_size(*m) << "\t" << count(c->cases()) << "\t"
+                << costs.back() << std::endl;
+      continue;
+    }
     auto m = brix::tree_model::train(*t, s.tree, &train);
     std::unique_ptr<brix::conf_matrix> c(
         const_cast<brix::dtree&>(m->facade()).predict(t.get(), &test));
@@ -688,11 +839,26 @@ int cv(settings const& s) {
   std::cout << "mean error " << percent(mean) << "%, standard deviation " << percent(sd) << " ("
             << s.folds << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
             << std::endl;
+  if (many)
+    std::cout << "mean average cost "
+              << std::accumulate(costs.begin(), costs.end(), 0.0) / costs.size() << std::endl;
   return 0;
 }
 
 int show(settings const& s) {
   if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
+  if (brix::ensemble::is_file(s.args[0])) {
+    auto e = brix::ensemble::load(s.args[0]);
+    if (s.format == "json")
+      e->write_json(std::cout);
+    else if (s.format == "pmml")
+      e->write_pmml(std::cout);
+    else if (s.format == "dot")
+      e->write_dot(std::cout, s.max_depth);
+    else
+      e->write_text(std::cout);
+    return 0;
+  }
   auto m = brix::tree_model::load(s.args[0]);
   brix::output_format_named(s.format).writer->write(
       brix::tree_output{m->facade(), nullptr, s.max_depth}, std::cout);
@@ -732,8 +898,8 @@ char const* const kDataNote =
     "the separator C (one character, or tab; by default a tab for .tsv, a comma otherwise).\n"
     "A first column without a name (R's row names) is ignored; a column of ISO dates\n"
     "(YYYY-MM-DD, optionally Thh:mm[:ss]) is read as days since 1970-01-01. MODEL is a binary\n"
-    "tree file (brixcmd -bt reads it too). Everywhere: --quiet (no progress line, no warnings), -v "
-    "(stage timings),\n"
+    "tree file (brixcmd -bt reads it too) or, from --trials or --costs, a file of trees only\n"
+    "brix reads. Everywhere: --quiet (no progress line, no warnings), -v (stage timings),\n"
     "--help. Exit status: 0 success, 1 data or model error, 2 usage error.\n";
 
 char const* const kTrainingOptions =
@@ -744,7 +910,11 @@ char const* const kTrainingOptions =
     "  --confidence CF      pruning confidence in (0,1], default 0.25\n"
     "  --min-cases M        least weight in two branches of a split, > 1, default 2\n"
     "  --pruning P          error (default), full (also raise subtrees) or none\n"
-    "  --threads N          grow on N threads (the same tree)\n";
+    "  --threads N          grow on N threads (the same tree)\n"
+    "  --trials N           boost: up to N trees, each on the cases weighted up where the last\n"
+    "                       erred; they vote\n"
+    "  --costs FILE         misclassification costs, CSV predicted,actual,cost (unlisted pairs:\n"
+    "                       1 off the diagonal, 0 on it); reports the average cost\n";
 
 struct command {
   int (*run)(settings const&);

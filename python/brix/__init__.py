@@ -33,15 +33,24 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     n_jobs: threads that grow the tree (the tree is the same).
     categorical_features: for arrays, the indices of the columns that are categorical;
         DataFrame columns of category, object, string and bool dtypes always are.
+    trials: above 1, boosting: up to that many trees, each grown on the samples reweighted after
+        the last one, voting with their confidence (the same model for any n_jobs).
+    class_weight: None, "balanced" (n_samples / (n_classes * count of the class)) or a dict
+        {label: weight}, multiplied into sample_weight.
+
+    Sample weights count relatively: fit scales them so that the samples of positive weight
+    average 1, so that min_cases keeps counting samples whatever the weights sum to.
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
-                 categorical_features=None):
+                 categorical_features=None, trials=1, class_weight=None):
         self.confidence = confidence
         self.min_cases = min_cases
         self.pruning = pruning
         self.n_jobs = n_jobs
         self.categorical_features = categorical_features
+        self.trials = trials
+        self.class_weight = class_weight
 
     # ------------------------------------------------------------------ tables
 
@@ -156,6 +165,9 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         import pandas as pd
         if self.pruning not in ("error", "full", "none"):
             raise ValueError("pruning must be 'error', 'full' or 'none'")
+        if isinstance(self.trials, bool) or not isinstance(self.trials, (int, np.integer)) or \
+                not 1 <= self.trials <= 1000:
+            raise ValueError("trials must be a whole number in [1, 1000]")
         if y is None:
             raise ValueError(f"{type(self).__name__} requires y to be passed, but the target y "
                              "is None")
@@ -194,8 +206,8 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         if len(set(self._label_text.values())) != len(self.classes_):
             raise ValueError(f"class column '{y_name}' holds labels that differ but read as the "
                              "same text (such as 1 and '1'); make them one type")
-        total = (float(np.asarray(sample_weight, dtype=float).sum()) if sample_weight is not None
-                 else float(len(y)))
+        sample_weight = self._weights(sample_weight, codes, len(y))
+        total = (float(sample_weight.sum()) if sample_weight is not None else float(len(y)))
         if total > 2.0**24:
             # The tree's 32-bit sums stop counting every case exactly past 2**24 (deliberately
             # the arithmetic of brixcmd, so that both grow the same tree).
@@ -203,9 +215,50 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                           "counts in the tree are 32-bit sums and stop being exact from there",
                           RuntimeWarning)
         table = self._table(X, codes, sample_weight, fitting=True)
-        self._model = _core.Model.train(table, float(self.confidence), float(self.min_cases),
-                                        self.pruning, int(self.n_jobs))
+        if self.trials > 1:
+            self._model = _core.Ensemble.train(table, float(self.confidence),
+                                               float(self.min_cases), self.pruning,
+                                               int(self.n_jobs), int(self.trials))
+        else:
+            self._model = _core.Model.train(table, float(self.confidence),
+                                            float(self.min_cases), self.pruning, int(self.n_jobs))
         return self
+
+    def _weights(self, sample_weight, codes, n):
+        """sample_weight times class_weight, scaled so that the positive ones average 1; None
+        when both are None. The weights of a tree are counted as cases (min_cases), so that a
+        sum of 1 (as AdaBoostClassifier hands over) would forbid every split."""
+        if sample_weight is None and self.class_weight is None:
+            return None
+        w = np.ones(n) if sample_weight is None else np.asarray(sample_weight, dtype=float)
+        if w.shape != (n,) or not np.all(np.isfinite(w)) or np.any(w < 0):
+            raise ValueError("sample_weight must be finite, non-negative and one per sample")
+        if self.class_weight is not None:
+            k = len(self.classes_)
+            if isinstance(self.class_weight, str) and self.class_weight == "balanced":
+                per_class = n / (k * np.bincount(codes, minlength=k).astype(float))
+            elif isinstance(self.class_weight, dict):
+                # Labels absent from y (a fold without the class) weigh nothing here.
+                per_class = np.asarray([float(self.class_weight.get(c, 1.0))
+                                        for c in self.classes_.tolist()])
+                if not np.all(np.isfinite(per_class)) or np.any(per_class < 0):
+                    raise ValueError("class_weight values must be finite and non-negative")
+            else:
+                raise ValueError("class_weight must be None, 'balanced' or a dict")
+            w = w * per_class[codes]
+        positive = int(np.count_nonzero(w > 0))
+        if positive == 0:
+            raise ValueError("sample_weight is 0 for every sample: no case would count")
+        total = w.sum()
+        # Whole weights that already average 1 stay exactly as they are.
+        return w if total == positive else w * (positive / total)
+
+    def _tree(self):
+        """The one tree; a boosted model has none."""
+        check_is_fitted(self, "_model")
+        if not isinstance(self._model, _core.Model):
+            raise AttributeError("a boosted model (trials > 1) has no single tree")
+        return self._model
 
     def predict_proba(self, X):
         check_is_fitted(self, "_model")
@@ -225,22 +278,18 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
 
     def get_depth(self):
         """Edges on the longest path from the root to a leaf: 0 for a tree of one leaf."""
-        check_is_fitted(self, "_model")
-        return int(self._model.depth) - 1
+        return int(self._tree().depth) - 1
 
     def get_n_leaves(self):
-        check_is_fitted(self, "_model")
-        return int(self._model.leaves)
+        return int(self._tree().leaves)
 
     @property
     def tree_size_(self):
         """Nodes in the tree, leaves included."""
-        check_is_fitted(self, "_model")
-        return int(self._model.size)
+        return int(self._tree().size)
 
     def _paths(self, X):
-        check_is_fitted(self, "_model")
-        return self._model.paths(self._table(_dense(X)))
+        return self._tree().paths(self._table(_dense(X)))
 
     def apply(self, X):
         """Per sample, the number of the leaf it reaches; nodes are numbered in preorder from the
@@ -261,13 +310,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
 
     @property
     def feature_importances_(self):
-        check_is_fitted(self, "_model")
-        return np.asarray(self._model.importance())
+        return np.asarray(self._tree().importance())
 
     @property
     def attribute_usage_(self):
-        check_is_fitted(self, "_model")
-        return np.asarray(self._model.attribute_usage())
+        return np.asarray(self._tree().attribute_usage())
 
     # ------------------------------------------------------------------ outputs
 
@@ -288,7 +335,8 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         return self._model.export("json")
 
     def save(self, path):
-        """The binary tree file (brixcmd -bt reads it)."""
+        """The binary tree file (brixcmd -bt reads it); with trials, the file of the trials, which
+        brix and load read."""
         check_is_fitted(self, "_model")
         self._model.save(os.fspath(path))
 
@@ -301,10 +349,13 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         text ("0.5", "1e-05", not "nan" or "inf"), else as the texts. So integer and float
         labels load as they were saved; texts that read as numbers load as numbers too."""
         import json
-        model = _core.Model.load(os.fspath(path))
+        model = _load(os.fspath(path))
         desc = json.loads(model.export("json"))
         clf = cls()
         clf._model = model
+        if desc.get("format") == "brix-ensemble":
+            clf.trials = int(desc["trials_asked"])
+            desc = dict(desc["trials"][0]["tree"], classes=desc["classes"])
         texts = list(desc["classes"])
         labels = _labels_from_texts(texts)
         clf._label_text = dict(zip(labels, texts))
@@ -335,7 +386,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                 p = os.path.join(d, "model.tree")
                 with open(p, "wb") as f:
                     f.write(model)
-                state["_model"] = _core.Model.load(p)
+                state["_model"] = _load(p)
         kinds = state.get("_kinds")
         if isinstance(kinds, list):
             # Pickled by a version that kept kinds by column position.
@@ -346,6 +397,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     def _more_tags(self):
         # NaN is an unknown value, carried down every branch.
         return {"allow_nan": True}
+
+
+def _load(path):
+    """A tree file or a file of boosted trials."""
+    return _core.Ensemble.load(path) if _core.Ensemble.is_file(path) else _core.Model.load(path)
 
 
 def _dense(X):

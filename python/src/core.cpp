@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "brix/data.h"
+#include "brix/ensemble.h"
 #include "brix/model.h"
 #include "brix/tree_writer.h"
 
@@ -208,6 +209,61 @@ PYBIND11_MODULE(_core, m) {
             if (f.binary) throw std::invalid_argument("'" + format + "' is written by save");
             std::ostringstream o;
             f.writer->write(brix::tree_output{model.facade(), nullptr, max_depth}, o);
+            return o.str();
+          },
+          py::arg("format"), py::arg("max_depth") = -1);
+  // Boosted trials over the same trees; its file is not a tree file (is_file tells).
+  py::class_<brix::ensemble, std::shared_ptr<brix::ensemble>>(m, "Ensemble")
+      .def_static("train",
+                  [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
+                     int threads, int trials) {
+                    brix::ensemble_options o;
+                    o.tree.confidence = confidence;
+                    o.tree.min_cases = min_cases;
+                    o.tree.prune = pruning == "full"   ? brix::pruning::full
+                                   : pruning == "none" ? brix::pruning::none
+                                                       : brix::pruning::error;
+                    o.tree.threads = threads;
+                    o.trials = trials;
+                    py::gil_scoped_release release;
+                    return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
+                  })
+      .def_static("load",
+                  [](std::string const& path) {
+                    return std::shared_ptr<brix::ensemble>(brix::ensemble::load(path).release());
+                  })
+      .def_static("is_file", &brix::ensemble::is_file)
+      .def("save", &brix::ensemble::save)
+      .def_property_readonly("classes", &brix::ensemble::classes)
+      .def_property_readonly("attributes", &brix::ensemble::attributes)
+      .def_property_readonly("trials", &brix::ensemble::size)
+      .def("predict_proba",
+           [](brix::ensemble const& model, brix::table const& t) {
+             std::vector<double> p;
+             {
+               py::gil_scoped_release release;
+               p = model.predict_proba(t);
+             }
+             std::size_t k = model.classes().size();
+             py::array_t<double> out(
+                 {static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
+             std::copy(p.begin(), p.end(), out.mutable_data());
+             return out;
+           })
+      .def(
+          "export",
+          [](brix::ensemble const& model, std::string const& format, long max_depth) {
+            std::ostringstream o;
+            if (format == "text")
+              model.write_text(o);
+            else if (format == "json")
+              model.write_json(o);
+            else if (format == "pmml")
+              model.write_pmml(o);
+            else if (format == "dot")
+              model.write_dot(o, max_depth);
+            else
+              throw std::invalid_argument("no format '" + format + "' for boosted trees");
             return o.str();
           },
           py::arg("format"), py::arg("max_depth") = -1);

@@ -1,0 +1,517 @@
+// Boosting and misclassification costs over tree_model.
+//
+// Boosting is AdaBoost.M1 as Freund and Schapire describe it (1996), with the stopping rule of
+// Quinlan's "Bagging, boosting and C4.5" (1996): each trial grows a tree on the training cases
+// weighted as the last trial left them; with e the weighted share of cases it gets wrong, wrong
+// cases are multiplied by 1/(2e) and right ones by 1/(2(1-e)), which keeps the total weight (it
+// is renormalised to the starting total all the same, against rounding), and the tree votes with
+// log((1-e)/e). A trial with e >= 0.5 or e = 0 ends the sequence and is not kept: the first
+// would vote against itself, the second with an unbounded vote; the trees before it are the
+// model. The first trial is always kept, as the single tree it is (vote 1).
+//
+// Costs reweight the classes before growing (the instance weighting of Ting, 2002): with C(j)
+// the cost of misclassifying a case of class j summed over the other classes, N_j the training
+// weight of class j and N the total, each case of class j is multiplied by
+//   w_j = C(j) N / sum_i C(i) N_i,
+// which keeps the total weight, so the least number of cases keeps its meaning. Prediction
+// divides the class shares by w_j again before choosing the class of least expected cost, so the
+// costs are not counted twice.
+#include "brix/ensemble.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
+#include "zel/inpout/binstream.h"
+
+namespace brix {
+
+namespace {
+
+[[noreturn]] void bad(std::string const& what) {
+  throw std::invalid_argument("[brix::ensemble] " + what);
+}
+
+// The first byte of the file: a tree file starts with its presence flag, 0 or 1.
+constexpr unsigned char kTag = 'E';
+constexpr char kMagic[] = "brix-ensemble";
+constexpr std::uint32_t kVersion = 1;
+constexpr int kMaxTrials = 1000;
+
+std::string trim(std::string s) {
+  while (!s.empty() && (s.back() == '\r' || s.back() == ' ' || s.back() == '\t'))
+    s.pop_back();
+  std::size_t b = s.find_first_not_of(" \t");
+  return b == std::string::npos ? std::string() : s.substr(b);
+}
+
+// Doubles in text outputs: enough digits to read back the same value.
+std::string num(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return buf;
+}
+
+// Figures in the text report, whatever precision the stream was left with.
+std::string short_num(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.6g", v);
+  return buf;
+}
+
+std::size_t first_max(double const* p, std::size_t k) {
+  return static_cast<std::size_t>(std::max_element(p, p + k) - p);
+}
+
+impls::decision_tree const& impl_of(tree_model const& m) {
+  return *m.facade().get_impl();
+}
+
+}  // namespace
+
+std::vector<cost_entry> read_costs(std::string const& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error("File " + path + ": cannot be opened");
+  std::vector<cost_entry> out;
+  std::string line;
+  for (unsigned long n = 1; std::getline(in, line); ++n) {
+    if (trim(line).empty()) continue;
+    std::vector<std::string> f;
+    std::stringstream ss(line);
+    for (std::string field; std::getline(ss, field, ',');)
+      f.push_back(trim(field));
+    if (f.size() == 3 && out.empty() && f[0] == "predicted") continue;
+    std::string where = "File " + path + ", line " + std::to_string(n) + ": ";
+    if (f.size() != 3) throw std::runtime_error(where + "expected predicted,actual,cost");
+    char* end = nullptr;
+    double c = std::strtod(f[2].c_str(), &end);
+    if (f[2].empty() || *end != '\0' || !std::isfinite(c) || c < 0)
+      throw std::runtime_error(where + "the cost '" + f[2] + "' is not a number >= 0");
+    out.push_back({f[0], f[1], c});
+  }
+  return out;
+}
+
+ensemble::~ensemble() = default;
+
+std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
+                                          std::vector<unsigned long> const* rows) {
+  if (o.trials < 1 || o.trials > kMaxTrials)
+    bad("trials must be in [1," + std::to_string(kMaxTrials) + "]");
+  impls::column const* cls = t.get_impl()->get_class();
+  if (cls == nullptr) bad("the table has no class column");
+  if (t.get_no_rows() == 0) bad("the table has no rows");
+  std::vector<unsigned long> all;
+  if (rows == nullptr) {
+    all.resize(t.get_no_rows());
+    for (unsigned long r = 0; r < all.size(); ++r)
+      all[r] = r;
+    rows = &all;
+  }
+  if (rows->empty()) bad("no rows to train on");
+  for (unsigned long r : *rows)
+    if (r >= t.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+
+  std::unique_ptr<ensemble> e(new ensemble());
+  e->asked_ = o.trials;
+  std::size_t k = cls->get_distinct();
+  auto class_index = [&](std::string const& name) {
+    unsigned long i = cls->get_index(name.c_str());
+    if (i == 0) bad("the cost matrix names '" + name + "', not a class");
+    return static_cast<std::size_t>(i - 1);
+  };
+  e->costs_.assign(k * k, 1.0);
+  for (std::size_t c = 0; c < k; ++c)
+    e->costs_[c * k + c] = 0.0;
+  for (cost_entry const& c : o.costs)
+    e->costs_[class_index(c.predicted) * k + class_index(c.actual)] = c.cost;
+  e->has_costs_ = !o.costs.empty();
+
+  // Case weights as doubles, in the order of the rows: the same sums on any machine.
+  std::vector<double> w(rows->size());
+  std::vector<std::size_t> actual(rows->size());
+  std::vector<double> class_total(k, 0.0);
+  for (std::size_t i = 0; i < rows->size(); ++i) {
+    unsigned long c = cls->get_row_index((*rows)[i]);
+    actual[i] = c == 0 ? k : c - 1;  // an unknown class is never predicted
+    w[i] = t.get_weight((*rows)[i]);
+    if (c != 0) class_total[c - 1] += w[i];
+  }
+  e->class_weights_.assign(k, 1.0);
+  if (e->has_costs_) {
+    double total = 0.0, weighted = 0.0;
+    std::vector<double> miss(k, 0.0);
+    for (std::size_t a = 0; a < k; ++a) {
+      for (std::size_t p = 0; p < k; ++p)
+        if (p != a) miss[a] += e->cost(p, a);
+      if (!(miss[a] > 0.0))
+        bad("misclassifying class '" + cls->get_o_set()->get_value(a + 1) + "' costs nothing");
+      total += class_total[a];
+      weighted += miss[a] * class_total[a];
+    }
+    if (weighted > 0.0)
+      for (std::size_t a = 0; a < k; ++a)
+        e->class_weights_[a] = miss[a] * total / weighted;
+    for (std::size_t i = 0; i < w.size(); ++i)
+      if (actual[i] < k) w[i] *= e->class_weights_[actual[i]];
+  }
+  double start = 0.0;
+  for (double v : w)
+    start += v;
+
+  table::subset cases;
+  for (int trial = 0; trial < o.trials; ++trial) {
+    cases.resize(0);
+    cases.reserve(rows->size());
+    for (std::size_t i = 0; i < rows->size(); ++i)
+      cases.push_back((*rows)[i], static_cast<float>(w[i]));
+    auto tree = tree_model::train_weighted(t, o.tree, cases);
+    // Each trial classifies the whole table once; only the training rows count.
+    std::vector<double> p = tree->predict_proba(t);
+    std::vector<char> wrong(rows->size());
+    double missed = 0.0;
+    for (std::size_t i = 0; i < rows->size(); ++i) {
+      wrong[i] = first_max(p.data() + (*rows)[i] * k, k) != actual[i];
+      if (wrong[i]) missed += w[i];
+    }
+    // Within rounding: the renormalised weights of a tie may sum to a hair under a half.
+    double err = missed / start;
+    if (o.trials == 1) {
+      e->trials_.push_back({std::move(tree), 1.0, err});
+      break;
+    }
+    bool last = err <= 1e-12 || err >= 0.5 - 1e-12;
+    if (last) {
+      if (trial == 0) e->trials_.push_back({std::move(tree), 1.0, err});
+      e->stopped_ = err <= 0.0 ? stop::zero_error : stop::half_error;
+      break;
+    }
+    e->trials_.push_back({std::move(tree), std::log((1.0 - err) / err), err});
+    if (trial + 1 == o.trials) break;
+    double up = 0.5 / err, down = 0.5 / (1.0 - err), sum = 0.0;
+    for (std::size_t i = 0; i < w.size(); ++i) {
+      w[i] *= wrong[i] ? up : down;
+      sum += w[i];
+    }
+    for (double& v : w)
+      v *= start / sum;
+  }
+  return e;
+}
+
+std::vector<std::string> ensemble::classes() const {
+  return trials_.front().tree->classes();
+}
+
+std::vector<std::string> ensemble::attributes() const {
+  return trials_.front().tree->attributes();
+}
+
+std::vector<double> ensemble::predict_proba(table const& t) const {
+  std::size_t k = n_classes();
+  std::vector<double> sum;
+  for (trial_tree const& tr : trials_) {
+    std::vector<double> p = tr.tree->predict_proba(t);
+    if (sum.empty()) sum.assign(p.size(), 0.0);
+    for (std::size_t i = 0; i < p.size(); ++i)
+      sum[i] += tr.vote * p[i];
+  }
+  for (std::size_t at = 0; at < sum.size(); at += k) {
+    double* row = sum.data() + at;
+    if (has_costs_)
+      for (std::size_t c = 0; c < k; ++c)
+        row[c] /= class_weights_[c];
+    double total = 0.0;
+    for (std::size_t c = 0; c < k; ++c)
+      total += row[c];
+    if (total > 0.0)
+      for (std::size_t c = 0; c < k; ++c)
+        row[c] /= total;
+  }
+  return sum;
+}
+
+std::size_t ensemble::decide(double const* p) const {
+  std::size_t k = n_classes();
+  if (!has_costs_) return first_max(p, k);
+  std::size_t best = 0;
+  double least = 0.0;
+  for (std::size_t pred = 0; pred < k; ++pred) {
+    double expected = 0.0;
+    for (std::size_t a = 0; a < k; ++a)
+      expected += p[a] * cost(pred, a);
+    if (pred == 0 || expected < least) {
+      best = pred;
+      least = expected;
+    }
+  }
+  return best;
+}
+
+std::vector<std::string> ensemble::predict(table const& t) const {
+  std::vector<double> p = predict_proba(t);
+  std::vector<std::string> names = classes(), out;
+  out.reserve(t.get_no_rows());
+  for (std::size_t at = 0; at < p.size(); at += n_classes())
+    out.push_back(names[decide(p.data() + at)]);
+  return out;
+}
+
+std::unique_ptr<conf_matrix> ensemble::evaluate(
+    table const& t, std::vector<unsigned long> const* rows,
+    std::vector<std::pair<std::string, unsigned long>>* unseen) const {
+  impls::column const* cls = t.get_impl()->get_class();
+  if (cls == nullptr) bad("the table has no class column");
+  impls::decision_tree const& first = impl_of(*trials_.front().tree);
+  impls::column const* mine = first.get_metadata()->get_class();
+  std::vector<unsigned long> actual_of(cls->get_distinct() + 1, 0), count(actual_of.size(), 0);
+  for (unsigned long o = 1; o < actual_of.size(); ++o)
+    actual_of[o] = mine->get_index(cls->get_o_set()->get_value(o).c_str());
+  std::vector<double> p = predict_proba(t);
+  auto m = std::make_unique<impls::conf_matrix>(first.get_metadata());
+  auto add = [&](unsigned long r) {
+    unsigned long c = cls->get_row_index(r);
+    ++count[c];
+    m->add(decide(p.data() + r * n_classes()) + 1, actual_of[c], t.get_weight(r));
+  };
+  if (rows != nullptr) {
+    for (unsigned long r : *rows) {
+      if (r >= t.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+      add(r);
+    }
+  } else {
+    for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+      add(r);
+  }
+  if (unseen != nullptr) {
+    unseen->clear();
+    for (unsigned long o = 1; o < actual_of.size(); ++o)
+      if (actual_of[o] == 0 && count[o] > 0)
+        unseen->emplace_back(cls->get_o_set()->get_value(o), count[o]);
+  }
+  return std::make_unique<conf_matrix>(m.release());
+}
+
+double ensemble::average_cost(conf_matrix const& m) const {
+  double total = 0.0, cases = 0.0;
+  for (unsigned long p = 1; p < m.size(); ++p)
+    for (unsigned long a = 0; a < m.size(); ++a) {
+      double n = m.get_element(p, a);
+      cases += n;
+      total += n * (a == 0 ? 1.0 : cost(p - 1, a - 1));
+    }
+  return cases > 0.0 ? total / cases : 0.0;
+}
+
+// ---------------------------------------------------------------- file
+
+bool ensemble::is_file(std::string const& path) {
+  try {
+    zel::inpout::ibinstream in(path, true);
+    unsigned char tag = 0;
+    in >> tag;
+    return in.good() && tag == kTag;
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+void ensemble::save(std::string const& path) const {
+  write_replacing(
+      path,
+      [&](std::string const& target) {
+        try {
+          writers::write_binary_file(target, [&](zel::inpout::obinstream& out) {
+            out << kTag << std::string(kMagic) << kVersion << static_cast<std::int32_t>(asked_)
+                << static_cast<std::uint8_t>(stopped_) << static_cast<std::uint8_t>(has_costs_)
+                << class_weights_ << costs_ << static_cast<std::uint32_t>(trials_.size());
+            for (trial_tree const& tr : trials_)
+              out << tr.vote << tr.error << static_cast<unsigned char>(1)
+                  << *tr.tree->facade().get_impl();
+          });
+        } catch (std::exception const&) {
+          throw std::runtime_error("File " + path + ": error with binary output");
+        }
+      },
+      "error with binary output");
+}
+
+std::unique_ptr<ensemble> ensemble::load(std::string const& path) {
+  auto damaged = [&](std::string const& what) -> std::runtime_error {
+    return std::runtime_error("File " + path + ": " + what);
+  };
+  zel::inpout::ibinstream in(path, true);
+  unsigned char tag = 0;
+  std::string magic;
+  std::uint32_t version = 0, n = 0;
+  std::int32_t asked = 0;
+  std::uint8_t stopped = 0, costs = 0;
+  in >> tag;
+  if (!in.good() || tag != kTag) throw damaged("not a boosted or cost-sensitive model");
+  std::unique_ptr<ensemble> e(new ensemble());
+  in >> magic >> version >> asked >> stopped >> costs >> e->class_weights_ >> e->costs_ >> n;
+  if (!in.good() || magic != kMagic) throw damaged("truncated or damaged model");
+  if (version != kVersion) throw damaged("model version " + std::to_string(version) + " unknown");
+  std::size_t k = e->class_weights_.size();
+  if (asked < 1 || asked > kMaxTrials || stopped > 2 || costs > 1 || k == 0 ||
+      e->costs_.size() != k * k || n == 0 || n > static_cast<std::uint32_t>(asked))
+    throw damaged("damaged model header");
+  for (double v : e->class_weights_)
+    if (!(v > 0.0) || !std::isfinite(v)) throw damaged("damaged class weights");
+  e->asked_ = asked;
+  e->stopped_ = static_cast<stop>(stopped);
+  e->has_costs_ = costs == 1;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    double vote = 0.0, error = 0.0;
+    unsigned char present = 0;
+    in >> vote >> error >> present;
+    if (!in.good() || present != 1 || !std::isfinite(vote) || !(vote > 0.0))
+      throw damaged("damaged trial " + std::to_string(i + 1));
+    auto d = std::make_unique<dtree>("t");
+    in >> *d->get_impl();
+    impls::decision_tree const& t = *d->get_impl();
+    if (!t.get_root() || !t.get_metadata() || t.get_n_classes() != k)
+      throw damaged("trial " + std::to_string(i + 1) + " holds no tree of the model's classes");
+    e->trials_.push_back({std::unique_ptr<tree_model>(new tree_model(std::move(d))), vote, error});
+  }
+  char c;
+  if (in.get_ioconn()->read(&c, 1) != 0) throw damaged("unexpected data after the model");
+  return e;
+}
+
+// ---------------------------------------------------------------- outputs
+
+namespace {
+
+char const* stop_text(ensemble::stop s) {
+  switch (s) {
+    case ensemble::stop::zero_error:
+      return "a trial classified every training case right";
+    case ensemble::stop::half_error:
+      return "a trial's weighted training error reached 50%";
+    default:
+      return "every trial grown";
+  }
+}
+
+// A writer's whole document, without its final newline.
+std::string document(tree_model const& m, void (tree_model::*write)(std::ostream&) const) {
+  std::ostringstream s;
+  (m.*write)(s);
+  std::string out = s.str();
+  if (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+}  // namespace
+
+void ensemble::write_text(std::ostream& out) const {
+  std::vector<std::string> names = classes();
+  if (asked_ == 1)
+    out << "One tree\n";
+  else
+    out << "Boosting: " << asked_ << " trials asked, " << trials_.size() << " kept ("
+        << stop_text(stopped_) << ")\n";
+  if (has_costs_) {
+    out << "Costs (predicted, actual, cost), growing weighing each class as shown:\n";
+    for (std::size_t p = 0; p < names.size(); ++p)
+      for (std::size_t a = 0; a < names.size(); ++a)
+        if (p != a || cost(p, a) != 0.0)
+          out << "  " << names[p] << ", " << names[a] << ", " << short_num(cost(p, a)) << "\n";
+    for (std::size_t c = 0; c < names.size(); ++c)
+      out << "  weight of " << names[c] << ": " << short_num(class_weights_[c]) << "\n";
+  }
+  for (std::size_t i = 0; i < trials_.size(); ++i) {
+    out << "\nTrial " << i + 1 << ": vote " << short_num(trials_[i].vote)
+        << ", weighted training error " << short_num(trials_[i].error * 100.0) << "%, size "
+        << trials_[i].tree->size() << "\n\n";
+    trials_[i].tree->write_text(out);
+  }
+}
+
+void ensemble::write_json(std::ostream& out) const {
+  std::vector<std::string> names = classes();
+  out << "{\"format\":\"brix-ensemble\",\"version\":1,\"trials_asked\":" << asked_
+      << ",\"stopped\":"
+      << (stopped_ == stop::zero_error   ? "\"zero error\""
+          : stopped_ == stop::half_error ? "\"half error\""
+                                         : "\"all grown\"")
+      << ",\"classes\":[";
+  for (std::size_t c = 0; c < names.size(); ++c)
+    out << (c ? "," : "") << json_string(names[c]);
+  out << "],\"class_weights\":[";
+  for (std::size_t c = 0; c < names.size(); ++c)
+    out << (c ? "," : "") << num(class_weights_[c]);
+  out << "],\"costs\":";
+  if (has_costs_) {
+    out << "[";
+    for (std::size_t p = 0; p < names.size(); ++p) {
+      out << (p ? ",[" : "[");
+      for (std::size_t a = 0; a < names.size(); ++a)
+        out << (a ? "," : "") << num(cost(p, a));
+      out << "]";
+    }
+    out << "]";
+  } else {
+    out << "null";
+  }
+  out << ",\"trials\":[";
+  for (std::size_t i = 0; i < trials_.size(); ++i)
+    out << (i ? "," : "") << "{\"vote\":" << num(trials_[i].vote)
+        << ",\"error\":" << num(trials_[i].error)
+        << ",\"tree\":" << document(*trials_[i].tree, &tree_model::write_json) << "}";
+  out << "]}\n";
+}
+
+void ensemble::write_pmml(std::ostream& out) const {
+  // Each trial's own document gives the dictionary (the same for every trial: they share the
+  // training table) and its TreeModel, indented to sit in its segment.
+  auto cut = [](std::string const& doc, std::string const& from, std::string const& to) {
+    std::size_t b = doc.find(from), e = doc.find(to, b);
+    if (b == std::string::npos || e == std::string::npos)
+      throw std::logic_error("tree PMML without " + from);
+    b = doc.rfind('\n', b) + 1;
+    return doc.substr(b, e + to.size() - b);
+  };
+  auto indent = [](std::string const& block, std::string const& pad) {
+    std::string r;
+    std::size_t at = 0;
+    while (at < block.size()) {
+      std::size_t nl = block.find('\n', at);
+      if (nl == std::string::npos) nl = block.size();
+      r += pad + block.substr(at, nl - at) + "\n";
+      at = nl + 1;
+    }
+    return r;
+  };
+  std::string first = document(*trials_.front().tree, &tree_model::write_pmml);
+  std::size_t head_end = first.find("  <DataDictionary");
+  if (head_end == std::string::npos) throw std::logic_error("tree PMML without a dictionary");
+  out << first.substr(0, head_end) << cut(first, "<DataDictionary", "</DataDictionary>") << "\n";
+  std::string schema = cut(first, "<MiningSchema>", "</MiningSchema>");
+  out << "  <MiningModel modelName=\"boosted trees\" functionName=\"classification\">\n"
+      << indent(schema, "") << "    <Segmentation multipleModelMethod=\"weightedMajorityVote\">\n";
+  for (std::size_t i = 0; i < trials_.size(); ++i) {
+    std::string doc = i == 0 ? first : document(*trials_[i].tree, &tree_model::write_pmml);
+    out << "      <Segment id=\"" << i + 1 << "\" weight=\"" << num(trials_[i].vote) << "\">\n"
+        << "        <True/>\n"
+        << indent(cut(doc, "<TreeModel", "</TreeModel>"), "      ") << "      </Segment>\n";
+  }
+  out << "    </Segmentation>\n  </MiningModel>\n</PMML>\n";
+}
+
+void ensemble::write_dot(std::ostream& out, long max_depth) const {
+  for (trial_tree const& tr : trials_)
+    tr.tree->write_dot(out, max_depth);
+}
+
+}  // namespace brix

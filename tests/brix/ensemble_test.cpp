@@ -1,0 +1,168 @@
+// Boosting and costs: runs small enough to follow by hand, the same model whatever the run or
+// thread count, and model files that round-trip and that a tree loader refuses.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "brix/ensemble.h"
+#include "brix/impls/decision_tree.h"
+#include "tests/brix/table_files.h"
+
+namespace {
+
+std::string const kShared = BRIX_SHARED_DATA;
+
+class Ensemble : public ::testing::Test, protected table_files {
+ protected:
+  std::unique_ptr<brix::table> table(std::string const& data) {
+    return std::unique_ptr<brix::table>(
+        brix::table::adopt(loaded("A,string,discrete\ny,string,class\n", data).release()));
+  }
+  static std::vector<float> root_distribution(brix::tree_model const& m) {
+    return m.facade().get_impl()->get_root()->get_node()->get_class_distribution();
+  }
+  static std::string json(brix::ensemble const& e) {
+    std::ostringstream s;
+    e.write_json(s);
+    return s.str();
+  }
+};
+
+// Seven cases: p,a x4; q,a x1; q,b x2. Unpruned, each tree splits on A where it can.
+//   Trial 1: p -> a (4,0), q -> b (1,2): the q,a case is wrong, e = 1/7, vote ln 6.
+//     Wrong x 1/(2e) = 3.5, right x 1/(2(1-e)) = 7/12: a 4*7/12 + 3.5 = 35/6, b 2*7/12 = 7/6.
+//   Trial 2: p (7/3,0) and q (3.5,7/6) would both say a: the tree is the leaf (35/6,7/6).
+//     The two q,b cases are wrong, e = (7/6)/7 = 1/6, vote ln 5. Wrong x 3, right x 0.6:
+//     p,a 1.4 in all, q,a 2.1, q,b 3.5.
+//   Trial 3: the p branch weighs 1.4, under the 2 a split needs in two branches: one leaf,
+//     a 3.5 against b 3.5, the first class wins, e = 1/2: the sequence ends without it.
+//   Votes, p: a ln6 + 5/6 ln5, b 1/6 ln5; q: a 1/3 ln6 + 5/6 ln5, b 2/3 ln6 + 1/6 ln5.
+TEST_F(Ensemble, BoostingWorkedByHand) {
+  auto t = table("p,a\np,a\np,a\np,a\nq,a\nq,b\nq,b\n");
+  brix::ensemble_options o;
+  o.trials = 5;
+  o.tree.prune = brix::pruning::none;
+  auto e = brix::ensemble::train(*t, o);
+  ASSERT_EQ(2u, e->size());
+  EXPECT_EQ(brix::ensemble::stop::half_error, e->stopped());
+  EXPECT_NEAR(1.0 / 7, e->trial_error(0), 1e-7);
+  EXPECT_NEAR(std::log(6.0), e->vote(0), 1e-6);
+  EXPECT_NEAR(1.0 / 6, e->trial_error(1), 1e-6);
+  EXPECT_NEAR(std::log(5.0), e->vote(1), 1e-5);
+  std::vector<float> d = root_distribution(e->trial(1));
+  EXPECT_NEAR(35.0 / 6, d[1], 1e-5);
+  EXPECT_NEAR(7.0 / 6, d[2], 1e-5);
+
+  std::vector<double> p = e->predict_proba(*t);
+  ASSERT_EQ(14u, p.size());
+  double l6 = std::log(6.0), l5 = std::log(5.0), sum = l6 + l5;
+  EXPECT_NEAR((l6 + l5 * 5 / 6) / sum, p[0], 1e-6);
+  EXPECT_NEAR((l6 / 3 + l5 * 5 / 6) / sum, p[10], 1e-6);
+  EXPECT_NEAR((l6 * 2 / 3 + l5 / 6) / sum, p[11], 1e-6);
+  EXPECT_EQ((std::vector<std::string>{"a", "a", "a", "a", "a", "a", "a"}), e->predict(*t));
+  std::unique_ptr<brix::conf_matrix> m = e->evaluate(*t);
+  EXPECT_NEAR(2.0 / 7, m->mis_perc(), 1e-6);
+}
+
+// The ends of the sequence: a first trial with no error is the model alone; one trial is the
+// single tree, whatever its error.
+TEST_F(Ensemble, SequenceEnds) {
+  auto pure = table("p,a\np,a\np,a\nq,b\nq,b\nq,b\n");
+  brix::ensemble_options o;
+  o.trials = 10;
+  auto e = brix::ensemble::train(*pure, o);
+  EXPECT_EQ(1u, e->size());
+  EXPECT_EQ(brix::ensemble::stop::zero_error, e->stopped());
+  EXPECT_DOUBLE_EQ(1.0, e->vote(0));
+
+  auto mixed = table("p,a\np,b\np,a\np,b\np,a\n");
+  auto single = brix::ensemble::train(*mixed, o);
+  // A leaf 3:2 (e = 0.4), then 2.5:2.5, half wrong: the first trial alone.
+  EXPECT_EQ(1u, single->size());
+  EXPECT_EQ(brix::ensemble::stop::half_error, single->stopped());
+  o.trials = 1;
+  auto one = brix::ensemble::train(*mixed, o);
+  EXPECT_EQ(1u, one->size());
+  EXPECT_EQ(brix::ensemble::stop::all_grown, one->stopped());
+}
+
+// Ten cases that no test separates: 7 a, 3 b. Predicting a for a b costs 5: C(a) = 1, C(b) = 5,
+// so growing weighs a by 1*10/(7 + 15) = 5/11 and b by 5*10/22 = 25/11; the leaf's shares,
+// divided back, are 0.7 and 0.3, and b costs 0.7 against 0.3*5 = 1.5 for a: the leaf says b.
+// At a cost of 2, a costs 0.6 against b's 0.7: the leaf stays a.
+TEST_F(Ensemble, CostsFlipALeaf) {
+  auto t = table("p,a\np,a\np,a\np,a\np,a\np,a\np,a\np,b\np,b\np,b\n");
+  brix::ensemble_options o;
+  auto plain = brix::ensemble::train(*t, o);
+  EXPECT_EQ("a", plain->predict(*t)[9]);
+
+  struct row {
+    double cost;
+    char const* predicted;
+    double average_cost;
+  } const rows[] = {{5, "b", 0.7}, {2, "a", 0.6}};
+  for (row const& r : rows) {
+    o.costs = {{"a", "b", r.cost}};
+    auto e = brix::ensemble::train(*t, o);
+    EXPECT_NEAR(10.0 / (7 + 3 * r.cost), e->class_weights()[0], 1e-9) << r.cost;
+    EXPECT_NEAR(10.0 * r.cost / (7 + 3 * r.cost), e->class_weights()[1], 1e-9) << r.cost;
+    std::vector<double> p = e->predict_proba(*t);
+    EXPECT_NEAR(0.7, p[0], 1e-6) << r.cost;
+    EXPECT_EQ(r.predicted, e->predict(*t)[0]) << r.cost;
+    EXPECT_NEAR(r.average_cost, e->average_cost(*e->evaluate(*t)), 1e-6) << r.cost;
+  }
+}
+
+TEST_F(Ensemble, RefusesBadOptionsAndCosts) {
+  auto t = table("p,a\nq,b\n");
+  brix::ensemble_options o;
+  o.trials = 0;
+  EXPECT_THROW(brix::ensemble::train(*t, o), std::invalid_argument);
+  o.trials = 2;
+  o.costs = {{"a", "c", 1}};
+  EXPECT_THROW(brix::ensemble::train(*t, o), std::invalid_argument);
+  o.costs = {{"b", "a", 0}};
+  EXPECT_THROW(brix::ensemble::train(*t, o), std::invalid_argument);
+
+  std::string ok = write("c.csv", "predicted,actual,cost\na,b,3\n\nb,a,0.5\r\n");
+  auto c = brix::read_costs(ok);
+  ASSERT_EQ(2u, c.size());
+  EXPECT_EQ("b", c[1].predicted);
+  EXPECT_DOUBLE_EQ(0.5, c[1].cost);
+  for (char const* bad : {"a,b\n", "a,b,-1\n", "a,b,x\n", "a,b,1,2\n"})
+    EXPECT_THROW(brix::read_costs(write("bad.csv", bad)), std::runtime_error) << bad;
+}
+
+// The same JSON for every run and thread count; the file gives back the same model; a tree
+// loader refuses it, and it refuses a tree file.
+TEST_F(Ensemble, DeterministicAndRoundTrips) {
+  auto t = stem_table(kShared + "/mlb_pima");
+  brix::ensemble_options o;
+  o.trials = 6;
+  o.costs = {{"neg", "pos", 2}};
+  std::string once = json(*brix::ensemble::train(*t, o));
+  o.tree.threads = 3;
+  auto e = brix::ensemble::train(*t, o);
+  EXPECT_EQ(once, json(*e));
+  EXPECT_EQ(6u, e->size());
+
+  std::string path = file("m.bm");
+  e->save(path);
+  EXPECT_TRUE(brix::ensemble::is_file(path));
+  auto back = brix::ensemble::load(path);
+  EXPECT_EQ(once, json(*back));
+  EXPECT_EQ(e->predict_proba(*t), back->predict_proba(*t));
+  EXPECT_THROW(brix::tree_model::load(path), std::runtime_error);
+
+  std::string tree = file("t.bt");
+  e->trial(0).save(tree);
+  EXPECT_FALSE(brix::ensemble::is_file(tree));
+  EXPECT_THROW(brix::ensemble::load(tree), std::runtime_error);
+}
+
+}  // namespace

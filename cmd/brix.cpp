@@ -26,6 +26,7 @@
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 #include "cmd/brix_import.h"
 #include "zel/inpout/stream.h"
@@ -48,7 +49,7 @@ struct settings {
   double test_fraction = 0.0;
   std::uint64_t seed = 1;
   unsigned folds = 10;
-  bool stratified = false, proba = false, quiet = false, verbose = false;
+  bool stratified = false, proba = false, quiet = false, verbose = false, rules = false;
   long max_depth = -1;
   brix::tree_options tree;
 };
@@ -189,6 +190,7 @@ std::vector<option> const& options() {
        }},
       {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
       {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
+      {"--rules", false, [](settings& s, std::string const&) { s.rules = true; }},
       {"--quiet", false, [](settings& s, std::string const&) { s.quiet = true; }},
       {"-v", false, [](settings& s, std::string const&) { s.verbose = true; }},
   };
@@ -370,11 +372,14 @@ void json_matrix(std::ostream& out, char const* name, brix::conf_matrix const& m
   out << "]}";
 }
 
+int train_rules(settings const& s);
+
 int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
   if (!s.test.empty() && s.test_fraction > 0)
     throw usage_error("--test and --test-fraction exclude each other");
   refuse_same(s.model, {s.args[0], s.test});
+  if (s.rules) return train_rules(s);
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
   brix::tree_options opts = s.tree;
@@ -460,16 +465,99 @@ int train(settings const& s) {
   return 0;
 }
 
+// A test file as a table: a CSV/TSV/ARFF file on its own, a stem's test file with the stem's
+// .names.
+std::unique_ptr<brix::table> load_test(std::string const& data, settings const& s) {
+  if (is_table_file(s.test)) return load(s.test, s, true);
+  progress.begin("load " + s.test);
+  auto t = std::make_unique<brix::table>(s.test);
+  t->load_meta_data(brix::datasource("FILE#" + data + ".names#,"));
+  t->load_data(brix::datasource("FILE#" + s.test + "#,"), "?");
+  return t;
+}
+
+// train --rules: the tree as train grows it, read off as a ruleset; the report gives the rules'
+// errors and the ruleset instead of the tree.
+int train_rules(settings const& s) {
+  auto t = load(s.args[0], s, true);
+  warn_past_exact(*t, s);
+  brix::tree_options opts = s.tree;
+  opts.stage = [](char const* what) { progress.begin(what); };
+  std::vector<unsigned long> fit, held;
+  if (s.test_fraction > 0) {
+    brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
+    fit = h.train;
+    held = h.test;
+  }
+  auto tree = brix::tree_model::train(*t, opts, fit.empty() ? nullptr : &fit);
+  progress.begin("rules");
+  auto m = brix::rule_model::from_tree(*tree, *t, fit.empty() ? nullptr : &fit);
+  progress.begin("evaluate");
+  double training = m->error(*t, fit.empty() ? nullptr : &fit), test = -1, holdout = -1;
+  unsigned long test_rows = 0;
+  if (!s.test.empty()) {
+    auto tt = load_test(s.args[0], s);
+    progress.begin("test");
+    test = m->error(*tt);
+    test_rows = tt->get_no_rows();
+  }
+  if (!held.empty()) holdout = m->error(*t, &held);
+  if (!s.model.empty()) {
+    progress.begin("write model");
+    m->save(s.model);
+  }
+  progress.end();
+  std::ostream& out = std::cout;
+  unsigned long n_fit = fit.empty() ? t->get_no_rows() : fit.size();
+  if (s.report == "json") {
+    auto part = [&](char const* name, double e, unsigned long n) {
+      out << ",\"" << name << "\":{\"rows\":" << n << ",\"error_percent\":" << json_number(e * 100)
+          << "}";
+    };
+    out << "{\"rules\":" << m->size() << ",\"tree_leaves\":" << m->leaves();
+    part("training", training, n_fit);
+    if (test >= 0) part("test", test, test_rows);
+    if (holdout >= 0) part("holdout", holdout, held.size());
+    out << ",\"ruleset\":";
+    m->write_json(out);
+    out << "}" << std::endl;
+    return 0;
+  }
+  out << brix::get_copyright() << std::endl
+      << std::endl
+      << "RULES: " << m->size() << " (from a tree of " << m->leaves() << " leaves)" << std::endl
+      << std::endl;
+  out << "MISCLASSIFICATION on training: " << training * 100 << "% of " << n_fit << " rows."
+      << std::endl;
+  if (test >= 0)
+    out << "MISCLASSIFICATION on test file: " << test * 100 << "% of " << test_rows << " rows."
+        << std::endl;
+  if (holdout >= 0)
+    out << "MISCLASSIFICATION on holdout test: " << holdout * 100 << "% of " << held.size()
+        << " rows." << std::endl;
+  out << std::endl;
+  m->write_text(out);
+  return 0;
+}
+
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
   refuse_same(s.output, s.args);
   progress.begin("load model");
-  auto m = brix::tree_model::load(s.args[0]);
+  std::unique_ptr<brix::tree_model> m;
+  std::unique_ptr<brix::rule_model> rules;
+  if (brix::rule_model::is_rules_file(s.args[0]))
+    rules = brix::rule_model::load(s.args[0]);
+  else
+    m = brix::tree_model::load(s.args[0]);
   auto t = load(s.args[1], s, false);
   progress.begin("predict");
-  std::vector<double> all = m->predict_proba(*t);
+  std::vector<double> all = rules ? rules->predict_proba(*t) : m->predict_proba(*t);
+  // A ruleset names its class by its deciding rule, which ties among equal shares settle.
+  std::vector<unsigned long> decided;
+  if (rules) rules->classify(*t, decided);
   progress.begin("write");
-  std::vector<std::string> classes = m->classes();
+  std::vector<std::string> classes = rules ? rules->classes() : m->classes();
   brix::impls::column const* id = nullptr;
   if (!s.id.empty()) {
     brix::impls::table const& i = *t->get_impl();
@@ -489,7 +577,8 @@ int predict(settings const& s) {
       auto p = all.begin() + static_cast<long>(r * k);
       // The first class of the largest share wins, as in prediction.
       std::size_t best =
-          static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
+          rules ? decided[r]
+                : static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
       if (id) out << id->get_value(r) << ",";
       out << classes[best];
       if (s.proba)
@@ -531,6 +620,21 @@ int cv(settings const& s) {
     }
     progress.begin("fold " + std::to_string(k + 1) + "/" + std::to_string(s.folds));
     auto m = brix::tree_model::train(*t, s.tree, &train);
+    if (s.rules) {
+      // Rules: their count as the size, each test row counted with its weight.
+      auto r = brix::rule_model::from_tree(*m, *t, &train);
+      std::vector<unsigned long> rows;
+      double cases = 0;
+      for (unsigned long i = 0; i < test.size(); ++i) {
+        rows.push_back(test.get(i));
+        cases += t->get_weight(test.get(i));
+      }
+      double e = r->error(*t, &rows) * 100.0;
+      errors.push_back(e);
+      progress.clear();
+      std::cout << k + 1 << "\t" << e << "\t" << r->size() << "\t" << count(cases) << std::endl;
+      continue;
+    }
     std::unique_ptr<brix::conf_matrix> c(
         const_cast<brix::dtree&>(m->facade()).predict(t.get(), &test));
     double e = c->mis_perc() * 100.0;
@@ -551,6 +655,18 @@ int cv(settings const& s) {
 
 int show(settings const& s) {
   if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
+  if (brix::rule_model::is_rules_file(s.args[0])) {
+    auto r = brix::rule_model::load(s.args[0]);
+    if (s.format == "text")
+      r->write_text(std::cout);
+    else if (s.format == "json")
+      r->write_json(std::cout);
+    else if (s.format == "pmml")
+      r->write_pmml(std::cout);
+    else
+      throw usage_error("a ruleset shows as text, json or pmml");
+    return 0;
+  }
   auto m = brix::tree_model::load(s.args[0]);
   brix::output_format_named(s.format).writer->write(
       brix::tree_output{m->facade(), nullptr, s.max_depth}, std::cout);

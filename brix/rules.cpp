@@ -510,6 +510,19 @@ std::unique_ptr<rule_model> rule_model::train(table& t, tree_options const& o,
 
 std::unique_ptr<rule_model> rule_model::from_tree(tree_model const& tm, table const& t,
                                                   std::vector<unsigned long> const* rows) {
+  return read_off(tm, t, rows, nullptr);
+}
+
+std::vector<rule> rule_model::generalised(tree_model const& tree, table const& t,
+                                          std::vector<unsigned long> const* rows) {
+  std::vector<rule> out;
+  read_off(tree, t, rows, &out);
+  return out;
+}
+
+std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table const& t,
+                                                 std::vector<unsigned long> const* rows,
+                                                 std::vector<rule>* generalised) {
   impls::decision_tree const& tree = *tm.facade().get_impl();
   impls::table const& meta = *tree.get_metadata();
   impls::table const& tab = *t.get_impl();
@@ -596,6 +609,18 @@ std::unique_ptr<rule_model> rule_model::from_tree(tree_model const& tm, table co
     if (g.n <= 0) continue;
     gen.push_back(std::move(g));
     gen_cls.push_back(l.cls);
+  }
+  if (generalised != nullptr) {
+    for (std::size_t i = 0; i < gen.size(); ++i) {
+      rule r;
+      r.conditions = gen[i].conditions;
+      r.cls = gen_cls[i];
+      r.cases = gen[i].n;
+      r.errors = gen[i].e;
+      r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
+      generalised->push_back(std::move(r));
+    }
+    return nullptr;
   }
 
   // Duplicates and rules subsumed by a rule of their class dropped (of two equal rules, the
@@ -997,6 +1022,7 @@ std::unique_ptr<rule_model> rule_model::load(std::string const& path) {
     }
   }
   if (!ended) damaged("cut short");
+  if (in.peek() != std::char_traits<char>::eof()) damaged("text after its end");
   if (m->classes_.empty()) damaged("no classes");
   if (m->class_order_.size() != m->classes_.size()) damaged("class order");
   if (m->default_dist_.size() != m->classes_.size()) damaged("default distribution");

@@ -63,6 +63,10 @@ class rule_model {
   // without the tree's columns or class, or bad rows.
   static std::unique_ptr<rule_model> from_tree(tree_model const& tree, table const& t,
                                                std::vector<unsigned long> const* rows = nullptr);
+  // Each leaf's rule once generalised, in the tree's order, before duplicates and subsumed rules
+  // are dropped and the classes' subsets chosen (lift left 0): what selection chooses from.
+  static std::vector<rule> generalised(tree_model const& tree, table const& t,
+                                       std::vector<unsigned long> const* rows = nullptr);
   // Grows and prunes a tree as tree_model::train does, then reads its ruleset.
   static std::unique_ptr<rule_model> train(table& t, tree_options const& o = {},
                                            std::vector<unsigned long> const* rows = nullptr);
@@ -104,6 +108,10 @@ class rule_model {
   rule_model() = default;
   struct bound;
   bound bind(table const& t) const;
+  // The ruleset, or with generalised given, only the generalised rules (into it; null returned).
+  static std::unique_ptr<rule_model> read_off(tree_model const& tree, table const& t,
+                                              std::vector<unsigned long> const* rows,
+                                              std::vector<rule>* generalised);
 
   std::string name_, class_name_;
   float confidence_level_ = 0.25f;

@@ -370,7 +370,7 @@ std::vector<bool> choose_subset(subset_coder& coder, std::size_t n_rules) {
 // while some loss does not raise it (of equal ones, the rule listed last): the default class
 // often does a rule's work, and selection class by class cannot see that.
 void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases const& cs,
-                   std::vector<std::vector<std::uint32_t> const*> const& coverage) {
+                   std::vector<std::vector<std::uint32_t> const*>& coverage) {
   std::size_t n_rules = rules_.size();
   // Per case, the rules covering it in the order they decide (highest confidence, then first).
   std::vector<std::vector<std::uint32_t>> fires(cs.w.size());
@@ -406,9 +406,14 @@ void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases cons
     gone[best] = true;
   }
   std::vector<rule> kept;
+  std::vector<std::vector<std::uint32_t> const*> kept_coverage;
   for (std::size_t k = 0; k < n_rules; ++k)
-    if (!gone[k]) kept.push_back(std::move(rules_[k]));
+    if (!gone[k]) {
+      kept.push_back(std::move(rules_[k]));
+      kept_coverage.push_back(coverage[k]);
+    }
   rules_ = std::move(kept);
+  coverage = std::move(kept_coverage);
 }
 
 // Walks a tree, telling leaf each leaf with the tests of its path.
@@ -701,29 +706,34 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     }
   }
 
-  // The default: the majority class of the cases no chosen rule covers (of all cases when every
-  // case is covered), ties to the first class.
-  std::vector<char> covered(cs.w.size(), 0);
-  for (std::size_t i = 0; i < gen.size(); ++i)
-    if (chosen[i])
-      for (std::uint32_t c : gen[i].covered)
+  // The default: the majority class of the cases no rule covers (of all cases when every case is
+  // covered), ties to the first class; set for the chosen rules, and again once needless rules
+  // are gone.
+  auto set_default = [&] {
+    std::vector<char> covered(cs.w.size(), 0);
+    for (auto const* cov : coverage)
+      for (std::uint32_t c : *cov)
         covered[c] = 1;
-  std::vector<double> left(k, 0.0);
-  double left_total = 0;
-  for (std::size_t i = 0; i < cs.w.size(); ++i)
-    if (!covered[i]) {
-      left[cs.cls[i]] += cs.w[i];
-      left_total += cs.w[i];
+    std::vector<double> left(k, 0.0);
+    double left_total = 0;
+    for (std::size_t i = 0; i < cs.w.size(); ++i)
+      if (!covered[i]) {
+        left[cs.cls[i]] += cs.w[i];
+        left_total += cs.w[i];
+      }
+    if (left_total <= 0) {
+      left = cs.per_class;
+      left_total = cs.total;
     }
-  if (left_total <= 0) {
-    left = cs.per_class;
-    left_total = cs.total;
-  }
-  m->default_ =
-      static_cast<unsigned long>(std::max_element(left.begin(), left.end()) - left.begin());
-  for (unsigned long c = 0; c < k; ++c)
-    m->default_dist_.push_back((left[c] + 1) / (left_total + static_cast<double>(k)));
+    m->default_ =
+        static_cast<unsigned long>(std::max_element(left.begin(), left.end()) - left.begin());
+    m->default_dist_.clear();
+    for (unsigned long c = 0; c < k; ++c)
+      m->default_dist_.push_back((left[c] + 1) / (left_total + static_cast<double>(k)));
+  };
+  set_default();
   drop_needless(m->rules_, m->default_, cs, coverage);
+  set_default();
   return m;
 }
 

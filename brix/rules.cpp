@@ -257,9 +257,9 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
 
 // The bits that code a subset of one class's rules plus the bits that code its exceptions (the
 // covered cases of other classes among all covered, the uncovered cases of the class among all
-// uncovered). The theory counts a quarter: the conditions of a rule, and the rules of a class,
-// are far from independent, so coding each on its own overstates them.
-constexpr double kTheoryWeight = 0.25;
+// uncovered). The theory is halved: the conditions of a rule, and the rules of a class, are far
+// from independent, so coding each on its own overstates them.
+constexpr double kTheoryWeight = 0.5;
 
 class subset_coder {
  public:
@@ -630,6 +630,7 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
 
   // Duplicates and rules subsumed by a rule of their class dropped (of two equal rules, the
   // later one).
+  auto laplace = [](general const& g) { return (g.n - g.e + 1) / (g.n + 2); };
   auto subsumes = [&](general const& a, general const& b) {
     for (rule_condition const& c : a.conditions)
       if (!implied(c, b.conditions, *cmp[c.attribute])) return false;
@@ -639,6 +640,8 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
   for (std::size_t i = 0; i < gen.size(); ++i)
     for (std::size_t j = 0; j < gen.size() && !dropped[i]; ++j) {
       if (i == j || gen_cls[i] != gen_cls[j] || !subsumes(gen[j], gen[i])) continue;
+      // A subsumed rule more confident than its subsumer stays: it decides where both fire.
+      if (laplace(gen[i]) > laplace(gen[j])) continue;
       if (j < i || !subsumes(gen[i], gen[j])) dropped[i] = true;
     }
 

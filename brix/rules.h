@@ -1,18 +1,24 @@
-// A ruleset read off a pruned tree: one rule per leaf, each generalised by dropping the conditions
-// whose loss does not raise its pessimistic error rate (the upper confidence bound pruning uses),
-// duplicates and subsumed rules dropped, then for each class the subset of its rules that codes the
-// training cases in the fewest bits. Classes are ordered by their rules' false positives, fewest
-// first, and a default class takes the cases no rule covers.
+// A ruleset read off a pruned tree: one rule per leaf, each generalised by dropping, one at a
+// time, the condition whose loss gives the lowest pessimistic error rate on the training cases
+// (the upper confidence bound pruning uses, at the tree's confidence level), while that rate does
+// not rise; the last condition stays. Duplicates and rules subsumed by a rule of their class are
+// dropped, unless more confident than it. For each class, the subset of its rules that codes the
+// training cases in the fewest bits: the rules' own bits, halved, plus the exceptions' (false
+// positives among the covered cases, false negatives among the others), every subset tried for up
+// to 10 rules, a greedy climb for more. Classes are ordered by their rules' false positives,
+// fewest first, each class's rules by confidence. A default class, the majority of the training
+// cases no rule covers (ties to the first class), takes the cases no rule fires on; last, rules
+// whose loss does not raise the training error go, one at a time, and the default is set again.
 //
 // Conditions: a discrete attribute equals a value; a continuous one is <= or > a threshold (the
 // tests of one path on one attribute merged into the tightest interval). A case whose value of an
 // attribute is unknown satisfies no condition on that attribute: a rule testing it does not fire.
 //
 // Prediction: among the rules that fire, the one of highest Laplace confidence decides; equal
-// confidences go to the rule listed first (classes in their order, each class's rules by
-// confidence). Probabilities: each class's best confidence among its firing rules, divided by
-// their sum; a case no rule covers gets the default distribution (the uncovered training cases'
-// class weights, Laplace-smoothed), whose largest share is the default class.
+// confidences go to the rule listed first. Probabilities: each class's best confidence among its
+// firing rules, divided by their sum; a case no rule covers gets the default distribution (the
+// uncovered training cases' class weights, Laplace-smoothed), whose largest share is the default
+// class.
 #ifndef BRIX_RULES_H
 #define BRIX_RULES_H
 

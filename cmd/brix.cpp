@@ -694,8 +694,10 @@ int check(settings const& s) {
 char const* const kDataNote =
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
     "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt\n"
-    "reads it too). Everywhere: --quiet (no progress line, no warnings), -v (stage timings),\n"
-    "--help. Exit status: 0 success, 1 data or model error, 2 usage error.\n";
+    "reads it too) or a ruleset file of train --rules. Everywhere: --quiet (no progress line, no\n"
+    "warnings), -v (stage timings), --help. Exit status: 0 success, 1 data or model error, 2 "
+    "usage\n"
+    "error.\n";
 
 char const* const kTrainingOptions =
     "  --class NAME         the class column of a CSV or ARFF file (default: the last)\n"
@@ -704,7 +706,9 @@ char const* const kTrainingOptions =
     "  --confidence CF      pruning confidence in (0,1], default 0.25\n"
     "  --min-cases M        least weight in two branches of a split, > 1, default 2\n"
     "  --pruning P          error (default), full (also raise subtrees) or none\n"
-    "  --threads N          grow on N threads (the same tree)\n";
+    "  --threads N          grow on N threads (the same tree)\n"
+    "  --rules              read the pruned tree off as a ruleset (train: its report and --model\n"
+    "                       file; cv: its errors and rule counts)\n";
 
 struct command {
   int (*run)(settings const&);

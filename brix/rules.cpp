@@ -202,33 +202,66 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   std::vector<std::uint64_t> fails(n_cases, 0);
   std::vector<char> out(n_cases, 0);
   for (std::size_t j = 0; j < m; ++j) {
-    std::vector<std::uint32_t> const& ord = cs.orders[bound[j].att];
-    for (std::size_t i = 0; i < n_cases; ++i) {
-      if (bound[j].holds(ord[i])) continue;
-      if (j < free)
-        fails[i] |= std::uint64_t{1} << j;
-      else
-        out[i] = 1;
+    std::uint32_t const* ord = cs.orders[bound[j].att].data();
+    // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+    auto lo = static_cast<std::uint32_t>(bound[j].lo), hi = static_cast<std::uint32_t>(bound[j].hi);
+    std::uint32_t span = hi >= lo ? hi - lo : 0;
+    bool none = hi < lo || lo == 0;
+    if (j < free) {
+      std::uint64_t bit = std::uint64_t{1} << j;
+      if (none) {
+        for (std::size_t i = 0; i < n_cases; ++i)
+          fails[i] |= bit;
+      } else {
+        for (std::size_t i = 0; i < n_cases; ++i)
+          fails[i] |= static_cast<std::uint32_t>(ord[i] - lo) > span ? bit : 0;
+      }
+    } else {
+      for (std::size_t i = 0; i < n_cases; ++i)
+        out[i] |= none || static_cast<std::uint32_t>(ord[i] - lo) > span;
     }
   }
   std::uint64_t active = free == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << free) - 1;
   double n = 0, e = 0;
-  std::vector<double> nj(free), ej(free);
+  // The cases failing a condition, fewest failures first: after t drops, a case that failed more
+  // than t + 1 conditions still fails two, so each pass reads only a prefix of them.
+  struct failing {
+    std::uint64_t mask;
+    float w;
+    bool wrong;
+  };
+  std::vector<std::size_t> upto(66, 0);  // upto[k + 1]: the cases failing at most k conditions
   for (std::size_t i = 0; i < n_cases; ++i) {
-    if (out[i] || fails[i] != 0) continue;
-    n += cs.w[i];
-    if (cs.cls[i] != cls) e += cs.w[i];
+    if (out[i]) continue;
+    if (fails[i] == 0) {
+      n += cs.w[i];
+      if (cs.cls[i] != cls) e += cs.w[i];
+    } else {
+      ++upto[static_cast<std::size_t>(__builtin_popcountll(fails[i])) + 1];
+    }
   }
+  for (std::size_t k = 1; k < upto.size(); ++k)
+    upto[k] += upto[k - 1];
+  std::vector<failing> failed(upto.back());
+  {
+    std::vector<std::size_t> at(upto.begin(), upto.end() - 1);
+    for (std::size_t i = 0; i < n_cases; ++i)
+      if (!out[i] && fails[i] != 0)
+        failed[at[static_cast<std::size_t>(__builtin_popcountll(fails[i]))]++] = {fails[i], cs.w[i],
+                                                                                  cs.cls[i] != cls};
+  }
+  std::vector<double> nj(free), ej(free);
   // The last condition stays: a rule without any would stand for the default class.
-  while ((active & (active - 1)) != 0 || (free < m && active != 0)) {
+  for (std::size_t drops = 0; (active & (active - 1)) != 0 || (free < m && active != 0); ++drops) {
     std::fill(nj.begin(), nj.end(), 0.0);
     std::fill(ej.begin(), ej.end(), 0.0);
-    for (std::size_t i = 0; i < n_cases; ++i) {
-      std::uint64_t f = fails[i] & active;
-      if (out[i] || f == 0 || (f & (f - 1)) != 0) continue;
+    std::size_t end = upto[std::min<std::size_t>(drops + 2, 65)];
+    for (std::size_t i = 0; i < end; ++i) {
+      std::uint64_t f = failed[i].mask & active;
+      if (f == 0 || (f & (f - 1)) != 0) continue;
       auto j = static_cast<std::size_t>(__builtin_ctzll(f));
-      nj[j] += cs.w[i];
-      if (cs.cls[i] != cls) ej[j] += cs.w[i];
+      nj[j] += failed[i].w;
+      if (failed[i].wrong) ej[j] += failed[i].w;
     }
     double now = pessimistic(cf, coeff, n, e), best_rate = now;
     std::size_t best = free;

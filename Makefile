@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 FUZZ_SECONDS ?= 60
 PREFIX ?= /usr/local
 
-.PHONY: all deps configure build demo test bench sanitize tsan fuzz install clean format
+.PHONY: all deps build-dir configure build demo test bench sanitize tsan fuzz install clean format
 
 all: build
 
@@ -27,20 +27,39 @@ deps:
 	  fi; \
 	fi
 
-configure: deps
+# A build folder copied from another checkout keeps that checkout's path in its CMake cache, which
+# CMake then refuses with a message that does not say what to do.
+build-dir:
+	@cache=$(BUILD)/CMakeCache.txt; \
+	if [ -f "$$cache" ]; then \
+	  home=$$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$$cache"); \
+	  if [ -n "$$home" ] && [ "$$(cd "$$home" 2>/dev/null && pwd -P)" != "$$(pwd -P)" ]; then \
+	    echo "$(BUILD)/ was configured for the sources in $$home, not these ($$(pwd -P))." >&2; \
+	    echo "Remove it (make clean) or build elsewhere (make BUILD=another-folder)." >&2; \
+	    exit 1; \
+	  fi; \
+	fi
+
+configure: deps build-dir
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
 DEMO = ./$(BUILD)/brixcmd -f examples/golf -tstd
+DEMO_CSV = ./$(BUILD)/brix train examples/iris.csv
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target brixcmd
+	cmake --build $(BUILD) -j $(JOBS) --target brixcmd brix_cmd
 	@echo
 	@echo "== $(DEMO)"
 	@echo "   (a tree grown on the 14-day golf table, then its evaluation on the same days)"
 	@echo
 	@$(DEMO)
+	@echo
+	@echo "== $(DEMO_CSV)"
+	@echo "   (the same from a CSV file with a header row: the class is the last column)"
+	@echo
+	@$(DEMO_CSV)
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -48,8 +67,11 @@ test: build
 bench: build
 	bash bench/run.sh $(BUILD)/brixcmd
 
-# The command, libraries, headers, CMake package, pkg-config file and man pages under PREFIX.
-install: build
+# The commands, libraries, headers, CMake package, pkg-config file, man pages and documents under
+# PREFIX. Only what is installed is built: not the tests, benchmarks or the Python extension.
+INSTALLED_TARGETS = brixcmd brix_cmd brix zel farm
+install: configure
+	cmake --build $(BUILD) -j $(JOBS) --target $(INSTALLED_TARGETS)
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 # The same tests with AddressSanitizer and UndefinedBehaviorSanitizer.

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "brix/version.h"
+
 namespace brix {
 
 namespace impls {

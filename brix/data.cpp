@@ -19,9 +19,11 @@
 #include <set>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 
 #include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
+#include "zel/util/datatype.h"
 
 namespace brix {
 
@@ -160,6 +162,9 @@ class markers {
 // Cells holding an unknown-value marker point here.
 char const* const kUnknown = "?";
 
+// The name given to a first column without one.
+char const* const kRowNames = "(row names)";
+
 struct parsed {
   std::vector<std::string> names;
   std::vector<char const*, huge_allocator<char const*>> cells;  // row-major, names.size() a row
@@ -184,6 +189,14 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
        ++f)
     ++feeds;
+  if (feeds == 0) {
+    char const* cr =
+        static_cast<char const*>(std::memchr(s, '\r', static_cast<std::size_t>(end - s)));
+    if (cr != nullptr && cr + 1 < end)
+      throw std::runtime_error("File " + path +
+                               ": lines end in CR alone (old Mac text); save it with LF or CR LF "
+                               "line ends");
+  }
   std::size_t line = 1;
   bool header = true;
   while (s < end) {
@@ -259,9 +272,9 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   return p;
 }
 
-// Digits with an optional sign, within 32 bits; a hand loop, as this runs on every numeric cell.
+// Digits with an optional sign, within the integer type's range, which is symmetric: the loader
+// refuses -2^31, so such a column is a float one. A hand loop, as this runs on every numeric cell.
 bool is_int32(char const* s) {
-  bool negative = *s == '-';
   if (*s == '-' || *s == '+') ++s;
   if (*s == '\0') return false;
   while (s[0] == '0' && s[1] >= '0' && s[1] <= '9')
@@ -271,14 +284,18 @@ bool is_int32(char const* s) {
     if (*s < '0' || *s > '9' || n == 11) return false;
     v = v * 10 + static_cast<std::uint64_t>(*s - '0');
   }
-  return v <= (negative ? std::uint64_t{1} << 31 : (std::uint64_t{1} << 31) - 1);
+  return v <= (std::uint64_t{1} << 31) - 1;
 }
 
 // A number's syntax (sign, digits, point, exponent, or inf), checked without converting it.
-bool looks_numeric(char const* s) {
+// far: whether the value may lie beyond a float's range (its digits and its exponent's size
+// above 30 together), which only converting it tells.
+bool looks_numeric(char const* s, bool& far) {
+  far = false;
   if (*s == '+' || *s == '-') ++s;
   if ((s[0] == 'i' || s[0] == 'I') && (s[1] == 'n' || s[1] == 'N') && (s[2] == 'f' || s[2] == 'F'))
     return s[3] == '\0' || std::strcmp(s + 3, "inity") == 0;
+  char const* from = s;
   bool digits = false;
   while (*s >= '0' && *s <= '9')
     ++s, digits = true;
@@ -288,13 +305,17 @@ bool looks_numeric(char const* s) {
       ++s, digits = true;
   }
   if (!digits) return false;
+  long size = s - from;
   if (*s == 'e' || *s == 'E') {
     ++s;
     if (*s == '+' || *s == '-') ++s;
     if (!(*s >= '0' && *s <= '9')) return false;
+    long e = 0;
     while (*s >= '0' && *s <= '9')
-      ++s;
+      e = std::min(e * 10 + (*s++ - '0'), 1000L);
+    size += e;
   }
+  far = size > 30;
   return *s == '\0';
 }
 
@@ -302,6 +323,185 @@ bool is_number(char const* s, double& v) {
   char const* e = s + std::strlen(s);
   auto r = std::from_chars(s + (*s == '+'), e, v);
   return r.ec == std::errc() && r.ptr == e && e != s && !std::isnan(v);
+}
+
+// Fixed-width digits of an ISO date or time; false on anything else.
+bool digits(char const* s, int n, int& v) {
+  v = 0;
+  for (int i = 0; i < n; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+    v = v * 10 + (s[i] - '0');
+  }
+  return true;
+}
+
+}  // namespace
+
+bool iso_date(char const* s, double& days) {
+  int y, m, d, hh = 0, mm = 0, ss = 0;
+  if (!digits(s, 4, y) || s[4] != '-' || !digits(s + 5, 2, m) || s[7] != '-' ||
+      !digits(s + 8, 2, d))
+    return false;
+  s += 10;
+  if (*s == 'T' || *s == ' ') {
+    if (!digits(s + 1, 2, hh) || s[3] != ':' || !digits(s + 4, 2, mm)) return false;
+    s += 6;
+    if (*s == ':') {
+      if (!digits(s + 1, 2, ss)) return false;
+      s += 3;
+    }
+    if (hh > 23 || mm > 59 || ss > 59) return false;
+  }
+  if (*s != '\0' || m < 1 || m > 12 || d < 1) return false;
+  bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  static int const kMonth[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (d > kMonth[m - 1] + (m == 2 && leap)) return false;
+  // Days of the proleptic Gregorian calendar, counted in 400-year eras from March 1.
+  long yy = y - (m <= 2);
+  long era = yy / 400, yoe = yy - era * 400;
+  long doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  days = static_cast<double>(era * 146097 + doe - 719468) + (hh * 3600 + mm * 60 + ss) / 86400.0;
+  return true;
+}
+
+namespace {
+
+// Columns a tree is better off without, told where the caller wants warnings: a class with
+// (nearly) a value per row or with fractional numbers, and other columns whose values all differ,
+// like an ID. Floats and dates are left alone: measurements often all differ.
+void warn_columns(impls::table const& t, std::string const& path, bool class_named,
+                  std::vector<bool> const& dates, std::ostream* warnings) {
+  if (warnings == nullptr) return;
+  unsigned long rows = t.get_no_rows();
+  if (rows < 10) return;  // too few rows to tell
+  for (unsigned long j = 0; j < t.get_loaded_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    impls::o_set* set = c->get_o_set();
+    unsigned long distinct = set->size_of_known();
+    std::string const& type = set->get_datatype();
+    std::string head = "File " + path + ", column '" + c->get_name() + "'";
+    if (c->is_class()) {
+      std::string how = class_named ? "" : " (the last column)";
+      bool fractions = false;
+      if (type == "string")
+        for (unsigned long o = 1; o <= distinct && !fractions; ++o) {
+          double v;
+          std::string text = set->get_value(o);
+          bool far;
+          if (!looks_numeric(text.c_str(), far) || !is_number(text.c_str(), v)) break;
+          fractions = v != std::floor(v);
+        }
+      if (distinct * 10 >= rows * 9)
+        *warnings << head << ", taken as the class" << how << ": " << distinct
+                  << " different values in " << rows
+                  << " rows, nearly one a row; is it the class? --class NAME names another"
+                  << std::endl;
+      else if (fractions)
+        *warnings << head << ", taken as the class" << how
+                  << ": numbers with fractions, each one a class of its own; is it the class? "
+                     "--class NAME names another"
+                  << std::endl;
+      continue;
+    }
+    if (c->is_ignore() || c->is_weights() || (j < dates.size() && dates[j])) continue;
+    if (type != "string" && type != "integer" && type != "uinteger") continue;
+    if (distinct == rows && !set->contains_null())
+      *warnings << head << ": all " << rows << " values differ, likely an ID; --kind "
+                << c->get_name() << "=ignore leaves it out" << std::endl;
+  }
+}
+
+// A message quoting a cell or a line of any length, cut to a readable size with its tail (what
+// was wrong) kept.
+std::string cut(std::string const& msg) {
+  if (msg.size() <= 200) return msg;
+  std::size_t colon = msg.rfind(": ");
+  std::string tail = colon != std::string::npos && msg.size() - colon < 80 ? msg.substr(colon) : "";
+  return msg.substr(0, 100) + "..." + tail;
+}
+
+// Whether s[0..n) is UTF-8: no stray continuation bytes, overlong forms, surrogates or code
+// points past U+10FFFF, so that every text output built from it is well formed.
+bool is_utf8(unsigned char const* s, std::size_t n) {
+  for (std::size_t i = 0; i < n;) {
+    unsigned char c = s[i];
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    std::size_t len = c >= 0xC2 && c <= 0xDF   ? 2
+                      : c >= 0xE0 && c <= 0xEF ? 3
+                      : c >= 0xF0 && c <= 0xF4 ? 4
+                                               : 0;
+    if (len == 0 || i + len > n) return false;
+    for (std::size_t j = 1; j < len; ++j)
+      if ((s[i + j] & 0xC0) != 0x80) return false;
+    if ((c == 0xE0 && s[i + 1] < 0xA0) || (c == 0xED && s[i + 1] > 0x9F) ||
+        (c == 0xF0 && s[i + 1] < 0x90) || (c == 0xF4 && s[i + 1] > 0x8F))
+      return false;
+    i += len;
+  }
+  return true;
+}
+
+bool is_utf8(char const* s) {
+  return is_utf8(reinterpret_cast<unsigned char const*>(s), std::strlen(s));
+}
+
+// Whether any byte is outside ASCII, eight at a time: most tables are ASCII and need no more.
+bool any_high(char const* s, std::size_t n) {
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, s + i, 8);
+    if (w & 0x8080808080808080ULL) return true;
+  }
+  for (; i < n; ++i)
+    if (static_cast<unsigned char>(s[i]) & 0x80) return true;
+  return false;
+}
+
+std::string not_utf8(std::string const& where) {
+  return where +
+         ": bytes that are not UTF-8 (save the file as UTF-8, e.g. with iconv -f LATIN1 -t UTF-8)";
+}
+
+std::string unknown_classes(std::string const& path, std::string const& name, std::size_t n) {
+  return "File " + path + ", class column '" + name + "': " + std::to_string(n) + " unknown value" +
+         (n == 1 ? "" : "s") + "; a row to learn from needs its class (remove those rows or name " +
+         "another class column)";
+}
+
+// Which of a row's cells its column's type refuses (k when none does): the loader stops at the
+// first such value without saying whose it was.
+std::size_t refusing(std::vector<value_type> const& types, char const* const* cells) {
+  namespace dt = zel::data_types;
+  for (std::size_t j = 0; j < types.size(); ++j) {
+    char const* v = cells[j];
+    if (v == kUnknown || std::strcmp(v, "?") == 0) continue;
+    try {
+      switch (types[j]) {
+        case value_type::integer:
+          dt::datatype<int>::parse(v);
+          break;
+        case value_type::uinteger:
+          dt::datatype<unsigned long>::parse(v);
+          break;
+        case value_type::float32:
+          dt::datatype<float>::parse(v);
+          break;
+        case value_type::float64:
+          dt::datatype<double>::parse(v);
+          break;
+        case value_type::string:
+          break;
+      }
+    } catch (std::runtime_error const&) {
+      return j;
+    }
+  }
+  return types.size();
 }
 
 }  // namespace
@@ -314,6 +514,27 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   markers missing(opts.missing);
   parsed p = parse(text, sep, path, missing);
   std::size_t k = p.names.size(), rows = p.lines.size();
+  if (any_high(text.data(), text.size())) {
+    for (std::size_t j = 0; j < k; ++j)
+      if (!is_utf8(p.names[j].c_str()))
+        throw std::runtime_error(
+            not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+    for (std::size_t r = 0; r < rows; ++r)
+      for (std::size_t j = 0; j < k; ++j)
+        if (!is_utf8(p.cells[r * k + j]))
+          throw std::runtime_error(not_utf8("File " + path + ", line " +
+                                            std::to_string(p.lines[r]) + ", column '" + p.names[j] +
+                                            "'"));
+  }
+  // A first column without a name holds row names, as R's write.csv writes them.
+  bool row_names = k > 1 && p.names[0].empty();
+  if (row_names) {
+    p.names[0] = kRowNames;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ": the first column has no name; taken as row names"
+                     << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
+                     << std::endl;
+  }
   std::set<std::string> seen;
   for (auto const& n : p.names) {
     if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
@@ -344,9 +565,10 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   // What the values of each column look like, in one pass in row order (the cells of a row lie
   // together in memory).
   struct shape {
-    bool all_int = true, all_num = true, any = false, lossy = false;
+    bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
+    bool all_date = true, whole_days = true;
     std::size_t looked = 0;
-    std::string lossy_value;
+    std::string lossy_value, wide_value;
   };
   std::vector<shape> shapes(k);
   for (std::size_t j = 0; j < k; ++j) {
@@ -354,20 +576,50 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
     // A class, a type the caller chose or a kind that takes texts needs no looking at.
-    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind) shapes[j].all_num = false;
+    if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0) ||
+        opts.numeric_if_present.count(p.names[j]))
+      shapes[j].all_num = false;
+    // Dates are read whatever number type is asked for (the type of a training column may be
+    // passed on to its test file).
+    auto t = opts.types.find(p.names[j]);
+    bool date_type = t == opts.types.end() || t->second != value_type::string;
+    if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
+      shapes[j].all_date = false;
   }
   for (std::size_t r = 0; r < rows; ++r) {
     for (std::size_t j = 0; j < k; ++j) {
       shape& c = shapes[j];
-      if (!c.all_num) continue;
+      if (!c.all_num && !c.all_date) continue;
       char const* v = p.cells[r * k + j];
       if (v == kUnknown) continue;
       c.any = true;
+      if (c.all_date) {
+        // The syntax only here, the calendar when the column is converted.
+        c.all_date = v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' &&
+                     v[4] == '-';
+        if (c.all_date) continue;
+      }
+      if (!c.all_num) continue;
       if (c.all_int && is_int32(v)) continue;
       c.all_int = false;
-      if (!looks_numeric(v)) {
+      bool far;
+      if (!looks_numeric(v, far)) {
         c.all_num = false;
         continue;
+      }
+      if (far) {
+        // Converted as the loader converts: a value a float cannot hold makes the column double,
+        // one no double holds either (1e309) makes it text, never a column the loader refuses.
+        float f;
+        double d;
+        if (!zel::data_types::detail::parse_floating(v, f)) {
+          if (zel::data_types::detail::parse_floating(v, d)) {
+            if (!c.wide) c.wide_value = v;
+            c.wide = true;
+          } else
+            c.all_num = false;
+        }
+        if (!c.all_num) continue;
       }
       // Precision is looked at on the first values only: the warning gives an example.
       double d;
@@ -384,6 +636,53 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       }
     }
   }
+  // ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
+  // go to one buffer of fixed slots, which the cells then point into.
+  constexpr std::size_t kSlot = 32;
+  std::vector<bool> dates(k, false);
+  std::size_t date_columns = 0;
+  for (std::size_t j = 0; j < k; ++j) {
+    shape& c = shapes[j];
+    if (!c.any || !c.all_date) continue;
+    for (std::size_t r = 0; r < rows && c.all_date; ++r) {
+      char const* v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown) continue;
+      c.all_date = iso_date(v, d);
+      c.whole_days = c.whole_days && d == std::floor(d);
+    }
+    if (c.all_date) {
+      dates[j] = true;
+      c.all_num = false;
+      ++date_columns;
+    }
+  }
+  std::vector<char> date_texts(rows * kSlot * date_columns);
+  for (std::size_t j = 0, n = 0; j < k; ++j) {
+    if (!dates[j]) continue;
+    for (std::size_t r = 0; r < rows; ++r) {
+      char const*& v = p.cells[r * k + j];
+      double d;
+      if (v == kUnknown || !iso_date(v, d)) continue;
+      char* out = &date_texts[(n * rows + r) * kSlot];
+      auto e = shapes[j].whole_days ? std::to_chars(out, out + kSlot - 1, static_cast<long>(d))
+                                    : std::to_chars(out, out + kSlot - 1, d);
+      *e.ptr = '\0';
+      v = out;
+    }
+    ++n;
+    if (opts.warnings)
+      *opts.warnings << "File " << path << ", column '" << p.names[j]
+                     << "': ISO dates, read as days since 1970-01-01"
+                     << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
+  }
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (std::size_t r = 0; r < rows; ++r)
+      unknown += p.cells[r * k + cls] == kUnknown;
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
+  }
+  std::vector<value_type> types(k);
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
     column_kind kind = j == cls ? column_kind::class_label : column_kind::discrete;
@@ -391,15 +690,35 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     shape const& c = shapes[j];
     if (c.any && c.all_num) {
       kind = column_kind::continuous;
-      type = c.all_int ? value_type::integer : value_type::float32;
-      if (!c.all_int && c.lossy && opts.warnings)
+      type = c.all_int ? value_type::integer : c.wide ? value_type::float64 : value_type::float32;
+      if (c.wide && opts.warnings)
+        *opts.warnings << "File " << path << ", column '" << name
+                       << "': values lie beyond 32-bit float (e.g. " << c.wide_value
+                       << "); the column is read as doubles" << std::endl;
+      if (!c.all_int && !c.wide && c.lossy && opts.warnings)
         *opts.warnings << "File " << path << ", column '" << name << "': values such as '"
-                       << c.lossy_value << "' are not exact in 32-bit float" << std::endl;
+                       << c.lossy_value << "' are not exact in 32-bit float; --type " << name
+                       << "=double keeps them exact" << std::endl;
+    } else if (dates[j]) {
+      kind = column_kind::continuous;
+      type = c.whole_days ? value_type::integer : value_type::float64;
+    } else if (row_names && j == 0) {
+      kind = column_kind::ignore;
+    }
+    auto n = opts.numeric_if_present.find(name);
+    if (n != opts.numeric_if_present.end() && j != cls) {
+      kind = column_kind::continuous;
+      type = n->second;
     }
     auto t = opts.types.find(name);
-    if (t != opts.types.end()) type = t->second;
+    if (t != opts.types.end()) {
+      type = t->second;
+      // A number type on its own keeps the column continuous; --kind may still say otherwise.
+      if (j != cls && type != value_type::string) kind = column_kind::continuous;
+    }
     auto kd = opts.kinds.find(name);
     if (kd != opts.kinds.end()) kind = kd->second;
+    types[j] = type;
     try {
       impl->push_back(name, keyword(type), keyword(kind));
     } catch (std::runtime_error const& e) {
@@ -414,10 +733,12 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
                     "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
-    std::string msg = e.what();
     std::size_t at = r == 0 ? 0 : r - 1;
-    throw std::runtime_error("File " + path + ", line " + std::to_string(p.lines[at]) + ": " + msg);
+    std::size_t j = refusing(types, &p.cells[at * k]);
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(p.lines[at]) +
+                                 (j < k ? ", column '" + p.names[j] + "'" : "") + ": " + e.what()));
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
 
@@ -488,6 +809,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     value_type type;
     column_kind kind;
     std::vector<std::string> nominal;
+    std::set<std::string> listed;  // the nominal values, to look rows' values up
   };
   std::vector<attribute> atts;
   std::vector<std::vector<std::string>> rows;
@@ -507,6 +829,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (first == std::string::npos || line[first] == '%') continue;
     line = line.substr(first);
     if (!data) {
+      if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
       if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
       std::string word = lower(line.substr(0, line.find_first_of(" \t")));
       if (word == "@relation") continue;
@@ -521,13 +844,14 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
       if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
           head.empty())
         throw std::runtime_error(where() + ": bad attribute declaration");
-      attribute a{head[0], value_type::string, column_kind::discrete, {}};
+      attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
       if (brace != std::string::npos) {
         std::size_t close = rest.rfind('}');
         if (close == std::string::npos || close < brace)
           throw std::runtime_error(where() + ": nominal values without a closing brace");
         if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
           throw std::runtime_error(where() + ": quote not closed");
+        a.listed.insert(a.nominal.begin(), a.nominal.end());
       } else {
         std::string type = head.size() > 1 ? lower(head[1]) : "";
         if (type == "integer") {
@@ -572,6 +896,16 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
                                  std::to_string(atts.size()) + " attributes declared");
       row = f;
     }
+    for (std::size_t j = 0; j < atts.size(); ++j) {
+      attribute const& a = atts[j];
+      if (!is_utf8(row[j].c_str()))
+        throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
+      // A value its declaration does not list is a typing error, not a new value (in the class,
+      // a new class).
+      if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
+        throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                                     "' is not one of the values declared for it"));
+    }
     rows.push_back(std::move(row));
     lines.push_back(line_no);
   }
@@ -589,6 +923,13 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     cls = k;
   }
   markers missing({"?"});
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (auto const& row : rows)
+      unknown += missing(row[cls].c_str(), row[cls].size());
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, atts[cls].name, unknown));
+  }
+  std::vector<value_type> types(k);
   auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
@@ -600,6 +941,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (t != opts.types.end()) a.type = t->second;
     auto kd = opts.kinds.find(a.name);
     if (kd != opts.kinds.end()) a.kind = kd->second;
+    types[j] = a.type;
     try {
       impl->push_back(a.name, keyword(a.type), keyword(a.kind));
     } catch (std::runtime_error const& e) {
@@ -619,10 +961,65 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         },
         "?");
   } catch (std::runtime_error const& e) {
-    throw std::runtime_error("File " + path + ", line " +
-                             std::to_string(lines[r == 0 ? 0 : r - 1]) + ": " + e.what());
+    std::size_t at = r == 0 ? 0 : r - 1, j = k;
+    if (r > 0) {
+      for (std::size_t i = 0; i < k; ++i)
+        cells[i] = rows[at][i].c_str();
+      j = refusing(types, cells.data());
+    }
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(lines[at]) +
+                                 (j < k ? ", column '" + atts[j].name + "'" : "") + ": " +
+                                 e.what()));
   }
+  warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
+}
+
+char better_separator(std::string const& path, char sep) {
+  // The first lines only: enough to tell, whatever the size of the file.
+  std::string head;
+  try {
+    std::unique_ptr<zel::inpout::ioconn> in = zel::inpout::open_for_reading(path);
+    head.resize(1 << 16);
+    int got = in->read(&head[0], static_cast<int>(head.size()));
+    head.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+  } catch (std::exception const&) {
+    return 0;
+  }
+  auto fits = [&head](char s) {
+    std::size_t lines = 0, first = 0, fields = 1;
+    bool quoted = false;
+    for (std::size_t i = 0; i < head.size() && lines < 5; ++i) {
+      char c = head[i];
+      if (c == '"') {
+        quoted = !quoted;
+      } else if (!quoted && c == s) {
+        ++fields;
+      } else if (!quoted && c == '\n') {
+        if (lines++ == 0) first = fields;
+        if (fields != first) return false;
+        fields = 1;
+      }
+    }
+    return lines >= 2 && first >= 2;
+  };
+  if (fits(sep)) return 0;
+  for (char s : {',', ';', '\t', '|'})
+    if (s != sep && fits(s)) return s;
+  return 0;
+}
+
+std::string non_utf8_text(impls::table const& t) {
+  for (unsigned long j = 0; j < t.get_no_columns(); ++j) {
+    impls::column const* c = t.get_column(j);
+    if (!is_utf8(c->get_name().c_str())) return "the name of column " + std::to_string(j + 1);
+    impls::o_set* values = c->get_o_set();
+    if (values == nullptr || values->get_datatype() != "string") continue;
+    for (unsigned long v = 1; v <= values->size_of_known(); ++v)
+      if (!is_utf8(values->get_value(v).c_str()))
+        return "a value of column '" + c->get_name() + "'";
+  }
+  return "";
 }
 
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
@@ -633,20 +1030,147 @@ std::unique_ptr<table> read_table(std::string const& path, read_options const& o
   struct stat st;
   if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
   auto t = std::make_unique<table>(path);
-  t->load_meta_data(datasource("FILE#" + path + ".names#,"));
-  t->load_data(datasource("FILE#" + rows + "#,"), "?");
+  try {
+    std::string sep(1, opts.separator != 0 ? opts.separator : ',');
+    t->load_meta_data(datasource("FILE#" + path + ".names#" + sep));
+    t->load_data(datasource("FILE#" + rows + "#" + sep), "?");
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(cut(e.what()));  // such messages quote whole lines
+  }
+  std::string bad = non_utf8_text(*t->get_impl());
+  if (!bad.empty()) throw std::runtime_error(not_utf8("File " + path + ".names/.data, " + bad));
   return t;
 }
 
+namespace {
+// Where a builder's column takes its values from: a copied list, or an array read in place.
+enum class source { numbers, texts, f64, f32, i64, i32, c8, c16, c32, c64 };
+}  // namespace
+
+// A column as given: copied value lists, or an array read in place (numbers or codes).
 struct table_builder::column_values {
+  column_values(std::string n, column_kind k, value_type t, source f)
+      : name(std::move(n)), kind(k), type(t), from(f) {}
   std::string name;
   column_kind kind;
   value_type type;
   std::vector<double> numbers;
   std::vector<std::string> texts;
   std::vector<bool> known;
-  std::size_t size() const { return type == value_type::string ? texts.size() : numbers.size(); }
+  source from;
+  void const* data = nullptr;  // in place: the caller's array, span values
+  std::size_t span = 0;
+  bool const* mask = nullptr;
+  std::vector<std::string> categories;
+  // Whether row r holds the unknown value, read as the loader will read it.
+  bool unknown_at(std::size_t r) const {
+    if (mask != nullptr && !mask[r]) return true;
+    if (!known.empty() && !known[r]) return true;
+    auto code = [&](auto const* p) {
+      return p[r] < 0 || (static_cast<std::size_t>(p[r]) < categories.size() &&
+                          categories[static_cast<std::size_t>(p[r])] == "?");
+    };
+    switch (from) {
+      case source::texts:
+        return texts[r] == "?";
+      case source::numbers:
+        return std::isnan(numbers[r]);
+      case source::f64:
+        return std::isnan(static_cast<double const*>(data)[r]);
+      case source::f32:
+        return std::isnan(static_cast<float const*>(data)[r]);
+      case source::i64:
+      case source::i32:
+        return false;
+      case source::c8:
+        return code(static_cast<std::int8_t const*>(data));
+      case source::c16:
+        return code(static_cast<std::int16_t const*>(data));
+      case source::c32:
+        return code(static_cast<std::int32_t const*>(data));
+      case source::c64:
+        return code(static_cast<std::int64_t const*>(data));
+    }
+    return false;
+  }
+  std::size_t size() const {
+    switch (from) {
+      case source::numbers:
+        return numbers.size();
+      case source::texts:
+        return texts.size();
+      default:
+        return span;
+    }
+  }
 };
+
+namespace {
+
+void refuse(std::string const& name, std::string const& what) {
+  throw std::invalid_argument("[brix::table_builder] column '" + name + "': " + what);
+}
+
+void check_known(std::string const& name, std::size_t flags, std::size_t values) {
+  if (flags != 0 && flags != values)
+    refuse(name, std::to_string(flags) + " known flags for " + std::to_string(values) + " values");
+}
+
+void check_text_kind(std::string const& name, column_kind kind) {
+  if (kind == column_kind::continuous || kind == column_kind::weights)
+    refuse(name, "a " + keyword(kind) + " column needs numbers");
+}
+
+template <class T>
+constexpr source number_source() {
+  if constexpr (std::is_same<T, double>::value) return source::f64;
+  if constexpr (std::is_same<T, float>::value) return source::f32;
+  if constexpr (std::is_same<T, std::int64_t>::value) return source::i64;
+  return source::i32;
+}
+template <class T>
+constexpr source code_source() {
+  if constexpr (sizeof(T) == 1) return source::c8;
+  if constexpr (sizeof(T) == 2) return source::c16;
+  if constexpr (sizeof(T) == 4) return source::c32;
+  return source::c64;
+}
+
+// The loader's feed for one row of an array read in place.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> number_feed(void const* data,
+                                                                   bool const* mask) {
+  T const* v = static_cast<T const*>(data);
+  if (mask == nullptr)
+    return [v](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), true); };
+  return [v, mask](impls::value_loader& l, std::size_t r) { l.add_number(double(v[r]), mask[r]); };
+}
+
+// Each category's text goes to the loader once, when its code is first met (so that unused
+// categories stay out of the value set); rows then pass its id: the loader registers exactly what
+// it registers reading the same texts from a file.
+template <class T>
+std::function<void(impls::value_loader&, std::size_t)> code_feed(
+    void const* data, std::vector<std::string> const& categories, std::string const& name) {
+  constexpr std::uint32_t kUnset = ~0u;
+  T const* c = static_cast<T const*>(data);
+  std::size_t n = categories.size();
+  // Slot n: the unknown value.
+  return [c, n, &categories, &name, ids = std::vector<std::uint32_t>(n + 1, kUnset)](
+             impls::value_loader& l, std::size_t r) mutable {
+    T code = c[r];
+    std::size_t k = code < 0 ? n : static_cast<std::size_t>(code);
+    if (code >= 0 && static_cast<std::uint64_t>(code) >= n)
+      throw std::runtime_error("column '" + name + "', row " + std::to_string(r) + ": code " +
+                               std::to_string(static_cast<long long>(code)) + " past the last of " +
+                               std::to_string(n) + " categories");
+    std::uint32_t& id = ids[k];
+    if (id == kUnset) id = l.text_id(k == n ? "?" : categories[k].c_str());
+    l.add_id(id);
+  };
+}
+
+}  // namespace
 
 table_builder::table_builder(std::string name) : name_(std::move(name)) {}
 table_builder::~table_builder() = default;
@@ -654,29 +1178,94 @@ table_builder::~table_builder() = default;
 table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
                                           value_type type, std::vector<double> const& values,
                                           std::vector<bool> const& known) {
-  if (type == value_type::string)
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': numbers of type string");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, type, values, {}, known});
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, type, source::numbers);
+  columns_.back().numbers = values;
+  columns_.back().known = known;
   return *this;
 }
 
 table_builder& table_builder::add_strings(std::string const& name, column_kind kind,
                                           std::vector<std::string> const& values,
                                           std::vector<bool> const& known) {
-  if (kind == column_kind::continuous || kind == column_kind::weights)
-    throw std::invalid_argument("[brix::table_builder] column '" + name + "': a " + keyword(kind) +
-                                " column needs numbers");
-  if (!known.empty() && known.size() != values.size())
-    throw std::invalid_argument("[brix::table_builder] column '" + name +
-                                "': " + std::to_string(known.size()) + " known flags for " +
-                                std::to_string(values.size()) + " values");
-  columns_.push_back(column_values{name, kind, value_type::string, {}, values, known});
+  check_text_kind(name, kind);
+  check_known(name, known.size(), values.size());
+  columns_.emplace_back(name, kind, value_type::string, source::texts);
+  columns_.back().texts = values;
+  columns_.back().known = known;
   return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_span(std::string const& name, column_kind kind, value_type type,
+                                       T const* values, std::size_t n, bool const* known) {
+  if (type == value_type::string) refuse(name, "numbers of type string");
+  if (values == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " values");
+  column_values c(name, kind, type, number_source<T>());
+  c.data = values;
+  c.span = n;
+  c.mask = known;
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+template <class T>
+table_builder& table_builder::add_code_span(std::string const& name, column_kind kind,
+                                            T const* codes, std::size_t n,
+                                            std::vector<std::string> categories) {
+  check_text_kind(name, kind);
+  if (codes == nullptr && n != 0) refuse(name, "no array for " + std::to_string(n) + " codes");
+  std::set<std::string_view> seen;
+  for (auto const& t : categories)
+    if (!seen.insert(t).second) refuse(name, "category '" + t + "' given twice");
+  column_values c(name, kind, value_type::string, code_source<T>());
+  c.data = codes;
+  c.span = n;
+  c.categories = std::move(categories);
+  columns_.push_back(std::move(c));
+  return *this;
+}
+
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, double const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, float const* values, std::size_t n,
+                                          bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int64_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_numbers(std::string const& name, column_kind kind,
+                                          value_type type, std::int32_t const* values,
+                                          std::size_t n, bool const* known) {
+  return add_span(name, kind, type, values, n, known);
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int8_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int16_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int32_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
+}
+table_builder& table_builder::add_codes(std::string const& name, column_kind kind,
+                                        std::int64_t const* codes, std::size_t n,
+                                        std::vector<std::string> categories) {
+  return add_code_span(name, kind, codes, n, std::move(categories));
 }
 
 std::unique_ptr<table> table_builder::build(bool require_class) {
@@ -693,6 +1282,14 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
           columns_[0].name + "' " + std::to_string(rows));
     if (!names.insert(c.name).second) bad("column '" + c.name + "' given twice");
     has_class |= c.kind == column_kind::class_label;
+    if (c.kind == column_kind::class_label) {
+      std::size_t unknown = 0;
+      for (std::size_t r = 0; r < c.size(); ++r)
+        unknown += c.unknown_at(r);
+      if (unknown > 0)
+        bad("class column '" + c.name + "': " + std::to_string(unknown) + " unknown value" +
+            (unknown == 1 ? "" : "s") + "; a row to learn from needs its class");
+    }
   }
   if (rows == 0) bad("no rows");
   if (require_class && !has_class) bad("no class column");
@@ -705,15 +1302,42 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
       bad("column '" + c.name + "': " + e.what());
     }
     column_values const* v = &c;
-    if (c.type == value_type::string) {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        bool known = v->known.empty() || v->known[r];
-        l.add(known ? v->texts[r].c_str() : "?");
-      });
-    } else {
-      put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-        l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
-      });
+    switch (c.from) {
+      case source::texts:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          bool known = v->known.empty() || v->known[r];
+          l.add(known ? v->texts[r].c_str() : "?");
+        });
+        break;
+      case source::numbers:
+        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
+          l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
+        });
+        break;
+      case source::f64:
+        put.push_back(number_feed<double>(c.data, c.mask));
+        break;
+      case source::f32:
+        put.push_back(number_feed<float>(c.data, c.mask));
+        break;
+      case source::i64:
+        put.push_back(number_feed<std::int64_t>(c.data, c.mask));
+        break;
+      case source::i32:
+        put.push_back(number_feed<std::int32_t>(c.data, c.mask));
+        break;
+      case source::c8:
+        put.push_back(code_feed<std::int8_t>(c.data, c.categories, c.name));
+        break;
+      case source::c16:
+        put.push_back(code_feed<std::int16_t>(c.data, c.categories, c.name));
+        break;
+      case source::c32:
+        put.push_back(code_feed<std::int32_t>(c.data, c.categories, c.name));
+        break;
+      case source::c64:
+        put.push_back(code_feed<std::int64_t>(c.data, c.categories, c.name));
+        break;
     }
   }
   try {

@@ -3,6 +3,8 @@
 #ifndef BRIX_DATA_H
 #define BRIX_DATA_H
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -23,6 +25,10 @@ struct read_options {
   char separator = 0;  // 0: '\t' for names ending in .tsv or .tsv.gz, ',' otherwise
   std::map<std::string, value_type> types;   // overrides by column name
   std::map<std::string, column_kind> kinds;  // overrides by column name
+  // Continuous columns of these types where present and not overridden (CSV/TSV): a model's
+  // numeric columns when classifying, so that a value that is not a number is refused where it
+  // lies.
+  std::map<std::string, value_type> numeric_if_present;
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
 };
@@ -42,12 +48,44 @@ class table_builder {
   table_builder& add_strings(std::string const& name, column_kind kind,
                              std::vector<std::string> const& values,
                              std::vector<bool> const& known = {});
+
+  // Columns read where they lie (arrays of n values, read by build(), which they must outlive;
+  // nothing is copied before). Numbers as above, unknown where known (when given) is false or
+  // the value is NaN; each value converts to the column's type as a double would.
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             double const* values, std::size_t n, bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             float const* values, std::size_t n, bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             std::int64_t const* values, std::size_t n,
+                             bool const* known = nullptr);
+  table_builder& add_numbers(std::string const& name, column_kind kind, value_type type,
+                             std::int32_t const* values, std::size_t n,
+                             bool const* known = nullptr);
+  // A discrete, class or ignored column as codes into its distinct texts, given once: code c
+  // stands for categories[c], a negative code for an unknown value. No text is made per row;
+  // the table is the one add_strings gives for the texts the codes stand for. Categories must
+  // differ; a code past the last category is refused at build().
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int8_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int16_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int32_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
+  table_builder& add_codes(std::string const& name, column_kind kind, std::int64_t const* codes,
+                           std::size_t n, std::vector<std::string> categories);
   // Throws std::invalid_argument for columns of different lengths, repeated names, no class
   // column (when require_class) or no rows; the builder can be used again afterwards.
   std::unique_ptr<table> build(bool require_class = true);
 
  private:
   struct column_values;
+  template <class T>
+  table_builder& add_span(std::string const& name, column_kind kind, value_type type,
+                          T const* values, std::size_t n, bool const* known);
+  template <class T>
+  table_builder& add_code_span(std::string const& name, column_kind kind, T const* codes,
+                               std::size_t n, std::vector<std::string> categories);
   std::string name_;
   std::vector<column_values> columns_;
 };
@@ -55,9 +93,10 @@ class table_builder {
 // RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled
 // quotes, separators and line feeds inside; CR LF or LF; a UTF-8 byte order mark is skipped;
 // a name ending in .gz is inflated. Integers that fit 32 bits make integer continuous columns,
-// other numbers float continuous ones, anything else string discrete ones; the class column is
-// string. Errors (std::runtime_error) name the file, line, column and value; nothing is returned
-// then.
+// other numbers float continuous ones (double discrete ones where a float cannot hold a value),
+// anything else string discrete ones; the class column is string. Text that is not UTF-8 and
+// unknown class values are refused. Errors (std::runtime_error) name the file, line, column and
+// value; nothing is returned then.
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts = {});
 
 // ARFF: '%' comments, @relation, @attribute NAME numeric|real|integer|string|{v1,v2,...} (names
@@ -69,8 +108,24 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
 std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts = {});
 
 // By name: .arff (or .arff.gz) through read_arff, .csv/.tsv/.txt (or .gz) through read_csv,
-// anything else as the stem of a .names/.data (or .data.gz) pair.
+// anything else as the stem of a .names/.data (or .data.gz) pair, refused when its text is not
+// UTF-8.
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts = {});
+
+// An ISO date, YYYY-MM-DD optionally followed by 'T' (or a blank) and hh:mm or hh:mm:ss, as days
+// since 1970-01-01 (fractional with a time of day); false for any other text or an impossible
+// date. The CSV reader reads columns of such dates as continuous days, with a note.
+bool iso_date(char const* text, double& days);
+
+// When the first lines of a CSV/TSV file do not split evenly at sep but do at another of
+// , ; TAB |, that separator; otherwise 0. For hints after a refused file.
+char better_separator(std::string const& path, char sep);
+namespace impls {
+class table;
+}
+// Where a table or a model's metadata holds text that is not UTF-8 ("a value of column 'c'"),
+// which no XML or JSON output may carry; empty when there is none.
+std::string non_utf8_text(impls::table const& t);
 
 // The keywords of a .names file for a type and a kind.
 std::string keyword(value_type t);

@@ -2,12 +2,16 @@
 #include "brix/model.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <numeric>
 #include <ostream>
 #include <stdexcept>
 #include <thread>
 
+#include "brix/data.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/tree_writer.h"
@@ -19,8 +23,9 @@ namespace {
 using impls::_decision_node;
 using impls::_decision_tree;
 
+// Messages reach users as they are: no internal prefix.
 [[noreturn]] void bad(std::string const& what) {
-  throw std::invalid_argument("[brix::tree_model] " + what);
+  throw std::invalid_argument(what);
 }
 
 impls::decision_tree& impl(dtree const& t) {
@@ -111,9 +116,20 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
 }
 
 std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
+  // The binary reader cannot say why a file does not open; the name and the reason are asked
+  // for here first.
+  if (std::FILE* f = std::fopen(path.c_str(), "rb"))
+    std::fclose(f);
+  else
+    throw std::runtime_error("File " + path + ": cannot be opened (" + std::strerror(errno) + ")");
   std::unique_ptr<dtree> tree(dtree::fromBinary(path));
   if (impl(*tree).get_metadata() == nullptr || impl(*tree).get_root() == nullptr)
     throw std::runtime_error("File " + path + ": holds no tree");
+  // A tree grown from text that is not UTF-8 (brixcmd takes any bytes) would make malformed
+  // JSON and PMML.
+  std::string bad = non_utf8_text(*impl(*tree).get_metadata());
+  if (!bad.empty())
+    throw std::runtime_error("File " + path + ": " + bad + " holds bytes that are not UTF-8");
   return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
 }
 

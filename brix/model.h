@@ -91,7 +91,7 @@ class tree_model {
   // Graphviz DOT, every label escaped; nodes deeper than max_depth (when >= 0) are cut to one
   // summary node each; leaves show their class counts, coloured by class.
   void write_dot(std::ostream& out, long max_depth = -1) const;
-  // JSON of the whole tree (docs/json-model.md describes it).
+  // JSON of the whole tree (docs/json-model.md describes it; installed under share/doc/brix).
   void write_json(std::ostream& out) const;
   dtree const& facade() const { return *tree_; }
 
@@ -100,6 +100,19 @@ class tree_model {
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
   std::unique_ptr<dtree> tree_;
+
+ public:
+  // Nodes are numbered in preorder from the root (0), children in branch order, up to size().
+  // The nodes each row of a table reaches (its columns matched by name): a row with an unknown
+  // value at a split, or a value the tree never saw there, follows every branch, as prediction
+  // does, so it can reach several leaves. Row r's nodes are nodes[starts[r]] up to
+  // nodes[starts[r + 1]], ascending; leaves[r] is the leaf that receives the largest share of its
+  // weight, the lowest numbered of equal shares.
+  struct node_paths {
+    std::vector<unsigned long> starts, nodes, leaves;
+  };
+  node_paths paths(table const& t) const;
+  unsigned long leaves() const;
 };
 
 // s as a JSON string literal, quotes and control characters escaped.

@@ -1,17 +1,19 @@
+#include "brix/version.h"
 #include "brix/brix.h"
 
 namespace brix {
 
 std::string get_version() {
-  return "1.2.5";
+  return BRIX_VERSION;
 }
 
 unsigned long get_build() {
-  return 10205;
+  return BRIX_VERSION_MAJOR * 10000ul + BRIX_VERSION_MINOR * 100ul + BRIX_VERSION_PATCH;
 }
 
 std::string get_copyright() {
-  return "Brix version 1.2.5 - Copyright (c) 2026 the Brix developers. All rights reserved.";
+  return "Brix version " BRIX_VERSION
+         " - Copyright (c) 2026 the Brix developers. All rights reserved.";
 }
 
 }  // namespace brix

@@ -1,6 +1,6 @@
 # What `cmake --install` puts under the prefix: the command, the static libraries, the public
 # headers, a CMake package (find_package(brix CONFIG) -> brix::brix), a pkg-config file and the
-# man pages.
+# man pages, and the description of the JSON model beside the other documents.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS brixcmd brix_cmd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -25,3 +25,5 @@ install(FILES ${PROJECT_BINARY_DIR}/brix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/
 
 file(GLOB BRIX_MAN_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)
 install(FILES ${BRIX_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+install(FILES ${PROJECT_SOURCE_DIR}/docs/json-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

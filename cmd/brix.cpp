@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -44,6 +47,7 @@ struct settings {
   std::vector<std::string> args;  // positional
   std::string class_column, test, model, output, format = "text", id, report = "text";
   std::string to;                                  // import: the stem written
+  char separator = 0;                              // --sep; 0: by the file's name
   std::map<std::string, brix::column_kind> kinds;  // --kind NAME=KIND
   std::map<std::string, brix::value_type> types;   // --type NAME=TYPE
   double test_fraction = 0.0;
@@ -60,6 +64,19 @@ double number(std::string const& word, std::string const& text) {
   if (text.empty() || *end != '\0' || !std::isfinite(v))
     throw usage_error(word + ": '" + text + "' is not a number");
   return v;
+}
+
+// A whole number in [least, most], checked before any conversion: a double out of an integer
+// type's range does not convert.
+double whole(std::string const& word, std::string const& text, double least, double most) {
+  double d = number(word, text);
+  if (d < least || d > most || d != std::floor(d)) {
+    std::ostringstream range;
+    range.precision(17);
+    range << word << " must be a whole number in [" << least << ", " << most << "]";
+    throw usage_error(range.str());
+  }
+  return d;
 }
 
 // NAME=VALUE of --kind and --type, VALUE one of the .names keywords of `all`.
@@ -111,9 +128,8 @@ std::vector<option> const& options() {
        }},
       {"--seed", true,
        [](settings& s, std::string const& v) {
-         double d = number("--seed", v);
-         if (d < 0 || d != std::floor(d)) throw usage_error("--seed must be a whole number >= 0");
-         s.seed = static_cast<std::uint64_t>(d);
+         // Up to 2^53: every such whole number reads exactly.
+         s.seed = static_cast<std::uint64_t>(whole("--seed", v, 0, 9007199254740992.0));
        }},
       {"--confidence", true,
        [](settings& s, std::string const& v) {
@@ -123,8 +139,10 @@ std::vector<option> const& options() {
        }},
       {"--min-cases", true,
        [](settings& s, std::string const& v) {
-         s.tree.min_cases = static_cast<float>(number("--min-cases", v));
-         if (!(s.tree.min_cases > 1)) throw usage_error("--min-cases must be > 1");
+         double d = number("--min-cases", v);
+         if (!(d > 1) || d > std::numeric_limits<float>::max())
+           throw usage_error("--min-cases must be > 1");
+         s.tree.min_cases = static_cast<float>(d);
        }},
       {"--pruning", true,
        [](settings& s, std::string const& v) {
@@ -165,6 +183,16 @@ std::vector<option> const& options() {
       {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
       {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
       {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
+      {"--sep", true,
+       [](settings& s, std::string const& v) {
+         if (v == "tab" || v == "\\t" || v == "\t")
+           s.separator = '\t';
+         else if (v.size() == 1 && v != "\"" && v != "\n" && v != "\r")
+           s.separator = v[0];
+         else
+           throw usage_error(
+               "--sep takes one character (not a quote or a line break) or tab, not '" + v + "'");
+       }},
       {"--format", true,
        [](settings& s, std::string const& v) {
          std::vector<std::string> const& all = shown_formats();
@@ -178,15 +206,11 @@ std::vector<option> const& options() {
        }},
       {"-k", true,
        [](settings& s, std::string const& v) {
-         double d = number("-k", v);
-         if (d < 2 || d != std::floor(d)) throw usage_error("-k must be a whole number >= 2");
-         s.folds = static_cast<unsigned>(d);
+         s.folds = static_cast<unsigned>(whole("-k", v, 2, 4294967295.0));
        }},
       {"--max-depth", true,
        [](settings& s, std::string const& v) {
-         double d = number("--max-depth", v);
-         if (d < 0 || d != std::floor(d)) throw usage_error("--max-depth must be >= 0");
-         s.max_depth = static_cast<long>(d);
+         s.max_depth = static_cast<long>(whole("--max-depth", v, 0, 2147483647.0));
        }},
       {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
       {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
@@ -262,6 +286,40 @@ class stages {
 
 stages progress;
 
+// An ARFF file declares how its values are separated.
+void refuse_separator(std::string const& data, settings const& s) {
+  if (s.separator != 0 &&
+      (data.size() > 5 && (data.compare(data.size() - 5, 5, ".arff") == 0 ||
+                           (data.size() > 8 && data.compare(data.size() - 8, 8, ".arff.gz") == 0))))
+    throw usage_error("--sep applies to CSV/TSV files and .names/.data stems, not to " + data);
+}
+
+// "the lines split evenly at ...: --sep ... reads it" when a CSV file is better read with another
+// separator than the one used; empty otherwise.
+std::string separator_hint(std::string const& data, settings const& s) {
+  auto ends = [&data](std::string const& tail) {
+    return data.size() > tail.size() &&
+           data.compare(data.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (!is_table_file(data) || ends(".arff") || ends(".arff.gz")) return "";
+  char sep = s.separator != 0 ? s.separator : ends(".tsv") || ends(".tsv.gz") ? '\t' : ',';
+  char better = brix::better_separator(data, sep);
+  if (better == 0) return "";
+  return "the lines split evenly at " +
+         (better == '\t'
+              ? std::string("tabs: --sep tab")
+              : "'" + std::string(1, better) + "': --sep '" + std::string(1, better) + "'") +
+         " reads it";
+}
+
+// A refused CSV file that another separator splits evenly: the error says which.
+[[noreturn]] void rethrow_with_separator_hint(std::string const& data, settings const& s,
+                                              std::runtime_error const& e) {
+  std::string hint = separator_hint(data, s);
+  if (hint.empty()) throw e;
+  throw std::runtime_error(std::string(e.what()) + " (" + hint + ")");
+}
+
 void refuse_overrides(std::string const& stem, settings const& s) {
   if (!s.kinds.empty() || !s.types.empty())
     throw usage_error("--kind and --type apply to CSV, TSV and ARFF data: " + stem +
@@ -269,23 +327,57 @@ void refuse_overrides(std::string const& stem, settings const& s) {
 }
 
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
-std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class) {
+std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class,
+                                  brix::tree_model const* model = nullptr,
+                                  brix::rule_model const* rules = nullptr) {
   brix::read_options o;
+  // A ruleset's continuous attributes are read as numbers too, as a tree's are below.
+  if (rules != nullptr)
+    for (auto const& a : rules->attributes())
+      if (a.continuous)
+        o.numeric_if_present[a.name] = a.datatype == "integer"    ? brix::value_type::integer
+                                       : a.datatype == "uinteger" ? brix::value_type::uinteger
+                                                                  : brix::value_type::float32;
+  if (model != nullptr) {
+    brix::impls::table const& meta = *model->facade().get_impl()->get_metadata();
+    for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
+      brix::impls::column const* c = meta.get_attribute(a);
+      std::string const& type = c->get_o_set()->get_datatype();
+      if (!c->is_continuous()) continue;
+      o.numeric_if_present[c->get_name()] = type == "integer"    ? brix::value_type::integer
+                                            : type == "uinteger" ? brix::value_type::uinteger
+                                                                 : brix::value_type::float32;
+    }
+  }
   o.class_column = s.class_column;
   o.require_class = need_class;
   std::ostringstream warnings;
   o.warnings = s.quiet ? nullptr : &warnings;
   o.kinds = s.kinds;
   o.types = s.types;
+  o.separator = s.separator;
+  refuse_separator(data, s);
   if (!is_table_file(data)) {
     refuse_overrides(data, s);
     if (!file_exists(data + ".names"))
       throw std::runtime_error("File " + data + ".names: not found");
   }
   progress.begin("load " + data);
-  auto t = brix::read_table(data, o);
+  std::unique_ptr<brix::table> t;
+  try {
+    t = brix::read_table(data, o);
+  } catch (std::runtime_error const& e) {
+    progress.clear();
+    std::cerr << warnings.str();
+    rethrow_with_separator_hint(data, s, e);
+  }
   progress.end();
   std::cerr << warnings.str();
+  // One column read where another separator finds several: the file read is not the one meant.
+  if (!s.quiet && t->get_impl()->get_loaded_columns() == 1) {
+    std::string hint = separator_hint(data, s);
+    if (!hint.empty()) std::cerr << "File " << data << ": one column only; " << hint << std::endl;
+  }
   return t;
 }
 
@@ -302,9 +394,32 @@ void write_file(std::string const& path, std::function<void(std::ostream&)> cons
       "cannot be written");
 }
 
+// Compares files, not spellings: ./x.csv, a link to x.csv and x.csv are one.
 void refuse_same(std::string const& out, std::vector<std::string> const& ins) {
+  if (out.empty()) return;
   for (auto const& in : ins)
-    if (!out.empty() && out == in) throw usage_error("the output " + out + " is also an input");
+    if (same_file(out, in))
+      throw usage_error("the output " + out + " is also an input (" + in + ")");
+}
+
+// The files read for DATA and a test file (a table file, or brixcmd's rows for the stem).
+std::vector<std::string> inputs(std::string const& data, std::string const& test = "") {
+  std::vector<std::string> all = input_files(data);
+  if (!test.empty()) {
+    std::vector<std::string> more =
+        is_table_file(test) ? input_files(test) : std::vector<std::string>{test};
+    all.insert(all.end(), more.begin(), more.end());
+  }
+  return all;
+}
+
+// A CSV field, quoted when it holds a separator, a quote or a line end.
+std::string csv_field(std::string const& v) {
+  if (v.find_first_of(",\"\r\n") == std::string::npos) return v;
+  std::string q = "\"";
+  for (char c : v)
+    q += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return q + "\"";
 }
 
 // A whole number as one, others as the stream prints floats.
@@ -315,6 +430,13 @@ std::string count(double v) {
   else
     o << v;
   return o.str();
+}
+
+// A percentage as people read one: two decimals.
+std::string percent(double v) {
+  char b[32];
+  std::snprintf(b, sizeof b, "%.2f", v);
+  return b;
 }
 
 void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix const& m) {
@@ -378,7 +500,7 @@ int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
   if (!s.test.empty() && s.test_fraction > 0)
     throw usage_error("--test and --test-fraction exclude each other");
-  refuse_same(s.model, {s.args[0], s.test});
+  refuse_same(s.model, inputs(s.args[0], s.test));
   if (s.rules) return train_rules(s);
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
@@ -398,14 +520,15 @@ int train(settings const& s) {
   if (!s.test.empty()) {
     std::vector<std::pair<std::string, unsigned long>> unseen;
     if (is_table_file(s.test)) {
-      auto tt = load(s.test, s, true);
+      auto tt = load(s.test, s, true, m.get());
       progress.begin("test");
       test = m->evaluate(*tt, &unseen);
     } else {
       // A stem's test file is read as brixcmd reads it.
       progress.begin("test");
+      std::string sep(1, s.separator != 0 ? s.separator : ',');
       test = std::make_unique<brix::conf_matrix>(tree.get_impl()->predict(
-          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#,"), true, &unseen));
+          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#" + sep), true, &unseen));
     }
     warn_unseen(s.test, s, unseen);
   }
@@ -467,12 +590,14 @@ int train(settings const& s) {
 
 // A test file as a table: a CSV/TSV/ARFF file on its own, a stem's test file with the stem's
 // .names.
-std::unique_ptr<brix::table> load_test(std::string const& data, settings const& s) {
-  if (is_table_file(s.test)) return load(s.test, s, true);
+std::unique_ptr<brix::table> load_test(std::string const& data, settings const& s,
+                                       brix::tree_model const& tree) {
+  if (is_table_file(s.test)) return load(s.test, s, true, &tree);
   progress.begin("load " + s.test);
+  std::string sep(1, s.separator != 0 ? s.separator : ',');
   auto t = std::make_unique<brix::table>(s.test);
-  t->load_meta_data(brix::datasource("FILE#" + data + ".names#,"));
-  t->load_data(brix::datasource("FILE#" + s.test + "#,"), "?");
+  t->load_meta_data(brix::datasource("FILE#" + data + ".names#" + sep));
+  t->load_data(brix::datasource("FILE#" + s.test + "#" + sep), "?");
   return t;
 }
 
@@ -496,7 +621,7 @@ int train_rules(settings const& s) {
   double training = m->error(*t, fit.empty() ? nullptr : &fit), test = -1, holdout = -1;
   unsigned long test_rows = 0;
   if (!s.test.empty()) {
-    auto tt = load_test(s.args[0], s);
+    auto tt = load_test(s.args[0], s, *tree);
     progress.begin("test");
     test = m->error(*tt);
     test_rows = tt->get_no_rows();
@@ -542,7 +667,13 @@ int train_rules(settings const& s) {
 
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
-  refuse_same(s.output, s.args);
+  std::vector<std::string> read = inputs(s.args[1]);
+  read.push_back(s.args[0]);
+  refuse_same(s.output, read);
+  // A model file has no name a table has: DATA first is the likely mistake.
+  if (is_table_file(s.args[0]) || file_exists(s.args[0] + ".names"))
+    throw usage_error("predict takes MODEL then DATA: " + s.args[0] +
+                      " is a table, not a model (the two swapped?)");
   progress.begin("load model");
   std::unique_ptr<brix::tree_model> m;
   std::unique_ptr<brix::rule_model> rules;
@@ -550,7 +681,19 @@ int predict(settings const& s) {
     rules = brix::rule_model::load(s.args[0]);
   else
     m = brix::tree_model::load(s.args[0]);
-  auto t = load(s.args[1], s, false);
+  auto t = load(s.args[1], s, false, m.get(), rules.get());
+  // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
+  if (!s.id.empty() && !s.kinds.count(s.id)) {
+    brix::impls::table const& i = *t->get_impl();
+    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
+      if (i.get_column(c)->get_name() == s.id && i.get_column(c)->is_ignore()) {
+        settings again = s;
+        again.kinds[s.id] = brix::column_kind::discrete;
+        again.quiet = true;  // the warnings were given
+        t = load(s.args[1], again, false, m.get(), rules.get());
+        break;
+      }
+  }
   progress.begin("predict");
   std::vector<double> all = rules ? rules->predict_proba(*t) : m->predict_proba(*t);
   // A ruleset names its class by its deciding rule, which ties among equal shares settle.
@@ -566,11 +709,14 @@ int predict(settings const& s) {
     if (id == nullptr) throw std::runtime_error("DATA has no column '" + s.id + "'");
   }
   auto write = [&](std::ostream& out) {
-    if (id) out << s.id << ",";
+    if (id) out << csv_field(s.id) << ",";
     out << "predicted";
+    std::vector<std::string> shown;  // the classes as fields
+    for (auto const& c : classes)
+      shown.push_back(csv_field(c));
     if (s.proba)
       for (auto const& c : classes)
-        out << ",p(" << c << ")";
+        out << "," << csv_field("p(" + c + ")");
     out << "\n";
     std::size_t k = classes.size();
     for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
@@ -579,8 +725,8 @@ int predict(settings const& s) {
       std::size_t best =
           rules ? decided[r]
                 : static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
-      if (id) out << id->get_value(r) << ",";
-      out << classes[best];
+      if (id) out << csv_field(id->get_value(r)) << ",";
+      out << shown[best];
       if (s.proba)
         for (std::size_t c = 0; c < k; ++c)
           out << "," << p[c];
@@ -598,6 +744,11 @@ int predict(settings const& s) {
 
 int cv(settings const& s) {
   if (s.args.size() != 1) throw usage_error("cv takes one DATA argument");
+  // Options of train that cv has no use for are refused rather than ignored.
+  if (!s.model.empty()) throw usage_error("cv writes no model (--model is for train)");
+  if (s.report != "text") throw usage_error("cv has a text report only (--report is for train)");
+  if (!s.test.empty() || s.test_fraction > 0)
+    throw usage_error("cv tests on its folds (--test and --test-fraction are for train)");
   auto t = load(s.args[0], s, true);
   if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
   warn_past_exact(*t, s);
@@ -632,7 +783,8 @@ int cv(settings const& s) {
       double e = r->error(*t, &rows) * 100.0;
       errors.push_back(e);
       progress.clear();
-      std::cout << k + 1 << "\t" << e << "\t" << r->size() << "\t" << count(cases) << std::endl;
+      std::cout << k + 1 << "\t" << percent(e) << "\t" << r->size() << "\t" << count(cases)
+                << std::endl;
       continue;
     }
     std::unique_ptr<brix::conf_matrix> c(
@@ -640,15 +792,16 @@ int cv(settings const& s) {
     double e = c->mis_perc() * 100.0;
     errors.push_back(e);
     progress.clear();
-    std::cout << k + 1 << "\t" << e << "\t" << m->size() << "\t" << count(c->cases()) << std::endl;
+    std::cout << k + 1 << "\t" << percent(e) << "\t" << m->size() << "\t" << count(c->cases())
+              << std::endl;
   }
   progress.end();
   double mean = std::accumulate(errors.begin(), errors.end(), 0.0) / errors.size(), var = 0;
   for (double e : errors)
     var += (e - mean) * (e - mean);
   double sd = errors.size() > 1 ? std::sqrt(var / (errors.size() - 1)) : 0.0;
-  std::cout << "mean error " << mean << "%, standard deviation " << sd << " (" << s.folds
-            << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
+  std::cout << "mean error " << percent(mean) << "%, standard deviation " << percent(sd) << " ("
+            << s.folds << " folds, seed " << s.seed << (s.stratified ? ", stratified" : "") << ")"
             << std::endl;
   return 0;
 }
@@ -677,30 +830,42 @@ int import_data(settings const& s) {
   if (s.args.size() != 1) throw usage_error("import takes one DATA argument");
   if (s.to.empty()) throw usage_error("import needs --to STEM");
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
-  refuse_same(s.to + ".names", {s.args[0], s.test});
-  refuse_same(s.to + ".data", {s.args[0], s.test});
+  refuse_separator(s.args[0], s);
+  // Outputs that are inputs under another name are import's own data error.
+  for (std::string const out : {s.to + ".names", s.to + ".data"})
+    for (std::string const& in : {s.args[0], s.test})
+      if (out == in) throw usage_error("the output " + out + " is also an input");
   brix::read_options o;
   o.class_column = s.class_column;
   o.kinds = s.kinds;
   o.types = s.types;
-  return brix_import(s.args[0], s.to, s.test, o, s.quiet);
+  o.separator = s.separator;
+  try {
+    return brix_import(s.args[0], s.to, s.test, o, s.quiet);
+  } catch (std::runtime_error const& e) {
+    rethrow_with_separator_hint(s.args[0], s, e);
+  }
 }
 
 int check(settings const& s) {
   if (s.args.size() != 1) throw usage_error("check takes one DATA argument");
-  return brix_check(s.args[0], s.class_column);
+  refuse_separator(s.args[0], s);
+  return brix_check(s.args[0], s.class_column, s.separator);
 }
 
 char const* const kDataNote =
     "DATA is a CSV or TSV file with a header row (.csv, .tsv, .txt), an ARFF file (.arff), each\n"
-    "optionally .gz, or the stem of a .names/.data pair. MODEL is a binary tree file (brixcmd -bt\n"
-    "reads it too) or a ruleset file of train --rules. Everywhere: --quiet (no progress line, no\n"
-    "warnings), -v (stage timings), --help. Exit status: 0 success, 1 data or model error, 2 "
-    "usage\n"
-    "error.\n";
+    "optionally .gz, or the stem of a .names/.data pair; --sep C reads a CSV file or a stem with\n"
+    "the separator C (one character, or tab; by default a tab for .tsv, a comma otherwise).\n"
+    "A first column without a name (R's row names) is ignored; a column of ISO dates\n"
+    "(YYYY-MM-DD, optionally Thh:mm[:ss]) is read as days since 1970-01-01. MODEL is a binary\n"
+    "tree file (brixcmd -bt reads it too) or a ruleset file of train --rules. Everywhere: --quiet\n"
+    "(no progress line, no warnings), -v (stage timings), --help. Exit status: 0 success, 1 data\n"
+    "or model error, 2 usage error.\n";
 
 char const* const kTrainingOptions =
     "  --class NAME         the class column of a CSV or ARFF file (default: the last)\n"
+
     "  --kind NAME=KIND     read a CSV or ARFF column as discrete, continuous, weights or ignore\n"
     "  --type NAME=TYPE     store it as integer, uinteger, float, double or string\n"
     "  --confidence CF      pruning confidence in (0,1], default 0.25\n"
@@ -798,6 +963,11 @@ int main(int argc, char** argv) {
     progress.setup(s);
     int status = it->second.run(s);
     progress.end();
+    // What could not be written (a full device, a closed pipe) fails the run, not just the bytes.
+    std::cout.flush();
+    if (!std::cout || std::fflush(stdout) != 0 || std::ferror(stdout))
+      throw std::runtime_error(std::string("standard output: cannot be written (") +
+                               std::strerror(errno) + ")");
     return status;
   } catch (usage_error const& e) {
     progress.clear();

@@ -12,11 +12,13 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -40,14 +42,16 @@ char const* const kImportHelp =
     "',' brixcmd needs -sep. Standard error lists the columns, the separator and every change\n"
     "made to values (--quiet: nothing). The files are written whole or not at all.\n";
 
-char const* const kCheckSynopsis = "brix check STEM|DATA [--class NAME]";
+char const* const kCheckSynopsis = "brix check STEM|DATA [--class NAME] [--sep C]";
 char const* const kCheckHelp =
     "Lists every problem of a .names/.data stem (and its .test) or a CSV/TSV file, one line\n"
     "each (FILE:LINE: column N 'name': ...), then a summary: byte order marks, blank lines, a\n"
     "header row in .data, rows with the wrong number of fields, unclosed quotes, unknown class\n"
     "values, numbers a column's type refuses, quotes kept in values, blanks around values,\n"
-    "values that differ only in case or blanks, columns with one value only. Exit status 0\n"
-    "when there is none, 1 otherwise.\n";
+    "values that differ only in case or blanks, columns with one value only, columns whose\n"
+    "values all differ (IDs), a class with nearly a value a row or of fractional numbers, and\n"
+    "another separator that splits the lines evenly. Exit status 0 when there is none, 1\n"
+    "otherwise.\n";
 
 bool is_table_file(std::string const& p) {
   for (std::string tail :
@@ -62,20 +66,46 @@ bool file_exists(std::string const& p) {
   return ::stat(p.c_str(), &st) == 0;
 }
 
-namespace {
-
-bool ends_with(std::string const& s, char const* tail) {
-  std::size_t n = std::strlen(tail);
-  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-// The files a DATA argument reads: the file itself, or a stem's .names and .data (.data.gz).
 std::vector<std::string> input_files(std::string const& data) {
   if (data.empty()) return {};
   if (is_table_file(data)) return {data};
   std::string rows = data + ".data";
   if (!file_exists(rows) && file_exists(rows + ".gz")) rows += ".gz";
   return {data + ".names", rows};
+}
+
+namespace {
+
+// A file's name with every link resolved; for a file not there yet, its directory's resolved
+// name and its own (empty when the directory is not there either).
+std::string resolved(std::string const& p) {
+  std::unique_ptr<char, decltype(&std::free)> full(::realpath(p.c_str(), nullptr), &std::free);
+  if (full) return full.get();
+  std::size_t slash = p.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : p.substr(0, slash);
+  std::string name = slash == std::string::npos ? p : p.substr(slash + 1);
+  std::unique_ptr<char, decltype(&std::free)> d(::realpath(dir.c_str(), nullptr), &std::free);
+  if (!d || name.empty() || name == "." || name == "..") return "";
+  return std::string(d.get()) + (std::strcmp(d.get(), "/") == 0 ? "" : "/") + name;
+}
+
+}  // namespace
+
+bool same_file(std::string const& a, std::string const& b) {
+  if (a.empty() || b.empty()) return false;
+  if (a == b) return true;
+  struct stat sa, sb;
+  if (::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0)
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  std::string ra = resolved(a);
+  return !ra.empty() && ra == resolved(b);
+}
+
+namespace {
+
+bool ends_with(std::string const& s, char const* tail) {
+  std::size_t n = std::strlen(tail);
+  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 // "1 value", "2 values".
@@ -245,13 +275,6 @@ brix::value_type type_of(std::string const& keyword) {
   return brix::value_type::string;
 }
 
-// The same file under two names: the same device and inode.
-bool same_file(std::string const& a, std::string const& b) {
-  struct stat sa, sb;
-  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-         sa.st_ino == sb.st_ino;
-}
-
 std::string shell_word(std::string const& s) {
   if (s.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
       std::string::npos)
@@ -286,8 +309,7 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   inputs.insert(inputs.end(), more.begin(), more.end());
   for (auto const& o : outputs)
     for (auto const& i : inputs)
-      if (o == i || same_file(o, i))
-        throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+      if (same_file(o, i)) throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
 
   opts.warnings = quiet ? nullptr : &std::cerr;
   auto table = brix::read_table(data, opts);
@@ -295,6 +317,15 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   std::size_t k = t.get_loaded_columns();
   std::vector<brix::impls::column*> from;
   std::vector<column_text> cols;
+  for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    // brixcmd's continuous columns are at most 32-bit.
+    if (c->is_continuous() && c->get_o_set()->get_datatype() == "double")
+      throw std::runtime_error("column '" + c->get_name() +
+                               "': continuous doubles (dates with times, --type " + c->get_name() +
+                               "=double) cannot be declared to brixcmd; --type " + c->get_name() +
+                               "=float reads it as brixcmd can");
+  }
   for (std::size_t j = 0; j < k; ++j) {
     from.push_back(t.get_column(j));
     cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
@@ -309,6 +340,7 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   if (!test.empty()) {
     brix::read_options o;
     o.warnings = opts.warnings;
+    o.separator = opts.separator;
     for (std::size_t j = 0; j < k; ++j) {
       brix::impls::column const* c = t.get_column(j);
       if (c->is_class()) o.class_column = c->get_name();
@@ -636,10 +668,15 @@ struct column_check {
   static constexpr std::size_t kMaxDistinct = 50000;
   std::string name, type;  // type: the .names keyword; empty for CSV, where numbers are inferred
   std::size_t index = 0;
-  bool is_class = false, weights = false;
+  bool is_class = false, weights = false, dates = true;
   tally blanks, quotes, unknown, unreadable;
-  bool any = false, several = false, all_numbers = true;
+  bool any = false, several = false, all_numbers = true, fractions = false;
+  std::size_t known = 0;  // rows with a known value
   std::string one;
+  // CSV: how many values are numbers, and the first few distinct texts that are not.
+  std::size_t numbers = 0;
+  tally texts;
+  std::vector<std::string> stray;
   // Distinct texts (views into the store) and the line each first occurs on; not kept past
   // kMaxDistinct values, a column that varies that much is a key, not a category.
   std::unordered_map<std::string_view, std::size_t> seen;
@@ -673,8 +710,7 @@ bool readable(std::string const& type, char const* v) {
 }
 
 // A number as the CSV reader tells one: the whole text, an optional '+', not NaN.
-bool is_number(std::string_view v) {
-  double d;
+bool is_number(std::string_view v, double& d) {
   char const* b = v.data() + (!v.empty() && v[0] == '+');
   auto r = std::from_chars(b, v.data() + v.size(), d);
   return r.ec == std::errc() && r.ptr == v.data() + v.size() && b != r.ptr && !std::isnan(d);
@@ -692,10 +728,22 @@ class value_checks {
       return;
     }
     std::string_view v = value;
+    ++c.known;
     if (c.numeric_type()) {
       if (!readable(c.type, value.c_str())) c.unreadable.see(line, v);
     } else {
-      if (c.all_numbers) c.all_numbers = is_number(v);
+      double d = 0;
+      bool number = is_number(v, d);
+      if (c.all_numbers) c.all_numbers = number;
+      if (c.all_numbers && d != std::floor(d)) c.fractions = true;
+      if (number) {
+        ++c.numbers;
+      } else if (c.type.empty()) {
+        c.texts.see(line, v);
+        if (c.stray.size() < 4 && std::find(c.stray.begin(), c.stray.end(), v) == c.stray.end())
+          c.stray.emplace_back(v.substr(0, 60));
+      }
+      if (c.dates) c.dates = brix::iso_date(value.c_str(), d);
       if (!v.empty() && (blank(v.front()) || blank(v.back()))) c.blanks.see(line, v);
       if (v.find('"') != std::string_view::npos ||
           (v.size() >= 2 && v.front() == '\'' && v.back() == '\''))
@@ -740,7 +788,37 @@ class value_checks {
               c.where() + ": " + values(c.unreadable.n) + " that " +
                   (c.unreadable.n == 1 ? "is" : "are") + " not " + c.type + ", such as " +
                   quoted(c.unreadable.first));
+      // A few texts among many numbers: most likely unknown values the reader does not know as
+      // such, and they turn the column discrete.
+      if (training && c.type.empty() && !c.is_class && c.texts.n > 0 && c.stray.size() <= 3 &&
+          c.numbers >= 4 * c.texts.n) {
+        std::string shown;
+        for (std::size_t i = 0; i < c.stray.size(); ++i)
+          shown += (i == 0 ? "" : ", ") + quoted(c.stray[i]);
+        p.add(f, c.texts.line,
+              c.where() + ": " + values(c.numbers, "number") + " and " + values(c.texts.n, "text") +
+                  " (" + shown + ") make it a discrete column; mark unknown values as ? or NA");
+      }
       if (!training || rows < 2) continue;
+      // As the readers warn: a class of (nearly) a value per row or of fractional numbers, and
+      // another column whose values all differ, like an ID (not numbers with fractions or dates,
+      // measurements often all differ).
+      bool counted = c.tracking && !c.numeric_type();
+      if (rows >= 10 && counted && c.is_class && c.seen.size() * 10 >= rows * 9)
+        p.add(f, 0,
+              c.where() + ": " + std::to_string(c.seen.size()) + " different values in " +
+                  std::to_string(rows) +
+                  " rows, nearly one a row; is it the class? --class NAME names another");
+      else if (rows >= 10 && c.is_class && c.all_numbers && c.fractions)
+        p.add(f, 0,
+              c.where() +
+                  ": the class holds numbers with fractions, each one a class of its own; is it "
+                  "the class? --class NAME names another");
+      else if (rows >= 10 && counted && !c.is_class && !c.weights && c.known == rows &&
+               c.seen.size() == rows && !(c.all_numbers && c.fractions) && !c.dates)
+        p.add(f, 0,
+              c.where() + ": all " + std::to_string(rows) +
+                  " values differ, likely an ID; --kind " + c.name + "=ignore leaves it out");
       if (!c.any)
         p.add(f, 0, c.where() + ": no known value");
       else if (!c.several)
@@ -928,12 +1006,12 @@ std::size_t check_rows(std::string const& path, char sep, std::vector<column_che
   return rows;
 }
 
-int check_stem(std::string const& stem, problems& p) {
+int check_stem(std::string const& stem, char given, problems& p) {
   std::string names = stem + ".names";
   if (!file_exists(names)) throw std::runtime_error("File " + names + ": not found");
   std::string data = input_files(stem)[1];
   if (!file_exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
-  char sep = names_separator(names);
+  char sep = given != 0 ? given : names_separator(names);
   std::vector<column_check> cols = check_names(names, sep, p);
   std::size_t rows = check_rows(data, sep, cols, true, p);
   if (file_exists(stem + ".test")) check_rows(stem + ".test", sep, cols, false, p);
@@ -942,9 +1020,19 @@ int check_stem(std::string const& stem, problems& p) {
   return p.finish(what);
 }
 
-int check_csv(std::string const& path, std::string const& class_column, problems& p) {
-  char sep = ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t' : ',';
+int check_csv(std::string const& path, std::string const& class_column, char given, problems& p) {
+  char sep = given != 0                                              ? given
+             : ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t'
+                                                                     : ',';
   std::size_t f = p.file(path);
+  if (char better = brix::better_separator(path, sep))
+    p.add(f, 0,
+          "the lines split evenly at " +
+              (better == '\t'
+                   ? std::string("tabs, not at ") + quoted(std::string(1, sep)) +
+                         ": --sep tab reads them"
+                   : quoted(std::string(1, better)) + ", not at " + quoted(std::string(1, sep)) +
+                         ": --sep " + quoted(std::string(1, better)) + " reads them"));
   byte_reader in(path);
   skip_bom(in, p, f, false);  // the CSV reader skips it
   std::vector<std::string> missing = brix::read_options().missing;
@@ -973,7 +1061,9 @@ int check_csv(std::string const& path, std::string const& class_column, problems
         c.name = std::string(r.at(j));
         c.index = j;
         std::string col = "column " + std::to_string(j + 1) + ": ";
-        if (c.name.empty()) p.add(f, r.line, col + "no name");
+        // The readers take a first column without a name for row names and ignore it.
+        if (c.name.empty() && j == 0 && k > 1) c.type = "ignore";
+        if (c.name.empty() && c.type.empty()) p.add(f, r.line, col + "no name");
         if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
           p.add(f, r.line, col + "the name " + quoted(c.name) + " has blanks around it");
         if (c.name.find('"') != std::string::npos)
@@ -996,6 +1086,7 @@ int check_csv(std::string const& path, std::string const& class_column, problems
     }
     ++rows;
     for (std::size_t j = 0; j < checks.columns.size() && !r.cut; ++j) {
+      if (checks.columns[j].type == "ignore") continue;
       std::string const& v = r.fields[j];
       bool unknown = std::find(missing.begin(), missing.end(), v) != missing.end();
       checks.see(j, v, r.line, unknown, true);
@@ -1015,9 +1106,16 @@ int check_arff(std::string const& path, std::string const& class_column, problem
   byte_reader probe(path);  // missing or unreadable files fail as for the other formats
   brix::read_options o;
   o.class_column = class_column;
+  std::ostringstream warnings;
+  o.warnings = &warnings;
   std::size_t rows = 0;
   try {
     rows = brix::read_arff(path, o)->get_no_rows();
+    // The reader's warnings on columns are problems here.
+    std::istringstream lines(warnings.str());
+    std::string const prefix = "File " + path + ", ";
+    for (std::string line; std::getline(lines, line);)
+      p.add(f, 0, line.compare(0, prefix.size(), prefix) == 0 ? line.substr(prefix.size()) : line);
   } catch (std::runtime_error const& e) {
     p.add(f, 0, e.what());
   }
@@ -1026,10 +1124,10 @@ int check_arff(std::string const& path, std::string const& class_column, problem
 
 }  // namespace
 
-int brix_check(std::string const& data, std::string const& class_column) {
+int brix_check(std::string const& data, std::string const& class_column, char sep) {
   problems p;
   if (ends_with(data, ".arff") || ends_with(data, ".arff.gz"))
     return check_arff(data, class_column, p);
-  if (is_table_file(data)) return check_csv(data, class_column, p);
-  return check_stem(data, p);
+  if (is_table_file(data)) return check_csv(data, class_column, sep, p);
+  return check_stem(data, sep, p);
 }

@@ -2,8 +2,10 @@
 //
 // All the work goes through the public facade in brix/brix.h; this file only parses the
 // command line, opens the output channels and runs the pipeline.
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -151,8 +153,19 @@ std::string file_source(const std::string& file, const std::string& separator) {
 
 // Opens an output file; the caller keeps it alive for the rest of the run.
 // File streams buffer their output: a full disk or a failed write shows once they are flushed.
-void check_written(std::ofstream* out, const std::string& file) {
-  if (out != nullptr && !out->flush())
+// A regular file that could not be written whole is removed, as a cut report or document looks
+// like a complete one; the log, appended to, keeps what it had.
+// empty_too: also one with nothing in it, when the run fails before writing it.
+bool written_or_removed(std::ofstream* out, const std::string& file, bool empty_too = false) {
+  if (out == nullptr || (out->flush() && !(empty_too && out->tellp() == 0))) return true;
+  out->close();
+  struct stat st;
+  if (::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) std::remove(file.c_str());
+  return false;
+}
+
+void check_written(std::ofstream* out, const std::string& file, bool appended = false) {
+  if (appended ? out != nullptr && !out->flush() : !written_or_removed(out, file))
     throw std::runtime_error("File " + file + ": error writing output");
 }
 
@@ -390,14 +403,22 @@ int run(const settings& s) {
                    s.pruning, static_cast<int>(s.workers), log);
   }
 
-  save_tree(built.tree.get(), s.tree_bin_out, dot, log);
-  check_written(dot_file.get(), s.dot_file);
-  test(table.get(), built.tree.get(), s.separator, s.test_file, built.holdout.get(), text, xml,
-       log);
-  check_written(text_file.get(), s.text_file);
-  check_written(xml_file.get(), s.xml_file);
+  try {
+    save_tree(built.tree.get(), s.tree_bin_out, dot, log);
+    check_written(dot_file.get(), s.dot_file);
+    test(table.get(), built.tree.get(), s.separator, s.test_file, built.holdout.get(), text, xml,
+         log);
+    check_written(text_file.get(), s.text_file);
+    check_written(xml_file.get(), s.xml_file);
+  } catch (...) {
+    // Whatever failed, no output is left cut short.
+    written_or_removed(text_file.get(), s.text_file, true);
+    written_or_removed(xml_file.get(), s.xml_file, true);
+    written_or_removed(dot_file.get(), s.dot_file, true);
+    throw;
+  }
   evaluate(built.tree.get(), s.separator, s.score_file, s.score_out, log);
-  check_written(log_file.get(), s.log_file);
+  check_written(log_file.get(), s.log_file, true);
   return 0;
 }
 

@@ -45,7 +45,9 @@ column* column::NEW_COLUMN(o_set* values, std::string const& name, std::string c
     return nullptr;
   }
   bool numeric = values->is_dt_numeric();
-  if (kind == CONTINUOUS && !numeric) {
+  // Doubles are not numeric to .names files (table::load_meta_data refuses them there), but the
+  // CSV and ARFF readers make continuous double columns when asked to keep values exact.
+  if (kind == CONTINUOUS && !numeric && values->get_datatype() != "double") {
     error = "Continuous column '" + name + "' requires a numeric data type";
     return nullptr;
   }

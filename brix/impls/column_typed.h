@@ -207,6 +207,10 @@ class id_loader : public value_loader {
  public:
   id_loader(o_set* set, bool keep_rows);
   void add(char const* text) override;
+  std::uint32_t text_id(char const* text) override { return set_->insert_id(text); }
+  void add_id(std::uint32_t id) override {
+    if (keep_) ids_.push_back(id);
+  }
   void index() override;
   void attach(column* target) override;
   void fill(std::size_t from, std::size_t to) override;

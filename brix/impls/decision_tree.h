@@ -102,7 +102,6 @@ class _decision_node {
   // A copy of every field, vectors deep-copied; the cases pointer is shared
   // for the root and copied otherwise.
   _decision_node* clone() const;
-  void blank_node();
 
   void activate(table* t);
   void activate_root(table* t);
@@ -127,7 +126,6 @@ class _decision_node {
   void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
                     w_sequence* cases, split_scratch& scratch, order_publisher* publish);
   int split_post(table* t);
-  int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
   void set_as_leaf();
   // Distributes the cases to every branch of the split at once. Returns false, and turns the
@@ -377,6 +375,17 @@ class table_predictor {
   // number of rows carrying it.
   conf_matrix* evaluate(int threads,
                         std::vector<std::pair<std::string, unsigned long>>* unseen) const;
+
+  // A node a row reaches: its number (preorder from the root, 0, null nodes left out), the share
+  // of the row's weight of 1 reaching it, and whether the descent ends there.
+  struct reached_node {
+    unsigned long node;
+    float weight;
+    bool leaf;
+  };
+  // The nodes a row reaches, descending as probabilities() does, in the order visited: into out,
+  // cleared first.
+  void reach(unsigned long row, std::vector<reached_node>& out) const;
 
  private:
   decision_tree const& tree_;

@@ -61,16 +61,6 @@ _decision_node* _decision_node::clone() const {
   return n;
 }
 
-void _decision_node::blank_node() {
-  status_ = UNDEFINED_NODE;
-  activated_ = false;
-  father_ = nullptr;
-  index_ = 0;
-  all_cases_ = nullptr;
-  owns_cases_ = false;
-  (void)work_.release();  // deliberately not freed, as with the cases
-}
-
 void _decision_node::set_father(_decision_node* father) {
   if (activated_) {
     throw std::runtime_error("[_decision_node::activate_substitute_father()]: node is activated.");
@@ -295,10 +285,6 @@ int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options 
     split_att(t, min_obj, opts, a, copy, s);
   }
   return split_post(t);
-}
-
-int _decision_node::split2(table* t, int split_type, float min_obj, options const* opts) {
-  return split(t, split_type, min_obj, opts);
 }
 
 void _decision_node::set_as_leaf() {

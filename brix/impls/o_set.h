@@ -29,6 +29,15 @@ class value_loader {
   virtual void add_number(double value, bool known) {
     throw std::runtime_error("numbers given for a column of texts");
   }
+  // Columns given as codes into their distinct texts: text_id() registers a text as add() does
+  // and returns its id (0: the null text), add_id() adds a row of a registered text. Only
+  // loaders that keep rows by id take them.
+  virtual std::uint32_t text_id(char const* text) {
+    throw std::runtime_error("text ids given for a column of numbers");
+  }
+  virtual void add_id(std::uint32_t id) {
+    throw std::runtime_error("text ids given for a column of numbers");
+  }
   virtual void index() = 0;
   virtual void attach(column* target) = 0;
   virtual void fill(std::size_t from, std::size_t to) = 0;

@@ -142,6 +142,10 @@ class compiled_tree {
     kids_.reserve(nodes);
     if (cols != nullptr) branch_maps_.resize(cols->size());
     add(root);
+    numbers_.reserve(entries_.size());
+    unsigned long n = 0;
+    for (entry const& e : entries_)
+      numbers_.push_back(e.present ? n++ : n);
   }
 
   struct entry {
@@ -185,35 +189,51 @@ class compiled_tree {
 
   // Descends with weight w; branch(node) gives the branch taken, or -1 for an unknown value,
   // which follows every branch with its weight shared by the branches' training weights.
-  template <class Branch>
-  void descend(std::size_t at, float w, std::vector<float>& dist, Branch const& branch) const {
+  // visit(at, node, weight) is called at every node reached, before its children.
+  template <class Branch, class Visit>
+  void walk(std::size_t at, float w, Branch const& branch, Visit& visit) const {
     entry const& e = entries_[at];
     if (!e.present) throw std::runtime_error("Found a null node");
-    float cw = e.cw;
-    if (e.status == _decision_node::LEAF_NODE) {
-      if (cw > 0.0f) {
-        float const* d = dists_.data() + e.dist;
-        for (std::size_t c = 0; c < e.dist_size && c < dist.size(); ++c)
-          dist[c] += w * d[c] / cw;
-      } else {
-        dist[e.leaf] += w;
-      }
-      return;
-    }
+    visit(at, e, w);
     if (e.status != _decision_node::SPLIT_NODE) return;
     if (e.col == nullptr) throw std::runtime_error("Unknown column type");
     long b = branch(e);
     std::size_t const* kids = kids_.data() + e.kids;
     if (b >= 0 && static_cast<std::size_t>(b) < e.n_kids) {
-      descend(kids[b], w, dist, branch);
+      walk(kids[b], w, branch, visit);
       return;
     }
     if (b >= 0) throw std::runtime_error("Found a null node");
+    float cw = e.cw;
     for (std::size_t i = 0; i < e.n_kids; ++i) {
       entry const& c = entries_[kids[i]];
       if (!c.present) throw std::runtime_error("Found a null node");
-      descend(kids[i], w * c.cw / cw, dist, branch);
+      walk(kids[i], w * c.cw / cw, branch, visit);
     }
+  }
+
+  // The class distribution the leaves reached add to dist.
+  template <class Branch>
+  void descend(std::size_t at, float w, std::vector<float>& dist, Branch const& branch) const {
+    auto to_leaf = [this, &dist](std::size_t, entry const& e, float share) {
+      if (e.status != _decision_node::LEAF_NODE) return;
+      float cw = e.cw;
+      if (cw > 0.0f) {
+        float const* d = dists_.data() + e.dist;
+        for (std::size_t c = 0; c < e.dist_size && c < dist.size(); ++c)
+          dist[c] += share * d[c] / cw;
+      } else {
+        dist[e.leaf] += share;
+      }
+    };
+    walk(at, w, branch, to_leaf);
+  }
+
+  // A node's number: its place in preorder among the nodes that are not null.
+  unsigned long number(std::size_t at) const { return numbers_[at]; }
+  // Whether the descent ends at a node.
+  static bool ends_at(entry const& e) {
+    return e.status != _decision_node::SPLIT_NODE || e.n_kids == 0;
   }
 
  private:
@@ -332,6 +352,7 @@ class compiled_tree {
   std::vector<entry> entries_;
   std::vector<std::size_t> kids_;
   std::vector<float> dists_;
+  std::vector<unsigned long> numbers_;
   std::vector<std::vector<std::int32_t>> branch_maps_;
   std::deque<std::vector<std::int8_t>> side_maps_;  // a deque keeps each map where it is
 };
@@ -505,6 +526,14 @@ void table_predictor::probabilities(unsigned long from, unsigned long to, double
       class_shares(dist, out + i * k);
     }
   });
+}
+
+void table_predictor::reach(unsigned long row, std::vector<reached_node>& out) const {
+  out.clear();
+  auto note = [this, &out](std::size_t at, compiled_tree::entry const& e, float w) {
+    out.push_back({compiled_->number(at), w, compiled_tree::ends_at(e)});
+  };
+  compiled_->walk(0, 1.0f, row_branch{row}, note);
 }
 
 conf_matrix* table_predictor::evaluate(

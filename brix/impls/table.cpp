@@ -86,6 +86,11 @@ void table::load_meta_data(zel::inpout::stream* source, bool owns) {
       }
       std::string copy(line);
       fields.split(&copy[0], sep, 3);
+      // A .names file declares continuous columns of at most 32-bit numbers, as ever; doubles
+      // come from the readers of CSV and ARFF files only.
+      if (std::strcmp(fields[1], "double") == 0 && std::strcmp(fields[2], "continuous") == 0)
+        throw std::runtime_error(std::string("Continuous column '") + fields[0] +
+                                 "' requires a numeric data type");
       push_back(fields[0], fields[1], fields[2]);
     }
   } catch (std::runtime_error const& e) {
@@ -382,19 +387,6 @@ w_sequence* table::get_wsubset_random(unsigned long n) const {
   return s.release();
 }
 
-w_sequence* table::get_wsubset_random_repeated(unsigned long n) const {
-  std::srand(static_cast<unsigned>(std::time(nullptr)));
-  unsigned long m = std::min(n, no_rows_);
-  std::unique_ptr<w_sequence> s(new w_sequence());
-  s->reserve(m);
-  for (unsigned long i = 0; i < m; ++i) {
-    long double u = std::rand() / zel::util::rand_gen::rmax;
-    s->push_back(static_cast<unsigned long>(static_cast<long double>(no_rows_) * u), 1.0f);
-  }
-  update_weights(s.get());
-  return s.release();
-}
-
 // The walk advances through s only on a match, so a row listed twice stops
 // all later matches: every later row is kept (deliberate). Callers pass sets of rows. The
 // argument is deliberately sorted in place.
@@ -411,28 +403,6 @@ w_sequence* table::get_wsubset_difference(w_sequence* s) const {
   }
   update_weights(d.get());
   return d.release();
-}
-
-w_sequence* table::get_wsubset_balanced() const {
-  std::unique_ptr<w_sequence> all(get_wsubset_all());
-  auto* out = new w_sequence();
-  column* cls = get_class();
-  if (cls == nullptr) return out;
-  unsigned long k = cls->get_distinct() + 1;  // order 0 included
-  if (k <= 1) return out;
-  std::vector<unsigned long> count(k, 0);
-  for (w_case const& c : *all)
-    ++count[cls->get_row_index(c.first)];
-  unsigned long quota = *std::min_element(count.begin() + 1, count.end());
-  std::vector<unsigned long> left(k, quota);
-  for (w_case const& c : *all) {
-    unsigned long o = cls->get_row_index(c.first);
-    if (left[o] > 0) {
-      --left[o];
-      out->cases().push_back(c);
-    }
-  }
-  return out;
 }
 
 void table::update_weights(w_sequence* s) const {

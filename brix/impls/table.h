@@ -73,9 +73,7 @@ class table {
   w_sequence* get_wsubset_all() const;
   w_sequence* get_wsubset_first_n(unsigned long n) const;
   w_sequence* get_wsubset_random(unsigned long n) const;
-  w_sequence* get_wsubset_random_repeated(unsigned long n) const;
   w_sequence* get_wsubset_difference(w_sequence* s) const;
-  w_sequence* get_wsubset_balanced() const;
   void update_weights(w_sequence* s) const;
 
   // Direct access for the binary table reader.

@@ -46,15 +46,10 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     # ------------------------------------------------------------------ tables
 
     def _columns(self, X, fitting):
-        """(name, values, categorical) per column, checked."""
+        """(names, columns): one 1-D array or Series per column, checked."""
         if _is_frame(X):
             names = [str(c) for c in X.columns]
-            cols = [X[c] for c in X.columns]
-            import pandas as pd
-            numeric = pd.api.types.is_numeric_dtype
-            cats = [not numeric(c.dtype) or pd.api.types.is_bool_dtype(c.dtype) for c in cols]
-            values = [c.to_numpy(dtype=object) if cat else c.to_numpy(dtype=float, na_value=np.nan)
-                      for c, cat in zip(cols, cats)]
+            cols = [X.iloc[:, j] for j in range(X.shape[1])]
             if fitting:
                 self.feature_names_in_ = np.asarray(names, dtype=object)
         else:
@@ -75,63 +70,97 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                     raise ValueError(f"{e} (name categorical columns in categorical_features)")
             names = [f"x{i}" for i in range(X.shape[1])]
             cat = set(self.categorical_features or [])
-            cats = [i in cat for i in range(X.shape[1])]
-            values = [X[:, i] if cats[i] else X[:, i].astype(float) for i in range(X.shape[1])]
+            cols = [X[:, i] if i in cat or X.dtype.kind != "O" else _as_float(X[:, i], names[i])
+                    for i in range(X.shape[1])]
+            if fitting:
+                self._array_discrete = cat
         if fitting:
             self.n_features_in_ = len(names)
         elif len(names) != self.n_features_in_:
             raise ValueError(f"X has {len(names)} features, but {type(self).__name__} is "
                              f"expecting {self.n_features_in_} features as input")
-        if len(values) == 0:
+        if len(cols) == 0:
             raise ValueError(f"0 feature(s) (shape=({len(X)}, 0)) while a minimum of 1 is "
                              "required.")
-        return names, values, cats
+        return names, cols
+
+    def _kind_of(self, name, col, j):
+        """At fit: discrete, integer, float, or date (whole days) / date-fraction."""
+        import pandas as pd
+        dtype = col.dtype
+        if not _is_series(col) and j in getattr(self, "_array_discrete", ()):
+            return "discrete"
+        if pd.api.types.is_datetime64_any_dtype(dtype):
+            days = _days(col)
+            whole = bool(np.all(np.isnan(days) | (days == np.floor(days))))
+            warnings.warn(f"column '{name}' holds dates: read as days since 1970-01-01, a "
+                          f"continuous attribute ({'whole' if whole else 'fractional'} days)",
+                          UserWarning)
+            return "date" if whole else "date-fraction"
+        # Array columns are numbers unless named in categorical_features.
+        if _is_series(col) and (pd.api.types.is_bool_dtype(dtype) or
+                                not pd.api.types.is_numeric_dtype(dtype)):
+            return "discrete"
+        if not (pd.api.types.is_integer_dtype(dtype) and not pd.api.types.is_bool_dtype(dtype)):
+            return "float"
+        v = _numbers(col)
+        return "integer" if np.all(np.isnan(v) | (np.abs(v) <= 2**31 - 1)) else "float"
 
     def _table(self, X, y=None, sample_weight=None, fitting=False):
-        names, values, cats = self._columns(X, fitting)
-        n = len(values[0])
+        """The library's table; y: class codes into classes_."""
+        names, cols = self._columns(X, fitting)
+        n = len(cols[0])
         if n == 0:
             raise ValueError("Found array with 0 sample(s) while a minimum of 1 is required.")
         if fitting:
-            self._kinds = []
+            # By name: a frame's columns are matched to the tree's by name, in any order.
+            self._kinds = {name: self._kind_of(name, col, j)
+                           for j, (name, col) in enumerate(zip(names, cols))}
         b = _core.TableBuilder()
-        for j, (name, v, cat) in enumerate(zip(names, values, cats)):
-            if fitting:
-                kind = "discrete" if cat else (
-                    "integer" if np.all(np.isnan(v) | (np.abs(v) <= 2**31 - 1) & (v == np.round(v)))
-                    and _integer_dtype(X, j) else "float")
-                self._kinds.append(kind)
-            kind = self._kinds[j]
+        for name, col in zip(names, cols):
+            kind = self._kinds.get(name)
+            if kind is None:
+                raise ValueError(f"column '{name}' was not seen in fit")
             if kind == "discrete":
-                known = [not _missing(x) for x in v]
-                b.strings(name, "discrete", [_text(x) if k else "?" for x, k in zip(v, known)], known)
-            else:
-                v = np.asarray(v, dtype=float)
-                if np.any(np.isinf(v)):
-                    raise ValueError("Input X contains infinity or a value too large.")
-                if kind == "integer" and not fitting:
-                    # Thresholds of integer attributes are integers: x <= t exactly when
-                    # floor(x) <= t, so fractions and large values keep their side.
+                codes, texts = _codes(col, name)
+                b.codes(name, "discrete", codes, texts)
+                continue
+            v = _days(col) if kind.startswith("date") else _numbers(col, name)
+            if v.dtype.kind == "f" and np.any(np.isinf(v)):
+                raise ValueError(f"Input X contains infinity or a value too large (column "
+                                 f"'{name}').")
+            if kind in ("integer", "date") and not fitting:
+                # Thresholds of integer attributes are integers: x <= t exactly when
+                # floor(x) <= t, so fractions and large values keep their side.
+                if v.dtype.kind == "f":
                     v = np.clip(np.floor(v), 1 - 2.0**31, 2.0**31 - 1)
-                b.numbers(name, "continuous", kind, v)
+                elif len(v) and (v.min() < 1 - 2**31 or v.max() > 2**31 - 1):
+                    v = np.clip(v, 1 - 2**31, 2**31 - 1)
+            b.numbers(name, "continuous", {"integer": "integer", "date": "integer",
+                                           "date-fraction": _fraction_type()}.get(kind, "float"),
+                      v)
         if y is not None:
-            b.strings("__class__", "class", [self._label_text[c] for c in y], [True] * n)
+            b.codes("__class__", "class", y, [self._label_text[c] for c in self.classes_])
         if sample_weight is not None:
             w = np.asarray(sample_weight, dtype=float)
             if w.shape != (n,) or not np.all(np.isfinite(w)) or np.any(w < 0):
                 raise ValueError("sample_weight must be finite, non-negative and one per sample")
+            if not np.any(w > 0):
+                raise ValueError("sample_weight is 0 for every sample: no case would count")
             b.numbers("__weight__", "weights", "float", w)
         return b.build(y is not None)
 
     # ------------------------------------------------------------------ estimator
 
     def fit(self, X, y, sample_weight=None):
+        import pandas as pd
         if self.pruning not in ("error", "full", "none"):
             raise ValueError("pruning must be 'error', 'full' or 'none'")
         if y is None:
             raise ValueError(f"{type(self).__name__} requires y to be passed, but the target y "
                              "is None")
         X = _dense(X)
+        y_name = str(y.name) if getattr(y, "name", None) is not None else "y"
         y = np.asarray(y)
         if y.ndim == 2 and y.shape[1] == 1:
             warnings.warn("A column-vector y was passed when a 1d array was expected. Please "
@@ -140,15 +169,31 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             y = y.ravel()
         if y.ndim != 1:
             raise ValueError("y must be one-dimensional")
-        if y.dtype.kind == "f" and np.any(np.isnan(y)):
-            raise ValueError("Input y contains NaN.")
-        check_classification_targets(y)
+        unknown = int(np.sum(_unknown(y))) if y.dtype.kind in "fOMm" else 0
+        if unknown:
+            what = "Input y contains NaN" if y.dtype.kind == "f" else "Input y has unknown values"
+            raise ValueError(f"{what}: column '{y_name}' holds {unknown} unknown class "
+                             f"value{'s' if unknown > 1 else ''} (drop those rows)")
         if len(y) != (len(X) if _is_frame(X) else np.shape(X)[0]):
             raise ValueError("X and y have different numbers of samples")
-        self.classes_ = np.unique(y)
+        # Hashed, then only the distinct labels sorted: np.unique sorts every label.
+        codes, uniques = pd.factorize(y)
+        uniques = np.asarray(uniques, dtype=y.dtype)
+        try:
+            order = np.argsort(uniques, kind="stable")
+        except TypeError:
+            raise ValueError(f"class column '{y_name}' mixes values that do not compare "
+                             f"(such as numbers and texts): "
+                             f"{sorted({type(v).__name__ for v in uniques})}")
+        self.classes_ = uniques[order]
+        check_classification_targets(self.classes_)
+        rank = np.empty(len(order), dtype=np.int64)
+        rank[order] = np.arange(len(order))
+        codes = rank[codes]
         self._label_text = {c: _text(c) for c in self.classes_}
         if len(set(self._label_text.values())) != len(self.classes_):
-            raise ValueError("class labels must differ as text")
+            raise ValueError(f"class column '{y_name}' holds labels that differ but read as the "
+                             "same text (such as 1 and '1'); make them one type")
         total = (float(np.asarray(sample_weight, dtype=float).sum()) if sample_weight is not None
                  else float(len(y)))
         if total > 2.0**24:
@@ -157,7 +202,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
                           "counts in the tree are 32-bit sums and stop being exact from there",
                           RuntimeWarning)
-        table = self._table(X, y, sample_weight, fitting=True)
+        table = self._table(X, codes, sample_weight, fitting=True)
         self._model = _core.Model.train(table, float(self.confidence), float(self.min_cases),
                                         self.pruning, int(self.n_jobs))
         return self
@@ -175,6 +220,44 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     def predict(self, X):
         p = self.predict_proba(X)
         return self.classes_[np.argmax(p, axis=1)]
+
+    # ------------------------------------------------------------------ the tree's shape
+
+    def get_depth(self):
+        """Edges on the longest path from the root to a leaf: 0 for a tree of one leaf."""
+        check_is_fitted(self, "_model")
+        return int(self._model.depth) - 1
+
+    def get_n_leaves(self):
+        check_is_fitted(self, "_model")
+        return int(self._model.leaves)
+
+    @property
+    def tree_size_(self):
+        """Nodes in the tree, leaves included."""
+        check_is_fitted(self, "_model")
+        return int(self._model.size)
+
+    def _paths(self, X):
+        check_is_fitted(self, "_model")
+        return self._model.paths(self._table(_dense(X)))
+
+    def apply(self, X):
+        """Per sample, the number of the leaf it reaches; nodes are numbered in preorder from the
+        root (0), children in branch order, as decision_path's columns. A sample with an unknown
+        value at a split (or a value the tree never saw there) follows every branch with a share
+        of its weight, as predict_proba does: its leaf is then the one receiving the largest
+        share, the lowest numbered of equal shares."""
+        return self._paths(X)[2]
+
+    def decision_path(self, X):
+        """A sparse indicator matrix of shape (n_samples, tree_size_): (i, j) is 1 when sample i
+        reaches node j. A sample that follows every branch of a split marks every node it
+        reaches, so its row can hold several leaves."""
+        from scipy.sparse import csr_matrix
+        starts, nodes, _ = self._paths(X)
+        return csr_matrix((np.ones(len(nodes), dtype=np.int64), nodes, starts),
+                          shape=(len(starts) - 1, self.tree_size_))
 
     @property
     def feature_importances_(self):
@@ -212,19 +295,27 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     @classmethod
     def load(cls, path):
         """A classifier around a binary tree file (written by save, brixcmd -tb or brix train).
-        Its classes are the class texts; its features the tree's attributes, in their order."""
+        Its features are the tree's attributes, in their order. The file keeps class labels as
+        texts only: they come back as int64 when every one is the text of an integer (as str()
+        writes it: "3", "-1", not "03" or "+1"), else as float64 when every one is a float's
+        text ("0.5", "1e-05", not "nan" or "inf"), else as the texts. So integer and float
+        labels load as they were saved; texts that read as numbers load as numbers too."""
         import json
         model = _core.Model.load(os.fspath(path))
         desc = json.loads(model.export("json"))
         clf = cls()
         clf._model = model
-        clf.classes_ = np.asarray(desc["classes"], dtype=object)
-        clf._label_text = {c: c for c in clf.classes_}
+        texts = list(desc["classes"])
+        labels = _labels_from_texts(texts)
+        clf._label_text = dict(zip(labels, texts))
+        # Numbers in their own order, as fit's np.unique gives them; texts stay in the model's.
+        clf.classes_ = labels[np.argsort(labels, kind="stable")] if labels.dtype != object else \
+            labels
         clf.n_features_in_ = len(desc["attributes"])
         clf.feature_names_in_ = np.asarray([a["name"] for a in desc["attributes"]], dtype=object)
-        clf._kinds = ["discrete" if a["kind"] == "discrete" else
+        clf._kinds = {a["name"]: "discrete" if a["kind"] == "discrete" else
                       "integer" if a["type"] in ("integer", "uinteger") else "float"
-                      for a in desc["attributes"]]
+                      for a in desc["attributes"]}
         return clf
 
     def __getstate__(self):
@@ -245,6 +336,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                 with open(p, "wb") as f:
                     f.write(model)
                 state["_model"] = _core.Model.load(p)
+        kinds = state.get("_kinds")
+        if isinstance(kinds, list):
+            # Pickled by a version that kept kinds by column position.
+            names = state.get("feature_names_in_", [f"x{i}" for i in range(len(kinds))])
+            state["_kinds"] = dict(zip((str(n) for n in names), kinds))
         self.__dict__.update(state)
 
     def _more_tags(self):
@@ -262,23 +358,103 @@ def _dense(X):
     return np.asarray(X)
 
 
-def _integer_dtype(X, j):
-    if _is_frame(X):
-        import pandas as pd
-        return pd.api.types.is_integer_dtype(X.iloc[:, j].dtype)
-    return np.issubdtype(np.asarray(X).dtype, np.integer)
+def _is_series(c):
+    return hasattr(c, "dtype") and hasattr(c, "to_numpy") and hasattr(c, "index")
 
 
-def _missing(x):
-    if x is None:
-        return True
+def _unknown(v):
+    import pandas as pd
+    return np.asarray(pd.isna(v), dtype=bool)
+
+
+def _as_float(v, name):
     try:
-        import pandas as pd
-        if x is pd.NA:
-            return True
-    except ImportError:
+        return np.asarray(v, dtype=float)
+    except (TypeError, ValueError) as e:
+        raise ValueError(f"column '{name}' is continuous, but holds a value that is not a "
+                         f"number: {e}")
+
+
+def _numbers(col, name=""):
+    """Numbers as NumPy holds them (float64, float32, int64, int32: no copy); nullable and
+    other dtypes as float64 with NaN for unknown values."""
+    import pandas as pd
+    dtype = col.dtype
+    if isinstance(dtype, np.dtype) and dtype.kind in "iuf" and not (
+            dtype.kind == "u" and dtype.itemsize >= 4):
+        return col.to_numpy() if _is_series(col) else np.asarray(col)
+    if _is_series(col):
+        if pd.api.types.is_numeric_dtype(dtype) and not pd.api.types.is_bool_dtype(dtype):
+            return col.to_numpy(dtype=float, na_value=np.nan)
+        col = col.to_numpy(dtype=object)
+    return _as_float(np.where(_unknown(col), np.nan, col) if col.dtype == object else col, name)
+
+
+_FRACTION_TYPE = []
+
+
+def _fraction_type():
+    """Fractions of days need more digits than 32-bit floats hold (near 2020 they lie about 3
+    minutes apart): 64-bit where the library's continuous columns take them, else 32-bit."""
+    if not _FRACTION_TYPE:
+        b = _core.TableBuilder()
+        try:
+            b.numbers("t", "continuous", "double", np.zeros(1))
+            b.build(False)
+            _FRACTION_TYPE.append("double")
+        except ValueError:
+            _FRACTION_TYPE.append("float")
+    return _FRACTION_TYPE[0]
+
+
+def _days(col):
+    """Dates as float64 days since 1970-01-01 (NaN when unknown); time zones read as UTC."""
+    import pandas as pd
+    s = pd.Series(col) if not _is_series(col) else col
+    if getattr(s.dtype, "tz", None) is not None:
+        s = s.dt.tz_convert("UTC").dt.tz_localize(None)
+    if not pd.api.types.is_datetime64_any_dtype(s.dtype):
+        s = pd.to_datetime(s)
+    ns = s.to_numpy(dtype="datetime64[ns]").astype(np.int64)
+    days = ns / 86400e9
+    days[s.isna().to_numpy()] = np.nan
+    return days
+
+
+def _codes(col, name):
+    """(codes, texts): a categorical column's codes as they are, any other column factorised;
+    unknown values (None, NaN of any width, NaT, pd.NA) have code -1."""
+    import pandas as pd
+    if _is_series(col) and isinstance(col.dtype, pd.CategoricalDtype):
+        codes, values = col.cat.codes.to_numpy(), col.cat.categories
+    else:
+        codes, values = pd.factorize(col if _is_series(col) else np.asarray(col, dtype=object))
+    texts = [_text(v) for v in values]
+    if len(set(texts)) != len(texts):
+        seen = {}
+        for v, t in zip(values, texts):
+            if t in seen:
+                raise ValueError(f"column '{name}' holds {seen[t]!r} and {v!r}, different "
+                                 f"values that read as the same text '{t}'; make them one type")
+            seen[t] = v
+    return codes, texts
+
+
+def _labels_from_texts(texts):
+    """Class texts as numbers when each is exactly the text of one (see TreeClassifier.load)."""
+    try:
+        ints = [int(t) for t in texts]
+        if all(str(i) == t for i, t in zip(ints, texts)):
+            return np.asarray(ints, dtype=np.int64)
+    except ValueError:
         pass
-    return isinstance(x, float) and np.isnan(x)
+    try:
+        floats = [float(t) for t in texts]
+        if all(np.isfinite(f) and repr(f) in (t, t + ".0") for f, t in zip(floats, texts)):
+            return np.asarray(floats, dtype=np.float64)
+    except ValueError:
+        pass
+    return np.asarray(texts, dtype=object)
 
 
 def _text(x):

@@ -4,6 +4,8 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -34,27 +36,90 @@ brix::value_type type_of(std::string const& t) {
   throw py::value_error("unknown numeric type '" + t + "'");
 }
 
-// Columns are added one by one, then built into a table.
+template <class T>
+bool holds(py::array const& a) {
+  return py::isinstance<py::array_t<T>>(a);
+}
+
+// One-dimensional and contiguous, as the builder reads arrays; a copy only when it is not.
+py::array column_array(py::object values, std::string const& name) {
+  py::array a = py::array::ensure(values, py::array::c_style);
+  if (!a) throw py::value_error("column '" + name + "': not an array");
+  if (a.ndim() != 1) throw py::value_error("column '" + name + "': not one-dimensional");
+  return a;
+}
+
+// Columns are added one by one, then built into a table. The builder reads NumPy's buffers where
+// they lie and holds a reference to each until the table is built.
 class builder {
  public:
+  // float64, float32, int64 and int32 arrays are read as they are; other dtypes are converted to
+  // float64 once. known (None or a bool array): false marks an unknown value, as NaN does.
   void numbers(std::string const& name, std::string const& kind, std::string const& type,
-               py::array_t<double, py::array::c_style | py::array::forcecast> values) {
-    auto v = values.unchecked<1>();
-    std::vector<double> x(static_cast<std::size_t>(v.shape(0)));
-    for (py::ssize_t i = 0; i < v.shape(0); ++i)
-      x[static_cast<std::size_t>(i)] = v(i);
-    b_.add_numbers(name, kind_of(kind), type_of(type), x);
+               py::object values, py::object known) {
+    py::array a = column_array(values, name);
+    std::size_t n = static_cast<std::size_t>(a.shape(0));
+    bool const* mask = nullptr;
+    if (!known.is_none()) {
+      auto k = py::array_t<bool, py::array::c_style | py::array::forcecast>::ensure(known);
+      if (!k || k.ndim() != 1 || static_cast<std::size_t>(k.shape(0)) != n)
+        throw py::value_error("column '" + name + "': one known flag per value is needed");
+      mask = k.data();
+      keep_.push_back(k);
+    }
+    brix::column_kind kd = kind_of(kind);
+    brix::value_type ty = type_of(type);
+    if (holds<double>(a)) {
+      b_.add_numbers(name, kd, ty, static_cast<double const*>(a.data()), n, mask);
+    } else if (holds<float>(a)) {
+      b_.add_numbers(name, kd, ty, static_cast<float const*>(a.data()), n, mask);
+    } else if (holds<std::int64_t>(a)) {
+      b_.add_numbers(name, kd, ty, static_cast<std::int64_t const*>(a.data()), n, mask);
+    } else if (holds<std::int32_t>(a)) {
+      b_.add_numbers(name, kd, ty, static_cast<std::int32_t const*>(a.data()), n, mask);
+    } else {
+      a = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(a);
+      if (!a) throw py::value_error("column '" + name + "': not numbers");
+      b_.add_numbers(name, kd, ty, static_cast<double const*>(a.data()), n, mask);
+    }
+    keep_.push_back(a);
+  }
+  // Integer codes (negative: unknown) into the column's distinct texts, given once.
+  void codes(std::string const& name, std::string const& kind, py::object codes,
+             std::vector<std::string> categories) {
+    py::array a = column_array(codes, name);
+    std::size_t n = static_cast<std::size_t>(a.shape(0));
+    brix::column_kind kd = kind_of(kind);
+    if (holds<std::int8_t>(a)) {
+      b_.add_codes(name, kd, static_cast<std::int8_t const*>(a.data()), n, std::move(categories));
+    } else if (holds<std::int16_t>(a)) {
+      b_.add_codes(name, kd, static_cast<std::int16_t const*>(a.data()), n, std::move(categories));
+    } else if (holds<std::int32_t>(a)) {
+      b_.add_codes(name, kd, static_cast<std::int32_t const*>(a.data()), n, std::move(categories));
+    } else {
+      a = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>::ensure(a);
+      if (!a) throw py::value_error("column '" + name + "': codes are not integers");
+      b_.add_codes(name, kd, static_cast<std::int64_t const*>(a.data()), n, std::move(categories));
+    }
+    keep_.push_back(a);
   }
   void strings(std::string const& name, std::string const& kind,
                std::vector<std::string> const& values, std::vector<bool> const& known) {
     b_.add_strings(name, kind_of(kind), values, known);
   }
   std::shared_ptr<brix::table> build(bool require_class) {
-    return std::shared_ptr<brix::table>(b_.build(require_class).release());
+    std::unique_ptr<brix::table> t;
+    {
+      py::gil_scoped_release release;
+      t = b_.build(require_class);
+    }
+    keep_.clear();
+    return std::shared_ptr<brix::table>(t.release());
   }
 
  private:
   brix::table_builder b_{"python"};
+  std::vector<py::array> keep_;
 };
 
 }  // namespace
@@ -74,7 +139,9 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("n_rows", &brix::table::get_no_rows);
   py::class_<builder>(m, "TableBuilder")
       .def(py::init<>())
-      .def("numbers", &builder::numbers)
+      .def("numbers", &builder::numbers, py::arg("name"), py::arg("kind"), py::arg("type"),
+           py::arg("values"), py::arg("known") = py::none())
+      .def("codes", &builder::codes)
       .def("strings", &builder::strings)
       .def("build", &builder::build, py::arg("require_class") = true);
   py::class_<brix::tree_model, std::shared_ptr<brix::tree_model>>(m, "Model")
@@ -101,6 +168,23 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("classes", &brix::tree_model::classes)
       .def_property_readonly("attributes", &brix::tree_model::attributes)
       .def_property_readonly("size", &brix::tree_model::size)
+      .def_property_readonly("depth", &brix::tree_model::depth)
+      .def_property_readonly("leaves", &brix::tree_model::leaves)
+      // (starts, nodes, leaves) as arrays, for decision_path's CSR matrix and apply.
+      .def("paths",
+           [](brix::tree_model const& model, brix::table const& t) {
+             brix::tree_model::node_paths p;
+             {
+               py::gil_scoped_release release;
+               p = model.paths(t);
+             }
+             auto array = [](std::vector<unsigned long> const& v) {
+               py::array_t<std::int64_t> a(static_cast<py::ssize_t>(v.size()));
+               std::copy(v.begin(), v.end(), a.mutable_data());
+               return a;
+             };
+             return py::make_tuple(array(p.starts), array(p.nodes), array(p.leaves));
+           })
       .def("attribute_usage", &brix::tree_model::attribute_usage)
       .def("importance", &brix::tree_model::importance)
       .def("predict_proba",

@@ -71,6 +71,10 @@ TEST(TableBuilder, RefusesWhatNoTableCanHold) {
             }));
   EXPECT_EQ(head + "column 'x': a continuous column needs numbers",
             refusal([&](auto& b) { b.add_strings("x", cont, {"1"}); }));
+  EXPECT_EQ(head + "class column 'c': 2 unknown values; a row to learn from needs its class",
+            refusal([&](auto& b) {
+              b.add_strings("c", label, {"a", "b", "?"}, {true, false, true});
+            }));
   // Without a class column the table is one to classify.
   auto t = brix::table_builder("t")
                .add_numbers("x", cont, value_type::float32, {1, NAN}, {true, true})
@@ -107,6 +111,67 @@ TEST_F(CsvFiles, QuotesLineEndsMarkersAndInference) {
   EXPECT_EQ(report(*t), report(*brix::read_csv(file("q.csv.gz"))));
 }
 
+// What a column's values make of it: the reader infers nothing its loader then refuses.
+TEST_F(CsvFiles, InferenceAgreesWithTheLoader) {
+  struct {
+    std::string values;  // one per row
+    char const* type;    // "" when the column is unknown throughout
+    char const* kind;
+    unsigned long unknown;  // rows read as unknown
+  } const cases[] = {
+      {"2147483647,-2147483647,+5,007", "integer", "continuous", 0},
+      // -2^31 is outside the integer type's symmetric range.
+      {"-2147483648,1", "float", "continuous", 0},
+      {"2147483648,1", "float", "continuous", 0},
+      {"1.5,2", "float", "continuous", 0},
+      {"3.4e38,-1e-38,inf", "float", "continuous", 0},
+      // Beyond a float, within a double: continuous doubles, value for value.
+      {"1e39,1", "double", "continuous", 0},
+      {"1e-50,1", "double", "continuous", 0},
+      {"123456789012345678901234567890e10,1.5e-3", "double", "continuous", 0},
+      {"0.0000000000000000000000000000000000000000000000001,1", "double", "continuous", 0},
+      // Beyond a double: text.
+      {"1e309,1", "string", "discrete", 0},
+      {"1,x", "string", "discrete", 0},
+      // Every unknown marker, the longest ones included, and nothing longer.
+      {"1,,?,NA,N/A,NaN,null", "integer", "continuous", 6},
+      {"1,nulls", "string", "discrete", 0},
+      {"1,N/AA", "string", "discrete", 0},
+  };
+  for (auto const& c : cases) {
+    std::string text = "v,c\n";
+    std::stringstream values(c.values);
+    for (std::string v; std::getline(values, v, ',');)
+      text += v + ",k\n";
+    std::ofstream(file("i.csv"), std::ios::trunc) << text;
+    std::unique_ptr<brix::table> t;
+    try {
+      t = brix::read_csv(file("i.csv"));
+    } catch (std::exception const& e) {
+      ADD_FAILURE() << c.values << ": " << e.what();
+      continue;
+    }
+    brix::impls::column const* v = t->get_impl()->get_column(0);
+    EXPECT_EQ(c.type, v->get_o_set()->get_datatype()) << c.values;
+    EXPECT_EQ(c.kind, v->get_type()) << c.values;
+    unsigned long unknown = 0;
+    for (unsigned long r = 0; r < t->get_no_rows(); ++r)
+      unknown += v->get_row_index(r) == 0;
+    EXPECT_EQ(c.unknown, unknown) << c.values;
+  }
+}
+
+TEST_F(CsvFiles, CrOfCrLfNotKeptInLastField) {
+  // Unquoted and quoted last fields, and the file's last line without its line feed.
+  std::ofstream(file("r.csv")) << "a,c\r\n1,x\r\n2,\"y\"\r\n3,x\r";
+  auto t = brix::read_csv(file("r.csv"));
+  ASSERT_EQ(3u, t->get_no_rows());
+  EXPECT_EQ("x", t->get_class(0));
+  EXPECT_EQ("y", t->get_class(1));
+  EXPECT_EQ("x", t->get_class(2));
+  EXPECT_EQ("c", t->get_impl()->get_column(1)->get_name());
+}
+
 TEST_F(CsvFiles, ArffQuotesAndSparseRows) {
   std::ofstream(file("t.arff")) << "@RELATION r\n@attribute 'the x' numeric\n"
                                    "@attribute colour {red, 'dark blue'}\n@attribute n integer\n"
@@ -141,9 +206,42 @@ TEST_F(CsvFiles, MalformedFilesNameFileLineAndColumn) {
       {"e.arff", "@relation r\n@attribute c {a,b}\n@data\n", ": no data rows"},
       {"e.arff", "@attribute c {a,b}\n@data\n'a\n", ", line 3: quote not closed"},
       {"e.arff", "@attribute c {a,b}\n@data\n{9 a}\n", ", line 3: bad sparse entry '9 a'"},
+      // A value its declaration does not list, in an attribute and in the class.
+      {"e.arff", "@attribute d {x,y}\n@attribute c {a,b}\n@data\nx,a\nz,b\n",
+       ", line 5, column 'd': 'z' is not one of the values declared for it"},
+      {"e.arff", "@attribute d {x,y}\n@attribute c {a,b}\n@data\nx,a\ny,B\n",
+       ", line 5, column 'c': 'B' is not one of the values declared for it"},
+      {"e.arff", "@attribute c {a,b}\n@data\na\n?\n",
+       ", class column 'c': 1 unknown value; a row to learn from needs its class (remove those "
+       "rows or name another class column)"},
+      {"e.arff", "@attribute d {x,y}\n@attribute c {a,b}\n@data\n'x\xe9',a\n",
+       ", line 4, column 'd': bytes that are not UTF-8 (save the file as UTF-8, e.g. with iconv -f "
+       "LATIN1 -t UTF-8)"},
+      // Unknown classes, counted; CR-only line ends; text that is not UTF-8 (Latin-1, a lone
+      // continuation byte, an overlong form, a surrogate), named where it lies.
+      {"e.csv", "a,c\n1,x\n2,\n3,null\n",
+       ", class column 'c': 2 unknown values; a row to learn from needs its class (remove those "
+       "rows or name another class column)"},
+      {"e.csv", "a,c\r1,x\r2,y\r",
+       ": lines end in CR alone (old Mac text); save it with LF or CR LF line ends"},
+      {"e.csv", "a,c\n1,\xe9t\xe9\n", ", line 2, column 'c': bytes that are not UTF-8"},
+      {"e.csv", "a,c\n1,x\n2,\x80\n", ", line 3, column 'c': bytes that are not UTF-8"},
+      {"e.csv", "a,c\n1,\xc0\xaf\n", ", line 2, column 'c': bytes that are not UTF-8"},
+      {"e.csv", "a\xff,c\n1,x\n", ", line 1, column 1: bytes that are not UTF-8"},
+      {"e.csv", "a,c\n1,\xed\xa0\x80\n", ", line 2, column 'c': bytes that are not UTF-8"},
   };
-  for (auto const& c : cases)
-    EXPECT_EQ(refusal(c.name, c.text), "File " + file(c.name) + c.error);
+  for (auto const& c : cases) {
+    std::string got = refusal(c.name, c.text), want = "File " + file(c.name) + c.error;
+    // Messages ending in advice are compared up to it where the case stops short.
+    EXPECT_EQ(got.substr(0, want.size()), want) << c.text;
+    EXPECT_LE(got.size(), want.size() + 80) << c.text;
+  }
+  // The loader's refusal names the column, and a long value is cut.
+  std::string got = refusal("e.arff", "@attribute b integer\n@attribute c {x,y}\n@data\n2,x\nx" +
+                                          std::string(100000, '9') + ",y\n");
+  EXPECT_EQ(got.rfind("File " + file("e.arff") + ", line 5, column 'b': x999", 0), 0u) << got;
+  EXPECT_LE(got.size(), 200u);
+  EXPECT_EQ(got.substr(got.size() - 16), "...: _not an int");
   // A missing file and a missing class column: test_brix_command.sh.
 }
 

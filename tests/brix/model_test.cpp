@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <numeric>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "brix/brix.h"
+#include "brix/data.h"
 #include "brix/model.h"
 #include "brix/tree_writer.h"
 #include "tests/brix/table_files.h"
@@ -48,6 +50,60 @@ TEST(TreeModel, GolfUsageImportanceAndProbabilities) {
   ASSERT_EQ(28u, all.size());
   for (std::size_t r = 0; r < 14; ++r)
     EXPECT_NEAR(1.0, all[2 * r] + all[2 * r + 1], 1e-6);
+}
+
+// Usage is a share of weight, not of rows: y is tested under x=2 only, on 4 of 8 rows that
+// carry 12 of the 16 units of weight.
+TEST(TreeModel, UsageCountsWeight) {
+  using brix::column_kind;
+  using brix::value_type;
+  auto t =
+      brix::table_builder("w")
+          .add_numbers("x", column_kind::continuous, value_type::integer, {1, 1, 1, 1, 2, 2, 2, 2})
+          .add_numbers("y", column_kind::continuous, value_type::integer, {1, 2, 1, 2, 1, 1, 2, 2})
+          .add_numbers("w", column_kind::weights, value_type::float32, {1, 1, 1, 1, 3, 3, 3, 3})
+          .add_strings("c", column_kind::class_label, {"a", "a", "a", "a", "b", "b", "c", "c"})
+          .build();
+  brix::tree_options o;
+  o.prune = brix::pruning::none;
+  auto m = brix::tree_model::train(*t, o);
+  std::vector<double> usage = m->attribute_usage();
+  ASSERT_EQ(2u, usage.size());
+  EXPECT_DOUBLE_EQ(1.0, usage[0]);
+  EXPECT_DOUBLE_EQ(0.75, usage[1]);
+}
+
+// Every exported figure keeps the digits that tell it from its neighbours (a threshold of
+// 8 significant digits, case weights of 7), and a test x <= v is lessOrEqual in PMML.
+TEST(TreeModel, ExportsKeepDigitsAndOperators) {
+  using brix::column_kind;
+  using brix::value_type;
+  auto t = brix::table_builder("d")
+               .add_numbers("x", column_kind::continuous, value_type::float32,
+                            {1.2345671, 1.2345671, 1.2345671, 2.7654329, 2.7654329, 2.7654329})
+               .add_numbers("w", column_kind::weights, value_type::float32,
+                            {1234567, 1234567, 1234567, 1234567, 1234567, 1234567})
+               .add_strings("c", column_kind::class_label, {"a", "a", "a", "b", "b", "b"})
+               .build();
+  brix::tree_options o;
+  o.prune = brix::pruning::none;
+  auto m = brix::tree_model::train(*t, o);
+  std::ostringstream pmml, json, dot;
+  m->write_pmml(pmml);
+  m->write_json(json);
+  m->write_dot(dot);
+  for (std::string const& out : {pmml.str(), json.str(), dot.str()}) {
+    // The shortest text that reads back to the float, or its exact decimals: either way past 6
+    // digits.
+    EXPECT_TRUE(std::regex_search(out, std::regex("1\\.234567"))) << out;
+    EXPECT_FALSE(std::regex_search(out, std::regex("1\\.23457([^0-9]|$)"))) << out;
+  }
+  EXPECT_NE(std::string::npos, pmml.str().find("recordCount=\"3703701\""));
+  EXPECT_TRUE(std::regex_search(
+      pmml.str(), std::regex("field=\"x\" operator=\"lessOrEqual\" value=\"1\\.234567")));
+  EXPECT_TRUE(std::regex_search(
+      pmml.str(), std::regex("field=\"x\" operator=\"greaterThan\" value=\"1\\.234567")));
+  EXPECT_NE(std::string::npos, json.str().find("3703701"));
 }
 
 TEST(TreeModel, RowsGiveTheFacadeTree) {

@@ -10,7 +10,9 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -281,6 +283,71 @@ TEST_F(PredictTableCases, SharesOfUnknownValuesSumToOne) {
     for (double v : one)
       sum += v;
     ASSERT_NEAR(1.0, sum, 1e-6) << "row " << r;
+  }
+}
+
+// The nodes a row reaches are those its probabilities come from: on a tree whose every leaf holds
+// one class of its own, a row's reached leaves are exactly the classes of non-zero probability, and
+// its leaf of the largest share that of the most probable class. Rows with unknown values, and a
+// table typed and ordered apart from the training one: integers where the tree has floats (around
+// a negative threshold, where an integer reading of it would cut elsewhere), texts first seen in
+// another order, a value the tree never saw.
+TEST_F(PredictTableCases, PathsReachTheLeavesProbabilitiesComeFrom) {
+  // Class per cell of c and the side of x; cells weigh 1 to 6 copies, so no two shares tie.
+  std::string train = "c,x,y\n";
+  std::vector<std::string> kinds{"p", "q", "r"}, labels;
+  for (std::size_t i = 0; i < kinds.size(); ++i)
+    for (int high = 0; high < 2; ++high)
+      for (std::size_t copy = 0; copy <= 2 * i + high; ++copy)
+        for (std::string x : high ? std::vector<std::string>{"-1.5", "0.5", "1.5"}
+                                  : std::vector<std::string>{"-4.5", "-3.5", "-2.5"}) {
+          labels.push_back(kinds[i] + (high ? "_high" : "_low"));
+          train += kinds[i] + "," + x + "," + labels.back() + "\n";
+        }
+  brix::read_options o;
+  o.class_column = "y";
+  o.types["x"] = brix::value_type::float32;
+  o.kinds["x"] = brix::column_kind::continuous;
+  auto training = brix::read_csv(write("train.csv", train), o);
+  auto m = brix::tree_model::train(*training);
+  std::vector<std::string> classes = m->classes();
+  ASSERT_EQ(6u, classes.size());
+  ASSERT_EQ(6u, m->leaves());
+
+  // Each leaf's class, from the training rows it receives.
+  std::map<unsigned long, std::size_t> class_of;
+  brix::tree_model::node_paths own = m->paths(*training);
+  for (std::size_t r = 0; r < labels.size(); ++r) {
+    ASSERT_EQ(own.starts[r] + 3, own.starts[r + 1]) << "row " << r;  // root, split, leaf
+    std::size_t c = std::find(classes.begin(), classes.end(), labels[r]) - classes.begin();
+    ASSERT_TRUE(class_of.emplace(own.leaves[r], c).first->second == c) << "row " << r;
+  }
+  ASSERT_EQ(6u, class_of.size());
+
+  o.types["x"] = brix::value_type::integer;
+  std::string rows = "y,x,c\n";
+  for (std::string c : {"r", "?", "q", "s", "p"})
+    for (std::string x : {"-2", "?", "-3", "7", "-40"})
+      rows += "r_low," + x + "," + c + "\n";
+  auto other = brix::read_csv(write("rows.csv", rows), o);
+  for (brix::table const* t : {training.get(), other.get()}) {
+    brix::tree_model::node_paths got = m->paths(*t);
+    std::vector<double> p = m->predict_proba(*t);
+    ASSERT_EQ(t->get_no_rows() + 1, got.starts.size());
+    for (unsigned long r = 0; r < t->get_no_rows(); ++r) {
+      auto first = got.nodes.begin() + got.starts[r], last = got.nodes.begin() + got.starts[r + 1];
+      ASSERT_TRUE(first != last && *first == 0 && std::is_sorted(first, last)) << "row " << r;
+      std::set<std::size_t> reached, weighted;
+      for (auto n = first; n != last; ++n)
+        if (class_of.count(*n)) reached.insert(class_of[*n]);
+      for (std::size_t c = 0; c < classes.size(); ++c)
+        if (p[r * classes.size() + c] > 0.0) weighted.insert(c);
+      EXPECT_EQ(weighted, reached) << "row " << r;
+      auto row = p.begin() + r * classes.size();
+      EXPECT_EQ(std::size_t(std::max_element(row, row + classes.size()) - row),
+                class_of[got.leaves[r]])
+          << "row " << r;
+    }
   }
 }
 

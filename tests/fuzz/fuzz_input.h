@@ -8,6 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -16,6 +18,7 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "brix/model.h"
 #include "zel/inpout/iomem.h"
 #include "zel/inpout/stream.h"
 
@@ -72,6 +75,38 @@ inline void grow_and_predict(std::string const& names, std::uint8_t const* data,
   } catch (std::runtime_error const&) {
   }
 }
+
+// Trains a tree on a loaded table (default options and no pruning) and classifies its rows.
+inline void train_and_predict(brix::table& t) {
+  if (t.get_impl()->get_class() == nullptr || t.get_no_rows() > 5000) return;
+  try {
+    for (brix::pruning p : {brix::pruning::error, brix::pruning::none}) {
+      brix::tree_options o;
+      o.prune = p;
+      auto m = brix::tree_model::train(t, o);
+      m->predict_proba(t);
+      std::ostringstream out;
+      m->write_text(out);
+      m->write_json(out);
+    }
+  } catch (std::runtime_error const&) {
+  }
+}
+
+// A directory of its own for the run, removed at the end.
+class scratch_dir {
+ public:
+  scratch_dir() {
+    char name[] = "/tmp/brix-fuzz-XXXXXX";
+    if (::mkdtemp(name) == nullptr) throw std::logic_error("mkdtemp failed");
+    path_ = name;
+  }
+  ~scratch_dir() { std::filesystem::remove_all(path_); }
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
 
 }  // namespace fuzz
 

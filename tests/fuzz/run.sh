@@ -9,7 +9,7 @@ seconds=$2
 shift 2
 here=$(cd "$(dirname "$0")" && pwd)
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(metadata data test_rows binary_table binary_tree separators)
+[ ${#targets[@]} -gt 0 ] || targets=(metadata data test_rows binary_table binary_tree separators csv arff model import)
 mkdir -p "$build/artifacts"
 failed=0
 for t in "${targets[@]}"; do

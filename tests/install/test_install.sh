@@ -21,7 +21,8 @@ check_run() {  # program label
 cmake --install "$BUILD" --prefix "$WORK/prefix" >"$WORK/install.log" 2>&1 ||
   { cat "$WORK/install.log"; fail "cmake --install"; exit 1; }
 for f in bin/brixcmd include/brix/brix.h lib/libbrix.a lib/cmake/brix/brixConfig.cmake \
-  lib/pkgconfig/brix.pc share/man/man1/brixcmd.1 share/man/man1/brix.1 bin/brix; do
+  lib/pkgconfig/brix.pc share/man/man1/brixcmd.1 share/man/man1/brix.1 bin/brix \
+  include/brix/version.h share/doc/brix/json-model.md; do
   [ -e "$WORK/prefix/$f" ] || fail "not installed: $f"
 done
 

@@ -11,6 +11,11 @@ int main(int argc, char** argv) {
     std::cerr << "usage: consumer STEM" << std::endl;
     return 2;
   }
+  // The headers' version macro is the library's version.
+  if (brix::get_version() != BRIX_VERSION) {
+    std::cerr << "headers " << BRIX_VERSION << ", library " << brix::get_version() << std::endl;
+    return 1;
+  }
   std::string stem = argv[1];
   brix::table t("consumer");
   t.load_meta_data(brix::datasource("FILE#" + stem + ".names#,"));

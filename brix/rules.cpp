@@ -31,6 +31,12 @@ using impls::o_set;
   throw std::invalid_argument("[brix::rule_model] " + what);
 }
 
+// Whether rule a decides over rule b where both fire: the more confident, of equally confident
+// ones the one of the first class (so the class decided is the first of the largest share).
+bool decides_over(rule const& a, rule const& b) {
+  return a.confidence > b.confidence || (a.confidence == b.confidence && a.cls < b.cls);
+}
+
 // A condition bound to a table: satisfied by a known order in [lo, hi].
 struct order_range {
   unsigned long att = 0;
@@ -412,7 +418,7 @@ void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases cons
       fires[i].push_back(static_cast<std::uint32_t>(k));
   for (auto& f : fires)
     std::stable_sort(f.begin(), f.end(), [&](std::uint32_t a, std::uint32_t b) {
-      return rules_[a].confidence > rules_[b].confidence;
+      return decides_over(rules_[a], rules_[b]);
     });
   std::vector<bool> gone(n_rules, false);
   auto decider = [&](std::size_t i, std::size_t skip) {
@@ -818,8 +824,7 @@ void rule_model::classify(table const& t, std::vector<unsigned long>& cls,
   scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
     std::size_t best = rules_.size();
     for (std::size_t k = 0; k < rules_.size(); ++k)
-      if (fires[k] && (best == rules_.size() || rules_[k].confidence > rules_[best].confidence))
-        best = k;
+      if (fires[k] && (best == rules_.size() || decides_over(rules_[k], rules_[best]))) best = k;
     if (best == rules_.size()) return;
     cls[r] = rules_[best].cls;
 

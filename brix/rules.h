@@ -14,11 +14,11 @@
 // tests of one path on one attribute merged into the tightest interval). A case whose value of an
 // attribute is unknown satisfies no condition on that attribute: a rule testing it does not fire.
 //
-// Prediction: among the rules that fire, the one of highest Laplace confidence decides; equal
-// confidences go to the rule listed first. Probabilities: each class's best confidence among its
-// firing rules, divided by their sum; a case no rule covers gets the default distribution (the
-// uncovered training cases' class weights, Laplace-smoothed), whose largest share is the default
-// class.
+// Prediction: among the rules that fire, the one of highest Laplace confidence decides; of equal
+// confidences, the first class's rule (the first listed within a class). Probabilities: each
+// class's best confidence among its firing rules, divided by their sum; a case no rule covers gets
+// the default distribution (the uncovered training cases' class weights, Laplace-smoothed). The
+// class predicted is thus always the first of the largest probability.
 #ifndef BRIX_RULES_H
 #define BRIX_RULES_H
 

@@ -696,9 +696,6 @@ int predict(settings const& s) {
   }
   progress.begin("predict");
   std::vector<double> all = rules ? rules->predict_proba(*t) : m->predict_proba(*t);
-  // A ruleset names its class by its deciding rule, which ties among equal shares settle.
-  std::vector<unsigned long> decided;
-  if (rules) rules->classify(*t, decided);
   progress.begin("write");
   std::vector<std::string> classes = rules ? rules->classes() : m->classes();
   brix::impls::column const* id = nullptr;
@@ -723,8 +720,7 @@ int predict(settings const& s) {
       auto p = all.begin() + static_cast<long>(r * k);
       // The first class of the largest share wins, as in prediction.
       std::size_t best =
-          rules ? decided[r]
-                : static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
+          static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
       if (id) out << csv_field(id->get_value(r)) << ",";
       out << shown[best];
       if (s.proba)

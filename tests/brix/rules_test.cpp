@@ -158,7 +158,7 @@ TEST_F(RuleFiles, HighestConfidenceAmongFiringRulesDecides) {
   EXPECT_EQ(1u, cls[1]);
   EXPECT_DOUBLE_EQ(0.4, p[3]);
   EXPECT_DOUBLE_EQ(0.6, p[4]);
-  // x = 5.6: also q at 0.6, tied with p: p is listed first, n still decides.
+  // x = 5.6: also q at 0.6, tied with p; n still decides.
   EXPECT_EQ(1u, cls[2]);
   EXPECT_DOUBLE_EQ(0.6 / 2.1, p[8]);
   // Unknown x: no rule fires, the default and its distribution.
@@ -166,13 +166,18 @@ TEST_F(RuleFiles, HighestConfidenceAmongFiringRulesDecides) {
   EXPECT_EQ(3u, by[3]);
   EXPECT_DOUBLE_EQ(0.6, p[11]);
 
-  // Equal confidences: the rule listed first.
+  // Equal confidences: the first class's rule, whatever the order of the rules.
   std::string tied = kHandMade;
+  std::string p_rule = "rule\t0\t8\t2\t0.6\t1\t1\t0\t<=\t6\n";
+  tied.erase(tied.find(p_rule), p_rule.size());
   tied.replace(tied.find("0.9"), 3, "0.6");
+  tied.insert(tied.find("end\n"), p_rule);  // listed after n's rule
   m = brix::rule_model::load(write("tied.rules", tied));
   m->classify(*t, cls, &by);
   EXPECT_EQ(0u, cls[1]);
-  EXPECT_EQ(0u, by[1]);
+  EXPECT_EQ(2u, by[1]);
+  p = m->predict_proba(*t);
+  EXPECT_EQ(p[3], p[4]);
 }
 
 TEST_F(RuleFiles, RoundTripAndRefusals) {

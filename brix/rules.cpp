@@ -1107,7 +1107,9 @@ void rule_model::write_json(std::ostream& out) const {
   out << "],\"attributes\":[";
   for (std::size_t a = 0; a < attributes_.size(); ++a)
     out << (a ? "," : "") << "{\"name\":" << json_string(attributes_[a].name)
-        << ",\"continuous\":" << (attributes_[a].continuous ? "true" : "false") << "}";
+        << ",\"continuous\":" << (attributes_[a].continuous ? "true" : "false") << ",\"kind\":\""
+        << (attributes_[a].continuous ? "continuous" : "discrete")
+        << "\",\"type\":" << json_string(attributes_[a].datatype) << "}";
   out << "],\"leaves\":" << leaves_ << ",\"class_order\":[";
   for (std::size_t c = 0; c < class_order_.size(); ++c)
     out << (c ? "," : "") << json_string(classes_[class_order_[c]]);

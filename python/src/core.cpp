@@ -14,6 +14,7 @@
 
 #include "brix/data.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 
 namespace py = pybind11;
@@ -211,4 +212,56 @@ PYBIND11_MODULE(_core, m) {
             return o.str();
           },
           py::arg("format"), py::arg("max_depth") = -1);
+  // A ruleset read off the tree the same options grow.
+  py::class_<brix::rule_model, std::shared_ptr<brix::rule_model>>(m, "RuleModel")
+      .def_static(
+          "train",
+          [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
+             int threads) {
+            brix::tree_options o;
+            o.confidence = confidence;
+            o.min_cases = min_cases;
+            o.prune = pruning == "full"   ? brix::pruning::full
+                      : pruning == "none" ? brix::pruning::none
+                                          : brix::pruning::error;
+            o.threads = threads;
+            py::gil_scoped_release release;
+            return std::shared_ptr<brix::rule_model>(brix::rule_model::train(t, o).release());
+          })
+      .def_static(
+          "load",
+          [](std::string const& path) {
+            return std::shared_ptr<brix::rule_model>(brix::rule_model::load(path).release());
+          })
+      .def_static("is_rules_file", &brix::rule_model::is_rules_file)
+      .def("save", &brix::rule_model::save)
+      .def_property_readonly("classes", &brix::rule_model::classes)
+      .def_property_readonly("size", &brix::rule_model::size)
+      .def_property_readonly("leaves", &brix::rule_model::leaves)
+      .def("predict_proba",
+           [](brix::rule_model const& model, brix::table const& t) {
+             std::vector<double> p;
+             {
+               py::gil_scoped_release release;
+               p = model.predict_proba(t);
+             }
+             std::size_t k = model.classes().size();
+             py::array_t<double> out(
+                 {static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
+             std::copy(p.begin(), p.end(), out.mutable_data());
+             return out;
+           })
+      .def("export", [](brix::rule_model const& model, std::string const& format) {
+        std::ostringstream o;
+        if (format == "text")
+          model.write_text(o);
+        else if (format == "json")
+          model.write_json(o);
+        else if (format == "pmml")
+          model.write_pmml(o);
+        else
+          throw std::invalid_argument("a ruleset exports as text, json or pmml, not '" + format +
+                                      "'");
+        return o.str();
+      });
 }

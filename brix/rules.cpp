@@ -257,6 +257,9 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
                                                                                   cs.cls[i] != cls};
   }
   std::vector<double> nj(free), ej(free);
+  // A leaf that covers no case (an empty branch, or rows other than the tree's) has no evidence
+  // to generalise from: its rule goes.
+  if (n <= 0) return general{};
   // The last condition stays: a rule without any would stand for the default class.
   for (std::size_t drops = 0; (active & (active - 1)) != 0 || (free < m && active != 0); ++drops) {
     std::fill(nj.begin(), nj.end(), 0.0);

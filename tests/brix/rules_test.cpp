@@ -36,7 +36,8 @@ std::string json(brix::rule_model const& m) {
 }
 
 // Golf with the given humidity per row ("?" unknown), read into a table like the example file.
-std::unique_ptr<brix::table> golf_with(std::vector<std::string> const& humidity) {
+std::unique_ptr<brix::table> golf_with(std::vector<std::string> const& humidity,
+                                       std::vector<double> const& weights = {}) {
   std::vector<std::string> outlook{"sunny", "sunny",    "overcast", "rainy", "rainy",
                                    "rainy", "overcast", "sunny",    "sunny", "rainy",
                                    "sunny", "overcast", "overcast", "rainy"},
@@ -52,8 +53,9 @@ std::unique_ptr<brix::table> golf_with(std::vector<std::string> const& humidity)
   }
   using k = brix::column_kind;
   using v = brix::value_type;
-  return brix::table_builder("golf")
-      .add_strings("outlook", k::discrete, outlook)
+  brix::table_builder b("golf");
+  if (!weights.empty()) b.add_numbers("w", k::weights, v::float32, weights);
+  return b.add_strings("outlook", k::discrete, outlook)
       .add_numbers("temperature", k::continuous, v::integer, temp)
       .add_numbers("humidity", k::continuous, v::integer, hum, known)
       .add_strings("windy", k::discrete, windy)
@@ -128,6 +130,28 @@ TEST(Rules, AnUnknownValueSatisfiesNoCondition) {
   EXPECT_GT(proba[m->default_class()], 0.5);
   EXPECT_NEAR(1.0, proba[0] + proba[1], 1e-12);
   EXPECT_EQ("no", m->predict(*t)[0]);
+}
+
+TEST(Rules, WeightsCountAsCases) {
+  auto t = golf_with(kHumidity);
+  auto tree = brix::tree_model::train(*t);
+  // The same tree's rules generalised on every day counted twice: sunny & humidity <= 75 covers
+  // 4 with no error, U(4,0) = 1.172/4 = 0.293, while humidity <= 75 alone covers 10 with 2
+  // errors, U(10,2) = 3.548/10 = 0.355: more evidence, and sunny now stays.
+  auto twice = golf_with(kHumidity, std::vector<double>(14, 2.0));
+  std::vector<rule> g = brix::rule_model::generalised(*tree, *twice);
+  ASSERT_EQ(5u, g.size());
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  EXPECT_EQ("outlook = sunny & humidity <= 75 & -> yes", shown(*m, g[3]));
+  EXPECT_DOUBLE_EQ(4, g[3].cases);
+  // On the sunny days only: the leaves of other outlooks cover nothing and go, and sunny, true of
+  // every case, goes from the others.
+  std::vector<unsigned long> rows{0, 1, 7, 8, 10};
+  g = brix::rule_model::generalised(*tree, *t, &rows);
+  ASSERT_EQ(2u, g.size());
+  EXPECT_EQ("humidity <= 75 & -> yes", shown(*m, g[0]));
+  EXPECT_EQ("humidity > 75 & -> no", shown(*m, g[1]));
+  EXPECT_DOUBLE_EQ(3, g[1].cases);
 }
 
 class RuleFiles : public ::testing::Test, public table_files {};

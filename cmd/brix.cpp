@@ -30,6 +30,7 @@
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 #include "cmd/brix_import.h"
 #include "zel/inpout/stream.h"
@@ -55,7 +56,7 @@ struct settings {
   double test_fraction = 0.0;
   std::uint64_t seed = 1;
   unsigned folds = 10;
-  bool stratified = false, proba = false, quiet = false, verbose = false;
+  bool stratified = false, proba = false, quiet = false, verbose = false, rules = false;
   long max_depth = -1;
   brix::tree_options tree;
 };
@@ -224,6 +225,7 @@ std::vector<option> const& options() {
        }},
       {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
       {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
+      {"--rules", false, [](settings& s, std::string const&) { s.rules = true; }},
       {"--quiet", false, [](settings& s, std::string const&) { s.quiet = true; }},
       {"-v", false, [](settings& s, std::string const&) { s.verbose = true; }},
   };
@@ -337,8 +339,16 @@ void refuse_overrides(std::string const& stem, settings const& s) {
 
 // DATA: a CSV/TSV file, or a stem whose .names and .data (or .data.gz) are read.
 std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bool need_class,
-                                  brix::tree_model const* model = nullptr) {
+                                  brix::tree_model const* model = nullptr,
+                                  brix::rule_model const* rules = nullptr) {
   brix::read_options o;
+  // A ruleset's continuous attributes are read as numbers too, as a tree's are below.
+  if (rules != nullptr)
+    for (auto const& a : rules->attributes())
+      if (a.continuous)
+        o.numeric_if_present[a.name] = a.datatype == "integer"    ? brix::value_type::integer
+                                       : a.datatype == "uinteger" ? brix::value_type::uinteger
+                                                                  : brix::value_type::float32;
   if (model != nullptr) {
     brix::impls::table const& meta = *model->facade().get_impl()->get_metadata();
     for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
@@ -499,6 +509,11 @@ bool ensemble_asked(settings const& s) {
   return s.trials > 1 || !s.costs.empty();
 }
 
+void refuse_rules_with_trials(settings const& s) {
+  if (s.rules && ensemble_asked(s))
+    throw usage_error("--rules reads one tree: not with --trials or --costs");
+}
+
 brix::ensemble_options ensemble_options_of(settings const& s) {
   brix::ensemble_options o;
   o.tree = s.tree;
@@ -602,6 +617,7 @@ int train_ensemble(settings const& s) {
   m->write_text(out);
   return 0;
 }
+int train_rules(settings const& s);
 
 int train(settings const& s) {
   if (s.args.size() != 1) throw usage_error("train takes one DATA argument");
@@ -610,6 +626,8 @@ int train(settings const& s) {
   std::vector<std::string> read = inputs(s.args[0], s.test);
   if (!s.costs.empty()) read.push_back(s.costs);
   refuse_same(s.model, read);
+  refuse_rules_with_trials(s);
+  if (s.rules) return train_rules(s);
   if (ensemble_asked(s)) return train_ensemble(s);
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
@@ -697,6 +715,83 @@ int train(settings const& s) {
   return 0;
 }
 
+// A test file as a table: a CSV/TSV/ARFF file on its own, a stem's test file with the stem's
+// .names.
+std::unique_ptr<brix::table> load_test(std::string const& data, settings const& s,
+                                       brix::tree_model const& tree) {
+  if (is_table_file(s.test)) return load(s.test, s, true, &tree);
+  progress.begin("load " + s.test);
+  std::string sep(1, s.separator != 0 ? s.separator : ',');
+  auto t = std::make_unique<brix::table>(s.test);
+  t->load_meta_data(brix::datasource("FILE#" + data + ".names#" + sep));
+  t->load_data(brix::datasource("FILE#" + s.test + "#" + sep), "?");
+  return t;
+}
+
+// train --rules: the tree as train grows it, read off as a ruleset; the report gives the rules'
+// errors and the ruleset instead of the tree.
+int train_rules(settings const& s) {
+  auto t = load(s.args[0], s, true);
+  warn_past_exact(*t, s);
+  brix::tree_options opts = s.tree;
+  opts.stage = [](char const* what) { progress.begin(what); };
+  std::vector<unsigned long> fit, held;
+  if (s.test_fraction > 0) {
+    brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
+    fit = h.train;
+    held = h.test;
+  }
+  auto tree = brix::tree_model::train(*t, opts, fit.empty() ? nullptr : &fit);
+  progress.begin("rules");
+  auto m = brix::rule_model::from_tree(*tree, *t, fit.empty() ? nullptr : &fit);
+  progress.begin("evaluate");
+  double training = m->error(*t, fit.empty() ? nullptr : &fit), test = -1, holdout = -1;
+  unsigned long test_rows = 0;
+  if (!s.test.empty()) {
+    auto tt = load_test(s.args[0], s, *tree);
+    progress.begin("test");
+    test = m->error(*tt);
+    test_rows = tt->get_no_rows();
+  }
+  if (!held.empty()) holdout = m->error(*t, &held);
+  if (!s.model.empty()) {
+    progress.begin("write model");
+    m->save(s.model);
+  }
+  progress.end();
+  std::ostream& out = std::cout;
+  unsigned long n_fit = fit.empty() ? t->get_no_rows() : fit.size();
+  if (s.report == "json") {
+    auto part = [&](char const* name, double e, unsigned long n) {
+      out << ",\"" << name << "\":{\"rows\":" << n << ",\"error_percent\":" << json_number(e * 100)
+          << "}";
+    };
+    out << "{\"rules\":" << m->size() << ",\"tree_leaves\":" << m->leaves();
+    part("training", training, n_fit);
+    if (test >= 0) part("test", test, test_rows);
+    if (holdout >= 0) part("holdout", holdout, held.size());
+    out << ",\"ruleset\":";
+    m->write_json(out);
+    out << "}" << std::endl;
+    return 0;
+  }
+  out << brix::get_copyright() << std::endl
+      << std::endl
+      << "RULES: " << m->size() << " (from a tree of " << m->leaves() << " leaves)" << std::endl
+      << std::endl;
+  out << "MISCLASSIFICATION on training: " << training * 100 << "% of " << n_fit << " rows."
+      << std::endl;
+  if (test >= 0)
+    out << "MISCLASSIFICATION on test file: " << test * 100 << "% of " << test_rows << " rows."
+        << std::endl;
+  if (holdout >= 0)
+    out << "MISCLASSIFICATION on holdout test: " << holdout * 100 << "% of " << held.size()
+        << " rows." << std::endl;
+  out << std::endl;
+  m->write_text(out);
+  return 0;
+}
+
 int predict(settings const& s) {
   if (s.args.size() != 2) throw usage_error("predict takes MODEL and DATA");
   std::vector<std::string> read = inputs(s.args[1]);
@@ -709,11 +804,14 @@ int predict(settings const& s) {
   progress.begin("load model");
   std::unique_ptr<brix::tree_model> m;
   std::unique_ptr<brix::ensemble> e;
+  std::unique_ptr<brix::rule_model> rules;
   if (brix::ensemble::is_file(s.args[0]))
     e = brix::ensemble::load(s.args[0]);
+  else if (brix::rule_model::is_rules_file(s.args[0]))
+    rules = brix::rule_model::load(s.args[0]);
   else
     m = brix::tree_model::load(s.args[0]);
-  auto t = load(s.args[1], s, false, m.get());
+  auto t = load(s.args[1], s, false, m.get(), rules.get());
   // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
   if (!s.id.empty() && !s.kinds.count(s.id)) {
     brix::impls::table const& i = *t->get_impl();
@@ -722,14 +820,16 @@ int predict(settings const& s) {
         settings again = s;
         again.kinds[s.id] = brix::column_kind::discrete;
         again.quiet = true;  // the warnings were given
-        t = load(s.args[1], again, false, m.get());
+        t = load(s.args[1], again, false, m.get(), rules.get());
         break;
       }
   }
   progress.begin("predict");
-  std::vector<double> all = e ? e->predict_proba(*t) : m->predict_proba(*t);
+  std::vector<double> all = e       ? e->predict_proba(*t)
+                            : rules ? rules->predict_proba(*t)
+                                    : m->predict_proba(*t);
   progress.begin("write");
-  std::vector<std::string> classes = e ? e->classes() : m->classes();
+  std::vector<std::string> classes = e ? e->classes() : rules ? rules->classes() : m->classes();
   brix::impls::column const* id = nullptr;
   if (!s.id.empty()) {
     brix::impls::table const& i = *t->get_impl();
@@ -778,6 +878,7 @@ int cv(settings const& s) {
   if (s.report != "text") throw usage_error("cv has a text report only (--report is for train)");
   if (!s.test.empty() || s.test_fraction > 0)
     throw usage_error("cv tests on its folds (--test and --test-fraction are for train)");
+  refuse_rules_with_trials(s);
   auto t = load(s.args[0], s, true);
   if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
   warn_past_exact(*t, s);
@@ -818,11 +919,27 @@ int cv(settings const& s) {
       errors.push_back(e);
       costs.push_back(m->average_cost(*c));
       progress.clear();
-      std::cout << k + 1 << "\t" << e << "\t" << total_size(*m) << "\t" << count(c->cases()) << "\t"
-                << costs.back() << std::endl;
+      std::cout << k + 1 << "\t" << percent(e) << "\t" << total_size(*m) << "\t"
+                << count(c->cases()) << "\t" << costs.back() << std::endl;
       continue;
     }
     auto m = brix::tree_model::train(*t, s.tree, &train);
+    if (s.rules) {
+      // Rules: their count as the size, each test row counted with its weight.
+      auto r = brix::rule_model::from_tree(*m, *t, &train);
+      std::vector<unsigned long> rows;
+      double cases = 0;
+      for (unsigned long i = 0; i < test.size(); ++i) {
+        rows.push_back(test.get(i));
+        cases += t->get_weight(test.get(i));
+      }
+      double e = r->error(*t, &rows) * 100.0;
+      errors.push_back(e);
+      progress.clear();
+      std::cout << k + 1 << "\t" << percent(e) << "\t" << r->size() << "\t" << count(cases)
+                << std::endl;
+      continue;
+    }
     std::unique_ptr<brix::conf_matrix> c(
         const_cast<brix::dtree&>(m->facade()).predict(t.get(), &test));
     double e = c->mis_perc() * 100.0;
@@ -857,6 +974,18 @@ int show(settings const& s) {
       e->write_dot(std::cout, s.max_depth);
     else
       e->write_text(std::cout);
+    return 0;
+  }
+  if (brix::rule_model::is_rules_file(s.args[0])) {
+    auto r = brix::rule_model::load(s.args[0]);
+    if (s.format == "text")
+      r->write_text(std::cout);
+    else if (s.format == "json")
+      r->write_json(std::cout);
+    else if (s.format == "pmml")
+      r->write_pmml(std::cout);
+    else
+      throw usage_error("a ruleset shows as text, json or pmml");
     return 0;
   }
   auto m = brix::tree_model::load(s.args[0]);
@@ -898,9 +1027,11 @@ char const* const kDataNote =
     "the separator C (one character, or tab; by default a tab for .tsv, a comma otherwise).\n"
     "A first column without a name (R's row names) is ignored; a column of ISO dates\n"
     "(YYYY-MM-DD, optionally Thh:mm[:ss]) is read as days since 1970-01-01. MODEL is a binary\n"
-    "tree file (brixcmd -bt reads it too) or, from --trials or --costs, a file of trees only\n"
-    "brix reads. Everywhere: --quiet (no progress line, no warnings), -v (stage timings),\n"
-    "--help. Exit status: 0 success, 1 data or model error, 2 usage error.\n";
+    "tree file (brixcmd -bt reads it too), a file of trees only brix reads (from --trials or\n"
+    "--costs) or a ruleset file of train --rules. Everywhere: --quiet (no progress line, no\n"
+    "warnings), -v (stage timings), --help. Exit status: 0 success, 1 data or model error, 2 "
+    "usage\n"
+    "error.\n";
 
 char const* const kTrainingOptions =
     "  --class NAME         the class column of a CSV or ARFF file (default: the last)\n"
@@ -914,7 +1045,9 @@ char const* const kTrainingOptions =
     "  --trials N           boost: up to N trees, each on the cases weighted up where the last\n"
     "                       erred; they vote\n"
     "  --costs FILE         misclassification costs, CSV predicted,actual,cost (unlisted pairs:\n"
-    "                       1 off the diagonal, 0 on it); reports the average cost\n";
+    "                       1 off the diagonal, 0 on it); reports the average cost\n"
+    "  --rules              read the pruned tree off as a ruleset (train: its report and --model\n"
+    "                       file; cv: its errors and rule counts)\n";
 
 struct command {
   int (*run)(settings const&);

@@ -16,7 +16,7 @@ from sklearn.utils.validation import check_is_fitted
 
 from . import _core
 
-__all__ = ["TreeClassifier"]
+__all__ = ["TreeClassifier", "RulesClassifier"]
 __version__ = "1.2.5"
 
 
@@ -41,6 +41,8 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     Sample weights count relatively: fit scales them so that the samples of positive weight
     average 1, so that min_cases keeps counting samples whatever the weights sum to.
     """
+
+    _native = _core.Model  # the library's model type behind the estimator
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
                  categorical_features=None, trials=1, class_weight=None):
@@ -216,12 +218,14 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                           RuntimeWarning)
         table = self._table(X, codes, sample_weight, fitting=True)
         if self.trials > 1:
+            if self._native is not _core.Model:
+                raise ValueError(f"{type(self).__name__} grows one tree: trials must be 1")
             self._model = _core.Ensemble.train(table, float(self.confidence),
                                                float(self.min_cases), self.pruning,
                                                int(self.n_jobs), int(self.trials))
         else:
-            self._model = _core.Model.train(table, float(self.confidence),
-                                            float(self.min_cases), self.pruning, int(self.n_jobs))
+            self._model = self._native.train(table, float(self.confidence),
+                                             float(self.min_cases), self.pruning, int(self.n_jobs))
         return self
 
     def _weights(self, sample_weight, codes, n):
@@ -349,7 +353,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         text ("0.5", "1e-05", not "nan" or "inf"), else as the texts. So integer and float
         labels load as they were saved; texts that read as numbers load as numbers too."""
         import json
-        model = _load(os.fspath(path))
+        model = _load(os.fspath(path), cls._native)
         desc = json.loads(model.export("json"))
         clf = cls()
         clf._model = model
@@ -386,7 +390,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                 p = os.path.join(d, "model.tree")
                 with open(p, "wb") as f:
                     f.write(model)
-                state["_model"] = _load(p)
+                state["_model"] = _load(p, type(self)._native)
         kinds = state.get("_kinds")
         if isinstance(kinds, list):
             # Pickled by a version that kept kinds by column position.
@@ -399,9 +403,43 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         return {"allow_nan": True}
 
 
-def _load(path):
-    """A tree file or a file of boosted trials."""
+def _load(path, native):
+    """A tree file or a file of boosted trials; a ruleset file for a ruleset classifier."""
+    if native is not _core.Model:
+        return native.load(path)
     return _core.Ensemble.load(path) if _core.Ensemble.is_file(path) else _core.Model.load(path)
+
+
+class RulesClassifier(TreeClassifier):
+    """A ruleset read off the pruned C4.5-style tree that TreeClassifier grows with the same
+    parameters: one rule per leaf, generalised by dropping conditions while the rule's
+    pessimistic error rate does not rise, then for each class the subset of its rules that codes
+    the training cases in the fewest bits, and a default class for the cases no rule covers.
+
+    Among the rules that fire, the most confident (Laplace) decides; predict_proba gives each
+    class its best firing rule's confidence, normalised, or the default's distribution when none
+    fires. A value unknown to a rule's condition does not satisfy it. save writes the ruleset
+    file, which load reads back; export_text, to_json and export_pmml (a RuleSetModel) describe
+    the rules. The tree's own shape (depth, leaves, paths, importances, DOT) is not kept.
+    """
+
+    _native = _core.RuleModel
+
+    @property
+    def n_rules_(self):
+        check_is_fitted(self, "_model")
+        return int(self._model.size)
+
+
+def _not_a_tree(name):
+    def missing(self):
+        raise AttributeError(f"'{type(self).__name__}' is a ruleset: it has no {name}")
+    return property(missing)
+
+
+for _name in ("get_depth", "get_n_leaves", "apply", "decision_path", "export_dot",
+              "feature_importances_", "attribute_usage_", "tree_size_"):
+    setattr(RulesClassifier, _name, _not_a_tree(_name))
 
 
 def _dense(X):

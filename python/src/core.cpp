@@ -15,6 +15,7 @@
 #include "brix/data.h"
 #include "brix/ensemble.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 
 namespace py = pybind11;
@@ -123,6 +124,33 @@ class builder {
   std::vector<py::array> keep_;
 };
 
+// The options every model type grows its trees with.
+brix::tree_options tree_options_of(float confidence, float min_cases, std::string const& pruning,
+                                   int threads) {
+  brix::tree_options o;
+  o.confidence = confidence;
+  o.min_cases = min_cases;
+  o.prune = pruning == "full"   ? brix::pruning::full
+            : pruning == "none" ? brix::pruning::none
+                                : brix::pruning::error;
+  o.threads = threads;
+  return o;
+}
+
+// Rows x classes from any model type, computed without the GIL.
+template <class Model>
+py::array_t<double> proba_array(Model const& model, brix::table const& t) {
+  std::vector<double> p;
+  {
+    py::gil_scoped_release release;
+    p = model.predict_proba(t);
+  }
+  std::size_t k = model.classes().size();
+  py::array_t<double> out({static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
+  std::copy(p.begin(), p.end(), out.mutable_data());
+  return out;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
@@ -150,13 +178,7 @@ PYBIND11_MODULE(_core, m) {
           "train",
           [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
              int threads) {
-            brix::tree_options o;
-            o.confidence = confidence;
-            o.min_cases = min_cases;
-            o.prune = pruning == "full"   ? brix::pruning::full
-                      : pruning == "none" ? brix::pruning::none
-                                          : brix::pruning::error;
-            o.threads = threads;
+            brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
             py::gil_scoped_release release;
             return std::shared_ptr<brix::tree_model>(brix::tree_model::train(t, o).release());
           })
@@ -188,19 +210,7 @@ PYBIND11_MODULE(_core, m) {
            })
       .def("attribute_usage", &brix::tree_model::attribute_usage)
       .def("importance", &brix::tree_model::importance)
-      .def("predict_proba",
-           [](brix::tree_model const& model, brix::table const& t) {
-             std::vector<double> p;
-             {
-               py::gil_scoped_release release;
-               p = model.predict_proba(t);
-             }
-             std::size_t k = model.classes().size();
-             py::array_t<double> out(
-                 {static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
-             std::copy(p.begin(), p.end(), out.mutable_data());
-             return out;
-           })
+      .def("predict_proba", &proba_array<brix::tree_model>)
       // Any text format of the library by name; max_depth cuts DOT graphs.
       .def(
           "export",
@@ -218,12 +228,7 @@ PYBIND11_MODULE(_core, m) {
                   [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
                      int threads, int trials) {
                     brix::ensemble_options o;
-                    o.tree.confidence = confidence;
-                    o.tree.min_cases = min_cases;
-                    o.tree.prune = pruning == "full"   ? brix::pruning::full
-                                   : pruning == "none" ? brix::pruning::none
-                                                       : brix::pruning::error;
-                    o.tree.threads = threads;
+                    o.tree = tree_options_of(confidence, min_cases, pruning, threads);
                     o.trials = trials;
                     py::gil_scoped_release release;
                     return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
@@ -237,19 +242,7 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("classes", &brix::ensemble::classes)
       .def_property_readonly("attributes", &brix::ensemble::attributes)
       .def_property_readonly("trials", &brix::ensemble::size)
-      .def("predict_proba",
-           [](brix::ensemble const& model, brix::table const& t) {
-             std::vector<double> p;
-             {
-               py::gil_scoped_release release;
-               p = model.predict_proba(t);
-             }
-             std::size_t k = model.classes().size();
-             py::array_t<double> out(
-                 {static_cast<py::ssize_t>(t.get_no_rows()), static_cast<py::ssize_t>(k)});
-             std::copy(p.begin(), p.end(), out.mutable_data());
-             return out;
-           })
+      .def("predict_proba", &proba_array<brix::ensemble>)
       .def(
           "export",
           [](brix::ensemble const& model, std::string const& format, long max_depth) {
@@ -267,4 +260,38 @@ PYBIND11_MODULE(_core, m) {
             return o.str();
           },
           py::arg("format"), py::arg("max_depth") = -1);
+  // A ruleset read off the tree the same options grow.
+  py::class_<brix::rule_model, std::shared_ptr<brix::rule_model>>(m, "RuleModel")
+      .def_static(
+          "train",
+          [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
+             int threads) {
+            brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
+            py::gil_scoped_release release;
+            return std::shared_ptr<brix::rule_model>(brix::rule_model::train(t, o).release());
+          })
+      .def_static(
+          "load",
+          [](std::string const& path) {
+            return std::shared_ptr<brix::rule_model>(brix::rule_model::load(path).release());
+          })
+      .def_static("is_rules_file", &brix::rule_model::is_rules_file)
+      .def("save", &brix::rule_model::save)
+      .def_property_readonly("classes", &brix::rule_model::classes)
+      .def_property_readonly("size", &brix::rule_model::size)
+      .def_property_readonly("leaves", &brix::rule_model::leaves)
+      .def("predict_proba", &proba_array<brix::rule_model>)
+      .def("export", [](brix::rule_model const& model, std::string const& format) {
+        std::ostringstream o;
+        if (format == "text")
+          model.write_text(o);
+        else if (format == "json")
+          model.write_json(o);
+        else if (format == "pmml")
+          model.write_pmml(o);
+        else
+          throw std::invalid_argument("a ruleset exports as text, json or pmml, not '" + format +
+                                      "'");
+        return o.str();
+      });
 }

@@ -1,0 +1,1204 @@
+// Rulesets: reading rules off a pruned tree, generalising and selecting them on the training
+// cases, prediction on tables, the ruleset file and its text, JSON and PMML forms.
+#include "brix/rules.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/o_set.h"
+#include "brix/impls/table.h"
+#include "brix/tree_writer.h"
+
+namespace brix {
+
+namespace {
+
+using impls::_decision_node;
+using impls::_decision_tree;
+using impls::column;
+using impls::o_set;
+
+[[noreturn]] void bad(std::string const& what) {
+  throw std::invalid_argument("[brix::rule_model] " + what);
+}
+
+// Whether rule a decides over rule b where both fire: the more confident, of equally confident
+// ones the one of the first class (so the class decided is the first of the largest share).
+bool decides_over(rule const& a, rule const& b) {
+  return a.confidence > b.confidence || (a.confidence == b.confidence && a.cls < b.cls);
+}
+
+// A condition bound to a table: satisfied by a known order in [lo, hi].
+struct order_range {
+  unsigned long att = 0;
+  unsigned long lo = 1, hi = 0;
+  bool holds(unsigned long o) const { return o != 0 && o >= lo && o <= hi; }
+};
+
+// The count of a value set's known orders whose values are not above text, compared as cmp's
+// data type reads them; the orders ascend with the values.
+unsigned long not_above_count(o_set& cmp, o_set* values, std::string const& text) {
+  unsigned long lo = 0, hi = values->size_of_known();
+  while (lo < hi) {
+    unsigned long mid = lo + (hi - lo + 1) / 2;
+    if (cmp.leq(values->get_value(mid), text) == 1)
+      hi = mid - 1;
+    else
+      lo = mid;
+  }
+  return lo;
+}
+
+order_range bind_condition(rule_condition const& c, o_set& cmp, column const* col) {
+  order_range r;
+  r.att = c.attribute;
+  o_set* values = col->get_o_set();
+  values->freeze();
+  switch (c.test) {
+    case rule_condition::equal: {
+      unsigned long o = col->get_index(c.value.c_str());
+      if (o != 0) r.lo = r.hi = o;
+      break;
+    }
+    case rule_condition::not_above:
+      r.lo = 1;
+      r.hi = not_above_count(cmp, values, c.value);
+      break;
+    case rule_condition::above:
+      r.lo = not_above_count(cmp, values, c.value) + 1;
+      r.hi = values->size_of_known();
+      break;
+  }
+  return r;
+}
+
+column const* column_named(impls::table const& tab, std::string const& name) {
+  for (unsigned long i = 0; i < tab.get_loaded_columns(); ++i)
+    if (tab.get_column(i)->get_name() == name) return tab.get_column(i);
+  return nullptr;
+}
+
+// Each row's weight, read through the weights column's value set once per distinct value.
+std::vector<float> row_weights(impls::table const& tab) {
+  std::vector<float> w(tab.get_no_rows(), 1.0f);
+  column const* wc = tab.get_weights();
+  if (wc == nullptr) return w;
+  std::vector<float> of(wc->get_distinct() + 1, 1.0f);
+  for (unsigned long o = 1; o < of.size(); ++o)
+    of[o] = static_cast<float>(std::atof(wc->get_o_set()->get_value(o).c_str()));
+  for (unsigned long r = 0; r < w.size(); ++r)
+    w[r] = of[wc->get_row_index(r)];
+  return w;
+}
+
+// Per table class order, the index + 1 of the same class text among classes (0: none).
+std::vector<unsigned long> class_map(column const* cls, std::vector<std::string> const& classes) {
+  std::vector<unsigned long> map(cls->get_distinct() + 1, 0);
+  for (unsigned long o = 1; o < map.size(); ++o) {
+    std::string v = cls->get_o_set()->get_value(o);
+    auto it = std::find(classes.begin(), classes.end(), v);
+    if (it != classes.end()) map[o] = static_cast<unsigned long>(it - classes.begin()) + 1;
+  }
+  return map;
+}
+
+// The upper confidence bound of a rule's error rate at the pruning level: pruning's estimate of
+// extra errors, on the weight the rule covers.
+double pessimistic(float cf, float coeff, double n, double e) {
+  if (n <= 0) return 1.0;
+  return (e + _decision_tree::add_errs(cf, coeff, static_cast<float>(n), static_cast<float>(e))) /
+         n;
+}
+
+double log2_binomial(double n, double k) {
+  if (k <= 0 || k >= n) return 0.0;
+  return (std::lgamma(n + 1) - std::lgamma(k + 1) - std::lgamma(n - k + 1)) / std::log(2.0);
+}
+
+// Whether every case satisfying the conditions `tight` satisfies `c` too; cmp compares
+// thresholds of c's attribute.
+bool implied(rule_condition const& c, std::vector<rule_condition> const& tight, o_set& cmp) {
+  for (rule_condition const& t : tight) {
+    if (t.attribute != c.attribute || t.test != c.test) continue;
+    switch (c.test) {
+      case rule_condition::equal:
+        if (t.value == c.value) return true;
+        break;
+      case rule_condition::not_above:  // t.value <= c.value
+        if (cmp.leq(t.value, c.value) != 1) return true;
+        break;
+      case rule_condition::above:  // t.value >= c.value
+        if (cmp.leq(c.value, t.value) != 1) return true;
+        break;
+    }
+  }
+  return false;
+}
+
+char const* op_text(rule_condition::kind k) {
+  return k == rule_condition::equal ? "=" : k == rule_condition::not_above ? "<=" : ">";
+}
+
+std::string num(double v) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.9g", v);
+  return buf;
+}
+
+std::string xml(std::string const& s) {
+  std::string out;
+  for (char c : s) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+// The training cases as the rules see them: per case its weight and class (an index, from 0)
+// and the orders of the attributes the rules test.
+struct cases {
+  std::vector<float> w;
+  std::vector<unsigned long> cls;
+  std::vector<std::vector<std::uint32_t>> orders;  // per attribute; empty when untested
+  double total = 0;
+  std::vector<double> per_class;
+};
+
+// What generalising a rule leaves: its conditions kept, the cases it covers and its figures.
+struct general {
+  std::vector<rule_condition> conditions;
+  std::vector<std::uint32_t> covered;
+  double n = 0, e = 0;
+};
+
+// Drops, one at a time, the condition whose loss gives the lowest pessimistic error rate, as
+// long as that rate is no higher than the rule's with it. Each case keeps a bit per condition it
+// fails, so a pass over the cases tallies what dropping each condition would add. Conditions past
+// the 64th are kept as they are (deliberately: paths that long do not occur in pruned trees).
+general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
+                   unsigned long cls, cases const& cs, float cf, float coeff) {
+  std::size_t m = conds.size(), n_cases = cs.w.size();
+  std::size_t free = std::min<std::size_t>(m, 64);
+  std::vector<std::uint64_t> fails(n_cases, 0);
+  std::vector<char> out(n_cases, 0);
+  for (std::size_t j = 0; j < m; ++j) {
+    std::uint32_t const* ord = cs.orders[bound[j].att].data();
+    // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+    auto lo = static_cast<std::uint32_t>(bound[j].lo), hi = static_cast<std::uint32_t>(bound[j].hi);
+    std::uint32_t span = hi >= lo ? hi - lo : 0;
+    bool none = hi < lo || lo == 0;
+    if (j < free) {
+      std::uint64_t bit = std::uint64_t{1} << j;
+      if (none) {
+        for (std::size_t i = 0; i < n_cases; ++i)
+          fails[i] |= bit;
+      } else {
+        for (std::size_t i = 0; i < n_cases; ++i)
+          fails[i] |= static_cast<std::uint32_t>(ord[i] - lo) > span ? bit : 0;
+      }
+    } else {
+      for (std::size_t i = 0; i < n_cases; ++i)
+        out[i] |= none || static_cast<std::uint32_t>(ord[i] - lo) > span;
+    }
+  }
+  std::uint64_t active = free == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << free) - 1;
+  double n = 0, e = 0;
+  // The cases failing a condition, fewest failures first: after t drops, a case that failed more
+  // than t + 1 conditions still fails two, so each pass reads only a prefix of them.
+  struct failing {
+    std::uint64_t mask;
+    float w;
+    bool wrong;
+  };
+  std::vector<std::size_t> upto(66, 0);  // upto[k + 1]: the cases failing at most k conditions
+  for (std::size_t i = 0; i < n_cases; ++i) {
+    if (out[i]) continue;
+    if (fails[i] == 0) {
+      n += cs.w[i];
+      if (cs.cls[i] != cls) e += cs.w[i];
+    } else {
+      ++upto[static_cast<std::size_t>(__builtin_popcountll(fails[i])) + 1];
+    }
+  }
+  for (std::size_t k = 1; k < upto.size(); ++k)
+    upto[k] += upto[k - 1];
+  std::vector<failing> failed(upto.back());
+  {
+    std::vector<std::size_t> at(upto.begin(), upto.end() - 1);
+    for (std::size_t i = 0; i < n_cases; ++i)
+      if (!out[i] && fails[i] != 0)
+        failed[at[static_cast<std::size_t>(__builtin_popcountll(fails[i]))]++] = {fails[i], cs.w[i],
+                                                                                  cs.cls[i] != cls};
+  }
+  std::vector<double> nj(free), ej(free);
+  // A leaf that covers no case (an empty branch, or rows other than the tree's) has no evidence
+  // to generalise from: its rule goes.
+  if (n <= 0) return general{};
+  // The last condition stays: a rule without any would stand for the default class.
+  for (std::size_t drops = 0; (active & (active - 1)) != 0 || (free < m && active != 0); ++drops) {
+    std::fill(nj.begin(), nj.end(), 0.0);
+    std::fill(ej.begin(), ej.end(), 0.0);
+    std::size_t end = upto[std::min<std::size_t>(drops + 2, 65)];
+    for (std::size_t i = 0; i < end; ++i) {
+      std::uint64_t f = failed[i].mask & active;
+      if (f == 0 || (f & (f - 1)) != 0) continue;
+      auto j = static_cast<std::size_t>(__builtin_ctzll(f));
+      nj[j] += failed[i].w;
+      if (failed[i].wrong) ej[j] += failed[i].w;
+    }
+    double now = pessimistic(cf, coeff, n, e), best_rate = now;
+    std::size_t best = free;
+    for (std::size_t j = 0; j < free; ++j) {
+      if (!(active >> j & 1)) continue;
+      double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
+      if (r <= best_rate && (best == free || r < best_rate)) {
+        best = j;
+        best_rate = r;
+      }
+    }
+    if (best == free) break;
+    active &= ~(std::uint64_t{1} << best);
+    n += nj[best];
+    e += ej[best];
+  }
+  general g;
+  g.n = n;
+  g.e = e;
+  for (std::size_t j = 0; j < m; ++j)
+    if (j >= free || (active >> j & 1)) g.conditions.push_back(conds[j]);
+  for (std::size_t i = 0; i < n_cases; ++i)
+    if (!out[i] && (fails[i] & active) == 0) g.covered.push_back(static_cast<std::uint32_t>(i));
+  return g;
+}
+
+// The bits that code a subset of one class's rules plus the bits that code its exceptions (the
+// covered cases of other classes among all covered, the uncovered cases of the class among all
+// uncovered). The theory is halved: the conditions of a rule, and the rules of a class, are far
+// from independent, so coding each on its own overstates them.
+constexpr double kTheoryWeight = 0.5;
+
+class subset_coder {
+ public:
+  subset_coder(cases const& cs, unsigned long cls, std::vector<general const*> const& rules,
+               std::vector<double> const& rule_bits)
+      : cs_(cs), cls_(cls), rules_(rules), bits_(rule_bits), count_(cs.w.size(), 0) {
+    fn_ = cs.per_class[cls];
+  }
+
+  double cost() const { return theory_ * kTheoryWeight + exceptions(covered_, fp_, fn_); }
+  // The cost with rule r toggled, the state left as it is.
+  double cost_toggled(std::size_t r) const {
+    double cov = covered_, fp = fp_, fn = fn_;
+    bool adding = !in_[r];
+    for (std::uint32_t i : rules_[r]->covered) {
+      if (count_[i] != (adding ? 0u : 1u)) continue;
+      double w = (adding ? 1 : -1) * static_cast<double>(cs_.w[i]);
+      cov += w;
+      if (cs_.cls[i] == cls_)
+        fn -= w;
+      else
+        fp += w;
+    }
+    double theory = theory_ + (adding ? bits_[r] : -bits_[r]);
+    return theory * kTheoryWeight + exceptions(cov, fp, fn);
+  }
+  void toggle(std::size_t r) {
+    bool adding = !in_[r];
+    for (std::uint32_t i : rules_[r]->covered) {
+      if (adding ? count_[i]++ != 0 : --count_[i] != 0) continue;
+      double w = (adding ? 1 : -1) * static_cast<double>(cs_.w[i]);
+      covered_ += w;
+      if (cs_.cls[i] == cls_)
+        fn_ -= w;
+      else
+        fp_ += w;
+    }
+    theory_ += adding ? bits_[r] : -bits_[r];
+    in_[r] = adding;
+  }
+  bool in(std::size_t r) const { return in_[r]; }
+  double false_positives() const { return fp_; }
+
+ private:
+  double exceptions(double cov, double fp, double fn) const {
+    cov = std::max(cov, 0.0);
+    double unc = std::max(cs_.total - cov, 0.0);
+    return log2_binomial(cov, std::max(fp, 0.0)) + log2_binomial(unc, std::max(fn, 0.0));
+  }
+  cases const& cs_;
+  unsigned long cls_;
+  std::vector<general const*> const& rules_;
+  std::vector<double> const& bits_;
+  std::vector<unsigned> count_;
+  std::vector<bool> in_ = std::vector<bool>(rules_.size(), false);
+  double covered_ = 0, fp_ = 0, fn_ = 0, theory_ = 0;
+};
+
+// Classes with at most this many rules try every subset; larger ones climb greedily from none,
+// toggling the rule that lowers the cost most until none does.
+constexpr std::size_t kExhaustiveRules = 10;
+
+std::vector<bool> choose_subset(subset_coder& coder, std::size_t n_rules) {
+  if (n_rules <= kExhaustiveRules) {
+    // Gray code order: one toggle from each subset to the next.
+    double best = coder.cost();
+    std::uint64_t best_mask = 0, mask = 0;
+    for (std::uint64_t k = 1; k < (std::uint64_t{1} << n_rules); ++k) {
+      auto bit = static_cast<std::size_t>(__builtin_ctzll(k));
+      coder.toggle(bit);
+      mask ^= std::uint64_t{1} << bit;
+      double c = coder.cost();
+      // Ties to the smaller subset, then to the lower mask: the same choice on every machine.
+      if (c < best - 1e-9 ||
+          (std::fabs(c - best) <= 1e-9 &&
+           (__builtin_popcountll(mask) < __builtin_popcountll(best_mask) ||
+            (__builtin_popcountll(mask) == __builtin_popcountll(best_mask) && mask < best_mask)))) {
+        best = c;
+        best_mask = mask;
+      }
+    }
+    for (std::size_t r = 0; r < n_rules; ++r)
+      if (coder.in(r) != ((best_mask >> r & 1) != 0)) coder.toggle(r);
+  } else {
+    double now = coder.cost();
+    for (;;) {
+      std::size_t best = n_rules;
+      double best_cost = now - 1e-9;
+      for (std::size_t r = 0; r < n_rules; ++r) {
+        double c = coder.cost_toggled(r);
+        if (c < best_cost) {
+          best = r;
+          best_cost = c;
+        }
+      }
+      if (best == n_rules) break;
+      coder.toggle(best);
+      now = coder.cost();
+    }
+  }
+  std::vector<bool> chosen(n_rules);
+  for (std::size_t r = 0; r < n_rules; ++r)
+    chosen[r] = coder.in(r);
+  return chosen;
+}
+
+// Drops, one at a time, the rule whose loss lowers the training error of the whole ruleset most,
+// while some loss does not raise it (of equal ones, the rule listed last): the default class
+// often does a rule's work, and selection class by class cannot see that.
+void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases const& cs,
+                   std::vector<std::vector<std::uint32_t> const*>& coverage) {
+  std::size_t n_rules = rules_.size();
+  // Per case, the rules covering it in the order they decide (highest confidence, then first).
+  std::vector<std::vector<std::uint32_t>> fires(cs.w.size());
+  for (std::size_t k = 0; k < n_rules; ++k)
+    for (std::uint32_t i : *coverage[k])
+      fires[i].push_back(static_cast<std::uint32_t>(k));
+  for (auto& f : fires)
+    std::stable_sort(f.begin(), f.end(), [&](std::uint32_t a, std::uint32_t b) {
+      return decides_over(rules_[a], rules_[b]);
+    });
+  std::vector<bool> gone(n_rules, false);
+  auto decider = [&](std::size_t i, std::size_t skip) {
+    for (std::uint32_t k : fires[i])
+      if (!gone[k] && k != skip) return static_cast<std::size_t>(k);
+    return n_rules;
+  };
+  auto class_of = [&](std::size_t k) { return k == n_rules ? default_ : rules_[k].cls; };
+  std::vector<double> delta(n_rules);
+  for (;;) {
+    std::fill(delta.begin(), delta.end(), 0.0);
+    for (std::size_t i = 0; i < cs.w.size(); ++i) {
+      std::size_t first = decider(i, n_rules);
+      if (first == n_rules) continue;
+      std::size_t next = decider(i, first);
+      double was = class_of(first) != cs.cls[i], now = class_of(next) != cs.cls[i];
+      delta[first] += cs.w[i] * (now - was);
+    }
+    std::size_t best = n_rules;
+    for (std::size_t k = n_rules; k-- > 0;)
+      if (!gone[k] && delta[k] <= 1e-9 && (best == n_rules || delta[k] < delta[best] - 1e-9))
+        best = k;
+    if (best == n_rules) break;
+    gone[best] = true;
+  }
+  std::vector<rule> kept;
+  std::vector<std::vector<std::uint32_t> const*> kept_coverage;
+  for (std::size_t k = 0; k < n_rules; ++k)
+    if (!gone[k]) {
+      kept.push_back(std::move(rules_[k]));
+      kept_coverage.push_back(coverage[k]);
+    }
+  rules_ = std::move(kept);
+  coverage = std::move(kept_coverage);
+}
+
+// Walks a tree, telling leaf each leaf with the tests of its path.
+template <class Leaf>
+void each_leaf(_decision_tree const* t, impls::table const& meta, std::vector<rule_condition>& path,
+               Leaf const& leaf) {
+  if (t == nullptr || t->get_node() == nullptr) return;
+  _decision_node const* n = t->get_node();
+  if (n->get_node_status() == _decision_node::LEAF_NODE) {
+    leaf(*n, path);
+    return;
+  }
+  if (n->get_node_status() != _decision_node::SPLIT_NODE) return;
+  unsigned long a = n->get_split_attribute_index();
+  column const* c = meta.get_attribute(a);
+  for (unsigned long i = 0; i < t->get_no_childs(); ++i) {
+    rule_condition cond;
+    cond.attribute = a;
+    if (c->is_continuous()) {
+      cond.test = i == 0 ? rule_condition::not_above : rule_condition::above;
+      cond.value = n->get_threshold();
+    } else {
+      cond.test = rule_condition::equal;
+      cond.value = c->get_o_set()->get_value(i + 1);
+    }
+    path.push_back(cond);
+    each_leaf(t->get_child(i), meta, path, leaf);
+    path.pop_back();
+  }
+}
+
+// The tests of a path merged: per attribute the last value it equals, its lowest upper bound and
+// its highest lower bound; sorted by attribute, then test.
+std::vector<rule_condition> merged(std::vector<rule_condition> const& path,
+                                   std::vector<std::unique_ptr<o_set>> const& cmp) {
+  std::vector<rule_condition> out;
+  for (rule_condition const& c : path) {
+    auto same = std::find_if(out.begin(), out.end(), [&](rule_condition const& o) {
+      return o.attribute == c.attribute && o.test == c.test;
+    });
+    if (same == out.end()) {
+      out.push_back(c);
+    } else if (c.test == rule_condition::equal) {
+      same->value = c.value;
+    } else {
+      int c_above = cmp[c.attribute]->leq(c.value, same->value);
+      if ((c.test == rule_condition::not_above && c_above == 0) ||
+          (c.test == rule_condition::above && c_above == 1))
+        same->value = c.value;
+    }
+  }
+  std::sort(out.begin(), out.end(), [](rule_condition const& a, rule_condition const& b) {
+    return a.attribute != b.attribute ? a.attribute < b.attribute : a.test < b.test;
+  });
+  return out;
+}
+
+std::vector<std::unique_ptr<o_set>> comparers(std::vector<rule_model::attribute> const& atts) {
+  std::vector<std::unique_ptr<o_set>> out;
+  for (auto const& a : atts)
+    out.emplace_back(o_set::NEW_O_SET(a.datatype, true, "?"));
+  return out;
+}
+
+}  // namespace
+
+struct rule_model::bound {
+  std::vector<column const*> cols;  // per attribute; null where no rule tests it
+  std::vector<std::vector<order_range>> rules;
+};
+
+rule_model::~rule_model() = default;
+
+rule_model::bound rule_model::bind(table const& t) const {
+  impls::table const& tab = *t.get_impl();
+  bound b;
+  b.cols.assign(attributes_.size(), nullptr);
+  auto cmp = comparers(attributes_);
+  for (rule const& r : rules_) {
+    std::vector<order_range> ranges;
+    for (rule_condition const& c : r.conditions) {
+      column const*& col = b.cols[c.attribute];
+      if (col == nullptr) {
+        col = column_named(tab, attributes_[c.attribute].name);
+        if (col == nullptr) bad("the table has no column '" + attributes_[c.attribute].name + "'");
+      }
+      ranges.push_back(bind_condition(c, *cmp[c.attribute], col));
+    }
+    b.rules.push_back(std::move(ranges));
+  }
+  return b;
+}
+
+std::unique_ptr<rule_model> rule_model::train(table& t, tree_options const& o,
+                                              std::vector<unsigned long> const* rows) {
+  auto tree = tree_model::train(t, o, rows);
+  return from_tree(*tree, t, rows);
+}
+
+std::unique_ptr<rule_model> rule_model::from_tree(tree_model const& tm, table const& t,
+                                                  std::vector<unsigned long> const* rows) {
+  return read_off(tm, t, rows, nullptr);
+}
+
+std::vector<rule> rule_model::generalised(tree_model const& tree, table const& t,
+                                          std::vector<unsigned long> const* rows) {
+  std::vector<rule> out;
+  read_off(tree, t, rows, &out);
+  return out;
+}
+
+std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table const& t,
+                                                 std::vector<unsigned long> const* rows,
+                                                 std::vector<rule>* generalised) {
+  impls::decision_tree const& tree = *tm.facade().get_impl();
+  impls::table const& meta = *tree.get_metadata();
+  impls::table const& tab = *t.get_impl();
+  std::unique_ptr<rule_model> m(new rule_model());
+  m->name_ = tree.get_name();
+  m->class_name_ = meta.get_class()->get_name();
+  m->confidence_level_ = tree.get_conf_level();
+  m->classes_ = tm.classes();
+  for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
+    column const* c = meta.get_attribute(a);
+    attribute att;
+    att.name = c->get_name();
+    att.continuous = c->is_continuous();
+    att.datatype = c->get_o_set()->get_datatype();
+    if (!att.continuous)
+      for (unsigned long o = 1; o <= c->get_distinct(); ++o)
+        att.values.push_back(c->get_o_set()->get_value(o));
+    m->attributes_.push_back(std::move(att));
+  }
+  auto cmp = comparers(m->attributes_);
+  std::size_t k = m->classes_.size();
+
+  // One rule a leaf.
+  struct candidate {
+    std::vector<rule_condition> conds;
+    unsigned long cls;
+  };
+  std::vector<candidate> leaves;
+  std::vector<rule_condition> path;
+  each_leaf(tree.get_root(), meta, path, [&](_decision_node const& n, auto const& p) {
+    unsigned long c = n.get_leaf();
+    if (c >= 1 && c <= k) leaves.push_back({merged(p, cmp), c - 1});
+  });
+  m->leaves_ = static_cast<unsigned long>(leaves.size());
+
+  // The training cases.
+  column const* cls_col = tab.get_class();
+  if (cls_col == nullptr) bad("the table has no class column");
+  std::vector<unsigned long> all;
+  if (rows == nullptr) {
+    all.resize(tab.get_no_rows());
+    for (unsigned long r = 0; r < all.size(); ++r)
+      all[r] = r;
+    rows = &all;
+  }
+  std::vector<float> weights = row_weights(tab);
+  std::vector<unsigned long> to_class = class_map(cls_col, m->classes_);
+  cases cs;
+  cs.per_class.assign(k, 0.0);
+  std::vector<unsigned long> kept;  // table rows of the cases
+  for (unsigned long r : *rows) {
+    if (r >= tab.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+    unsigned long c = to_class[cls_col->get_row_index(r)];
+    if (c == 0) continue;  // an unknown class teaches the rules nothing
+    kept.push_back(r);
+    cs.w.push_back(weights[r]);
+    cs.cls.push_back(c - 1);
+    cs.total += weights[r];
+    cs.per_class[c - 1] += weights[r];
+  }
+  cs.orders.resize(m->attributes_.size());
+  std::vector<column const*> cols(m->attributes_.size(), nullptr);
+  for (candidate const& l : leaves)
+    for (rule_condition const& c : l.conds) {
+      if (cols[c.attribute] != nullptr) continue;
+      cols[c.attribute] = column_named(tab, m->attributes_[c.attribute].name);
+      if (cols[c.attribute] == nullptr)
+        bad("the table has no column '" + m->attributes_[c.attribute].name + "'");
+      auto& ord = cs.orders[c.attribute];
+      ord.resize(kept.size());
+      for (std::size_t i = 0; i < kept.size(); ++i)
+        ord[i] = static_cast<std::uint32_t>(cols[c.attribute]->get_row_index(kept[i]));
+    }
+
+  // Generalised, rules covering nothing dropped.
+  float cf = m->confidence_level_, coeff = _decision_tree::CFCoefficient(cf);
+  std::vector<general> gen;
+  std::vector<unsigned long> gen_cls;
+  for (candidate const& l : leaves) {
+    std::vector<order_range> b;
+    for (rule_condition const& c : l.conds)
+      b.push_back(bind_condition(c, *cmp[c.attribute], cols[c.attribute]));
+    general g = generalise(l.conds, b, l.cls, cs, cf, coeff);
+    if (g.n <= 0) continue;
+    gen.push_back(std::move(g));
+    gen_cls.push_back(l.cls);
+  }
+  if (generalised != nullptr) {
+    for (std::size_t i = 0; i < gen.size(); ++i) {
+      rule r;
+      r.conditions = gen[i].conditions;
+      r.cls = gen_cls[i];
+      r.cases = gen[i].n;
+      r.errors = gen[i].e;
+      r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
+      generalised->push_back(std::move(r));
+    }
+    return nullptr;
+  }
+
+  // Duplicates and rules subsumed by a rule of their class dropped (of two equal rules, the
+  // later one).
+  auto laplace = [](general const& g) { return (g.n - g.e + 1) / (g.n + 2); };
+  auto subsumes = [&](general const& a, general const& b) {
+    for (rule_condition const& c : a.conditions)
+      if (!implied(c, b.conditions, *cmp[c.attribute])) return false;
+    return true;
+  };
+  std::vector<bool> dropped(gen.size(), false);
+  for (std::size_t i = 0; i < gen.size(); ++i)
+    for (std::size_t j = 0; j < gen.size() && !dropped[i]; ++j) {
+      if (i == j || gen_cls[i] != gen_cls[j] || !subsumes(gen[j], gen[i])) continue;
+      // A subsumed rule more confident than its subsumer stays: it decides where both fire.
+      if (laplace(gen[i]) > laplace(gen[j])) continue;
+      if (j < i || !subsumes(gen[i], gen[j])) dropped[i] = true;
+    }
+
+  // The bits of a condition: its attribute, then a discrete one's value, or a continuous one's
+  // side and threshold (the tree's own, so one bit names it).
+  std::vector<double> att_bits(m->attributes_.size());
+  double choose_att = std::log2(std::max<double>(2, static_cast<double>(m->attributes_.size())));
+  for (std::size_t a = 0; a < att_bits.size(); ++a) {
+    double values = static_cast<double>(meta.get_attribute(a)->get_distinct());
+    att_bits[a] =
+        choose_att + (m->attributes_[a].continuous ? 2.0 : std::log2(std::max(2.0, values)));
+  }
+
+  // Per class: the subset of fewest bits.
+  std::vector<bool> chosen(gen.size(), false);
+  std::vector<double> false_pos(k, 0.0);
+  for (unsigned long c = 0; c < k; ++c) {
+    std::vector<general const*> mine;
+    std::vector<std::size_t> where;
+    std::vector<double> bits;
+    for (std::size_t i = 0; i < gen.size(); ++i) {
+      if (dropped[i] || gen_cls[i] != c) continue;
+      mine.push_back(&gen[i]);
+      where.push_back(i);
+      double b = 0;
+      for (rule_condition const& cond : gen[i].conditions)
+        b += att_bits[cond.attribute];
+      b -= std::lgamma(static_cast<double>(gen[i].conditions.size()) + 1) / std::log(2.0);
+      bits.push_back(std::max(b, 0.0));
+    }
+    if (mine.empty()) continue;
+    subset_coder coder(cs, c, mine, bits);
+    std::vector<bool> pick = choose_subset(coder, mine.size());
+    false_pos[c] = coder.false_positives();
+    for (std::size_t r = 0; r < mine.size(); ++r)
+      if (pick[r]) chosen[where[r]] = true;
+  }
+
+  // Classes by false positives, fewest first; each class's rules by confidence.
+  for (unsigned long c = 0; c < k; ++c)
+    m->class_order_.push_back(c);
+  std::stable_sort(m->class_order_.begin(), m->class_order_.end(),
+                   [&](unsigned long a, unsigned long b) { return false_pos[a] < false_pos[b]; });
+  std::vector<std::vector<std::uint32_t> const*> coverage;  // of each rule of rules_
+  for (unsigned long c : m->class_order_) {
+    std::vector<std::pair<rule, std::size_t>> mine;
+    for (std::size_t i = 0; i < gen.size(); ++i) {
+      if (!chosen[i] || gen_cls[i] != c) continue;
+      rule r;
+      r.conditions = gen[i].conditions;
+      r.cls = c;
+      r.cases = gen[i].n;
+      r.errors = gen[i].e;
+      r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
+      double share = cs.total > 0 ? cs.per_class[c] / cs.total : 0;
+      r.lift = share > 0 ? r.confidence / share : 0;
+      mine.emplace_back(std::move(r), i);
+    }
+    std::stable_sort(mine.begin(), mine.end(), [](auto const& a, auto const& b) {
+      return a.first.confidence > b.first.confidence;
+    });
+    for (auto& r : mine) {
+      m->rules_.push_back(std::move(r.first));
+      coverage.push_back(&gen[r.second].covered);
+    }
+  }
+
+  // The default: the majority class of the cases no rule covers (of all cases when every case is
+  // covered), ties to the first class; set for the chosen rules, and again once needless rules
+  // are gone.
+  auto set_default = [&] {
+    std::vector<char> covered(cs.w.size(), 0);
+    for (auto const* cov : coverage)
+      for (std::uint32_t c : *cov)
+        covered[c] = 1;
+    std::vector<double> left(k, 0.0);
+    double left_total = 0;
+    for (std::size_t i = 0; i < cs.w.size(); ++i)
+      if (!covered[i]) {
+        left[cs.cls[i]] += cs.w[i];
+        left_total += cs.w[i];
+      }
+    if (left_total <= 0) {
+      left = cs.per_class;
+      left_total = cs.total;
+    }
+    m->default_ =
+        static_cast<unsigned long>(std::max_element(left.begin(), left.end()) - left.begin());
+    m->default_dist_.clear();
+    for (unsigned long c = 0; c < k; ++c)
+      m->default_dist_.push_back((left[c] + 1) / (left_total + static_cast<double>(k)));
+  };
+  set_default();
+  drop_needless(m->rules_, m->default_, cs, coverage);
+  set_default();
+  return m;
+}
+
+namespace {
+
+// Rows are read a block at a time: each tested attribute's orders of the block, then each row
+// against every rule.
+constexpr unsigned long kBlock = 4096;
+
+}  // namespace
+
+template <class Row>
+static void scan_rows(table const& t, std::vector<column const*> const& cols,
+                      std::vector<std::vector<order_range>> const& rules, Row const& row) {
+  unsigned long n = t.get_no_rows();
+  std::vector<std::vector<std::uint32_t>> orders(cols.size());
+  std::vector<char> fires(rules.size());
+  for (unsigned long from = 0; from < n; from += kBlock) {
+    unsigned long to = std::min(n, from + kBlock);
+    for (std::size_t a = 0; a < cols.size(); ++a) {
+      if (cols[a] == nullptr) continue;
+      orders[a].resize(to - from);
+      for (unsigned long r = from; r < to; ++r)
+        orders[a][r - from] = static_cast<std::uint32_t>(cols[a]->get_row_index(r));
+    }
+    for (unsigned long r = from; r < to; ++r) {
+      for (std::size_t k = 0; k < rules.size(); ++k) {
+        bool all = true;
+        for (order_range const& c : rules[k])
+          if (!c.holds(orders[c.att][r - from])) {
+            all = false;
+            break;
+          }
+        fires[k] = all;
+      }
+      row(r, fires);
+    }
+  }
+}
+
+void rule_model::classify(table const& t, std::vector<unsigned long>& cls,
+                          std::vector<unsigned long>* by_rule) const {
+  bound b = bind(t);
+  cls.assign(t.get_no_rows(), default_);
+  if (by_rule) by_rule->assign(t.get_no_rows(), size());
+  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
+    std::size_t best = rules_.size();
+    for (std::size_t k = 0; k < rules_.size(); ++k)
+      if (fires[k] && (best == rules_.size() || decides_over(rules_[k], rules_[best]))) best = k;
+    if (best == rules_.size()) return;
+    cls[r] = rules_[best].cls;
+
+    if (by_rule) (*by_rule)[r] = best;
+  });
+}
+
+std::vector<double> rule_model::predict_proba(table const& t) const {
+  bound b = bind(t);
+  std::size_t k = classes_.size();
+  std::vector<double> out(t.get_no_rows() * k, 0.0);
+  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
+    double* p = out.data() + r * k;
+    double sum = 0;
+    for (std::size_t i = 0; i < rules_.size(); ++i)
+      if (fires[i]) p[rules_[i].cls] = std::max(p[rules_[i].cls], rules_[i].confidence);
+    for (std::size_t c = 0; c < k; ++c)
+      sum += p[c];
+    if (sum > 0) {
+      for (std::size_t c = 0; c < k; ++c)
+        p[c] /= sum;
+    } else {
+      std::copy(default_dist_.begin(), default_dist_.end(), p);
+    }
+  });
+  return out;
+}
+
+std::vector<std::string> rule_model::predict(table const& t) const {
+  std::vector<unsigned long> cls;
+  classify(t, cls);
+  std::vector<std::string> out;
+  out.reserve(cls.size());
+  for (unsigned long c : cls)
+    out.push_back(classes_[c]);
+  return out;
+}
+
+double rule_model::error(table const& t, std::vector<unsigned long> const* rows) const {
+  impls::table const& tab = *t.get_impl();
+  if (tab.get_class() == nullptr) bad("the table has no class column");
+  std::vector<unsigned long> cls;
+  classify(t, cls);
+  std::vector<float> w = row_weights(tab);
+  std::vector<unsigned long> to_class = class_map(tab.get_class(), classes_);
+  double wrong = 0, total = 0;
+  for (std::size_t i = 0, n = rows ? rows->size() : cls.size(); i < n; ++i) {
+    unsigned long r = rows ? (*rows)[i] : i;
+    if (r >= cls.size()) bad("row " + std::to_string(r) + " is not in the table");
+    unsigned long actual = to_class[tab.get_class()->get_row_index(r)];
+    total += w[r];
+    if (actual != cls[r] + 1) wrong += w[r];
+  }
+  return total > 0 ? wrong / total : 0;
+}
+
+// ---------------------------------------------------------------- the ruleset file
+
+namespace {
+
+std::string escaped(std::string const& s) {
+  std::string out;
+  for (char c : s) {
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '\t')
+      out += "\\t";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else
+      out += c;
+  }
+  return out;
+}
+
+std::vector<std::string> fields(std::string const& line) {
+  std::vector<std::string> out(1);
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    char c = line[i];
+    if (c == '\t') {
+      out.emplace_back();
+    } else if (c == '\\' && i + 1 < line.size()) {
+      char d = line[++i];
+      out.back() += d == 't' ? '\t' : d == 'n' ? '\n' : d == 'r' ? '\r' : d;
+    } else {
+      out.back() += c;
+    }
+  }
+  return out;
+}
+
+std::string exact(double v) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return buf;
+}
+
+}  // namespace
+
+bool rule_model::is_rules_file(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string first;
+  return in && std::getline(in, first) && first == kRulesHeader;
+}
+
+void rule_model::save(std::string const& path) const {
+  write_replacing(
+      path,
+      [&](std::string const& target) {
+        std::ofstream out(target, std::ios::binary);
+        if (!out) throw std::runtime_error("File " + path + ": cannot be opened for writing");
+        out << kRulesHeader << "\n"
+            << "name\t" << escaped(name_) << "\n"
+            << "class\t" << escaped(class_name_) << "\n"
+            << "confidence\t" << exact(confidence_level_) << "\n"
+            << "leaves\t" << leaves_ << "\n"
+            << "classes\t" << classes_.size();
+        for (auto const& c : classes_)
+          out << "\t" << escaped(c);
+        out << "\n";
+        for (attribute const& a : attributes_) {
+          out << "attribute\t" << escaped(a.name) << "\t" << (a.continuous ? "c" : "d") << "\t"
+              << a.datatype << "\t" << a.values.size();
+          for (auto const& v : a.values)
+            out << "\t" << escaped(v);
+          out << "\n";
+        }
+        out << "order";
+        for (unsigned long c : class_order_)
+          out << "\t" << c;
+        out << "\ndefault\t" << default_;
+        for (double p : default_dist_)
+          out << "\t" << exact(p);
+        out << "\n";
+        for (rule const& r : rules_) {
+          out << "rule\t" << r.cls << "\t" << exact(r.cases) << "\t" << exact(r.errors) << "\t"
+              << exact(r.confidence) << "\t" << exact(r.lift) << "\t" << r.conditions.size();
+          for (rule_condition const& c : r.conditions)
+            out << "\t" << c.attribute << "\t" << op_text(c.test) << "\t" << escaped(c.value);
+          out << "\n";
+        }
+        out << "end\n";
+        if (!out.flush()) throw std::runtime_error("File " + path + ": error writing output");
+      },
+      "cannot be written");
+}
+
+std::unique_ptr<rule_model> rule_model::load(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("File " + path + ": cannot be opened");
+  std::string line;
+  if (!std::getline(in, line) || line != kRulesHeader)
+    throw std::runtime_error("File " + path + ": not a ruleset file");
+  auto damaged = [&](std::string const& why) {
+    throw std::runtime_error("File " + path + ": damaged ruleset file (" + why + ")");
+  };
+  auto whole = [&](std::string const& s, unsigned long limit) {
+    char* end = nullptr;
+    unsigned long v = std::strtoul(s.c_str(), &end, 10);
+    if (s.empty() || *end != '\0' || v >= limit) damaged("bad index '" + s + "'");
+    return v;
+  };
+  auto real = [&](std::string const& s) {
+    char* end = nullptr;
+    double v = std::strtod(s.c_str(), &end);
+    if (s.empty() || *end != '\0' || !std::isfinite(v)) damaged("bad number '" + s + "'");
+    return v;
+  };
+  std::unique_ptr<rule_model> m(new rule_model());
+  bool ended = false;
+  auto const big = std::numeric_limits<unsigned long>::max();
+  while (std::getline(in, line)) {
+    std::vector<std::string> f = fields(line);
+    std::string const& key = f[0];
+    auto need = [&](std::size_t n) {
+      if (f.size() != n) damaged("a '" + key + "' line of " + std::to_string(f.size()) + " fields");
+    };
+    if (key == "name") {
+      need(2);
+      m->name_ = f[1];
+    } else if (key == "class") {
+      need(2);
+      m->class_name_ = f[1];
+    } else if (key == "confidence") {
+      need(2);
+      m->confidence_level_ = static_cast<float>(real(f[1]));
+    } else if (key == "leaves") {
+      need(2);
+      m->leaves_ = whole(f[1], big);
+    } else if (key == "classes") {
+      if (f.size() < 2) damaged("no class count");
+      need(2 + whole(f[1], big));
+      m->classes_.assign(f.begin() + 2, f.end());
+    } else if (key == "attribute") {
+      if (f.size() < 5) damaged("a short attribute");
+      attribute a;
+      a.name = f[1];
+      a.continuous = f[2] == "c";
+      a.datatype = f[3];
+      if (a.datatype != "integer" && a.datatype != "uinteger" && a.datatype != "float" &&
+          a.datatype != "double" && a.datatype != "string")
+        damaged("data type '" + a.datatype + "'");
+      need(5 + whole(f[4], big));
+      a.values.assign(f.begin() + 5, f.end());
+      m->attributes_.push_back(std::move(a));
+    } else if (key == "order") {
+      for (std::size_t i = 1; i < f.size(); ++i)
+        m->class_order_.push_back(whole(f[i], m->classes_.size()));
+    } else if (key == "default") {
+      need(2 + m->classes_.size());
+      m->default_ = whole(f[1], m->classes_.size());
+      for (std::size_t i = 2; i < f.size(); ++i)
+        m->default_dist_.push_back(real(f[i]));
+    } else if (key == "rule") {
+      if (f.size() < 7) damaged("a short rule");
+      rule r;
+      r.cls = whole(f[1], m->classes_.size());
+      r.cases = real(f[2]);
+      r.errors = real(f[3]);
+      r.confidence = real(f[4]);
+      r.lift = real(f[5]);
+      unsigned long n = whole(f[6], big / 4);
+      need(7 + 3 * n);
+      for (unsigned long i = 0; i < n; ++i) {
+        rule_condition c;
+        c.attribute = whole(f[7 + 3 * i], m->attributes_.size());
+        std::string const& op = f[8 + 3 * i];
+        c.test = op == "="    ? rule_condition::equal
+                 : op == "<=" ? rule_condition::not_above
+                 : op == ">"  ? rule_condition::above
+                              : (damaged("test '" + op + "'"), rule_condition::equal);
+        if ((c.test == rule_condition::equal) == m->attributes_[c.attribute].continuous)
+          damaged("test '" + op + "' on attribute '" + m->attributes_[c.attribute].name + "'");
+        c.value = f[9 + 3 * i];
+        r.conditions.push_back(std::move(c));
+      }
+      m->rules_.push_back(std::move(r));
+    } else if (key == "end") {
+      need(1);
+      ended = true;
+      break;
+    } else {
+      damaged("unknown line '" + key + "'");
+    }
+  }
+  if (!ended) damaged("cut short");
+  if (in.peek() != std::char_traits<char>::eof()) damaged("text after its end");
+  if (m->classes_.empty()) damaged("no classes");
+  if (m->class_order_.size() != m->classes_.size()) damaged("class order");
+  if (m->default_dist_.size() != m->classes_.size()) damaged("default distribution");
+  return m;
+}
+
+// ---------------------------------------------------------------- text, JSON and PMML
+
+void rule_model::write_text(std::ostream& out) const {
+  out << "Rules (" << rules_.size() << " from " << leaves_ << " leaves)\n";
+  std::size_t i = 0;
+  for (rule const& r : rules_) {
+    out << "\nRule " << ++i << ": (" << num(r.cases);
+    if (r.errors > 0) out << "/" << num(r.errors);
+    out << ", confidence " << num(std::round(r.confidence * 1000) / 1000) << ", lift "
+        << num(std::round(r.lift * 10) / 10) << ")\n";
+    if (r.conditions.empty()) out << "    (always)\n";
+    for (rule_condition const& c : r.conditions)
+      out << "    " << attributes_[c.attribute].name << " " << op_text(c.test) << " " << c.value
+          << "\n";
+    out << "    -> class " << classes_[r.cls] << "\n";
+  }
+  out << "\nDefault class: " << classes_[default_] << "\n";
+}
+
+void rule_model::write_json(std::ostream& out) const {
+  out << "{\"kind\":\"ruleset\",\"name\":" << json_string(name_)
+      << ",\"class\":" << json_string(class_name_) << ",\"classes\":[";
+  for (std::size_t c = 0; c < classes_.size(); ++c)
+    out << (c ? "," : "") << json_string(classes_[c]);
+  out << "],\"attributes\":[";
+  for (std::size_t a = 0; a < attributes_.size(); ++a)
+    out << (a ? "," : "") << "{\"name\":" << json_string(attributes_[a].name)
+        << ",\"continuous\":" << (attributes_[a].continuous ? "true" : "false") << ",\"kind\":\""
+        << (attributes_[a].continuous ? "continuous" : "discrete")
+        << "\",\"type\":" << json_string(attributes_[a].datatype) << "}";
+  out << "],\"leaves\":" << leaves_ << ",\"class_order\":[";
+  for (std::size_t c = 0; c < class_order_.size(); ++c)
+    out << (c ? "," : "") << json_string(classes_[class_order_[c]]);
+  out << "],\"default\":" << json_string(classes_[default_]) << ",\"rules\":[";
+  for (std::size_t i = 0; i < rules_.size(); ++i) {
+    rule const& r = rules_[i];
+    out << (i ? "," : "") << "{\"class\":" << json_string(classes_[r.cls])
+        << ",\"cases\":" << num(r.cases) << ",\"errors\":" << num(r.errors)
+        << ",\"confidence\":" << num(r.confidence) << ",\"lift\":" << num(r.lift)
+        << ",\"conditions\":[";
+    for (std::size_t j = 0; j < r.conditions.size(); ++j) {
+      rule_condition const& c = r.conditions[j];
+      out << (j ? "," : "") << "{\"attribute\":" << json_string(attributes_[c.attribute].name)
+          << ",\"test\":\"" << op_text(c.test) << "\",\"value\":" << json_string(c.value) << "}";
+    }
+    out << "]}";
+  }
+  out << "]}\n";
+}
+
+void rule_model::write_pmml(std::ostream& out) const {
+  auto type_of = [](std::string const& t) {
+    return t == "integer" || t == "uinteger" ? "integer"
+           : t == "float"                    ? "float"
+           : t == "double"                   ? "double"
+                                             : "string";
+  };
+  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      << "<PMML xmlns=\"http://www.dmg.org/PMML-4_4\" version=\"4.4\">\n"
+      << "  <Header description=\"" << xml(name_) << "\">\n"
+      << "    <Application name=\"Brix\" version=\"" << get_version() << "\"/>\n"
+      << "  </Header>\n"
+      << "  <DataDictionary numberOfFields=\"" << attributes_.size() + 1 << "\">\n";
+  for (attribute const& a : attributes_) {
+    out << "    <DataField name=\"" << xml(a.name) << "\" optype=\""
+        << (a.continuous ? "continuous" : "categorical") << "\" dataType=\""
+        << (a.continuous ? type_of(a.datatype) : "string") << "\"";
+    if (a.continuous) {
+      out << "/>\n";
+      continue;
+    }
+    out << ">\n";
+    for (auto const& v : a.values)
+      out << "      <Value value=\"" << xml(v) << "\"/>\n";
+    out << "    </DataField>\n";
+  }
+  out << "    <DataField name=\"" << xml(class_name_)
+      << "\" optype=\"categorical\" dataType=\"string\">\n";
+  for (auto const& c : classes_)
+    out << "      <Value value=\"" << xml(c) << "\"/>\n";
+  out << "    </DataField>\n  </DataDictionary>\n"
+      << "  <RuleSetModel modelName=\"" << xml(name_) << "\" functionName=\"classification\">\n"
+      << "    <MiningSchema>\n";
+  for (attribute const& a : attributes_)
+    out << "      <MiningField name=\"" << xml(a.name) << "\" usageType=\"active\"/>\n";
+  out << "      <MiningField name=\"" << xml(class_name_) << "\" usageType=\"target\"/>\n"
+      << "    </MiningSchema>\n"
+      << "    <RuleSet defaultScore=\"" << xml(classes_[default_]) << "\" defaultConfidence=\""
+      << num(default_dist_[default_]) << "\">\n"
+      << "      <RuleSelectionMethod criterion=\"weightedMax\"/>\n";
+  for (std::size_t i = 0; i < rules_.size(); ++i) {
+    rule const& r = rules_[i];
+    out << "      <SimpleRule id=\"" << i + 1 << "\" score=\"" << xml(classes_[r.cls])
+        << "\" recordCount=\"" << num(r.cases) << "\" nbCorrect=\"" << num(r.cases - r.errors)
+        << "\" confidence=\"" << num(r.confidence) << "\" weight=\"" << num(r.confidence)
+        << "\">\n";
+    auto simple = [&](rule_condition const& c, char const* pad) {
+      char const* op = c.test == rule_condition::equal       ? "equal"
+                       : c.test == rule_condition::not_above ? "lessOrEqual"
+                                                             : "greaterThan";
+      out << pad << "<SimplePredicate field=\"" << xml(attributes_[c.attribute].name)
+          << "\" operator=\"" << op << "\" value=\"" << xml(c.value) << "\"/>\n";
+    };
+    if (r.conditions.empty()) {
+      out << "        <True/>\n";
+    } else if (r.conditions.size() == 1) {
+      simple(r.conditions[0], "        ");
+    } else {
+      out << "        <CompoundPredicate booleanOperator=\"and\">\n";
+      for (rule_condition const& c : r.conditions)
+        simple(c, "          ");
+      out << "        </CompoundPredicate>\n";
+    }
+    out << "      </SimpleRule>\n";
+  }
+  out << "    </RuleSet>\n  </RuleSetModel>\n</PMML>\n";
+}
+
+}  // namespace brix

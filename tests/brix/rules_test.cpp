@@ -1,0 +1,249 @@
+// Rulesets: a generalisation worked by hand on the golf table, unknown values, the order in which
+// firing rules decide, the ruleset file (round trip, refusals) and reproducibility.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "brix/data.h"
+#include "brix/model.h"
+#include "brix/rules.h"
+#include "tests/brix/table_files.h"
+
+namespace {
+
+using brix::rule;
+using brix::rule_condition;
+
+std::string shown(brix::rule_model const& m, rule const& r) {
+  std::string s;
+  for (rule_condition const& c : r.conditions)
+    s += m.attributes()[c.attribute].name +
+         (c.test == rule_condition::equal       ? " = "
+          : c.test == rule_condition::not_above ? " <= "
+                                                : " > ") +
+         c.value + " & ";
+  return s + "-> " + m.classes()[r.cls];
+}
+
+std::string json(brix::rule_model const& m) {
+  std::ostringstream o;
+  m.write_json(o);
+  return o.str();
+}
+
+// Golf with the given humidity per row ("?" unknown), read into a table like the example file.
+std::unique_ptr<brix::table> golf_with(std::vector<std::string> const& humidity,
+                                       std::vector<double> const& weights = {}) {
+  std::vector<std::string> outlook{"sunny", "sunny",    "overcast", "rainy", "rainy",
+                                   "rainy", "overcast", "sunny",    "sunny", "rainy",
+                                   "sunny", "overcast", "overcast", "rainy"},
+      windy{"FALSE", "TRUE",  "FALSE", "FALSE", "FALSE", "TRUE",  "TRUE",
+            "FALSE", "FALSE", "FALSE", "TRUE",  "TRUE",  "FALSE", "TRUE"},
+      play{"no", "no",  "yes", "yes", "yes", "no",  "yes",
+           "no", "yes", "yes", "yes", "yes", "yes", "no"};
+  std::vector<double> temp{85, 80, 83, 70, 68, 65, 64, 72, 69, 75, 75, 72, 81, 71}, hum;
+  std::vector<bool> known;
+  for (auto const& h : humidity) {
+    known.push_back(h != "?");
+    hum.push_back(h == "?" ? 0 : std::stod(h));
+  }
+  using k = brix::column_kind;
+  using v = brix::value_type;
+  brix::table_builder b("golf");
+  if (!weights.empty()) b.add_numbers("w", k::weights, v::float32, weights);
+  return b.add_strings("outlook", k::discrete, outlook)
+      .add_numbers("temperature", k::continuous, v::integer, temp)
+      .add_numbers("humidity", k::continuous, v::integer, hum, known)
+      .add_strings("windy", k::discrete, windy)
+      .add_strings("play", k::class_label, play)
+      .build();
+}
+
+std::vector<std::string> const kHumidity{"85", "90", "86", "96", "80", "70", "65",
+                                         "95", "70", "80", "70", "90", "75", "91"};
+
+TEST(Rules, GolfGeneralisationWorkedByHand) {
+  auto t = golf_with(kHumidity);
+  auto tree = brix::tree_model::train(*t);
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  std::vector<rule> g = brix::rule_model::generalised(*tree, *t);
+  // Pessimistic error rate U(n, e) = (e + extra(n, e)) / n at the pruning level 0.25, the extra
+  // errors as pruning adds them to a leaf (the tree prints them: sunny & humidity <= 75 is
+  // "yes (2.0/1.0)").
+  // sunny & humidity <= 75 -> yes covers 2 cases, no error: U = (0 + 1.000) / 2 = 0.500.
+  //   Without sunny, humidity <= 75 covers 5 cases (rainy, 70, windy: no): U(5,1) = 2.271/5 =
+  //   0.454. Without humidity, sunny covers 5 cases, 3 errors: U(5,3) = 4.096/5 = 0.819. 0.454 <=
+  //   0.500: sunny is dropped; the last condition always stays.
+  // rainy & windy = FALSE -> yes (3/0): U = 1.110/3 = 0.370; windy = FALSE alone is 8/2,
+  //   U = 3.471/8 = 0.434, rainy alone 5/2, U = 0.648: both stay.
+  // sunny & humidity > 75 -> no (3/0): U = 0.370; sunny alone 5/2 (0.648), humidity > 75 alone
+  //   9/5: both stay.
+  std::vector<std::string> want{"outlook = overcast & -> yes",
+                                "outlook = rainy & windy = FALSE & -> yes",
+                                "outlook = rainy & windy = TRUE & -> no", "humidity <= 75 & -> yes",
+                                "outlook = sunny & humidity > 75 & -> no"};
+  ASSERT_EQ(want.size(), g.size());
+  for (std::size_t i = 0; i < g.size(); ++i)
+    EXPECT_EQ(want[i], shown(*m, g[i])) << i;
+  EXPECT_DOUBLE_EQ(5, g[3].cases);
+  EXPECT_DOUBLE_EQ(1, g[3].errors);
+  EXPECT_DOUBLE_EQ(5.0 / 7, g[3].confidence);  // (5 - 1 + 1) / (5 + 2)
+
+  // Selection: "yes" is the default of the uncovered cases; its rules add nothing to it and go.
+  ASSERT_EQ(2u, m->size());
+  EXPECT_LT(m->size(), m->leaves());
+  EXPECT_EQ("yes", m->classes()[m->default_class()]);
+  rule const& first = m->rules()[0];
+  EXPECT_EQ("outlook = sunny & humidity > 75 & -> no", shown(*m, first));
+  EXPECT_DOUBLE_EQ(0.8, first.confidence);         // (3 - 0 + 1) / (3 + 2)
+  EXPECT_DOUBLE_EQ(0.8 / (5.0 / 14), first.lift);  // over the 5 "no" days in 14
+  EXPECT_DOUBLE_EQ(0.0, m->error(*t));
+}
+
+TEST(Rules, AnUnknownValueSatisfiesNoCondition) {
+  auto t = golf_with(kHumidity);
+  auto tree = brix::tree_model::train(*t);
+  // The same tree generalised on cases where the windy rainy day's humidity is unknown: that day
+  // no longer satisfies humidity <= 75, so the rule covers 4 cases and makes no error.
+  std::vector<std::string> hum = kHumidity;
+  hum[5] = "?";
+  auto u = golf_with(hum);
+  std::vector<rule> g = brix::rule_model::generalised(*tree, *u);
+  ASSERT_EQ(5u, g.size());
+  EXPECT_DOUBLE_EQ(4, g[3].cases);
+  EXPECT_DOUBLE_EQ(0, g[3].errors);
+
+  // Prediction: a sunny day of unknown humidity fires neither sunny rule and takes the default.
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  hum = kHumidity;
+  hum[0] = "?";  // sunny, "no" when its humidity of 85 is known
+  auto p = golf_with(hum);
+  std::vector<unsigned long> cls, by;
+  m->classify(*p, cls, &by);
+  EXPECT_EQ(m->default_class(), cls[0]);
+  EXPECT_EQ(m->size(), by[0]);
+  std::vector<double> proba = m->predict_proba(*p);
+  EXPECT_GT(proba[m->default_class()], 0.5);
+  EXPECT_NEAR(1.0, proba[0] + proba[1], 1e-12);
+  EXPECT_EQ("no", m->predict(*t)[0]);
+}
+
+TEST(Rules, WeightsCountAsCases) {
+  auto t = golf_with(kHumidity);
+  auto tree = brix::tree_model::train(*t);
+  // The same tree's rules generalised on every day counted twice: sunny & humidity <= 75 covers
+  // 4 with no error, U(4,0) = 1.172/4 = 0.293, while humidity <= 75 alone covers 10 with 2
+  // errors, U(10,2) = 3.548/10 = 0.355: more evidence, and sunny now stays.
+  auto twice = golf_with(kHumidity, std::vector<double>(14, 2.0));
+  std::vector<rule> g = brix::rule_model::generalised(*tree, *twice);
+  ASSERT_EQ(5u, g.size());
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  EXPECT_EQ("outlook = sunny & humidity <= 75 & -> yes", shown(*m, g[3]));
+  EXPECT_DOUBLE_EQ(4, g[3].cases);
+  // On the sunny days only: the leaves of other outlooks cover nothing and go, and sunny, true of
+  // every case, goes from the others.
+  std::vector<unsigned long> rows{0, 1, 7, 8, 10};
+  g = brix::rule_model::generalised(*tree, *t, &rows);
+  ASSERT_EQ(2u, g.size());
+  EXPECT_EQ("humidity <= 75 & -> yes", shown(*m, g[0]));
+  EXPECT_EQ("humidity > 75 & -> no", shown(*m, g[1]));
+  EXPECT_DOUBLE_EQ(3, g[1].cases);
+}
+
+class RuleFiles : public ::testing::Test, public table_files {};
+
+// Two classes, two rules on x that overlap on 4 < x <= 6.
+std::string const kHandMade =
+    "brix ruleset 1\nname\thand\nclass\tc\nconfidence\t0.25\nleaves\t3\n"
+    "classes\t3\tp\tn\tq\nattribute\tx\tc\tfloat\t0\norder\t0\t1\t2\n"
+    "default\t2\t0.2\t0.2\t0.6\n"
+    "rule\t0\t8\t2\t0.6\t1\t1\t0\t<=\t6\n"
+    "rule\t1\t7\t0\t0.9\t1\t1\t0\t>\t4\n"
+    "rule\t2\t1\t0\t0.6\t1\t1\t0\t>\t5.5\n"
+    "end\n";
+
+TEST_F(RuleFiles, HighestConfidenceAmongFiringRulesDecides) {
+  auto m = brix::rule_model::load(write("hand.rules", kHandMade));
+  auto t = brix::table_builder("t")
+               .add_numbers("x", brix::column_kind::continuous, brix::value_type::float32,
+                            {1, 5, 5.6, 9}, {true, true, true, false})
+               .build(false);
+  std::vector<unsigned long> cls, by;
+  m->classify(*t, cls, &by);
+  std::vector<double> p = m->predict_proba(*t);
+  // x = 1: only p fires.
+  EXPECT_EQ(0u, cls[0]);
+  EXPECT_DOUBLE_EQ(1.0, p[0]);
+  // x = 5: p (0.6) and n (0.9) fire; n decides, shares 0.6 : 0.9.
+  EXPECT_EQ(1u, cls[1]);
+  EXPECT_DOUBLE_EQ(0.4, p[3]);
+  EXPECT_DOUBLE_EQ(0.6, p[4]);
+  // x = 5.6: also q at 0.6, tied with p; n still decides.
+  EXPECT_EQ(1u, cls[2]);
+  EXPECT_DOUBLE_EQ(0.6 / 2.1, p[8]);
+  // Unknown x: no rule fires, the default and its distribution.
+  EXPECT_EQ(2u, cls[3]);
+  EXPECT_EQ(3u, by[3]);
+  EXPECT_DOUBLE_EQ(0.6, p[11]);
+
+  // Equal confidences: the first class's rule, whatever the order of the rules.
+  std::string tied = kHandMade;
+  std::string p_rule = "rule\t0\t8\t2\t0.6\t1\t1\t0\t<=\t6\n";
+  tied.erase(tied.find(p_rule), p_rule.size());
+  tied.replace(tied.find("0.9"), 3, "0.6");
+  tied.insert(tied.find("end\n"), p_rule);  // listed after n's rule
+  m = brix::rule_model::load(write("tied.rules", tied));
+  m->classify(*t, cls, &by);
+  EXPECT_EQ(0u, cls[1]);
+  EXPECT_EQ(2u, by[1]);
+  p = m->predict_proba(*t);
+  EXPECT_EQ(p[3], p[4]);
+}
+
+TEST_F(RuleFiles, RoundTripAndRefusals) {
+  auto t = stem_table(kExamples + "iris");
+  auto tree = brix::tree_model::train(*t);
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  std::string path = file("iris.rules"), tree_path = file("iris.tree");
+  m->save(path);
+  tree->save(tree_path);
+  EXPECT_TRUE(brix::rule_model::is_rules_file(path));
+  EXPECT_FALSE(brix::rule_model::is_rules_file(tree_path));
+  auto back = brix::rule_model::load(path);
+  EXPECT_EQ(json(*m), json(*back));
+  EXPECT_EQ(m->predict_proba(*t), back->predict_proba(*t));
+
+  // Each loader refuses the other's files; damaged files are refused with the reason.
+  EXPECT_THROW(brix::tree_model::load(path), std::runtime_error);
+  EXPECT_THROW(brix::rule_model::load(tree_path), std::runtime_error);
+  std::string text = read(path);
+  for (std::string const& bad :
+       {text.substr(0, text.size() - 4), text + "extra\n",
+        std::string(kHandMade).replace(kHandMade.find("\t<=\t"), 4, "\t=\t"),
+        std::string(kHandMade).replace(kHandMade.find("rule\t0"), 6, "rule\t7")}) {
+    EXPECT_THROW(brix::rule_model::load(write("bad.rules", bad)), std::runtime_error) << bad;
+  }
+}
+
+TEST(Rules, ReproducibleAndSmallerThanTheTree) {
+  auto t = stem_table(std::string(BRIX_SHARED_DATA) + "/mlb_breastcancer");
+  auto a = brix::rule_model::train(*t), b = brix::rule_model::train(*t);
+  EXPECT_EQ(json(*a), json(*b));
+  EXPECT_LT(a->size(), a->leaves());
+  EXPECT_LT(a->error(*t), 0.06);
+  // Training on rows: the rules of the tree of those rows, figures from those rows alone.
+  std::vector<unsigned long> rows;
+  for (unsigned long r = 0; r < t->get_no_rows(); r += 2)
+    rows.push_back(r);
+  auto half = brix::rule_model::train(*t, {}, &rows);
+  double covered = 0;
+  for (rule const& r : half->rules())
+    covered = std::max(covered, r.cases);
+  EXPECT_LE(covered, static_cast<double>(rows.size()));
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"
 #include "zel/inpout/binstream.h"
@@ -74,7 +75,11 @@ dtree* dtree::fromBinary(std::string const& file) {
   if (in.good() && present == 'E')
     throw std::runtime_error(
         "Binary tree: the file holds boosted or cost-sensitive trees, not one tree");
-  if (!in.good() || present > 1) throw std::runtime_error("Binary tree: truncated or damaged data");
+  if (!in.good() || present > 1) {
+    if (rule_model::is_rules_file(file))
+      throw std::runtime_error("Binary tree: the file holds a ruleset, not a tree");
+    throw std::runtime_error("Binary tree: truncated or damaged data");
+  }
   // The loaded model is there to test and score: it needs its tree, its
   // metadata and its training matrix.
   if (present == 0) throw std::runtime_error("Binary tree: the file holds no model");

@@ -67,7 +67,7 @@ expect_status 0
 # Refusals: a tree reader given the ruleset, a damaged ruleset, an output over an input, a
 # directory that does not exist (nothing left behind).
 run -bt golf.rules
-grep -q "truncated or damaged" stdout stderr || fail "brixcmd -bt read a ruleset: $(cat stdout)"
+grep -q "holds a ruleset, not a tree" stdout stderr || fail "brixcmd -bt read a ruleset: $(cat stdout)"
 head -5 golf.rules >cut.rules
 brix_run predict cut.rules golf.csv
 expect_status 1

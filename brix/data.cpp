@@ -504,30 +504,28 @@ std::size_t refusing(std::vector<value_type> const& types, char const* const* ce
   return types.size();
 }
 
-}  // namespace
-
-std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
-  char sep = opts.separator != 0                                       ? opts.separator
-             : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
-                                                                       : ',';
-  text_buffer text = slurp(path);
-  markers missing(opts.missing);
-  parsed p = parse(text, sep, path, missing);
+// Every name and cell as UTF-8, checked only when some byte is outside ASCII.
+void require_utf8(text_buffer const& text, parsed const& p, std::string const& path) {
+  if (!any_high(text.data(), text.size())) return;
   std::size_t k = p.names.size(), rows = p.lines.size();
-  if (any_high(text.data(), text.size())) {
+  for (std::size_t j = 0; j < k; ++j)
+    if (!is_utf8(p.names[j].c_str()))
+      throw std::runtime_error(
+          not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+  for (std::size_t r = 0; r < rows; ++r)
     for (std::size_t j = 0; j < k; ++j)
-      if (!is_utf8(p.names[j].c_str()))
-        throw std::runtime_error(
-            not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
-    for (std::size_t r = 0; r < rows; ++r)
-      for (std::size_t j = 0; j < k; ++j)
-        if (!is_utf8(p.cells[r * k + j]))
-          throw std::runtime_error(not_utf8("File " + path + ", line " +
-                                            std::to_string(p.lines[r]) + ", column '" + p.names[j] +
-                                            "'"));
-  }
+      if (!is_utf8(p.cells[r * k + j]))
+        throw std::runtime_error(not_utf8("File " + path + ", line " + std::to_string(p.lines[r]) +
+                                          ", column '" + p.names[j] + "'"));
+}
+
+// The header's names checked (row names taken for what they are); the class column's index,
+// k when the table has none.
+std::size_t header_columns(parsed& p, std::string const& path, read_options const& opts,
+                           bool& row_names) {
+  std::size_t k = p.names.size();
   // A first column without a name holds row names, as R's write.csv writes them.
-  bool row_names = k > 1 && p.names[0].empty();
+  row_names = k > 1 && p.names[0].empty();
   if (row_names) {
     p.names[0] = kRowNames;
     if (opts.warnings)
@@ -560,22 +558,27 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   for (auto const& o : opts.kinds)
     if (!seen.count(o.first))
       throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+  return cls;
+}
 
-  auto impl = std::make_unique<impls::table>(path, cls < k);
-  // What the values of each column look like, in one pass in row order (the cells of a row lie
-  // together in memory).
-  struct shape {
-    bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
-    bool all_date = true, whole_days = true;
-    std::size_t looked = 0;
-    std::string lossy_value, wide_value;
-  };
+// What the values of a CSV column look like.
+struct shape {
+  bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
+  bool all_date = true, whole_days = true;
+  std::size_t looked = 0;
+  std::string lossy_value, wide_value;
+};
+
+// Which columns need their values looked at: not the class, nor one whose type the caller chose
+// or whose kind takes texts.
+std::vector<shape> initial_shapes(parsed const& p, read_options const& opts, std::size_t cls,
+                                  bool row_names) {
+  std::size_t k = p.names.size();
   std::vector<shape> shapes(k);
   for (std::size_t j = 0; j < k; ++j) {
     auto kd = opts.kinds.find(p.names[j]);
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
-    // A class, a type the caller chose or a kind that takes texts needs no looking at.
     if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0) ||
         opts.numeric_if_present.count(p.names[j]))
       shapes[j].all_num = false;
@@ -586,59 +589,73 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
       shapes[j].all_date = false;
   }
-  for (std::size_t r = 0; r < rows; ++r) {
+  return shapes;
+}
+
+// One known value of a column still looked at.
+inline void look_at(shape& c, char const* v) {
+  c.any = true;
+  if (c.all_date) {
+    // The syntax only here, the calendar when the column is converted.
+    c.all_date =
+        v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' && v[4] == '-';
+    if (c.all_date) return;
+  }
+  if (!c.all_num) return;
+  if (c.all_int && is_int32(v)) return;
+  c.all_int = false;
+  bool far;
+  if (!looks_numeric(v, far)) {
+    c.all_num = false;
+    return;
+  }
+  if (far) {
+    // Converted as the loader converts: a value a float cannot hold makes the column double,
+    // one no double holds either (1e309) makes it text, never a column the loader refuses.
+    float f;
+    double d;
+    if (!zel::data_types::detail::parse_floating(v, f)) {
+      if (zel::data_types::detail::parse_floating(v, d)) {
+        if (!c.wide) c.wide_value = v;
+        c.wide = true;
+      } else
+        c.all_num = false;
+    }
+    if (!c.all_num) return;
+  }
+  // Precision is looked at on the first values only: the warning gives an example.
+  double d;
+  if (c.lossy || ++c.looked > 1000 || !is_number(v, d)) return;
+  if (static_cast<double>(static_cast<float>(d)) != d) {
+    // Lossy when the float's shortest text differs from the value's.
+    char a[64], b[64];
+    auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
+    auto rb = std::to_chars(b, b + sizeof b, d);
+    if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
+      c.lossy = true;
+      c.lossy_value = v;
+    }
+  }
+}
+
+// The values looked at in one pass in row order (the cells of a row lie together in memory).
+void look_at_rows(parsed const& p, std::vector<shape>& shapes) {
+  std::size_t k = p.names.size(), rows = p.lines.size();
+  for (std::size_t r = 0; r < rows; ++r)
     for (std::size_t j = 0; j < k; ++j) {
       shape& c = shapes[j];
       if (!c.all_num && !c.all_date) continue;
       char const* v = p.cells[r * k + j];
-      if (v == kUnknown) continue;
-      c.any = true;
-      if (c.all_date) {
-        // The syntax only here, the calendar when the column is converted.
-        c.all_date = v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' &&
-                     v[4] == '-';
-        if (c.all_date) continue;
-      }
-      if (!c.all_num) continue;
-      if (c.all_int && is_int32(v)) continue;
-      c.all_int = false;
-      bool far;
-      if (!looks_numeric(v, far)) {
-        c.all_num = false;
-        continue;
-      }
-      if (far) {
-        // Converted as the loader converts: a value a float cannot hold makes the column double,
-        // one no double holds either (1e309) makes it text, never a column the loader refuses.
-        float f;
-        double d;
-        if (!zel::data_types::detail::parse_floating(v, f)) {
-          if (zel::data_types::detail::parse_floating(v, d)) {
-            if (!c.wide) c.wide_value = v;
-            c.wide = true;
-          } else
-            c.all_num = false;
-        }
-        if (!c.all_num) continue;
-      }
-      // Precision is looked at on the first values only: the warning gives an example.
-      double d;
-      if (c.lossy || ++c.looked > 1000 || !is_number(v, d)) continue;
-      if (static_cast<double>(static_cast<float>(d)) != d) {
-        // Lossy when the float's shortest text differs from the value's.
-        char a[64], b[64];
-        auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
-        auto rb = std::to_chars(b, b + sizeof b, d);
-        if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
-          c.lossy = true;
-          c.lossy_value = v;
-        }
-      }
+      if (v != kUnknown) look_at(c, v);
     }
-  }
-  // ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
-  // go to one buffer of fixed slots, which the cells then point into.
+}
+
+// ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
+// go to date_texts, fixed slots which the cells then point into. Which columns are dates.
+std::vector<bool> convert_dates(parsed& p, std::vector<shape>& shapes, std::string const& path,
+                                std::ostream* warnings, std::vector<char>& date_texts) {
   constexpr std::size_t kSlot = 32;
+  std::size_t k = p.names.size(), rows = p.lines.size();
   std::vector<bool> dates(k, false);
   std::size_t date_columns = 0;
   for (std::size_t j = 0; j < k; ++j) {
@@ -657,7 +674,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       ++date_columns;
     }
   }
-  std::vector<char> date_texts(rows * kSlot * date_columns);
+  date_texts.assign(rows * kSlot * date_columns, '\0');
   for (std::size_t j = 0, n = 0; j < k; ++j) {
     if (!dates[j]) continue;
     for (std::size_t r = 0; r < rows; ++r) {
@@ -671,17 +688,22 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       v = out;
     }
     ++n;
-    if (opts.warnings)
-      *opts.warnings << "File " << path << ", column '" << p.names[j]
-                     << "': ISO dates, read as days since 1970-01-01"
-                     << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
+    if (warnings)
+      *warnings << "File " << path << ", column '" << p.names[j]
+                << "': ISO dates, read as days since 1970-01-01"
+                << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
   }
-  if (cls < k) {
-    std::size_t unknown = 0;
-    for (std::size_t r = 0; r < rows; ++r)
-      unknown += p.cells[r * k + cls] == kUnknown;
-    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
-  }
+  return dates;
+}
+
+// Each column's type and kind, from what its values look like and the caller's overrides,
+// declared to the table; the types chosen.
+std::vector<value_type> declare_csv_columns(impls::table& impl, parsed const& p,
+                                            std::vector<shape> const& shapes,
+                                            std::vector<bool> const& dates, std::size_t cls,
+                                            bool row_names, std::string const& path,
+                                            read_options const& opts) {
+  std::size_t k = p.names.size();
   std::vector<value_type> types(k);
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
@@ -720,17 +742,21 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (kd != opts.kinds.end()) kind = kd->second;
     types[j] = type;
     try {
-      impl->push_back(name, keyword(type), keyword(kind));
+      impl.push_back(name, keyword(type), keyword(kind));
     } catch (std::runtime_error const& e) {
       throw std::runtime_error("File " + path + ", column '" + name + "': " + e.what());
     }
   }
+  return types;
+}
 
-  // The cells of a row lie together, unknown ones already the table's null text.
-  std::size_t r = 0;
+// The cells of a row lie together, unknown ones already the table's null text.
+void load_csv_rows(impls::table& impl, parsed const& p, std::vector<value_type> const& types,
+                   std::string const& path) {
+  std::size_t k = p.names.size(), rows = p.lines.size(), r = 0;
   try {
-    impl->load_rows([&]() -> char const* const* { return r == rows ? nullptr : &p.cells[r++ * k]; },
-                    "?");
+    impl.load_rows([&]() -> char const* const* { return r == rows ? nullptr : &p.cells[r++ * k]; },
+                   "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
     std::size_t at = r == 0 ? 0 : r - 1;
@@ -738,6 +764,35 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     throw std::runtime_error(cut("File " + path + ", line " + std::to_string(p.lines[at]) +
                                  (j < k ? ", column '" + p.names[j] + "'" : "") + ": " + e.what()));
   }
+}
+
+}  // namespace
+
+std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
+  char sep = opts.separator != 0                                       ? opts.separator
+             : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
+                                                                       : ',';
+  text_buffer text = slurp(path);
+  markers missing(opts.missing);
+  parsed p = parse(text, sep, path, missing);
+  std::size_t k = p.names.size(), rows = p.lines.size();
+  require_utf8(text, p, path);
+  bool row_names = false;
+  std::size_t cls = header_columns(p, path, opts, row_names);
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  std::vector<shape> shapes = initial_shapes(p, opts, cls, row_names);
+  look_at_rows(p, shapes);
+  std::vector<char> date_texts;
+  std::vector<bool> dates = convert_dates(p, shapes, path, opts.warnings, date_texts);
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (std::size_t r = 0; r < rows; ++r)
+      unknown += p.cells[r * k + cls] == kUnknown;
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
+  }
+  std::vector<value_type> types =
+      declare_csv_columns(*impl, p, shapes, dates, cls, row_names, path, opts);
+  load_csv_rows(*impl, p, types, path);
   warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
@@ -800,24 +855,111 @@ std::string lower(std::string s) {
   return s;
 }
 
-}  // namespace
+struct attribute {
+  std::string name;
+  value_type type;
+  column_kind kind;
+  std::vector<std::string> nominal;
+  std::set<std::string> listed;  // the nominal values, to look rows' values up
+};
 
-std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
-  text_buffer text = slurp(path);
-  struct attribute {
-    std::string name;
-    value_type type;
-    column_kind kind;
-    std::vector<std::string> nominal;
-    std::set<std::string> listed;  // the nominal values, to look rows' values up
-  };
+// An ARFF file's declarations and its rows as texts, with the line each row is on.
+struct arff_text {
   std::vector<attribute> atts;
   std::vector<std::vector<std::string>> rows;
   std::vector<std::size_t> lines;
+};
+
+std::string arff_where(std::string const& path, std::size_t line_no) {
+  return "File " + path + ", line " + std::to_string(line_no);
+}
+
+// An @attribute line (the keyword included), as declared.
+attribute arff_attribute(std::string const& line, std::string const& word, std::string const& path,
+                         std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  std::string rest = line.substr(word.size());
+  std::size_t brace = rest.find('{');
+  std::vector<std::string> head;
+  if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
+      head.empty())
+    throw std::runtime_error(where() + ": bad attribute declaration");
+  attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
+  if (brace != std::string::npos) {
+    std::size_t close = rest.rfind('}');
+    if (close == std::string::npos || close < brace)
+      throw std::runtime_error(where() + ": nominal values without a closing brace");
+    if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
+      throw std::runtime_error(where() + ": quote not closed");
+    a.listed.insert(a.nominal.begin(), a.nominal.end());
+  } else {
+    std::string type = head.size() > 1 ? lower(head[1]) : "";
+    if (type == "integer") {
+      a.type = value_type::integer;
+      a.kind = column_kind::continuous;
+    } else if (type == "numeric" || type == "real") {
+      a.type = value_type::float32;
+      a.kind = column_kind::continuous;
+    } else if (type != "string") {
+      throw std::runtime_error(where() + ", attribute '" + a.name + "': type '" + type +
+                               "' is not supported");
+    }
+  }
+  return a;
+}
+
+// A data line, dense or sparse, as one text per attribute; f is scratch space.
+std::vector<std::string> arff_row(std::string const& line, std::vector<attribute> const& atts,
+                                  std::vector<std::string>& f, std::string const& path,
+                                  std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  std::vector<std::string> row(atts.size());
+  if (line[0] == '{') {
+    // Sparse: absent entries are 0, or a nominal attribute's first value.
+    for (std::size_t j = 0; j < atts.size(); ++j)
+      row[j] = atts[j].nominal.empty() ? (atts[j].type == value_type::string ? "" : "0")
+                                       : atts[j].nominal[0];
+    std::size_t close = line.rfind('}');
+    if (close == std::string::npos) throw std::runtime_error(where() + ": sparse row not closed");
+    if (!arff_fields(line.substr(1, close - 1), f, false))
+      throw std::runtime_error(where() + ": quote not closed");
+    for (auto const& entry : f) {
+      if (entry.empty()) continue;
+      std::vector<std::string> iv;
+      arff_fields(entry, iv, true);
+      char* end = nullptr;
+      unsigned long i = iv.empty() ? 0 : std::strtoul(iv[0].c_str(), &end, 10);
+      if (iv.size() != 2 || *end != '\0' || i >= atts.size())
+        throw std::runtime_error(where() + ": bad sparse entry '" + entry + "'");
+      row[i] = iv[1];
+    }
+  } else {
+    if (!arff_fields(line, f, false)) throw std::runtime_error(where() + ": quote not closed");
+    if (f.size() != atts.size())
+      throw std::runtime_error(where() + ": " + std::to_string(f.size()) + " values, " +
+                               std::to_string(atts.size()) + " attributes declared");
+    row = f;
+  }
+  for (std::size_t j = 0; j < atts.size(); ++j) {
+    attribute const& a = atts[j];
+    if (!is_utf8(row[j].c_str()))
+      throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
+    // A value its declaration does not list is a typing error, not a new value (in the class,
+    // a new class).
+    if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
+      throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                                   "' is not one of the values declared for it"));
+  }
+  return row;
+}
+
+// The declarations and the rows, line by line.
+arff_text parse_arff(text_buffer const& text, std::string const& path) {
+  arff_text a;
   std::size_t at = 0, line_no = 0;
   bool data = false;
   std::vector<std::string> f;
-  auto where = [&]() { return "File " + path + ", line " + std::to_string(line_no); };
+  auto where = [&]() { return arff_where(path, line_no); };
   while (at < text.size()) {
     std::size_t nl = text.find('\n', at);
     if (nl == std::string::npos) nl = text.size();
@@ -838,80 +980,21 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
         continue;
       }
       if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
-      std::string rest = line.substr(word.size());
-      std::size_t brace = rest.find('{');
-      std::vector<std::string> head;
-      if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
-          head.empty())
-        throw std::runtime_error(where() + ": bad attribute declaration");
-      attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
-      if (brace != std::string::npos) {
-        std::size_t close = rest.rfind('}');
-        if (close == std::string::npos || close < brace)
-          throw std::runtime_error(where() + ": nominal values without a closing brace");
-        if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
-          throw std::runtime_error(where() + ": quote not closed");
-        a.listed.insert(a.nominal.begin(), a.nominal.end());
-      } else {
-        std::string type = head.size() > 1 ? lower(head[1]) : "";
-        if (type == "integer") {
-          a.type = value_type::integer;
-          a.kind = column_kind::continuous;
-        } else if (type == "numeric" || type == "real") {
-          a.type = value_type::float32;
-          a.kind = column_kind::continuous;
-        } else if (type != "string") {
-          throw std::runtime_error(where() + ", attribute '" + a.name + "': type '" + type +
-                                   "' is not supported");
-        }
-      }
-      atts.push_back(a);
+      a.atts.push_back(arff_attribute(line, word, path, line_no));
       continue;
     }
-    if (atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
-    std::vector<std::string> row(atts.size());
-    if (line[0] == '{') {
-      // Sparse: absent entries are 0, or a nominal attribute's first value.
-      for (std::size_t j = 0; j < atts.size(); ++j)
-        row[j] = atts[j].nominal.empty() ? (atts[j].type == value_type::string ? "" : "0")
-                                         : atts[j].nominal[0];
-      std::size_t close = line.rfind('}');
-      if (close == std::string::npos) throw std::runtime_error(where() + ": sparse row not closed");
-      if (!arff_fields(line.substr(1, close - 1), f, false))
-        throw std::runtime_error(where() + ": quote not closed");
-      for (auto const& entry : f) {
-        if (entry.empty()) continue;
-        std::vector<std::string> iv;
-        arff_fields(entry, iv, true);
-        char* end = nullptr;
-        unsigned long i = iv.empty() ? 0 : std::strtoul(iv[0].c_str(), &end, 10);
-        if (iv.size() != 2 || *end != '\0' || i >= atts.size())
-          throw std::runtime_error(where() + ": bad sparse entry '" + entry + "'");
-        row[i] = iv[1];
-      }
-    } else {
-      if (!arff_fields(line, f, false)) throw std::runtime_error(where() + ": quote not closed");
-      if (f.size() != atts.size())
-        throw std::runtime_error(where() + ": " + std::to_string(f.size()) + " values, " +
-                                 std::to_string(atts.size()) + " attributes declared");
-      row = f;
-    }
-    for (std::size_t j = 0; j < atts.size(); ++j) {
-      attribute const& a = atts[j];
-      if (!is_utf8(row[j].c_str()))
-        throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
-      // A value its declaration does not list is a typing error, not a new value (in the class,
-      // a new class).
-      if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
-        throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
-                                     "' is not one of the values declared for it"));
-    }
-    rows.push_back(std::move(row));
-    lines.push_back(line_no);
+    if (a.atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
+    a.rows.push_back(arff_row(line, a.atts, f, path, line_no));
+    a.lines.push_back(line_no);
   }
-  if (atts.empty()) throw std::runtime_error("File " + path + ": no attribute declared");
-  if (rows.empty()) throw std::runtime_error("File " + path + ": no data rows");
+  if (a.atts.empty()) throw std::runtime_error("File " + path + ": no attribute declared");
+  if (a.rows.empty()) throw std::runtime_error("File " + path + ": no data rows");
+  return a;
+}
 
+// The class attribute's index, k when the table has none.
+std::size_t arff_class(std::vector<attribute> const& atts, std::string const& path,
+                       read_options const& opts) {
   std::size_t k = atts.size(), cls = k - 1;
   if (!opts.class_column.empty()) {
     cls = k;
@@ -922,15 +1005,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   } else if (!opts.require_class) {
     cls = k;
   }
-  markers missing({"?"});
-  if (cls < k) {
-    std::size_t unknown = 0;
-    for (auto const& row : rows)
-      unknown += missing(row[cls].c_str(), row[cls].size());
-    if (unknown > 0) throw std::runtime_error(unknown_classes(path, atts[cls].name, unknown));
-  }
+  return cls;
+}
+
+// The attributes declared to the table, the caller's overrides applied; their types.
+std::vector<value_type> declare_arff_columns(impls::table& impl, std::vector<attribute>& atts,
+                                             std::size_t cls, std::string const& path,
+                                             read_options const& opts) {
+  std::size_t k = atts.size();
   std::vector<value_type> types(k);
-  auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
     if (j == cls) {
@@ -943,19 +1026,25 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (kd != opts.kinds.end()) a.kind = kd->second;
     types[j] = a.type;
     try {
-      impl->push_back(a.name, keyword(a.type), keyword(a.kind));
+      impl.push_back(a.name, keyword(a.type), keyword(a.kind));
     } catch (std::runtime_error const& e) {
       throw std::runtime_error("File " + path + ", attribute '" + a.name + "': " + e.what());
     }
   }
+  return types;
+}
+
+void load_arff_rows(impls::table& impl, arff_text const& a, std::vector<value_type> const& types,
+                    markers const& missing, std::string const& path) {
+  std::size_t k = a.atts.size(), r = 0;
   std::vector<char const*> cells(k);
-  std::size_t r = 0;
   try {
-    impl->load_rows(
+    impl.load_rows(
         [&]() -> char const* const* {
-          if (r == rows.size()) return nullptr;
+          if (r == a.rows.size()) return nullptr;
           for (std::size_t j = 0; j < k; ++j)
-            cells[j] = missing(rows[r][j].c_str(), rows[r][j].size()) ? "?" : rows[r][j].c_str();
+            cells[j] =
+                missing(a.rows[r][j].c_str(), a.rows[r][j].size()) ? "?" : a.rows[r][j].c_str();
           ++r;
           return cells.data();
         },
@@ -964,13 +1053,31 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     std::size_t at = r == 0 ? 0 : r - 1, j = k;
     if (r > 0) {
       for (std::size_t i = 0; i < k; ++i)
-        cells[i] = rows[at][i].c_str();
+        cells[i] = a.rows[at][i].c_str();
       j = refusing(types, cells.data());
     }
-    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(lines[at]) +
-                                 (j < k ? ", column '" + atts[j].name + "'" : "") + ": " +
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(a.lines[at]) +
+                                 (j < k ? ", column '" + a.atts[j].name + "'" : "") + ": " +
                                  e.what()));
   }
+}
+
+}  // namespace
+
+std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
+  text_buffer text = slurp(path);
+  arff_text a = parse_arff(text, path);
+  std::size_t k = a.atts.size(), cls = arff_class(a.atts, path, opts);
+  markers missing({"?"});
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (auto const& row : a.rows)
+      unknown += missing(row[cls].c_str(), row[cls].size());
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, a.atts[cls].name, unknown));
+  }
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  std::vector<value_type> types = declare_arff_columns(*impl, a.atts, cls, path, opts);
+  load_arff_rows(*impl, a, types, missing, path);
   warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }

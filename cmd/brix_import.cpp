@@ -296,10 +296,9 @@ std::string separator_option(char sep) {
   return " -sep " + shell_word(std::string(1, sep));
 }
 
-}  // namespace
-
-int brix_import(std::string const& data, std::string const& stem, std::string const& test,
-                brix::read_options opts, bool quiet) {
+// Refuses a stem brixcmd cannot name and outputs that would overwrite an input; the outputs.
+std::vector<std::string> import_outputs(std::string const& data, std::string const& stem,
+                                        std::string const& test) {
   // brixcmd names its files in descriptors where '#' separates fields.
   if (stem.find('#') != std::string::npos)
     throw std::runtime_error("STEM " + stem + ": brixcmd cannot open a name that holds '#'");
@@ -310,12 +309,13 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   for (auto const& o : outputs)
     for (auto const& i : inputs)
       if (same_file(o, i)) throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+  return outputs;
+}
 
-  opts.warnings = quiet ? nullptr : &std::cerr;
-  auto table = brix::read_table(data, opts);
-  brix::impls::table const& t = *table->get_impl();
+// A table's columns as written, refused when brixcmd cannot declare one.
+std::vector<column_text> describe_columns(brix::impls::table const& t,
+                                          std::vector<brix::impls::column*>& from) {
   std::size_t k = t.get_loaded_columns();
-  std::vector<brix::impls::column*> from;
   std::vector<column_text> cols;
   for (std::size_t j = 0; j < k; ++j) {
     brix::impls::column const* c = t.get_column(j);
@@ -330,66 +330,85 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
     from.push_back(t.get_column(j));
     cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
   }
+  return cols;
+}
 
-  // The test rows: the training columns by name, in the training order, with their types and
-  // kinds; other columns are left out.
-  std::unique_ptr<brix::table> test_table;
-  std::vector<brix::impls::column*> test_from;
-  std::vector<column_text> test_cols;
+// The test rows of an import: the training columns by name, in the training order, with their
+// types and kinds; other columns are left out (named in dropped).
+struct test_rows {
+  std::unique_ptr<brix::table> table;
+  std::vector<brix::impls::column*> from;
+  std::vector<column_text> cols;
   std::vector<std::string> dropped;
-  if (!test.empty()) {
-    brix::read_options o;
-    o.warnings = opts.warnings;
-    o.separator = opts.separator;
-    for (std::size_t j = 0; j < k; ++j) {
-      brix::impls::column const* c = t.get_column(j);
-      if (c->is_class()) o.class_column = c->get_name();
-      o.kinds[c->get_name()] = kind_of(*c);
-      o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
-    }
-    test_table = brix::read_table(test, o);
-    brix::impls::table const& tt = *test_table->get_impl();
-    std::map<std::string, brix::impls::column*> by_name;
-    for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
-      by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
-    for (std::size_t j = 0; j < k; ++j) {
-      auto it = by_name.find(from[j]->get_name());
-      if (it == by_name.end())
-        throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
-      test_from.push_back(it->second);
-      test_cols.push_back(describe(it->second, false));
-      test_cols.back().stores_rows = cols[j].stores_rows;
-      by_name.erase(it);
-    }
-    for (auto const& d : by_name)
-      dropped.push_back(d.first);
-  }
+};
 
-  char sep = pick_separator({&cols, &test_cols});
-  std::vector<std::size_t> unknown, test_unknown;
-  {
-    part_file names(outputs[0]), rows(outputs[1]);
-    std::unique_ptr<part_file> tests;
-    if (!test.empty()) tests = std::make_unique<part_file>(outputs[2]);
-    std::string buf;
-    for (auto const& c : cols)
-      buf += c.name + sep + c.type + sep + c.kind + "\n";
-    names.write(buf);
-    write_rows(rows, t, from, cols, sep, unknown);
-    if (tests) write_rows(*tests, *test_table->get_impl(), test_from, test_cols, sep, test_unknown);
-    names.close();
-    rows.close();
-    if (tests) tests->close();
-    // The .names last: once it is there, so are the rows it describes.
-    rows.commit();
-    if (tests) tests->commit();
-    names.commit();
+test_rows read_test_rows(std::string const& test, brix::impls::table const& t,
+                         std::vector<brix::impls::column*> const& from,
+                         std::vector<column_text> const& cols, brix::read_options const& opts) {
+  test_rows out;
+  if (test.empty()) return out;
+  std::size_t k = t.get_loaded_columns();
+  brix::read_options o;
+  o.warnings = opts.warnings;
+  o.separator = opts.separator;
+  for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    if (c->is_class()) o.class_column = c->get_name();
+    o.kinds[c->get_name()] = kind_of(*c);
+    o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
   }
-  if (quiet) return 0;
+  out.table = brix::read_table(test, o);
+  brix::impls::table const& tt = *out.table->get_impl();
+  std::map<std::string, brix::impls::column*> by_name;
+  for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
+    by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
+  for (std::size_t j = 0; j < k; ++j) {
+    auto it = by_name.find(from[j]->get_name());
+    if (it == by_name.end())
+      throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
+    out.from.push_back(it->second);
+    out.cols.push_back(describe(it->second, false));
+    out.cols.back().stores_rows = cols[j].stores_rows;
+    by_name.erase(it);
+  }
+  for (auto const& d : by_name)
+    out.dropped.push_back(d.first);
+  return out;
+}
 
+// The .names, .data and (with test rows) .test files, whole or not at all; the unknown values
+// written per column, for the training and the test rows.
+void write_import(std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
+                  std::vector<brix::impls::column*> const& from,
+                  std::vector<column_text> const& cols, test_rows const& test,
+                  std::vector<std::size_t>& unknown, std::vector<std::size_t>& test_unknown) {
+  part_file names(outputs[0]), rows(outputs[1]);
+  std::unique_ptr<part_file> tests;
+  if (test.table) tests = std::make_unique<part_file>(outputs[2]);
+  std::string buf;
+  for (auto const& c : cols)
+    buf += c.name + sep + c.type + sep + c.kind + "\n";
+  names.write(buf);
+  write_rows(rows, t, from, cols, sep, unknown);
+  if (tests) write_rows(*tests, *test.table->get_impl(), test.from, test.cols, sep, test_unknown);
+  names.close();
+  rows.close();
+  if (tests) tests->close();
+  // The .names last: once it is there, so are the rows it describes.
+  rows.commit();
+  if (tests) tests->commit();
+  names.commit();
+}
+
+// The columns, their changes and the brixcmd command line, on standard error.
+void report_import(std::string const& data, std::string const& stem, std::string const& test,
+                   std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
+                   std::vector<column_text> const& cols, std::vector<std::size_t> const& unknown,
+                   test_rows const& tests) {
+  std::size_t k = cols.size();
   std::ostream& log = std::cerr;
   log << "brix import: " << data << ": " << t.get_no_rows() << " rows, " << k << " columns";
-  if (test_table) log << "; " << test << ": " << test_table->get_no_rows() << " rows";
+  if (tests.table) log << "; " << test << ": " << tests.table->get_no_rows() << " rows";
   log << "\n";
   std::size_t width = 0;
   for (auto const& c : cols)
@@ -403,13 +422,13 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
       notes.push_back(values(unknown[j], "unknown value") + " written as '?'");
     if (c.empty_to_unknown)
       notes.push_back("empty values written as '?' (a .data row cannot end with an empty field)");
-    std::size_t breaks = c.line_breaks + (test_cols.empty() ? 0 : test_cols[j].line_breaks);
+    std::size_t breaks = c.line_breaks + (tests.cols.empty() ? 0 : tests.cols[j].line_breaks);
     if (breaks > 0) notes.push_back(values(breaks) + " with line breaks, written as blanks");
     for (std::size_t n = 0; n < notes.size(); ++n)
       log << (n == 0 ? " (" : "; ") << notes[n] << (n + 1 == notes.size() ? ")" : "");
     log << "\n";
   }
-  for (auto const& d : dropped)
+  for (auto const& d : tests.dropped)
     log << "  " << test << ": column '" << d << "' is not in " << data << ", left out\n";
   std::string sep_name = sep == '\t' ? "TAB"
                          : static_cast<unsigned char>(sep) < 32
@@ -419,6 +438,23 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
       << (test.empty() ? "" : ", " + outputs[2]) << " with the separator " << sep_name
       << "; run: brixcmd -f " << shell_word(stem) << separator_option(sep)
       << (test.empty() ? "" : " -ft " + shell_word(outputs[2])) << " -tstd" << std::endl;
+}
+
+}  // namespace
+
+int brix_import(std::string const& data, std::string const& stem, std::string const& test,
+                brix::read_options opts, bool quiet) {
+  std::vector<std::string> outputs = import_outputs(data, stem, test);
+  opts.warnings = quiet ? nullptr : &std::cerr;
+  auto table = brix::read_table(data, opts);
+  brix::impls::table const& t = *table->get_impl();
+  std::vector<brix::impls::column*> from;
+  std::vector<column_text> cols = describe_columns(t, from);
+  test_rows tests = read_test_rows(test, t, from, cols, opts);
+  char sep = pick_separator({&cols, &tests.cols});
+  std::vector<std::size_t> unknown, test_unknown;
+  write_import(outputs, sep, t, from, cols, tests, unknown, test_unknown);
+  if (!quiet) report_import(data, stem, test, outputs, sep, t, cols, unknown, tests);
   return 0;
 }
 

@@ -169,22 +169,59 @@ struct parsed {
   std::vector<std::string> names;
   std::vector<char const*, huge_allocator<char const*>> cells;  // row-major, names.size() a row
   std::vector<std::size_t> lines;                               // the line each row starts on
+  bool broken = false;  // problems collected: nothing could be read past one
 };
 
-// Parses in place: each field's text is moved to the front of its span and ended by a NUL.
-parsed parse(text_buffer& text, char sep, std::string const& path, markers const& missing) {
-  auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
-  parsed p;
-  char* s = &text[0];
-  char* end = s + text.size();
-  if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
-  if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr)
-    throw std::runtime_error("File " + path + ": holds NUL bytes, not a text table");
-  // Where an unquoted field ends; the string's terminating NUL stops the scan at the end, as
-  // no other NUL is in the text.
-  bool stops[256] = {};
-  stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
-  // One pointer per cell, reserved once from the count of line feeds.
+// Where the caller collects problems, hands one over; otherwise throws it, as the readers do.
+void report(read_options const& opts, std::string const& path, std::size_t line, std::string column,
+            std::string value, std::string message) {
+  if (!opts.problems) throw std::runtime_error(message);
+  opts.problems(read_problem{path, line, std::move(column), std::move(value), std::move(message)});
+}
+
+// The rows whose drop[r] is false, in their order.
+void keep_rows(parsed& p, std::vector<bool> const& drop) {
+  std::size_t k = p.names.size(), kept = 0;
+  for (std::size_t r = 0; r < p.lines.size(); ++r) {
+    if (drop[r]) continue;
+    if (kept != r) {
+      std::copy_n(&p.cells[r * k], k, &p.cells[kept * k]);
+      p.lines[kept] = p.lines[r];
+    }
+    ++kept;
+  }
+  p.cells.resize(kept * k);
+  p.lines.resize(kept);
+}
+
+// A quoted field from its opening quote, its text moved to out with doubled quotes undone; s
+// and line move past it. false when the file ends inside it.
+inline bool quoted_field(char*& s, char* end, char*& out, std::size_t& line) {
+  ++s;
+  for (;;) {
+    if (s >= end) return false;
+    if (*s == '"') {
+      if (s + 1 < end && s[1] == '"') {
+        *out++ = '"';
+        s += 2;
+        continue;
+      }
+      ++s;
+      return true;
+    }
+    if (*s == '\n') ++line;
+    *out++ = *s++;
+  }
+}
+
+// Refuses text that no record can be split from: NUL bytes, and lines ended by CR alone.
+// Returns the count of line feeds.
+std::size_t whole_text(char const* s, char const* end, std::string const& path,
+                       read_options const& opts) {
+  if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr) {
+    report(opts, path, 0, "", "", "File " + path + ": holds NUL bytes, not a text table");
+    return std::string::npos;
+  }
   std::size_t feeds = 0;
   for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
        ++f)
@@ -192,44 +229,63 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   if (feeds == 0) {
     char const* cr =
         static_cast<char const*>(std::memchr(s, '\r', static_cast<std::size_t>(end - s)));
-    if (cr != nullptr && cr + 1 < end)
-      throw std::runtime_error("File " + path +
-                               ": lines end in CR alone (old Mac text); save it with LF or CR LF "
-                               "line ends");
+    if (cr != nullptr && cr + 1 < end) {
+      report(opts, path, 0, "", "",
+             "File " + path +
+                 ": lines end in CR alone (old Mac text); save it with LF or CR LF line ends");
+      return std::string::npos;
+    }
   }
-  std::size_t line = 1;
+  return feeds;
+}
+
+// Parses in place: each field's text is moved to the front of its span and ended by a NUL.
+// Where problems are collected, a record at fault is reported and left out.
+parsed parse(text_buffer& text, char sep, std::string const& path, markers const& missing,
+             read_options const& opts) {
+  auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
+  parsed p;
   bool header = true;
-  while (s < end) {
+  auto column = [&](std::size_t j) { return header || j >= p.names.size() ? "" : p.names[j]; };
+  char* s = &text[0];
+  char* end = s + text.size();
+  if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
+  // One pointer per cell, reserved once from the count of line feeds.
+  std::size_t feeds = whole_text(s, end, path, opts);
+  p.broken = feeds == std::string::npos;
+  // Where an unquoted field ends; the string's terminating NUL stops the scan at the end, as
+  // no other NUL is in the text.
+  bool stops[256] = {};
+  stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
+  std::size_t line = 1;
+  while (s < end && !p.broken) {
     std::size_t row_line = line;
     std::size_t first = p.cells.size(), fields = 0;
     bool blank = true;  // only one field, and that empty
+    bool bad = false;   // reported: the record is left out
     // One record.
     for (;;) {
       char* out = s;
       char* field = s;
       std::size_t field_line = line;
       if (s < end && *s == '"') {
-        ++s;
-        for (;;) {
-          if (s >= end)
-            throw std::runtime_error(where(field_line) + ", column " + std::to_string(fields + 1) +
-                                     ": quote not closed");
-          if (*s == '"') {
-            if (s + 1 < end && s[1] == '"') {
-              *out++ = '"';
-              s += 2;
-              continue;
-            }
-            ++s;
-            break;
-          }
-          if (*s == '\n') ++line;
-          *out++ = *s++;
+        if (!quoted_field(s, end, out, line)) {
+          report(
+              opts, path, field_line, column(fields), "",
+              where(field_line) + ", column " + std::to_string(fields + 1) + ": quote not closed");
+          p.broken = header;
+          bad = true;
+          break;
         }
         if (s < end && *s != sep && *s != '\n' && !(*s == '\r' && s + 1 < end && s[1] == '\n') &&
-            !(*s == '\r' && s + 1 == end))
-          throw std::runtime_error(where(line) + ", column " + std::to_string(fields + 1) +
-                                   ": text after a closing quote");
+            !(*s == '\r' && s + 1 == end)) {
+          report(opts, path, line, column(fields), "",
+                 where(line) + ", column " + std::to_string(fields + 1) +
+                     ": text after a closing quote");
+          bad = true;
+          while (!stops[static_cast<unsigned char>(*s)])
+            ++s;
+        }
       } else {
         // Unquoted text stays where it is: only its end is found.
         while (!stops[static_cast<unsigned char>(*s)])
@@ -254,21 +310,29 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
     }
     if (header) {
       header = false;
+      p.broken = p.broken || bad;
       p.cells.reserve((feeds + 1) * p.names.size());
       p.lines.reserve(feeds + 1);
       continue;
     }
-    if (blank) {
+    if (!bad && !blank && fields != p.names.size())
+      report(opts, path, row_line, "", "",
+             where(row_line) + ": " + std::to_string(fields) + " fields, the header has " +
+                 std::to_string(p.names.size()));
+    if (bad || blank || fields != p.names.size()) {
       p.cells.resize(first);
       continue;
     }
-    if (fields != p.names.size())
-      throw std::runtime_error(where(row_line) + ": " + std::to_string(fields) +
-                               " fields, the header has " + std::to_string(p.names.size()));
     p.lines.push_back(row_line);
   }
-  if (p.names.empty()) throw std::runtime_error("File " + path + ": empty, no header row");
-  if (p.lines.empty()) throw std::runtime_error("File " + path + ": a header and no rows");
+  if (p.broken) return p;
+  if (p.names.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": empty, no header row");
+    p.broken = true;
+  } else if (p.lines.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": a header and no rows");
+    p.broken = true;
+  }
   return p;
 }
 
@@ -473,9 +537,17 @@ std::string unknown_classes(std::string const& path, std::string const& name, st
          "another class column)";
 }
 
-// Which of a row's cells its column's type refuses (k when none does): the loader stops at the
-// first such value without saying whose it was.
-std::size_t refusing(std::vector<value_type> const& types, char const* const* cells) {
+// A value at fault, thrown inside a row and caught where the row is read.
+struct cell_error : std::runtime_error {
+  cell_error(std::string const& message, std::string c, std::string v)
+      : std::runtime_error(message), column(std::move(c)), value(std::move(v)) {}
+  std::string column, value;
+};
+
+// Which of a row's cells its column's type refuses (k when none does), and why: the loader stops
+// at the first such value without saying whose it was.
+std::size_t refusing(std::vector<value_type> const& types, char const* const* cells,
+                     std::string* why = nullptr) {
   namespace dt = zel::data_types;
   for (std::size_t j = 0; j < types.size(); ++j) {
     char const* v = cells[j];
@@ -497,7 +569,8 @@ std::size_t refusing(std::vector<value_type> const& types, char const* const* ce
         case value_type::string:
           break;
       }
-    } catch (std::runtime_error const&) {
+    } catch (std::runtime_error const& e) {
+      if (why != nullptr) *why = e.what();
       return j;
     }
   }
@@ -505,18 +578,26 @@ std::size_t refusing(std::vector<value_type> const& types, char const* const* ce
 }
 
 // Every name and cell as UTF-8, checked only when some byte is outside ASCII.
-void require_utf8(text_buffer const& text, parsed const& p, std::string const& path) {
+void require_utf8(text_buffer const& text, parsed& p, std::string const& path,
+                  read_options const& opts) {
   if (!any_high(text.data(), text.size())) return;
   std::size_t k = p.names.size(), rows = p.lines.size();
   for (std::size_t j = 0; j < k; ++j)
-    if (!is_utf8(p.names[j].c_str()))
-      throw std::runtime_error(
-          not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+    if (!is_utf8(p.names[j].c_str())) {
+      report(opts, path, 1, "", p.names[j],
+             not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+      p.broken = true;
+    }
+  std::vector<bool> drop(rows, false);
   for (std::size_t r = 0; r < rows; ++r)
-    for (std::size_t j = 0; j < k; ++j)
-      if (!is_utf8(p.cells[r * k + j]))
-        throw std::runtime_error(not_utf8("File " + path + ", line " + std::to_string(p.lines[r]) +
-                                          ", column '" + p.names[j] + "'"));
+    for (std::size_t j = 0; j < k && !drop[r]; ++j)
+      if (!is_utf8(p.cells[r * k + j])) {
+        report(opts, path, p.lines[r], p.names[j], p.cells[r * k + j],
+               not_utf8("File " + path + ", line " + std::to_string(p.lines[r]) + ", column '" +
+                        p.names[j] + "'"));
+        drop[r] = true;
+      }
+  keep_rows(p, drop);
 }
 
 // The header's names checked (row names taken for what they are); the class column's index,
@@ -533,18 +614,23 @@ std::size_t header_columns(parsed& p, std::string const& path, read_options cons
                      << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
                      << std::endl;
   }
+  // Where problems are collected, each is reported and the table is not built.
+  auto refuse = [&](std::size_t line, std::string const& column, std::string message) {
+    report(opts, path, line, column, "", std::move(message));
+    p.broken = true;
+  };
   std::set<std::string> seen;
   for (auto const& n : p.names) {
-    if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
-    if (!seen.insert(n).second)
-      throw std::runtime_error("File " + path + ", line 1: column '" + n + "' named twice");
+    if (n.empty()) refuse(1, n, "File " + path + ", line 1: a column without a name");
+    if (!n.empty() && !seen.insert(n).second)
+      refuse(1, n, "File " + path + ", line 1: column '" + n + "' named twice");
   }
   std::size_t cls = k - 1;
   if (!opts.class_column.empty()) {
     auto it = std::find(p.names.begin(), p.names.end(), opts.class_column);
     if (it == p.names.end()) {
       if (opts.require_class)
-        throw std::runtime_error("File " + path + ": no column '" + opts.class_column + "'");
+        refuse(0, opts.class_column, "File " + path + ": no column '" + opts.class_column + "'");
       cls = k;
     } else {
       cls = static_cast<std::size_t>(it - p.names.begin());
@@ -553,11 +639,9 @@ std::size_t header_columns(parsed& p, std::string const& path, read_options cons
     cls = k;
   }
   for (auto const& o : opts.types)
-    if (!seen.count(o.first))
-      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+    if (!seen.count(o.first)) refuse(0, o.first, "File " + path + ": no column '" + o.first + "'");
   for (auto const& o : opts.kinds)
-    if (!seen.count(o.first))
-      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+    if (!seen.count(o.first)) refuse(0, o.first, "File " + path + ": no column '" + o.first + "'");
   return cls;
 }
 
@@ -768,17 +852,50 @@ void load_csv_rows(impls::table& impl, parsed const& p, std::vector<value_type> 
 
 }  // namespace
 
+// Where problems are collected: rows without a class (when cls < k) and, with types given,
+// rows holding a value its column's type refuses are reported and left out; false when no row
+// is left.
+bool drop_csv_rows(parsed& p, std::size_t cls, std::vector<value_type> const* types,
+                   std::string const& path, read_options const& opts) {
+  std::size_t k = p.names.size(), rows = p.lines.size(), unknown = 0;
+  std::vector<bool> drop(rows, false);
+  for (std::size_t r = 0; r < rows; ++r) {
+    char const* const* row = &p.cells[r * k];
+    if (cls < k && row[cls] == kUnknown) {
+      drop[r] = true;
+      ++unknown;
+      continue;
+    }
+    std::string why;
+    std::size_t j = types == nullptr ? k : refusing(*types, row, &why);
+    if (j < k) {
+      report(opts, path, p.lines[r], p.names[j], row[j],
+             cut("File " + path + ", line " + std::to_string(p.lines[r]) + ", column '" +
+                 p.names[j] + "': " + why));
+      drop[r] = true;
+    }
+  }
+  if (unknown > 0)
+    report(opts, path, 0, p.names[cls], "", unknown_classes(path, p.names[cls], unknown));
+  keep_rows(p, drop);
+  if (p.lines.empty()) report(opts, path, 0, "", "", "File " + path + ": no row left to read");
+  return !p.lines.empty();
+}
+
 std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
   char sep = opts.separator != 0                                       ? opts.separator
              : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
                                                                        : ',';
   text_buffer text = slurp(path);
   markers missing(opts.missing);
-  parsed p = parse(text, sep, path, missing);
-  std::size_t k = p.names.size(), rows = p.lines.size();
-  require_utf8(text, p, path);
+  parsed p = parse(text, sep, path, missing, opts);
+  if (p.broken) return nullptr;
+  require_utf8(text, p, path, opts);
   bool row_names = false;
   std::size_t cls = header_columns(p, path, opts, row_names);
+  std::size_t k = p.names.size();
+  if (p.broken || (opts.problems && !drop_csv_rows(p, cls, nullptr, path, opts))) return nullptr;
+  std::size_t rows = p.lines.size();
   auto impl = std::make_unique<impls::table>(path, cls < k);
   std::vector<shape> shapes = initial_shapes(p, opts, cls, row_names);
   look_at_rows(p, shapes);
@@ -790,8 +907,15 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       unknown += p.cells[r * k + cls] == kUnknown;
     if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
   }
-  std::vector<value_type> types =
-      declare_csv_columns(*impl, p, shapes, dates, cls, row_names, path, opts);
+  std::vector<value_type> types;
+  try {
+    types = declare_csv_columns(*impl, p, shapes, dates, cls, row_names, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, "", "", e.what());
+    return nullptr;
+  }
+  if (opts.problems && !drop_csv_rows(p, k, &types, path, opts)) return nullptr;
   load_csv_rows(*impl, p, types, path);
   warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
@@ -943,24 +1067,48 @@ std::vector<std::string> arff_row(std::string const& line, std::vector<attribute
   for (std::size_t j = 0; j < atts.size(); ++j) {
     attribute const& a = atts[j];
     if (!is_utf8(row[j].c_str()))
-      throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
+      throw cell_error(not_utf8(where() + ", column '" + a.name + "'"), a.name, row[j]);
     // A value its declaration does not list is a typing error, not a new value (in the class,
     // a new class).
     if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
-      throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
-                                   "' is not one of the values declared for it"));
+      throw cell_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                           "' is not one of the values declared for it"),
+                       a.name, row[j]);
   }
   return row;
 }
 
-// The declarations and the rows, line by line.
-arff_text parse_arff(text_buffer const& text, std::string const& path) {
+// One line's declaration or row into a; false at @data.
+bool arff_line(arff_text& a, std::string const& line, bool data, std::vector<std::string>& f,
+               std::string const& path, std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  if (!data) {
+    if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
+    if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
+    std::string word = lower(line.substr(0, line.find_first_of(" \t")));
+    if (word == "@relation") return true;
+    if (word == "@data") return false;
+    if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
+    a.atts.push_back(arff_attribute(line, word, path, line_no));
+    return true;
+  }
+  if (a.atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
+  a.rows.push_back(arff_row(line, a.atts, f, path, line_no));
+  a.lines.push_back(line_no);
+  return true;
+}
+
+// The declarations and the rows, line by line. Where problems are collected, a row at fault is
+// left out; after a declaration at fault the rows are not read (their columns are unknown) and
+// broken is set.
+arff_text parse_arff(text_buffer const& text, std::string const& path, read_options const& opts,
+                     bool& broken) {
   arff_text a;
   std::size_t at = 0, line_no = 0;
   bool data = false;
   std::vector<std::string> f;
-  auto where = [&]() { return arff_where(path, line_no); };
-  while (at < text.size()) {
+  broken = false;
+  while (at < text.size() && !(broken && data)) {
     std::size_t nl = text.find('\n', at);
     if (nl == std::string::npos) nl = text.size();
     std::string line(text, at, nl - at);
@@ -970,25 +1118,24 @@ arff_text parse_arff(text_buffer const& text, std::string const& path) {
     std::size_t first = line.find_first_not_of(" \t");
     if (first == std::string::npos || line[first] == '%') continue;
     line = line.substr(first);
-    if (!data) {
-      if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
-      if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
-      std::string word = lower(line.substr(0, line.find_first_of(" \t")));
-      if (word == "@relation") continue;
-      if (word == "@data") {
-        data = true;
-        continue;
-      }
-      if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
-      a.atts.push_back(arff_attribute(line, word, path, line_no));
-      continue;
+    try {
+      if (!arff_line(a, line, data, f, path, line_no)) data = true;
+    } catch (cell_error const& e) {
+      report(opts, path, line_no, e.column, e.value, e.what());
+    } catch (std::runtime_error const& e) {
+      if (!opts.problems) throw;
+      report(opts, path, line_no, "", "", e.what());
+      broken = broken || !data || a.atts.empty();
     }
-    if (a.atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
-    a.rows.push_back(arff_row(line, a.atts, f, path, line_no));
-    a.lines.push_back(line_no);
   }
-  if (a.atts.empty()) throw std::runtime_error("File " + path + ": no attribute declared");
-  if (a.rows.empty()) throw std::runtime_error("File " + path + ": no data rows");
+  if (broken) return a;
+  if (a.atts.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": no attribute declared");
+    broken = true;
+  } else if (a.rows.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": no data rows");
+    broken = true;
+  }
   return a;
 }
 
@@ -1064,19 +1211,72 @@ void load_arff_rows(impls::table& impl, arff_text const& a, std::vector<value_ty
 
 }  // namespace
 
+// Where problems are collected: rows without a class and rows with a value its column's type
+// refuses are reported and left out; false when no row is left.
+bool drop_arff_rows(arff_text& a, std::size_t cls, std::vector<value_type> const& types,
+                    markers const& missing, std::string const& path, read_options const& opts) {
+  std::size_t k = a.atts.size(), kept = 0, unknown = 0;
+  std::vector<char const*> cells(k);
+  for (std::size_t r = 0; r < a.rows.size(); ++r) {
+    auto& row = a.rows[r];
+    if (cls < k && missing(row[cls].c_str(), row[cls].size())) {
+      ++unknown;
+      continue;
+    }
+    for (std::size_t j = 0; j < k; ++j)
+      cells[j] = missing(row[j].c_str(), row[j].size()) ? "?" : row[j].c_str();
+    std::string why;
+    std::size_t j = refusing(types, cells.data(), &why);
+    if (j < k) {
+      report(opts, path, a.lines[r], a.atts[j].name, row[j],
+             cut("File " + path + ", line " + std::to_string(a.lines[r]) + ", column '" +
+                 a.atts[j].name + "': " + why));
+      continue;
+    }
+    if (kept != r) {
+      a.rows[kept] = std::move(row);
+      a.lines[kept] = a.lines[r];
+    }
+    ++kept;
+  }
+  a.rows.resize(kept);
+  a.lines.resize(kept);
+  if (unknown > 0)
+    report(opts, path, 0, a.atts[cls].name, "?", unknown_classes(path, a.atts[cls].name, unknown));
+  if (kept == 0) report(opts, path, 0, "", "", "File " + path + ": no data rows");
+  return kept > 0;
+}
+
 std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
   text_buffer text = slurp(path);
-  arff_text a = parse_arff(text, path);
-  std::size_t k = a.atts.size(), cls = arff_class(a.atts, path, opts);
+  bool broken = false;
+  arff_text a = parse_arff(text, path, opts, broken);
+  if (broken) return nullptr;
+  std::size_t k = a.atts.size(), cls = k;
+  try {
+    cls = arff_class(a.atts, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, opts.class_column, "", e.what());
+    return nullptr;
+  }
   markers missing({"?"});
-  if (cls < k) {
+  if (cls < k && !opts.problems) {
     std::size_t unknown = 0;
     for (auto const& row : a.rows)
       unknown += missing(row[cls].c_str(), row[cls].size());
     if (unknown > 0) throw std::runtime_error(unknown_classes(path, a.atts[cls].name, unknown));
   }
   auto impl = std::make_unique<impls::table>(path, cls < k);
-  std::vector<value_type> types = declare_arff_columns(*impl, a.atts, cls, path, opts);
+  std::vector<value_type> types;
+  try {
+    types = declare_arff_columns(*impl, a.atts, cls, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, "", "", e.what());
+    return nullptr;
+  }
+  if (opts.problems && !drop_arff_rows(a, cls, types, missing, path, opts)) return nullptr;
   load_arff_rows(*impl, a, types, missing, path);
   warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));

@@ -1136,7 +1136,20 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
   return p.finish(std::to_string(rows) + " rows");
 }
 
-// ARFF is checked by reading it: its reader names the first problem.
+// A reader's message without the place it names ("File PATH, line N"), which the report
+// shows in front of it.
+std::string without_place(std::string const& message, std::string const& path, std::size_t line) {
+  std::string_view m = message;
+  std::string const file = "File " + path, at = ", line " + std::to_string(line);
+  if (m.substr(0, file.size()) != file) return message;
+  m.remove_prefix(file.size());
+  if (line > 0 && m.substr(0, at.size()) == at) m.remove_prefix(at.size());
+  if (m.substr(0, 2) == ", " || m.substr(0, 2) == ": ") m.remove_prefix(2);
+  return std::string(m);
+}
+
+// ARFF is checked by reading it: its reader lists every problem it meets, leaving out the rows
+// at fault, and warns of columns a tree is better off without.
 int check_arff(std::string const& path, std::string const& class_column, problems& p) {
   std::size_t f = p.file(path);
   byte_reader probe(path);  // missing or unreadable files fail as for the other formats
@@ -1144,17 +1157,20 @@ int check_arff(std::string const& path, std::string const& class_column, problem
   o.class_column = class_column;
   std::ostringstream warnings;
   o.warnings = &warnings;
+  o.problems = [&](brix::read_problem const& q) {
+    p.add(f, q.line, without_place(q.message, path, q.line));
+  };
   std::size_t rows = 0;
   try {
-    rows = brix::read_arff(path, o)->get_no_rows();
-    // The reader's warnings on columns are problems here.
-    std::istringstream lines(warnings.str());
-    std::string const prefix = "File " + path + ", ";
-    for (std::string line; std::getline(lines, line);)
-      p.add(f, 0, line.compare(0, prefix.size(), prefix) == 0 ? line.substr(prefix.size()) : line);
+    auto table = brix::read_arff(path, o);
+    if (table) rows = table->get_no_rows();
   } catch (std::runtime_error const& e) {
     p.add(f, 0, e.what());
   }
+  // The reader's warnings on columns are problems here.
+  std::istringstream lines(warnings.str());
+  for (std::string line; std::getline(lines, line);)
+    p.add(f, 0, without_place(line, path, 0));
   return p.finish(std::to_string(rows) + " rows");
 }
 

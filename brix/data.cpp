@@ -282,9 +282,10 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
           report(opts, path, line, column(fields), "",
                  where(line) + ", column " + std::to_string(fields + 1) +
                      ": text after a closing quote");
-          bad = true;
+          // Kept in the value, as written: the record goes on.
           while (!stops[static_cast<unsigned char>(*s)])
-            ++s;
+            *out++ = *s++;
+          if (out > field && out[-1] == '\r' && (s >= end || *s == '\n')) --out;
         }
       } else {
         // Unquoted text stays where it is: only its end is found.
@@ -614,10 +615,11 @@ std::size_t header_columns(parsed& p, std::string const& path, read_options cons
                      << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
                      << std::endl;
   }
-  // Where problems are collected, each is reported and the table is not built.
+  // Where problems are collected, each is reported; names that cannot make a table leave none,
+  // a column named in the options that is not there is left unused.
   auto refuse = [&](std::size_t line, std::string const& column, std::string message) {
     report(opts, path, line, column, "", std::move(message));
-    p.broken = true;
+    p.broken = p.broken || line > 0;
   };
   std::set<std::string> seen;
   for (auto const& n : p.names) {
@@ -917,6 +919,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
   }
   if (opts.problems && !drop_csv_rows(p, k, &types, path, opts)) return nullptr;
   load_csv_rows(*impl, p, types, path);
+  if (opts.row_lines != nullptr) opts.row_lines->assign(p.lines.begin(), p.lines.end());
   warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
@@ -1278,6 +1281,7 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   }
   if (opts.problems && !drop_arff_rows(a, cls, types, missing, path, opts)) return nullptr;
   load_arff_rows(*impl, a, types, missing, path);
+  if (opts.row_lines != nullptr) *opts.row_lines = a.lines;
   warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }

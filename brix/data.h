@@ -41,9 +41,12 @@ struct read_options {
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
   // CSV/TSV and ARFF: where set, problems that would throw are passed here instead and reading
-  // goes on, leaving out the rows at fault; after a problem nothing can be read past (a bad
-  // header or declaration, no rows left) the reader returns no table (nullptr).
+  // goes on, leaving out the rows at fault (text after a closing quote is kept in its value);
+  // after a problem nothing can be read past (a bad header or declaration, no rows left) the
+  // reader returns no table (nullptr).
   std::function<void(read_problem const&)> problems;
+  // CSV/TSV and ARFF: where set, receives the line each row of the table starts on.
+  std::vector<std::size_t>* row_lines = nullptr;
 };
 
 // A table built from columns in memory, with no text in between: the same table (value orders,

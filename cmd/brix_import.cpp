@@ -1,7 +1,8 @@
 // brix import: a table read as brix reads it, written as the .names/.data pair from which brixcmd
 // loads the same table (same columns, types, kinds, value sets and row order), hence the same
-// tree. brix check: a pre-flight over the raw text of a stem or a CSV file that lists every
-// problem rather than stopping at the first, as the readers do.
+// tree. brix check: a pre-flight that lists every problem rather than stopping at the first:
+// CSV and ARFF files through their readers, which report each problem to it and read on, then
+// their values; a stem over its raw text, as brixcmd's loader stops at the first problem.
 #include "cmd/brix_import.h"
 
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -151,21 +153,28 @@ std::size_t unbreak(std::string& s) {
   return 1;
 }
 
-column_text describe(brix::impls::column* c, bool last) {
+// The text of each value order of a set (0, the unknown value, is '?').
+std::vector<std::string> value_texts(brix::impls::o_set* set) {
   using float_set = brix::impls::o_set_typed<zel::data_types::datatype<float>>;
-  brix::impls::o_set* set = c->get_o_set();
-  column_text t{c->get_name(), set->get_datatype(), c->get_type(), {"?"}, !c->is_ignore()};
+  std::vector<std::string> texts = {"?"};
   if (auto* f = dynamic_cast<float_set*>(set)) {
     // The shortest text that reads back to the same float, not the 30 decimals of get_value.
     for (float v : f->sorted_values()) {
       char b[48];
       auto r = std::to_chars(b, b + sizeof b, v);
-      t.texts.emplace_back(b, r.ptr);
+      texts.emplace_back(b, r.ptr);
     }
   } else {
     for (unsigned long o = 1; o <= set->size_of_known(); ++o)
-      t.texts.push_back(set->get_value(o));
+      texts.push_back(set->get_value(o));
   }
+  return texts;
+}
+
+column_text describe(brix::impls::column* c, bool last) {
+  brix::impls::o_set* set = c->get_o_set();
+  column_text t{c->get_name(), set->get_datatype(), c->get_type(), value_texts(set),
+                !c->is_ignore()};
   unbreak(t.name);
   for (std::size_t o = 1; o < t.texts.size(); ++o) {
     t.line_breaks += unbreak(t.texts[o]);
@@ -512,10 +521,9 @@ struct record {
   bool nul = false;    // a NUL byte: not a text file
   bool blank = false;  // an empty line (plain files)
   bool cut = false;
-  std::size_t after_quote = 0;  // text after a closing quote, in this field (CSV)
 
   void start(std::size_t at) {
-    count = kept = after_quote = 0;
+    count = kept = 0;
     line = at;
     nul = blank = cut = false;
   }
@@ -582,49 +590,6 @@ bool read_line(byte_reader& in, char sep, record& r, std::size_t& line) {
   r.blank = last < 0;
   if (last == static_cast<unsigned char>(sep)) --r.count;
   return true;
-}
-
-// A CSV record as brix reads it: quoted fields with doubled quotes and line breaks inside; CR LF
-// or LF. unclosed is set (to the quote's line) when the file ends inside quotes.
-bool read_csv_record(byte_reader& in, char sep, record& r, std::size_t& line,
-                     std::size_t& unclosed) {
-  if (in.peek() < 0) return false;
-  r.start(line);
-  int const s = static_cast<unsigned char>(sep);
-  for (;;) {
-    r.field();
-    int c = in.get();
-    if (c == '"') {
-      std::size_t open = line;
-      for (;;) {
-        c = in.get();
-        if (c < 0) {
-          unclosed = open;
-          return true;
-        }
-        if (c == '"') {
-          if (in.peek() != '"') break;
-          in.get();
-        } else if (c == '\n') {
-          ++line;
-        }
-        r.add(c);
-      }
-      c = in.get();
-      if (c == '\r' && (in.peek() == '\n' || in.peek() < 0)) c = in.get();
-      if (c != s && c != '\n' && c >= 0 && r.after_quote == 0) r.after_quote = r.count;
-    }
-    int prev = -1;
-    while (c >= 0 && c != s && c != '\n') {
-      r.add(c);
-      prev = c;
-      c = in.get();
-    }
-    if (c == s) continue;
-    if (prev == '\r') r.drop_last();
-    if (c == '\n') ++line;
-    return true;
-  }
 }
 
 struct problem {
@@ -901,8 +866,8 @@ class value_checks {
   std::size_t stored_ = 0;
 };
 
-void skip_bom(byte_reader& in, problems& p, std::size_t f, bool report) {
-  if (in.skip("\xEF\xBB\xBF") && report)
+void skip_bom(byte_reader& in, problems& p, std::size_t f) {
+  if (in.skip("\xEF\xBB\xBF"))
     p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
 }
 
@@ -939,7 +904,7 @@ char names_separator(std::string const& path) {
 std::vector<column_check> check_names(std::string const& path, char sep, problems& p) {
   std::size_t f = p.file(path);
   byte_reader in(path);
-  skip_bom(in, p, f, true);
+  skip_bom(in, p, f);
   std::vector<column_check> cols;
   std::map<std::string, std::size_t> named;
   std::size_t line = 1, classes = 0, weights = 0;
@@ -1004,7 +969,7 @@ std::size_t check_rows(std::string const& path, char sep, std::vector<column_che
                        bool training, problems& p) {
   std::size_t f = p.file(path);
   byte_reader in(path);
-  skip_bom(in, p, f, true);
+  skip_bom(in, p, f);
   value_checks checks;
   checks.columns = std::move(cols);
   std::size_t k = checks.columns.size(), line = 1, rows = 0;
@@ -1056,86 +1021,6 @@ int check_stem(std::string const& stem, char given, problems& p) {
   return p.finish(what);
 }
 
-int check_csv(std::string const& path, std::string const& class_column, char given, problems& p) {
-  char sep = given != 0                                              ? given
-             : ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t'
-                                                                     : ',';
-  std::size_t f = p.file(path);
-  if (char better = brix::better_separator(path, sep))
-    p.add(f, 0,
-          "the lines split evenly at " +
-              (better == '\t'
-                   ? std::string("tabs, not at ") + quoted(std::string(1, sep)) +
-                         ": --sep tab reads them"
-                   : quoted(std::string(1, better)) + ", not at " + quoted(std::string(1, sep)) +
-                         ": --sep " + quoted(std::string(1, better)) + " reads them"));
-  byte_reader in(path);
-  skip_bom(in, p, f, false);  // the CSV reader skips it
-  std::vector<std::string> missing = brix::read_options().missing;
-  value_checks checks;
-  std::size_t line = 1, rows = 0, unclosed = 0, k = 0;
-  bool header = true;
-  record r;
-  while (read_csv_record(in, sep, r, line, unclosed)) {
-    if (r.nul) {
-      p.not_text(f, r.line);
-      return p.finish("");
-    }
-    if (unclosed > 0) {
-      p.add(f, unclosed, "a quote that is not closed");
-      break;
-    }
-    if (r.after_quote > 0)
-      p.row(f, r.line, "texts after closing quotes",
-            "column " + std::to_string(r.after_quote) + ": text after a closing quote");
-    if (header) {
-      header = false;
-      k = r.count;
-      std::map<std::string, std::size_t> named;
-      for (std::size_t j = 0; j < std::min(k, record::kMaxFields); ++j) {
-        column_check c;
-        c.name = std::string(r.at(j));
-        c.index = j;
-        std::string col = "column " + std::to_string(j + 1) + ": ";
-        // The readers take a first column without a name for row names and ignore it.
-        if (c.name.empty() && j == 0 && k > 1) c.type = "ignore";
-        if (c.name.empty() && c.type.empty()) p.add(f, r.line, col + "no name");
-        if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
-          p.add(f, r.line, col + "the name " + quoted(c.name) + " has blanks around it");
-        if (c.name.find('"') != std::string::npos)
-          p.add(f, r.line,
-                col + "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
-        if (!c.name.empty() && !named.emplace(c.name, j).second)
-          p.add(f, r.line, col + "the name " + quoted(c.name) + " is used twice");
-        c.is_class = class_column.empty() ? j + 1 == k : c.name == class_column;
-        checks.columns.push_back(std::move(c));
-      }
-      if (!class_column.empty() && named.count(class_column) == 0)
-        p.add(f, r.line, "no column " + quoted(class_column) + " for the class");
-      continue;
-    }
-    if (r.count == 1 && r.at(0).empty()) continue;  // the reader skips blank lines
-    if (r.count != k) {
-      p.row(f, r.line, "rows of the wrong length",
-            std::to_string(r.count) + " fields, the header has " + std::to_string(k));
-      continue;
-    }
-    ++rows;
-    for (std::size_t j = 0; j < checks.columns.size() && !r.cut; ++j) {
-      if (checks.columns[j].type == "ignore") continue;
-      std::string const& v = r.fields[j];
-      bool unknown = std::find(missing.begin(), missing.end(), v) != missing.end();
-      checks.see(j, v, r.line, unknown, true);
-    }
-  }
-  if (header)
-    p.add(f, 0, "empty, no header row");
-  else if (rows == 0)
-    p.add(f, 0, "a header and no rows");
-  checks.report(p, f, rows, true);
-  return p.finish(std::to_string(rows) + " rows");
-}
-
 // A reader's message without the place it names ("File PATH, line N"), which the report
 // shows in front of it.
 std::string without_place(std::string const& message, std::string const& path, std::size_t line) {
@@ -1146,6 +1031,103 @@ std::string without_place(std::string const& message, std::string const& path, s
   if (line > 0 && m.substr(0, at.size()) == at) m.remove_prefix(at.size());
   if (m.substr(0, 2) == ", " || m.substr(0, 2) == ": ") m.remove_prefix(2);
   return std::string(m);
+}
+
+// A problem the CSV reader reports, as a line of the check: problems of rows of one kind are
+// counted past the first few; a file that is not text has no other problem.
+void csv_problem(problems& p, std::size_t f, brix::read_problem const& q, std::string const& path) {
+  std::string text = without_place(q.message, path, q.line);
+  auto ends = [&](char const* tail) { return ends_with(text, tail); };
+  if (ends("holds NUL bytes, not a text table"))
+    p.not_text(f, q.line);
+  else if (q.line > 0 && ends("text after a closing quote"))
+    p.row(f, q.line, "texts after closing quotes", text);
+  else if (q.line > 1 && text.find(" fields, the header has ") != std::string::npos)
+    p.row(f, q.line, "rows of the wrong length", text);
+  else
+    p.add(f, q.line, text);
+}
+
+// The names of a CSV header, as the reader took them.
+void check_header(problems& p, std::size_t f, value_checks& checks) {
+  for (auto const& c : checks.columns) {
+    std::string col = "column " + std::to_string(c.index + 1) + ": ";
+    if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
+      p.add(f, 1, col + "the name " + quoted(c.name) + " has blanks around it");
+    if (c.name.find('"') != std::string::npos)
+      p.add(f, 1, col + "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
+  }
+}
+
+// The values of a table read from a CSV file, row by row on the lines they came from.
+void check_values(brix::impls::table const& t, std::vector<std::size_t> const& lines,
+                  std::set<std::string> const& dates, value_checks& checks) {
+  std::size_t k = t.get_loaded_columns();
+  std::vector<std::vector<std::string>> texts(k);
+  for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    column_check col;
+    col.name = c->get_name();
+    col.index = j;
+    col.is_class = c->is_class();
+    col.weights = c->is_weights();
+    // The reader takes a first column without a name for row names and ignores it.
+    if (c->is_ignore()) col.type = "ignore";
+    checks.columns.push_back(std::move(col));
+    if (!c->is_ignore()) texts[j] = value_texts(c->get_o_set());
+  }
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    for (std::size_t j = 0; j < k; ++j) {
+      if (checks.columns[j].type == "ignore") continue;
+      unsigned long o = t.get_column(j)->get_row_index(r);
+      checks.see(j, texts[j][o], lines[r], o == 0, true);
+    }
+  // Dates are read as days: an ID they are not.
+  for (auto& c : checks.columns)
+    if (dates.count(c.name)) c.dates = true;
+}
+
+// A CSV file is checked by reading it: the reader lists every problem of its text, leaving out
+// the rows at fault; the values of the rest are then looked at.
+int check_csv(std::string const& path, std::string const& class_column, char given, problems& p) {
+  char sep = given != 0                                              ? given
+             : ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t'
+                                                                     : ',';
+  std::size_t f = p.file(path);
+  byte_reader probe(path);  // missing or unreadable files fail as for the other formats
+  if (char better = brix::better_separator(path, sep))
+    p.add(f, 0,
+          "the lines split evenly at " +
+              (better == '\t'
+                   ? std::string("tabs, not at ") + quoted(std::string(1, sep)) +
+                         ": --sep tab reads them"
+                   : quoted(std::string(1, better)) + ", not at " + quoted(std::string(1, sep)) +
+                         ": --sep " + quoted(std::string(1, better)) + " reads them"));
+  brix::read_options o;
+  o.class_column = class_column;
+  o.separator = sep;
+  std::ostringstream warnings;
+  o.warnings = &warnings;
+  o.problems = [&](brix::read_problem const& q) { csv_problem(p, f, q, path); };
+  std::vector<std::size_t> lines;
+  o.row_lines = &lines;
+  auto table = brix::read_csv(path, o);
+  if (!table) return p.finish("");
+  // Columns of dates, which the reader names among its notes.
+  std::set<std::string> dates;
+  std::istringstream notes(warnings.str());
+  std::string const date_note = "': ISO dates, read as days since 1970-01-01";
+  for (std::string line; std::getline(notes, line);) {
+    std::size_t at = line.find(date_note), from = line.find(", column '");
+    if (at != std::string::npos && from != std::string::npos && from + 10 <= at)
+      dates.insert(line.substr(from + 10, at - from - 10));
+  }
+  value_checks checks;
+  check_values(*table->get_impl(), lines, dates, checks);
+  check_header(p, f, checks);
+  std::size_t rows = table->get_no_rows();
+  checks.report(p, f, rows, true);
+  return p.finish(std::to_string(rows) + " rows");
 }
 
 // ARFF is checked by reading it: its reader lists every problem it meets, leaving out the rows

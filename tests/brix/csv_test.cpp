@@ -265,7 +265,7 @@ TEST_F(CsvFiles, SinkReportsEveryFaultAndReadsTheRest) {
       {"s.csv",
        "a,b,c\n1,x,p\n2,\"y\"z,q\n3,x\n\xe9,x,p\n4,y,\n6,y,q\n7,w,q\n5,\"x,q\n",
        {"3 b=", "4", "9 b=", "5 a=\xe9", "0 c="},
-       3},
+       4},  // text after a closing quote stays in its value ("yz"), the row with it
       {"s.csv", "a,a,\n1,2,3\n", {"1 a=", "1"}, 0},
       {"s.csv", "a,b\n1,?\n2,NA\n", {"0 b=", "0"}, 0},
       {"s.arff",

@@ -169,22 +169,59 @@ struct parsed {
   std::vector<std::string> names;
   std::vector<char const*, huge_allocator<char const*>> cells;  // row-major, names.size() a row
   std::vector<std::size_t> lines;                               // the line each row starts on
+  bool broken = false;  // problems collected: nothing could be read past one
 };
 
-// Parses in place: each field's text is moved to the front of its span and ended by a NUL.
-parsed parse(text_buffer& text, char sep, std::string const& path, markers const& missing) {
-  auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
-  parsed p;
-  char* s = &text[0];
-  char* end = s + text.size();
-  if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
-  if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr)
-    throw std::runtime_error("File " + path + ": holds NUL bytes, not a text table");
-  // Where an unquoted field ends; the string's terminating NUL stops the scan at the end, as
-  // no other NUL is in the text.
-  bool stops[256] = {};
-  stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
-  // One pointer per cell, reserved once from the count of line feeds.
+// Where the caller collects problems, hands one over; otherwise throws it, as the readers do.
+void report(read_options const& opts, std::string const& path, std::size_t line, std::string column,
+            std::string value, std::string message) {
+  if (!opts.problems) throw std::runtime_error(message);
+  opts.problems(read_problem{path, line, std::move(column), std::move(value), std::move(message)});
+}
+
+// The rows whose drop[r] is false, in their order.
+void keep_rows(parsed& p, std::vector<bool> const& drop) {
+  std::size_t k = p.names.size(), kept = 0;
+  for (std::size_t r = 0; r < p.lines.size(); ++r) {
+    if (drop[r]) continue;
+    if (kept != r) {
+      std::copy_n(&p.cells[r * k], k, &p.cells[kept * k]);
+      p.lines[kept] = p.lines[r];
+    }
+    ++kept;
+  }
+  p.cells.resize(kept * k);
+  p.lines.resize(kept);
+}
+
+// A quoted field from its opening quote, its text moved to out with doubled quotes undone; s
+// and line move past it. false when the file ends inside it.
+inline bool quoted_field(char*& s, char* end, char*& out, std::size_t& line) {
+  ++s;
+  for (;;) {
+    if (s >= end) return false;
+    if (*s == '"') {
+      if (s + 1 < end && s[1] == '"') {
+        *out++ = '"';
+        s += 2;
+        continue;
+      }
+      ++s;
+      return true;
+    }
+    if (*s == '\n') ++line;
+    *out++ = *s++;
+  }
+}
+
+// Refuses text that no record can be split from: NUL bytes, and lines ended by CR alone.
+// Returns the count of line feeds.
+std::size_t whole_text(char const* s, char const* end, std::string const& path,
+                       read_options const& opts) {
+  if (std::memchr(s, '\0', static_cast<std::size_t>(end - s)) != nullptr) {
+    report(opts, path, 0, "", "", "File " + path + ": holds NUL bytes, not a text table");
+    return std::string::npos;
+  }
   std::size_t feeds = 0;
   for (char const* f = s; (f = static_cast<char const*>(std::memchr(f, '\n', end - f))) != nullptr;
        ++f)
@@ -192,44 +229,64 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
   if (feeds == 0) {
     char const* cr =
         static_cast<char const*>(std::memchr(s, '\r', static_cast<std::size_t>(end - s)));
-    if (cr != nullptr && cr + 1 < end)
-      throw std::runtime_error("File " + path +
-                               ": lines end in CR alone (old Mac text); save it with LF or CR LF "
-                               "line ends");
+    if (cr != nullptr && cr + 1 < end) {
+      report(opts, path, 0, "", "",
+             "File " + path +
+                 ": lines end in CR alone (old Mac text); save it with LF or CR LF line ends");
+      return std::string::npos;
+    }
   }
-  std::size_t line = 1;
+  return feeds;
+}
+
+// Parses in place: each field's text is moved to the front of its span and ended by a NUL.
+// Where problems are collected, a record at fault is reported and left out.
+parsed parse(text_buffer& text, char sep, std::string const& path, markers const& missing,
+             read_options const& opts) {
+  auto where = [&](std::size_t line) { return "File " + path + ", line " + std::to_string(line); };
+  parsed p;
   bool header = true;
-  while (s < end) {
+  auto column = [&](std::size_t j) { return header || j >= p.names.size() ? "" : p.names[j]; };
+  char* s = &text[0];
+  char* end = s + text.size();
+  if (text.size() >= 3 && std::memcmp(s, "\xEF\xBB\xBF", 3) == 0) s += 3;
+  // One pointer per cell, reserved once from the count of line feeds.
+  std::size_t feeds = whole_text(s, end, path, opts);
+  p.broken = feeds == std::string::npos;
+  // Where an unquoted field ends; the string's terminating NUL stops the scan at the end, as
+  // no other NUL is in the text.
+  bool stops[256] = {};
+  stops[static_cast<unsigned char>(sep)] = stops['\n'] = stops[0] = true;
+  std::size_t line = 1;
+  while (s < end && !p.broken) {
     std::size_t row_line = line;
     std::size_t first = p.cells.size(), fields = 0;
     bool blank = true;  // only one field, and that empty
+    bool bad = false;   // reported: the record is left out
     // One record.
     for (;;) {
       char* out = s;
       char* field = s;
       std::size_t field_line = line;
       if (s < end && *s == '"') {
-        ++s;
-        for (;;) {
-          if (s >= end)
-            throw std::runtime_error(where(field_line) + ", column " + std::to_string(fields + 1) +
-                                     ": quote not closed");
-          if (*s == '"') {
-            if (s + 1 < end && s[1] == '"') {
-              *out++ = '"';
-              s += 2;
-              continue;
-            }
-            ++s;
-            break;
-          }
-          if (*s == '\n') ++line;
-          *out++ = *s++;
+        if (!quoted_field(s, end, out, line)) {
+          report(
+              opts, path, field_line, column(fields), "",
+              where(field_line) + ", column " + std::to_string(fields + 1) + ": quote not closed");
+          p.broken = header;
+          bad = true;
+          break;
         }
         if (s < end && *s != sep && *s != '\n' && !(*s == '\r' && s + 1 < end && s[1] == '\n') &&
-            !(*s == '\r' && s + 1 == end))
-          throw std::runtime_error(where(line) + ", column " + std::to_string(fields + 1) +
-                                   ": text after a closing quote");
+            !(*s == '\r' && s + 1 == end)) {
+          report(opts, path, line, column(fields), "",
+                 where(line) + ", column " + std::to_string(fields + 1) +
+                     ": text after a closing quote");
+          // Kept in the value, as written: the record goes on.
+          while (!stops[static_cast<unsigned char>(*s)])
+            *out++ = *s++;
+          if (out > field && out[-1] == '\r' && (s >= end || *s == '\n')) --out;
+        }
       } else {
         // Unquoted text stays where it is: only its end is found.
         while (!stops[static_cast<unsigned char>(*s)])
@@ -254,21 +311,29 @@ parsed parse(text_buffer& text, char sep, std::string const& path, markers const
     }
     if (header) {
       header = false;
+      p.broken = p.broken || bad;
       p.cells.reserve((feeds + 1) * p.names.size());
       p.lines.reserve(feeds + 1);
       continue;
     }
-    if (blank) {
+    if (!bad && !blank && fields != p.names.size())
+      report(opts, path, row_line, "", "",
+             where(row_line) + ": " + std::to_string(fields) + " fields, the header has " +
+                 std::to_string(p.names.size()));
+    if (bad || blank || fields != p.names.size()) {
       p.cells.resize(first);
       continue;
     }
-    if (fields != p.names.size())
-      throw std::runtime_error(where(row_line) + ": " + std::to_string(fields) +
-                               " fields, the header has " + std::to_string(p.names.size()));
     p.lines.push_back(row_line);
   }
-  if (p.names.empty()) throw std::runtime_error("File " + path + ": empty, no header row");
-  if (p.lines.empty()) throw std::runtime_error("File " + path + ": a header and no rows");
+  if (p.broken) return p;
+  if (p.names.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": empty, no header row");
+    p.broken = true;
+  } else if (p.lines.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": a header and no rows");
+    p.broken = true;
+  }
   return p;
 }
 
@@ -473,9 +538,17 @@ std::string unknown_classes(std::string const& path, std::string const& name, st
          "another class column)";
 }
 
-// Which of a row's cells its column's type refuses (k when none does): the loader stops at the
-// first such value without saying whose it was.
-std::size_t refusing(std::vector<value_type> const& types, char const* const* cells) {
+// A value at fault, thrown inside a row and caught where the row is read.
+struct cell_error : std::runtime_error {
+  cell_error(std::string const& message, std::string c, std::string v)
+      : std::runtime_error(message), column(std::move(c)), value(std::move(v)) {}
+  std::string column, value;
+};
+
+// Which of a row's cells its column's type refuses (k when none does), and why: the loader stops
+// at the first such value without saying whose it was.
+std::size_t refusing(std::vector<value_type> const& types, char const* const* cells,
+                     std::string* why = nullptr) {
   namespace dt = zel::data_types;
   for (std::size_t j = 0; j < types.size(); ++j) {
     char const* v = cells[j];
@@ -497,37 +570,44 @@ std::size_t refusing(std::vector<value_type> const& types, char const* const* ce
         case value_type::string:
           break;
       }
-    } catch (std::runtime_error const&) {
+    } catch (std::runtime_error const& e) {
+      if (why != nullptr) *why = e.what();
       return j;
     }
   }
   return types.size();
 }
 
-}  // namespace
-
-std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
-  char sep = opts.separator != 0                                       ? opts.separator
-             : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
-                                                                       : ',';
-  text_buffer text = slurp(path);
-  markers missing(opts.missing);
-  parsed p = parse(text, sep, path, missing);
+// Every name and cell as UTF-8, checked only when some byte is outside ASCII.
+void require_utf8(text_buffer const& text, parsed& p, std::string const& path,
+                  read_options const& opts) {
+  if (!any_high(text.data(), text.size())) return;
   std::size_t k = p.names.size(), rows = p.lines.size();
-  if (any_high(text.data(), text.size())) {
-    for (std::size_t j = 0; j < k; ++j)
-      if (!is_utf8(p.names[j].c_str()))
-        throw std::runtime_error(
-            not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
-    for (std::size_t r = 0; r < rows; ++r)
-      for (std::size_t j = 0; j < k; ++j)
-        if (!is_utf8(p.cells[r * k + j]))
-          throw std::runtime_error(not_utf8("File " + path + ", line " +
-                                            std::to_string(p.lines[r]) + ", column '" + p.names[j] +
-                                            "'"));
-  }
+  for (std::size_t j = 0; j < k; ++j)
+    if (!is_utf8(p.names[j].c_str())) {
+      report(opts, path, 1, "", p.names[j],
+             not_utf8("File " + path + ", line 1, column " + std::to_string(j + 1)));
+      p.broken = true;
+    }
+  std::vector<bool> drop(rows, false);
+  for (std::size_t r = 0; r < rows; ++r)
+    for (std::size_t j = 0; j < k && !drop[r]; ++j)
+      if (!is_utf8(p.cells[r * k + j])) {
+        report(opts, path, p.lines[r], p.names[j], p.cells[r * k + j],
+               not_utf8("File " + path + ", line " + std::to_string(p.lines[r]) + ", column '" +
+                        p.names[j] + "'"));
+        drop[r] = true;
+      }
+  keep_rows(p, drop);
+}
+
+// The header's names checked (row names taken for what they are); the class column's index,
+// k when the table has none.
+std::size_t header_columns(parsed& p, std::string const& path, read_options const& opts,
+                           bool& row_names) {
+  std::size_t k = p.names.size();
   // A first column without a name holds row names, as R's write.csv writes them.
-  bool row_names = k > 1 && p.names[0].empty();
+  row_names = k > 1 && p.names[0].empty();
   if (row_names) {
     p.names[0] = kRowNames;
     if (opts.warnings)
@@ -535,18 +615,24 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
                      << " and ignored (named '" << kRowNames << "', e.g. for predict --id)"
                      << std::endl;
   }
+  // Where problems are collected, each is reported; names that cannot make a table leave none,
+  // a column named in the options that is not there is left unused.
+  auto refuse = [&](std::size_t line, std::string const& column, std::string message) {
+    report(opts, path, line, column, "", std::move(message));
+    p.broken = p.broken || line > 0;
+  };
   std::set<std::string> seen;
   for (auto const& n : p.names) {
-    if (n.empty()) throw std::runtime_error("File " + path + ", line 1: a column without a name");
-    if (!seen.insert(n).second)
-      throw std::runtime_error("File " + path + ", line 1: column '" + n + "' named twice");
+    if (n.empty()) refuse(1, n, "File " + path + ", line 1: a column without a name");
+    if (!n.empty() && !seen.insert(n).second)
+      refuse(1, n, "File " + path + ", line 1: column '" + n + "' named twice");
   }
   std::size_t cls = k - 1;
   if (!opts.class_column.empty()) {
     auto it = std::find(p.names.begin(), p.names.end(), opts.class_column);
     if (it == p.names.end()) {
       if (opts.require_class)
-        throw std::runtime_error("File " + path + ": no column '" + opts.class_column + "'");
+        refuse(0, opts.class_column, "File " + path + ": no column '" + opts.class_column + "'");
       cls = k;
     } else {
       cls = static_cast<std::size_t>(it - p.names.begin());
@@ -555,27 +641,30 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     cls = k;
   }
   for (auto const& o : opts.types)
-    if (!seen.count(o.first))
-      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+    if (!seen.count(o.first)) refuse(0, o.first, "File " + path + ": no column '" + o.first + "'");
   for (auto const& o : opts.kinds)
-    if (!seen.count(o.first))
-      throw std::runtime_error("File " + path + ": no column '" + o.first + "'");
+    if (!seen.count(o.first)) refuse(0, o.first, "File " + path + ": no column '" + o.first + "'");
+  return cls;
+}
 
-  auto impl = std::make_unique<impls::table>(path, cls < k);
-  // What the values of each column look like, in one pass in row order (the cells of a row lie
-  // together in memory).
-  struct shape {
-    bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
-    bool all_date = true, whole_days = true;
-    std::size_t looked = 0;
-    std::string lossy_value, wide_value;
-  };
+// What the values of a CSV column look like.
+struct shape {
+  bool all_int = true, all_num = true, any = false, lossy = false, wide = false;
+  bool all_date = true, whole_days = true;
+  std::size_t looked = 0;
+  std::string lossy_value, wide_value;
+};
+
+// Which columns need their values looked at: not the class, nor one whose type the caller chose
+// or whose kind takes texts.
+std::vector<shape> initial_shapes(parsed const& p, read_options const& opts, std::size_t cls,
+                                  bool row_names) {
+  std::size_t k = p.names.size();
   std::vector<shape> shapes(k);
   for (std::size_t j = 0; j < k; ++j) {
     auto kd = opts.kinds.find(p.names[j]);
     bool numeric_kind = kd == opts.kinds.end() || kd->second == column_kind::continuous ||
                         kd->second == column_kind::weights;
-    // A class, a type the caller chose or a kind that takes texts needs no looking at.
     if (j == cls || opts.types.count(p.names[j]) || !numeric_kind || (row_names && j == 0) ||
         opts.numeric_if_present.count(p.names[j]))
       shapes[j].all_num = false;
@@ -586,59 +675,73 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (j == cls || !date_type || !numeric_kind || (row_names && j == 0))
       shapes[j].all_date = false;
   }
-  for (std::size_t r = 0; r < rows; ++r) {
+  return shapes;
+}
+
+// One known value of a column still looked at.
+inline void look_at(shape& c, char const* v) {
+  c.any = true;
+  if (c.all_date) {
+    // The syntax only here, the calendar when the column is converted.
+    c.all_date =
+        v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' && v[4] == '-';
+    if (c.all_date) return;
+  }
+  if (!c.all_num) return;
+  if (c.all_int && is_int32(v)) return;
+  c.all_int = false;
+  bool far;
+  if (!looks_numeric(v, far)) {
+    c.all_num = false;
+    return;
+  }
+  if (far) {
+    // Converted as the loader converts: a value a float cannot hold makes the column double,
+    // one no double holds either (1e309) makes it text, never a column the loader refuses.
+    float f;
+    double d;
+    if (!zel::data_types::detail::parse_floating(v, f)) {
+      if (zel::data_types::detail::parse_floating(v, d)) {
+        if (!c.wide) c.wide_value = v;
+        c.wide = true;
+      } else
+        c.all_num = false;
+    }
+    if (!c.all_num) return;
+  }
+  // Precision is looked at on the first values only: the warning gives an example.
+  double d;
+  if (c.lossy || ++c.looked > 1000 || !is_number(v, d)) return;
+  if (static_cast<double>(static_cast<float>(d)) != d) {
+    // Lossy when the float's shortest text differs from the value's.
+    char a[64], b[64];
+    auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
+    auto rb = std::to_chars(b, b + sizeof b, d);
+    if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
+      c.lossy = true;
+      c.lossy_value = v;
+    }
+  }
+}
+
+// The values looked at in one pass in row order (the cells of a row lie together in memory).
+void look_at_rows(parsed const& p, std::vector<shape>& shapes) {
+  std::size_t k = p.names.size(), rows = p.lines.size();
+  for (std::size_t r = 0; r < rows; ++r)
     for (std::size_t j = 0; j < k; ++j) {
       shape& c = shapes[j];
       if (!c.all_num && !c.all_date) continue;
       char const* v = p.cells[r * k + j];
-      if (v == kUnknown) continue;
-      c.any = true;
-      if (c.all_date) {
-        // The syntax only here, the calendar when the column is converted.
-        c.all_date = v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' &&
-                     v[4] == '-';
-        if (c.all_date) continue;
-      }
-      if (!c.all_num) continue;
-      if (c.all_int && is_int32(v)) continue;
-      c.all_int = false;
-      bool far;
-      if (!looks_numeric(v, far)) {
-        c.all_num = false;
-        continue;
-      }
-      if (far) {
-        // Converted as the loader converts: a value a float cannot hold makes the column double,
-        // one no double holds either (1e309) makes it text, never a column the loader refuses.
-        float f;
-        double d;
-        if (!zel::data_types::detail::parse_floating(v, f)) {
-          if (zel::data_types::detail::parse_floating(v, d)) {
-            if (!c.wide) c.wide_value = v;
-            c.wide = true;
-          } else
-            c.all_num = false;
-        }
-        if (!c.all_num) continue;
-      }
-      // Precision is looked at on the first values only: the warning gives an example.
-      double d;
-      if (c.lossy || ++c.looked > 1000 || !is_number(v, d)) continue;
-      if (static_cast<double>(static_cast<float>(d)) != d) {
-        // Lossy when the float's shortest text differs from the value's.
-        char a[64], b[64];
-        auto ra = std::to_chars(a, a + sizeof a, static_cast<float>(d));
-        auto rb = std::to_chars(b, b + sizeof b, d);
-        if (std::string(a, ra.ptr) != std::string(b, rb.ptr)) {
-          c.lossy = true;
-          c.lossy_value = v;
-        }
-      }
+      if (v != kUnknown) look_at(c, v);
     }
-  }
-  // ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
-  // go to one buffer of fixed slots, which the cells then point into.
+}
+
+// ISO dates become days since 1970-01-01: whole days as integers, others as doubles. Their texts
+// go to date_texts, fixed slots which the cells then point into. Which columns are dates.
+std::vector<bool> convert_dates(parsed& p, std::vector<shape>& shapes, std::string const& path,
+                                std::ostream* warnings, std::vector<char>& date_texts) {
   constexpr std::size_t kSlot = 32;
+  std::size_t k = p.names.size(), rows = p.lines.size();
   std::vector<bool> dates(k, false);
   std::size_t date_columns = 0;
   for (std::size_t j = 0; j < k; ++j) {
@@ -657,7 +760,7 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       ++date_columns;
     }
   }
-  std::vector<char> date_texts(rows * kSlot * date_columns);
+  date_texts.assign(rows * kSlot * date_columns, '\0');
   for (std::size_t j = 0, n = 0; j < k; ++j) {
     if (!dates[j]) continue;
     for (std::size_t r = 0; r < rows; ++r) {
@@ -671,17 +774,22 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
       v = out;
     }
     ++n;
-    if (opts.warnings)
-      *opts.warnings << "File " << path << ", column '" << p.names[j]
-                     << "': ISO dates, read as days since 1970-01-01"
-                     << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
+    if (warnings)
+      *warnings << "File " << path << ", column '" << p.names[j]
+                << "': ISO dates, read as days since 1970-01-01"
+                << (shapes[j].whole_days ? "" : " with fractions") << std::endl;
   }
-  if (cls < k) {
-    std::size_t unknown = 0;
-    for (std::size_t r = 0; r < rows; ++r)
-      unknown += p.cells[r * k + cls] == kUnknown;
-    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
-  }
+  return dates;
+}
+
+// Each column's type and kind, from what its values look like and the caller's overrides,
+// declared to the table; the types chosen.
+std::vector<value_type> declare_csv_columns(impls::table& impl, parsed const& p,
+                                            std::vector<shape> const& shapes,
+                                            std::vector<bool> const& dates, std::size_t cls,
+                                            bool row_names, std::string const& path,
+                                            read_options const& opts) {
+  std::size_t k = p.names.size();
   std::vector<value_type> types(k);
   for (std::size_t j = 0; j < k; ++j) {
     std::string const& name = p.names[j];
@@ -720,17 +828,21 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     if (kd != opts.kinds.end()) kind = kd->second;
     types[j] = type;
     try {
-      impl->push_back(name, keyword(type), keyword(kind));
+      impl.push_back(name, keyword(type), keyword(kind));
     } catch (std::runtime_error const& e) {
       throw std::runtime_error("File " + path + ", column '" + name + "': " + e.what());
     }
   }
+  return types;
+}
 
-  // The cells of a row lie together, unknown ones already the table's null text.
-  std::size_t r = 0;
+// The cells of a row lie together, unknown ones already the table's null text.
+void load_csv_rows(impls::table& impl, parsed const& p, std::vector<value_type> const& types,
+                   std::string const& path) {
+  std::size_t k = p.names.size(), rows = p.lines.size(), r = 0;
   try {
-    impl->load_rows([&]() -> char const* const* { return r == rows ? nullptr : &p.cells[r++ * k]; },
-                    "?");
+    impl.load_rows([&]() -> char const* const* { return r == rows ? nullptr : &p.cells[r++ * k]; },
+                   "?");
   } catch (std::runtime_error const& e) {
     // The loader stops at the first value its column refuses; find which one it was.
     std::size_t at = r == 0 ? 0 : r - 1;
@@ -738,6 +850,76 @@ std::unique_ptr<table> read_csv(std::string const& path, read_options const& opt
     throw std::runtime_error(cut("File " + path + ", line " + std::to_string(p.lines[at]) +
                                  (j < k ? ", column '" + p.names[j] + "'" : "") + ": " + e.what()));
   }
+}
+
+}  // namespace
+
+// Where problems are collected: rows without a class (when cls < k) and, with types given,
+// rows holding a value its column's type refuses are reported and left out; false when no row
+// is left.
+bool drop_csv_rows(parsed& p, std::size_t cls, std::vector<value_type> const* types,
+                   std::string const& path, read_options const& opts) {
+  std::size_t k = p.names.size(), rows = p.lines.size(), unknown = 0;
+  std::vector<bool> drop(rows, false);
+  for (std::size_t r = 0; r < rows; ++r) {
+    char const* const* row = &p.cells[r * k];
+    if (cls < k && row[cls] == kUnknown) {
+      drop[r] = true;
+      ++unknown;
+      continue;
+    }
+    std::string why;
+    std::size_t j = types == nullptr ? k : refusing(*types, row, &why);
+    if (j < k) {
+      report(opts, path, p.lines[r], p.names[j], row[j],
+             cut("File " + path + ", line " + std::to_string(p.lines[r]) + ", column '" +
+                 p.names[j] + "': " + why));
+      drop[r] = true;
+    }
+  }
+  if (unknown > 0)
+    report(opts, path, 0, p.names[cls], "", unknown_classes(path, p.names[cls], unknown));
+  keep_rows(p, drop);
+  if (p.lines.empty()) report(opts, path, 0, "", "", "File " + path + ": no row left to read");
+  return !p.lines.empty();
+}
+
+std::unique_ptr<table> read_csv(std::string const& path, read_options const& opts) {
+  char sep = opts.separator != 0                                       ? opts.separator
+             : (ends_with(path, ".tsv") || ends_with(path, ".tsv.gz")) ? '\t'
+                                                                       : ',';
+  text_buffer text = slurp(path);
+  markers missing(opts.missing);
+  parsed p = parse(text, sep, path, missing, opts);
+  if (p.broken) return nullptr;
+  require_utf8(text, p, path, opts);
+  bool row_names = false;
+  std::size_t cls = header_columns(p, path, opts, row_names);
+  std::size_t k = p.names.size();
+  if (p.broken || (opts.problems && !drop_csv_rows(p, cls, nullptr, path, opts))) return nullptr;
+  std::size_t rows = p.lines.size();
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  std::vector<shape> shapes = initial_shapes(p, opts, cls, row_names);
+  look_at_rows(p, shapes);
+  std::vector<char> date_texts;
+  std::vector<bool> dates = convert_dates(p, shapes, path, opts.warnings, date_texts);
+  if (cls < k) {
+    std::size_t unknown = 0;
+    for (std::size_t r = 0; r < rows; ++r)
+      unknown += p.cells[r * k + cls] == kUnknown;
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, p.names[cls], unknown));
+  }
+  std::vector<value_type> types;
+  try {
+    types = declare_csv_columns(*impl, p, shapes, dates, cls, row_names, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, "", "", e.what());
+    return nullptr;
+  }
+  if (opts.problems && !drop_csv_rows(p, k, &types, path, opts)) return nullptr;
+  load_csv_rows(*impl, p, types, path);
+  if (opts.row_lines != nullptr) opts.row_lines->assign(p.lines.begin(), p.lines.end());
   warn_columns(*impl, path, !opts.class_column.empty(), dates, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }
@@ -800,25 +982,136 @@ std::string lower(std::string s) {
   return s;
 }
 
-}  // namespace
+struct attribute {
+  std::string name;
+  value_type type;
+  column_kind kind;
+  std::vector<std::string> nominal;
+  std::set<std::string> listed;  // the nominal values, to look rows' values up
+};
 
-std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
-  text_buffer text = slurp(path);
-  struct attribute {
-    std::string name;
-    value_type type;
-    column_kind kind;
-    std::vector<std::string> nominal;
-    std::set<std::string> listed;  // the nominal values, to look rows' values up
-  };
+// An ARFF file's declarations and its rows as texts, with the line each row is on.
+struct arff_text {
   std::vector<attribute> atts;
   std::vector<std::vector<std::string>> rows;
   std::vector<std::size_t> lines;
+};
+
+std::string arff_where(std::string const& path, std::size_t line_no) {
+  return "File " + path + ", line " + std::to_string(line_no);
+}
+
+// An @attribute line (the keyword included), as declared.
+attribute arff_attribute(std::string const& line, std::string const& word, std::string const& path,
+                         std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  std::string rest = line.substr(word.size());
+  std::size_t brace = rest.find('{');
+  std::vector<std::string> head;
+  if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
+      head.empty())
+    throw std::runtime_error(where() + ": bad attribute declaration");
+  attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
+  if (brace != std::string::npos) {
+    std::size_t close = rest.rfind('}');
+    if (close == std::string::npos || close < brace)
+      throw std::runtime_error(where() + ": nominal values without a closing brace");
+    if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
+      throw std::runtime_error(where() + ": quote not closed");
+    a.listed.insert(a.nominal.begin(), a.nominal.end());
+  } else {
+    std::string type = head.size() > 1 ? lower(head[1]) : "";
+    if (type == "integer") {
+      a.type = value_type::integer;
+      a.kind = column_kind::continuous;
+    } else if (type == "numeric" || type == "real") {
+      a.type = value_type::float32;
+      a.kind = column_kind::continuous;
+    } else if (type != "string") {
+      throw std::runtime_error(where() + ", attribute '" + a.name + "': type '" + type +
+                               "' is not supported");
+    }
+  }
+  return a;
+}
+
+// A data line, dense or sparse, as one text per attribute; f is scratch space.
+std::vector<std::string> arff_row(std::string const& line, std::vector<attribute> const& atts,
+                                  std::vector<std::string>& f, std::string const& path,
+                                  std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  std::vector<std::string> row(atts.size());
+  if (line[0] == '{') {
+    // Sparse: absent entries are 0, or a nominal attribute's first value.
+    for (std::size_t j = 0; j < atts.size(); ++j)
+      row[j] = atts[j].nominal.empty() ? (atts[j].type == value_type::string ? "" : "0")
+                                       : atts[j].nominal[0];
+    std::size_t close = line.rfind('}');
+    if (close == std::string::npos) throw std::runtime_error(where() + ": sparse row not closed");
+    if (!arff_fields(line.substr(1, close - 1), f, false))
+      throw std::runtime_error(where() + ": quote not closed");
+    for (auto const& entry : f) {
+      if (entry.empty()) continue;
+      std::vector<std::string> iv;
+      arff_fields(entry, iv, true);
+      char* end = nullptr;
+      unsigned long i = iv.empty() ? 0 : std::strtoul(iv[0].c_str(), &end, 10);
+      if (iv.size() != 2 || *end != '\0' || i >= atts.size())
+        throw std::runtime_error(where() + ": bad sparse entry '" + entry + "'");
+      row[i] = iv[1];
+    }
+  } else {
+    if (!arff_fields(line, f, false)) throw std::runtime_error(where() + ": quote not closed");
+    if (f.size() != atts.size())
+      throw std::runtime_error(where() + ": " + std::to_string(f.size()) + " values, " +
+                               std::to_string(atts.size()) + " attributes declared");
+    row = f;
+  }
+  for (std::size_t j = 0; j < atts.size(); ++j) {
+    attribute const& a = atts[j];
+    if (!is_utf8(row[j].c_str()))
+      throw cell_error(not_utf8(where() + ", column '" + a.name + "'"), a.name, row[j]);
+    // A value its declaration does not list is a typing error, not a new value (in the class,
+    // a new class).
+    if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
+      throw cell_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
+                           "' is not one of the values declared for it"),
+                       a.name, row[j]);
+  }
+  return row;
+}
+
+// One line's declaration or row into a; false at @data.
+bool arff_line(arff_text& a, std::string const& line, bool data, std::vector<std::string>& f,
+               std::string const& path, std::size_t line_no) {
+  auto where = [&]() { return arff_where(path, line_no); };
+  if (!data) {
+    if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
+    if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
+    std::string word = lower(line.substr(0, line.find_first_of(" \t")));
+    if (word == "@relation") return true;
+    if (word == "@data") return false;
+    if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
+    a.atts.push_back(arff_attribute(line, word, path, line_no));
+    return true;
+  }
+  if (a.atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
+  a.rows.push_back(arff_row(line, a.atts, f, path, line_no));
+  a.lines.push_back(line_no);
+  return true;
+}
+
+// The declarations and the rows, line by line. Where problems are collected, a row at fault is
+// left out; after a declaration at fault the rows are not read (their columns are unknown) and
+// broken is set.
+arff_text parse_arff(text_buffer const& text, std::string const& path, read_options const& opts,
+                     bool& broken) {
+  arff_text a;
   std::size_t at = 0, line_no = 0;
   bool data = false;
   std::vector<std::string> f;
-  auto where = [&]() { return "File " + path + ", line " + std::to_string(line_no); };
-  while (at < text.size()) {
+  broken = false;
+  while (at < text.size() && !(broken && data)) {
     std::size_t nl = text.find('\n', at);
     if (nl == std::string::npos) nl = text.size();
     std::string line(text, at, nl - at);
@@ -828,90 +1121,30 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     std::size_t first = line.find_first_not_of(" \t");
     if (first == std::string::npos || line[first] == '%') continue;
     line = line.substr(first);
-    if (!data) {
-      if (!is_utf8(line.c_str())) throw std::runtime_error(not_utf8(where()));
-      if (line[0] != '@') throw std::runtime_error(where() + ": expected a declaration");
-      std::string word = lower(line.substr(0, line.find_first_of(" \t")));
-      if (word == "@relation") continue;
-      if (word == "@data") {
-        data = true;
-        continue;
-      }
-      if (word != "@attribute") throw std::runtime_error(where() + ": unknown declaration " + word);
-      std::string rest = line.substr(word.size());
-      std::size_t brace = rest.find('{');
-      std::vector<std::string> head;
-      if (!arff_fields(brace == std::string::npos ? rest : rest.substr(0, brace), head, true) ||
-          head.empty())
-        throw std::runtime_error(where() + ": bad attribute declaration");
-      attribute a{head[0], value_type::string, column_kind::discrete, {}, {}};
-      if (brace != std::string::npos) {
-        std::size_t close = rest.rfind('}');
-        if (close == std::string::npos || close < brace)
-          throw std::runtime_error(where() + ": nominal values without a closing brace");
-        if (!arff_fields(rest.substr(brace + 1, close - brace - 1), a.nominal, false))
-          throw std::runtime_error(where() + ": quote not closed");
-        a.listed.insert(a.nominal.begin(), a.nominal.end());
-      } else {
-        std::string type = head.size() > 1 ? lower(head[1]) : "";
-        if (type == "integer") {
-          a.type = value_type::integer;
-          a.kind = column_kind::continuous;
-        } else if (type == "numeric" || type == "real") {
-          a.type = value_type::float32;
-          a.kind = column_kind::continuous;
-        } else if (type != "string") {
-          throw std::runtime_error(where() + ", attribute '" + a.name + "': type '" + type +
-                                   "' is not supported");
-        }
-      }
-      atts.push_back(a);
-      continue;
+    try {
+      if (!arff_line(a, line, data, f, path, line_no)) data = true;
+    } catch (cell_error const& e) {
+      report(opts, path, line_no, e.column, e.value, e.what());
+    } catch (std::runtime_error const& e) {
+      if (!opts.problems) throw;
+      report(opts, path, line_no, "", "", e.what());
+      broken = broken || !data || a.atts.empty();
     }
-    if (atts.empty()) throw std::runtime_error(where() + ": data before any attribute");
-    std::vector<std::string> row(atts.size());
-    if (line[0] == '{') {
-      // Sparse: absent entries are 0, or a nominal attribute's first value.
-      for (std::size_t j = 0; j < atts.size(); ++j)
-        row[j] = atts[j].nominal.empty() ? (atts[j].type == value_type::string ? "" : "0")
-                                         : atts[j].nominal[0];
-      std::size_t close = line.rfind('}');
-      if (close == std::string::npos) throw std::runtime_error(where() + ": sparse row not closed");
-      if (!arff_fields(line.substr(1, close - 1), f, false))
-        throw std::runtime_error(where() + ": quote not closed");
-      for (auto const& entry : f) {
-        if (entry.empty()) continue;
-        std::vector<std::string> iv;
-        arff_fields(entry, iv, true);
-        char* end = nullptr;
-        unsigned long i = iv.empty() ? 0 : std::strtoul(iv[0].c_str(), &end, 10);
-        if (iv.size() != 2 || *end != '\0' || i >= atts.size())
-          throw std::runtime_error(where() + ": bad sparse entry '" + entry + "'");
-        row[i] = iv[1];
-      }
-    } else {
-      if (!arff_fields(line, f, false)) throw std::runtime_error(where() + ": quote not closed");
-      if (f.size() != atts.size())
-        throw std::runtime_error(where() + ": " + std::to_string(f.size()) + " values, " +
-                                 std::to_string(atts.size()) + " attributes declared");
-      row = f;
-    }
-    for (std::size_t j = 0; j < atts.size(); ++j) {
-      attribute const& a = atts[j];
-      if (!is_utf8(row[j].c_str()))
-        throw std::runtime_error(not_utf8(where() + ", column '" + a.name + "'"));
-      // A value its declaration does not list is a typing error, not a new value (in the class,
-      // a new class).
-      if (!a.nominal.empty() && row[j] != "?" && !a.listed.count(row[j]))
-        throw std::runtime_error(cut(where() + ", column '" + a.name + "': '" + row[j] +
-                                     "' is not one of the values declared for it"));
-    }
-    rows.push_back(std::move(row));
-    lines.push_back(line_no);
   }
-  if (atts.empty()) throw std::runtime_error("File " + path + ": no attribute declared");
-  if (rows.empty()) throw std::runtime_error("File " + path + ": no data rows");
+  if (broken) return a;
+  if (a.atts.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": no attribute declared");
+    broken = true;
+  } else if (a.rows.empty()) {
+    report(opts, path, 0, "", "", "File " + path + ": no data rows");
+    broken = true;
+  }
+  return a;
+}
 
+// The class attribute's index, k when the table has none.
+std::size_t arff_class(std::vector<attribute> const& atts, std::string const& path,
+                       read_options const& opts) {
   std::size_t k = atts.size(), cls = k - 1;
   if (!opts.class_column.empty()) {
     cls = k;
@@ -922,15 +1155,15 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
   } else if (!opts.require_class) {
     cls = k;
   }
-  markers missing({"?"});
-  if (cls < k) {
-    std::size_t unknown = 0;
-    for (auto const& row : rows)
-      unknown += missing(row[cls].c_str(), row[cls].size());
-    if (unknown > 0) throw std::runtime_error(unknown_classes(path, atts[cls].name, unknown));
-  }
+  return cls;
+}
+
+// The attributes declared to the table, the caller's overrides applied; their types.
+std::vector<value_type> declare_arff_columns(impls::table& impl, std::vector<attribute>& atts,
+                                             std::size_t cls, std::string const& path,
+                                             read_options const& opts) {
+  std::size_t k = atts.size();
   std::vector<value_type> types(k);
-  auto impl = std::make_unique<impls::table>(path, cls < k);
   for (std::size_t j = 0; j < k; ++j) {
     attribute& a = atts[j];
     if (j == cls) {
@@ -943,19 +1176,25 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     if (kd != opts.kinds.end()) a.kind = kd->second;
     types[j] = a.type;
     try {
-      impl->push_back(a.name, keyword(a.type), keyword(a.kind));
+      impl.push_back(a.name, keyword(a.type), keyword(a.kind));
     } catch (std::runtime_error const& e) {
       throw std::runtime_error("File " + path + ", attribute '" + a.name + "': " + e.what());
     }
   }
+  return types;
+}
+
+void load_arff_rows(impls::table& impl, arff_text const& a, std::vector<value_type> const& types,
+                    markers const& missing, std::string const& path) {
+  std::size_t k = a.atts.size(), r = 0;
   std::vector<char const*> cells(k);
-  std::size_t r = 0;
   try {
-    impl->load_rows(
+    impl.load_rows(
         [&]() -> char const* const* {
-          if (r == rows.size()) return nullptr;
+          if (r == a.rows.size()) return nullptr;
           for (std::size_t j = 0; j < k; ++j)
-            cells[j] = missing(rows[r][j].c_str(), rows[r][j].size()) ? "?" : rows[r][j].c_str();
+            cells[j] =
+                missing(a.rows[r][j].c_str(), a.rows[r][j].size()) ? "?" : a.rows[r][j].c_str();
           ++r;
           return cells.data();
         },
@@ -964,13 +1203,85 @@ std::unique_ptr<table> read_arff(std::string const& path, read_options const& op
     std::size_t at = r == 0 ? 0 : r - 1, j = k;
     if (r > 0) {
       for (std::size_t i = 0; i < k; ++i)
-        cells[i] = rows[at][i].c_str();
+        cells[i] = a.rows[at][i].c_str();
       j = refusing(types, cells.data());
     }
-    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(lines[at]) +
-                                 (j < k ? ", column '" + atts[j].name + "'" : "") + ": " +
+    throw std::runtime_error(cut("File " + path + ", line " + std::to_string(a.lines[at]) +
+                                 (j < k ? ", column '" + a.atts[j].name + "'" : "") + ": " +
                                  e.what()));
   }
+}
+
+}  // namespace
+
+// Where problems are collected: rows without a class and rows with a value its column's type
+// refuses are reported and left out; false when no row is left.
+bool drop_arff_rows(arff_text& a, std::size_t cls, std::vector<value_type> const& types,
+                    markers const& missing, std::string const& path, read_options const& opts) {
+  std::size_t k = a.atts.size(), kept = 0, unknown = 0;
+  std::vector<char const*> cells(k);
+  for (std::size_t r = 0; r < a.rows.size(); ++r) {
+    auto& row = a.rows[r];
+    if (cls < k && missing(row[cls].c_str(), row[cls].size())) {
+      ++unknown;
+      continue;
+    }
+    for (std::size_t j = 0; j < k; ++j)
+      cells[j] = missing(row[j].c_str(), row[j].size()) ? "?" : row[j].c_str();
+    std::string why;
+    std::size_t j = refusing(types, cells.data(), &why);
+    if (j < k) {
+      report(opts, path, a.lines[r], a.atts[j].name, row[j],
+             cut("File " + path + ", line " + std::to_string(a.lines[r]) + ", column '" +
+                 a.atts[j].name + "': " + why));
+      continue;
+    }
+    if (kept != r) {
+      a.rows[kept] = std::move(row);
+      a.lines[kept] = a.lines[r];
+    }
+    ++kept;
+  }
+  a.rows.resize(kept);
+  a.lines.resize(kept);
+  if (unknown > 0)
+    report(opts, path, 0, a.atts[cls].name, "?", unknown_classes(path, a.atts[cls].name, unknown));
+  if (kept == 0) report(opts, path, 0, "", "", "File " + path + ": no data rows");
+  return kept > 0;
+}
+
+std::unique_ptr<table> read_arff(std::string const& path, read_options const& opts) {
+  text_buffer text = slurp(path);
+  bool broken = false;
+  arff_text a = parse_arff(text, path, opts, broken);
+  if (broken) return nullptr;
+  std::size_t k = a.atts.size(), cls = k;
+  try {
+    cls = arff_class(a.atts, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, opts.class_column, "", e.what());
+    return nullptr;
+  }
+  markers missing({"?"});
+  if (cls < k && !opts.problems) {
+    std::size_t unknown = 0;
+    for (auto const& row : a.rows)
+      unknown += missing(row[cls].c_str(), row[cls].size());
+    if (unknown > 0) throw std::runtime_error(unknown_classes(path, a.atts[cls].name, unknown));
+  }
+  auto impl = std::make_unique<impls::table>(path, cls < k);
+  std::vector<value_type> types;
+  try {
+    types = declare_arff_columns(*impl, a.atts, cls, path, opts);
+  } catch (std::runtime_error const& e) {
+    if (!opts.problems) throw;
+    report(opts, path, 0, "", "", e.what());
+    return nullptr;
+  }
+  if (opts.problems && !drop_arff_rows(a, cls, types, missing, path, opts)) return nullptr;
+  load_arff_rows(*impl, a, types, missing, path);
+  if (opts.row_lines != nullptr) *opts.row_lines = a.lines;
   warn_columns(*impl, path, !opts.class_column.empty(), {}, opts.warnings);
   return std::unique_ptr<table>(table::adopt(impl.release()));
 }

@@ -19,6 +19,15 @@ namespace brix {
 enum class column_kind { discrete, continuous, class_label, weights, ignore };
 enum class value_type { integer, uinteger, float32, float64, string };
 
+// A problem met while reading a table, for callers that want every problem rather than the first.
+struct read_problem {
+  std::string file;
+  std::size_t line = 0;  // 0: not one line's (a column's, the file's)
+  std::string column;    // empty: not one column's
+  std::string value;     // the value at fault; empty when none is
+  std::string message;   // the whole message, as it is thrown where no sink is set
+};
+
 struct read_options {
   std::string class_column;  // by name; empty: the last column
   std::vector<std::string> missing = {"", "?", "NA", "N/A", "NaN", "null"};
@@ -31,6 +40,13 @@ struct read_options {
   std::map<std::string, value_type> numeric_if_present;
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
+  // CSV/TSV and ARFF: where set, problems that would throw are passed here instead and reading
+  // goes on, leaving out the rows at fault (text after a closing quote is kept in its value);
+  // after a problem nothing can be read past (a bad header or declaration, no rows left) the
+  // reader returns no table (nullptr).
+  std::function<void(read_problem const&)> problems;
+  // CSV/TSV and ARFF: where set, receives the line each row of the table starts on.
+  std::vector<std::size_t>* row_lines = nullptr;
 };
 
 // A table built from columns in memory, with no text in between: the same table (value orders,

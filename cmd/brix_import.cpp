@@ -1,7 +1,8 @@
 // brix import: a table read as brix reads it, written as the .names/.data pair from which brixcmd
 // loads the same table (same columns, types, kinds, value sets and row order), hence the same
-// tree. brix check: a pre-flight over the raw text of a stem or a CSV file that lists every
-// problem rather than stopping at the first, as the readers do.
+// tree. brix check: a pre-flight that lists every problem rather than stopping at the first:
+// CSV and ARFF files through their readers, which report each problem to it and read on, then
+// their values; a stem over its raw text, as brixcmd's loader stops at the first problem.
 #include "cmd/brix_import.h"
 
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -151,21 +153,28 @@ std::size_t unbreak(std::string& s) {
   return 1;
 }
 
-column_text describe(brix::impls::column* c, bool last) {
+// The text of each value order of a set (0, the unknown value, is '?').
+std::vector<std::string> value_texts(brix::impls::o_set* set) {
   using float_set = brix::impls::o_set_typed<zel::data_types::datatype<float>>;
-  brix::impls::o_set* set = c->get_o_set();
-  column_text t{c->get_name(), set->get_datatype(), c->get_type(), {"?"}, !c->is_ignore()};
+  std::vector<std::string> texts = {"?"};
   if (auto* f = dynamic_cast<float_set*>(set)) {
     // The shortest text that reads back to the same float, not the 30 decimals of get_value.
     for (float v : f->sorted_values()) {
       char b[48];
       auto r = std::to_chars(b, b + sizeof b, v);
-      t.texts.emplace_back(b, r.ptr);
+      texts.emplace_back(b, r.ptr);
     }
   } else {
     for (unsigned long o = 1; o <= set->size_of_known(); ++o)
-      t.texts.push_back(set->get_value(o));
+      texts.push_back(set->get_value(o));
   }
+  return texts;
+}
+
+column_text describe(brix::impls::column* c, bool last) {
+  brix::impls::o_set* set = c->get_o_set();
+  column_text t{c->get_name(), set->get_datatype(), c->get_type(), value_texts(set),
+                !c->is_ignore()};
   unbreak(t.name);
   for (std::size_t o = 1; o < t.texts.size(); ++o) {
     t.line_breaks += unbreak(t.texts[o]);
@@ -296,10 +305,9 @@ std::string separator_option(char sep) {
   return " -sep " + shell_word(std::string(1, sep));
 }
 
-}  // namespace
-
-int brix_import(std::string const& data, std::string const& stem, std::string const& test,
-                brix::read_options opts, bool quiet) {
+// Refuses a stem brixcmd cannot name and outputs that would overwrite an input; the outputs.
+std::vector<std::string> import_outputs(std::string const& data, std::string const& stem,
+                                        std::string const& test) {
   // brixcmd names its files in descriptors where '#' separates fields.
   if (stem.find('#') != std::string::npos)
     throw std::runtime_error("STEM " + stem + ": brixcmd cannot open a name that holds '#'");
@@ -310,12 +318,13 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   for (auto const& o : outputs)
     for (auto const& i : inputs)
       if (same_file(o, i)) throw std::runtime_error("File " + o + ": is also an input (" + i + ")");
+  return outputs;
+}
 
-  opts.warnings = quiet ? nullptr : &std::cerr;
-  auto table = brix::read_table(data, opts);
-  brix::impls::table const& t = *table->get_impl();
+// A table's columns as written, refused when brixcmd cannot declare one.
+std::vector<column_text> describe_columns(brix::impls::table const& t,
+                                          std::vector<brix::impls::column*>& from) {
   std::size_t k = t.get_loaded_columns();
-  std::vector<brix::impls::column*> from;
   std::vector<column_text> cols;
   for (std::size_t j = 0; j < k; ++j) {
     brix::impls::column const* c = t.get_column(j);
@@ -330,66 +339,85 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
     from.push_back(t.get_column(j));
     cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
   }
+  return cols;
+}
 
-  // The test rows: the training columns by name, in the training order, with their types and
-  // kinds; other columns are left out.
-  std::unique_ptr<brix::table> test_table;
-  std::vector<brix::impls::column*> test_from;
-  std::vector<column_text> test_cols;
+// The test rows of an import: the training columns by name, in the training order, with their
+// types and kinds; other columns are left out (named in dropped).
+struct test_rows {
+  std::unique_ptr<brix::table> table;
+  std::vector<brix::impls::column*> from;
+  std::vector<column_text> cols;
   std::vector<std::string> dropped;
-  if (!test.empty()) {
-    brix::read_options o;
-    o.warnings = opts.warnings;
-    o.separator = opts.separator;
-    for (std::size_t j = 0; j < k; ++j) {
-      brix::impls::column const* c = t.get_column(j);
-      if (c->is_class()) o.class_column = c->get_name();
-      o.kinds[c->get_name()] = kind_of(*c);
-      o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
-    }
-    test_table = brix::read_table(test, o);
-    brix::impls::table const& tt = *test_table->get_impl();
-    std::map<std::string, brix::impls::column*> by_name;
-    for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
-      by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
-    for (std::size_t j = 0; j < k; ++j) {
-      auto it = by_name.find(from[j]->get_name());
-      if (it == by_name.end())
-        throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
-      test_from.push_back(it->second);
-      test_cols.push_back(describe(it->second, false));
-      test_cols.back().stores_rows = cols[j].stores_rows;
-      by_name.erase(it);
-    }
-    for (auto const& d : by_name)
-      dropped.push_back(d.first);
-  }
+};
 
-  char sep = pick_separator({&cols, &test_cols});
-  std::vector<std::size_t> unknown, test_unknown;
-  {
-    part_file names(outputs[0]), rows(outputs[1]);
-    std::unique_ptr<part_file> tests;
-    if (!test.empty()) tests = std::make_unique<part_file>(outputs[2]);
-    std::string buf;
-    for (auto const& c : cols)
-      buf += c.name + sep + c.type + sep + c.kind + "\n";
-    names.write(buf);
-    write_rows(rows, t, from, cols, sep, unknown);
-    if (tests) write_rows(*tests, *test_table->get_impl(), test_from, test_cols, sep, test_unknown);
-    names.close();
-    rows.close();
-    if (tests) tests->close();
-    // The .names last: once it is there, so are the rows it describes.
-    rows.commit();
-    if (tests) tests->commit();
-    names.commit();
+test_rows read_test_rows(std::string const& test, brix::impls::table const& t,
+                         std::vector<brix::impls::column*> const& from,
+                         std::vector<column_text> const& cols, brix::read_options const& opts) {
+  test_rows out;
+  if (test.empty()) return out;
+  std::size_t k = t.get_loaded_columns();
+  brix::read_options o;
+  o.warnings = opts.warnings;
+  o.separator = opts.separator;
+  for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    if (c->is_class()) o.class_column = c->get_name();
+    o.kinds[c->get_name()] = kind_of(*c);
+    o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
   }
-  if (quiet) return 0;
+  out.table = brix::read_table(test, o);
+  brix::impls::table const& tt = *out.table->get_impl();
+  std::map<std::string, brix::impls::column*> by_name;
+  for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
+    by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
+  for (std::size_t j = 0; j < k; ++j) {
+    auto it = by_name.find(from[j]->get_name());
+    if (it == by_name.end())
+      throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
+    out.from.push_back(it->second);
+    out.cols.push_back(describe(it->second, false));
+    out.cols.back().stores_rows = cols[j].stores_rows;
+    by_name.erase(it);
+  }
+  for (auto const& d : by_name)
+    out.dropped.push_back(d.first);
+  return out;
+}
 
+// The .names, .data and (with test rows) .test files, whole or not at all; the unknown values
+// written per column, for the training and the test rows.
+void write_import(std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
+                  std::vector<brix::impls::column*> const& from,
+                  std::vector<column_text> const& cols, test_rows const& test,
+                  std::vector<std::size_t>& unknown, std::vector<std::size_t>& test_unknown) {
+  part_file names(outputs[0]), rows(outputs[1]);
+  std::unique_ptr<part_file> tests;
+  if (test.table) tests = std::make_unique<part_file>(outputs[2]);
+  std::string buf;
+  for (auto const& c : cols)
+    buf += c.name + sep + c.type + sep + c.kind + "\n";
+  names.write(buf);
+  write_rows(rows, t, from, cols, sep, unknown);
+  if (tests) write_rows(*tests, *test.table->get_impl(), test.from, test.cols, sep, test_unknown);
+  names.close();
+  rows.close();
+  if (tests) tests->close();
+  // The .names last: once it is there, so are the rows it describes.
+  rows.commit();
+  if (tests) tests->commit();
+  names.commit();
+}
+
+// The columns, their changes and the brixcmd command line, on standard error.
+void report_import(std::string const& data, std::string const& stem, std::string const& test,
+                   std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
+                   std::vector<column_text> const& cols, std::vector<std::size_t> const& unknown,
+                   test_rows const& tests) {
+  std::size_t k = cols.size();
   std::ostream& log = std::cerr;
   log << "brix import: " << data << ": " << t.get_no_rows() << " rows, " << k << " columns";
-  if (test_table) log << "; " << test << ": " << test_table->get_no_rows() << " rows";
+  if (tests.table) log << "; " << test << ": " << tests.table->get_no_rows() << " rows";
   log << "\n";
   std::size_t width = 0;
   for (auto const& c : cols)
@@ -403,13 +431,13 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
       notes.push_back(values(unknown[j], "unknown value") + " written as '?'");
     if (c.empty_to_unknown)
       notes.push_back("empty values written as '?' (a .data row cannot end with an empty field)");
-    std::size_t breaks = c.line_breaks + (test_cols.empty() ? 0 : test_cols[j].line_breaks);
+    std::size_t breaks = c.line_breaks + (tests.cols.empty() ? 0 : tests.cols[j].line_breaks);
     if (breaks > 0) notes.push_back(values(breaks) + " with line breaks, written as blanks");
     for (std::size_t n = 0; n < notes.size(); ++n)
       log << (n == 0 ? " (" : "; ") << notes[n] << (n + 1 == notes.size() ? ")" : "");
     log << "\n";
   }
-  for (auto const& d : dropped)
+  for (auto const& d : tests.dropped)
     log << "  " << test << ": column '" << d << "' is not in " << data << ", left out\n";
   std::string sep_name = sep == '\t' ? "TAB"
                          : static_cast<unsigned char>(sep) < 32
@@ -419,6 +447,23 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
       << (test.empty() ? "" : ", " + outputs[2]) << " with the separator " << sep_name
       << "; run: brixcmd -f " << shell_word(stem) << separator_option(sep)
       << (test.empty() ? "" : " -ft " + shell_word(outputs[2])) << " -tstd" << std::endl;
+}
+
+}  // namespace
+
+int brix_import(std::string const& data, std::string const& stem, std::string const& test,
+                brix::read_options opts, bool quiet) {
+  std::vector<std::string> outputs = import_outputs(data, stem, test);
+  opts.warnings = quiet ? nullptr : &std::cerr;
+  auto table = brix::read_table(data, opts);
+  brix::impls::table const& t = *table->get_impl();
+  std::vector<brix::impls::column*> from;
+  std::vector<column_text> cols = describe_columns(t, from);
+  test_rows tests = read_test_rows(test, t, from, cols, opts);
+  char sep = pick_separator({&cols, &tests.cols});
+  std::vector<std::size_t> unknown, test_unknown;
+  write_import(outputs, sep, t, from, cols, tests, unknown, test_unknown);
+  if (!quiet) report_import(data, stem, test, outputs, sep, t, cols, unknown, tests);
   return 0;
 }
 
@@ -476,10 +521,9 @@ struct record {
   bool nul = false;    // a NUL byte: not a text file
   bool blank = false;  // an empty line (plain files)
   bool cut = false;
-  std::size_t after_quote = 0;  // text after a closing quote, in this field (CSV)
 
   void start(std::size_t at) {
-    count = kept = after_quote = 0;
+    count = kept = 0;
     line = at;
     nul = blank = cut = false;
   }
@@ -546,49 +590,6 @@ bool read_line(byte_reader& in, char sep, record& r, std::size_t& line) {
   r.blank = last < 0;
   if (last == static_cast<unsigned char>(sep)) --r.count;
   return true;
-}
-
-// A CSV record as brix reads it: quoted fields with doubled quotes and line breaks inside; CR LF
-// or LF. unclosed is set (to the quote's line) when the file ends inside quotes.
-bool read_csv_record(byte_reader& in, char sep, record& r, std::size_t& line,
-                     std::size_t& unclosed) {
-  if (in.peek() < 0) return false;
-  r.start(line);
-  int const s = static_cast<unsigned char>(sep);
-  for (;;) {
-    r.field();
-    int c = in.get();
-    if (c == '"') {
-      std::size_t open = line;
-      for (;;) {
-        c = in.get();
-        if (c < 0) {
-          unclosed = open;
-          return true;
-        }
-        if (c == '"') {
-          if (in.peek() != '"') break;
-          in.get();
-        } else if (c == '\n') {
-          ++line;
-        }
-        r.add(c);
-      }
-      c = in.get();
-      if (c == '\r' && (in.peek() == '\n' || in.peek() < 0)) c = in.get();
-      if (c != s && c != '\n' && c >= 0 && r.after_quote == 0) r.after_quote = r.count;
-    }
-    int prev = -1;
-    while (c >= 0 && c != s && c != '\n') {
-      r.add(c);
-      prev = c;
-      c = in.get();
-    }
-    if (c == s) continue;
-    if (prev == '\r') r.drop_last();
-    if (c == '\n') ++line;
-    return true;
-  }
 }
 
 struct problem {
@@ -865,8 +866,8 @@ class value_checks {
   std::size_t stored_ = 0;
 };
 
-void skip_bom(byte_reader& in, problems& p, std::size_t f, bool report) {
-  if (in.skip("\xEF\xBB\xBF") && report)
+void skip_bom(byte_reader& in, problems& p, std::size_t f) {
+  if (in.skip("\xEF\xBB\xBF"))
     p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
 }
 
@@ -903,7 +904,7 @@ char names_separator(std::string const& path) {
 std::vector<column_check> check_names(std::string const& path, char sep, problems& p) {
   std::size_t f = p.file(path);
   byte_reader in(path);
-  skip_bom(in, p, f, true);
+  skip_bom(in, p, f);
   std::vector<column_check> cols;
   std::map<std::string, std::size_t> named;
   std::size_t line = 1, classes = 0, weights = 0;
@@ -968,7 +969,7 @@ std::size_t check_rows(std::string const& path, char sep, std::vector<column_che
                        bool training, problems& p) {
   std::size_t f = p.file(path);
   byte_reader in(path);
-  skip_bom(in, p, f, true);
+  skip_bom(in, p, f);
   value_checks checks;
   checks.columns = std::move(cols);
   std::size_t k = checks.columns.size(), line = 1, rows = 0;
@@ -1020,11 +1021,80 @@ int check_stem(std::string const& stem, char given, problems& p) {
   return p.finish(what);
 }
 
+// A reader's message without the place it names ("File PATH, line N"), which the report
+// shows in front of it.
+std::string without_place(std::string const& message, std::string const& path, std::size_t line) {
+  std::string_view m = message;
+  std::string const file = "File " + path, at = ", line " + std::to_string(line);
+  if (m.substr(0, file.size()) != file) return message;
+  m.remove_prefix(file.size());
+  if (line > 0 && m.substr(0, at.size()) == at) m.remove_prefix(at.size());
+  if (m.substr(0, 2) == ", " || m.substr(0, 2) == ": ") m.remove_prefix(2);
+  return std::string(m);
+}
+
+// A problem the CSV reader reports, as a line of the check: problems of rows of one kind are
+// counted past the first few; a file that is not text has no other problem.
+void csv_problem(problems& p, std::size_t f, brix::read_problem const& q, std::string const& path) {
+  std::string text = without_place(q.message, path, q.line);
+  auto ends = [&](char const* tail) { return ends_with(text, tail); };
+  if (ends("holds NUL bytes, not a text table"))
+    p.not_text(f, q.line);
+  else if (q.line > 0 && ends("text after a closing quote"))
+    p.row(f, q.line, "texts after closing quotes", text);
+  else if (q.line > 1 && text.find(" fields, the header has ") != std::string::npos)
+    p.row(f, q.line, "rows of the wrong length", text);
+  else
+    p.add(f, q.line, text);
+}
+
+// The names of a CSV header, as the reader took them.
+void check_header(problems& p, std::size_t f, value_checks& checks) {
+  for (auto const& c : checks.columns) {
+    std::string col = "column " + std::to_string(c.index + 1) + ": ";
+    if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
+      p.add(f, 1, col + "the name " + quoted(c.name) + " has blanks around it");
+    if (c.name.find('"') != std::string::npos)
+      p.add(f, 1, col + "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
+  }
+}
+
+// The values of a table read from a CSV file, row by row on the lines they came from.
+void check_values(brix::impls::table const& t, std::vector<std::size_t> const& lines,
+                  std::set<std::string> const& dates, value_checks& checks) {
+  std::size_t k = t.get_loaded_columns();
+  std::vector<std::vector<std::string>> texts(k);
+  for (std::size_t j = 0; j < k; ++j) {
+    brix::impls::column const* c = t.get_column(j);
+    column_check col;
+    col.name = c->get_name();
+    col.index = j;
+    col.is_class = c->is_class();
+    col.weights = c->is_weights();
+    // The reader takes a first column without a name for row names and ignores it.
+    if (c->is_ignore()) col.type = "ignore";
+    checks.columns.push_back(std::move(col));
+    if (!c->is_ignore()) texts[j] = value_texts(c->get_o_set());
+  }
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+    for (std::size_t j = 0; j < k; ++j) {
+      if (checks.columns[j].type == "ignore") continue;
+      unsigned long o = t.get_column(j)->get_row_index(r);
+      checks.see(j, texts[j][o], lines[r], o == 0, true);
+    }
+  // Dates are read as days: an ID they are not.
+  for (auto& c : checks.columns)
+    if (dates.count(c.name)) c.dates = true;
+}
+
+// A CSV file is checked by reading it: the reader lists every problem of its text, leaving out
+// the rows at fault; the values of the rest are then looked at.
 int check_csv(std::string const& path, std::string const& class_column, char given, problems& p) {
   char sep = given != 0                                              ? given
              : ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t'
                                                                      : ',';
   std::size_t f = p.file(path);
+  byte_reader probe(path);  // missing or unreadable files fail as for the other formats
   if (char better = brix::better_separator(path, sep))
     p.add(f, 0,
           "the lines split evenly at " +
@@ -1033,74 +1103,35 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
                          ": --sep tab reads them"
                    : quoted(std::string(1, better)) + ", not at " + quoted(std::string(1, sep)) +
                          ": --sep " + quoted(std::string(1, better)) + " reads them"));
-  byte_reader in(path);
-  skip_bom(in, p, f, false);  // the CSV reader skips it
-  std::vector<std::string> missing = brix::read_options().missing;
-  value_checks checks;
-  std::size_t line = 1, rows = 0, unclosed = 0, k = 0;
-  bool header = true;
-  record r;
-  while (read_csv_record(in, sep, r, line, unclosed)) {
-    if (r.nul) {
-      p.not_text(f, r.line);
-      return p.finish("");
-    }
-    if (unclosed > 0) {
-      p.add(f, unclosed, "a quote that is not closed");
-      break;
-    }
-    if (r.after_quote > 0)
-      p.row(f, r.line, "texts after closing quotes",
-            "column " + std::to_string(r.after_quote) + ": text after a closing quote");
-    if (header) {
-      header = false;
-      k = r.count;
-      std::map<std::string, std::size_t> named;
-      for (std::size_t j = 0; j < std::min(k, record::kMaxFields); ++j) {
-        column_check c;
-        c.name = std::string(r.at(j));
-        c.index = j;
-        std::string col = "column " + std::to_string(j + 1) + ": ";
-        // The readers take a first column without a name for row names and ignore it.
-        if (c.name.empty() && j == 0 && k > 1) c.type = "ignore";
-        if (c.name.empty() && c.type.empty()) p.add(f, r.line, col + "no name");
-        if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
-          p.add(f, r.line, col + "the name " + quoted(c.name) + " has blanks around it");
-        if (c.name.find('"') != std::string::npos)
-          p.add(f, r.line,
-                col + "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
-        if (!c.name.empty() && !named.emplace(c.name, j).second)
-          p.add(f, r.line, col + "the name " + quoted(c.name) + " is used twice");
-        c.is_class = class_column.empty() ? j + 1 == k : c.name == class_column;
-        checks.columns.push_back(std::move(c));
-      }
-      if (!class_column.empty() && named.count(class_column) == 0)
-        p.add(f, r.line, "no column " + quoted(class_column) + " for the class");
-      continue;
-    }
-    if (r.count == 1 && r.at(0).empty()) continue;  // the reader skips blank lines
-    if (r.count != k) {
-      p.row(f, r.line, "rows of the wrong length",
-            std::to_string(r.count) + " fields, the header has " + std::to_string(k));
-      continue;
-    }
-    ++rows;
-    for (std::size_t j = 0; j < checks.columns.size() && !r.cut; ++j) {
-      if (checks.columns[j].type == "ignore") continue;
-      std::string const& v = r.fields[j];
-      bool unknown = std::find(missing.begin(), missing.end(), v) != missing.end();
-      checks.see(j, v, r.line, unknown, true);
-    }
+  brix::read_options o;
+  o.class_column = class_column;
+  o.separator = sep;
+  std::ostringstream warnings;
+  o.warnings = &warnings;
+  o.problems = [&](brix::read_problem const& q) { csv_problem(p, f, q, path); };
+  std::vector<std::size_t> lines;
+  o.row_lines = &lines;
+  auto table = brix::read_csv(path, o);
+  if (!table) return p.finish("");
+  // Columns of dates, which the reader names among its notes.
+  std::set<std::string> dates;
+  std::istringstream notes(warnings.str());
+  std::string const date_note = "': ISO dates, read as days since 1970-01-01";
+  for (std::string line; std::getline(notes, line);) {
+    std::size_t at = line.find(date_note), from = line.find(", column '");
+    if (at != std::string::npos && from != std::string::npos && from + 10 <= at)
+      dates.insert(line.substr(from + 10, at - from - 10));
   }
-  if (header)
-    p.add(f, 0, "empty, no header row");
-  else if (rows == 0)
-    p.add(f, 0, "a header and no rows");
+  value_checks checks;
+  check_values(*table->get_impl(), lines, dates, checks);
+  check_header(p, f, checks);
+  std::size_t rows = table->get_no_rows();
   checks.report(p, f, rows, true);
   return p.finish(std::to_string(rows) + " rows");
 }
 
-// ARFF is checked by reading it: its reader names the first problem.
+// ARFF is checked by reading it: its reader lists every problem it meets, leaving out the rows
+// at fault, and warns of columns a tree is better off without.
 int check_arff(std::string const& path, std::string const& class_column, problems& p) {
   std::size_t f = p.file(path);
   byte_reader probe(path);  // missing or unreadable files fail as for the other formats
@@ -1108,17 +1139,20 @@ int check_arff(std::string const& path, std::string const& class_column, problem
   o.class_column = class_column;
   std::ostringstream warnings;
   o.warnings = &warnings;
+  o.problems = [&](brix::read_problem const& q) {
+    p.add(f, q.line, without_place(q.message, path, q.line));
+  };
   std::size_t rows = 0;
   try {
-    rows = brix::read_arff(path, o)->get_no_rows();
-    // The reader's warnings on columns are problems here.
-    std::istringstream lines(warnings.str());
-    std::string const prefix = "File " + path + ", ";
-    for (std::string line; std::getline(lines, line);)
-      p.add(f, 0, line.compare(0, prefix.size(), prefix) == 0 ? line.substr(prefix.size()) : line);
+    auto table = brix::read_arff(path, o);
+    if (table) rows = table->get_no_rows();
   } catch (std::runtime_error const& e) {
     p.add(f, 0, e.what());
   }
+  // The reader's warnings on columns are problems here.
+  std::istringstream lines(warnings.str());
+  for (std::string line; std::getline(lines, line);)
+    p.add(f, 0, without_place(line, path, 0));
   return p.finish(std::to_string(rows) + " rows");
 }
 

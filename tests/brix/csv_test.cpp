@@ -4,6 +4,7 @@
 // builder).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -12,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "brix/data.h"
 #include "brix/impls/table.h"
@@ -235,6 +237,12 @@ TEST_F(CsvFiles, MalformedFilesNameFileLineAndColumn) {
     // Messages ending in advice are compared up to it where the case stops short.
     EXPECT_EQ(got.substr(0, want.size()), want) << c.text;
     EXPECT_LE(got.size(), want.size() + 80) << c.text;
+    // A sink is told the same, and nothing is thrown.
+    std::vector<std::string> told;
+    brix::read_options o;
+    o.problems = [&](brix::read_problem const& q) { told.push_back(q.message); };
+    EXPECT_NO_THROW(brix::read_table(file(c.name), o)) << c.text;
+    EXPECT_NE(std::find(told.begin(), told.end(), got), told.end()) << c.text;
   }
   // The loader's refusal names the column, and a long value is cut.
   std::string got = refusal("e.arff", "@attribute b integer\n@attribute c {x,y}\n@data\n2,x\nx" +
@@ -243,6 +251,47 @@ TEST_F(CsvFiles, MalformedFilesNameFileLineAndColumn) {
   EXPECT_LE(got.size(), 200u);
   EXPECT_EQ(got.substr(got.size() - 16), "...: _not an int");
   // A missing file and a missing class column: test_brix_command.sh.
+}
+
+// With a sink, every row at fault is reported where it lies and left out; the other rows make
+// the table, as they would on their own. Problems nothing can be read past leave no table.
+TEST_F(CsvFiles, SinkReportsEveryFaultAndReadsTheRest) {
+  struct {
+    char const* name;
+    std::string text;
+    std::vector<std::string> problems;  // in the order met: line, then "column=value"
+    unsigned long rows;                 // 0: no table
+  } const cases[] = {
+      {"s.csv",
+       "a,b,c\n1,x,p\n2,\"y\"z,q\n3,x\n\xe9,x,p\n4,y,\n6,y,q\n7,w,q\n5,\"x,q\n",
+       {"3 b=", "4", "9 b=", "5 a=\xe9", "0 c="},
+       4},  // text after a closing quote stays in its value ("yz"), the row with it
+      {"s.csv", "a,a,\n1,2,3\n", {"1 a=", "1"}, 0},
+      {"s.csv", "a,b\n1,?\n2,NA\n", {"0 b=", "0"}, 0},
+      {"s.arff",
+       "@attribute n integer\n@attribute s {x,y}\n@attribute c {a,b}\n@data\n1,x,a\n2.5,x,b\n"
+       "?,x,?\n3,z,a\n4,x\n{0 7,2 b}\n5,'x,a\n",
+       {"8 s=z", "9", "11", "6 n=2.5", "0 c=?"},
+       2},
+      {"s.arff",
+       "@attribute n integer\n@attrib c {a,b}\n@attribute c {a\n@data\n1,a\n",
+       {"2", "3"},
+       0},
+  };
+  for (auto const& c : cases) {
+    std::ofstream(file(c.name)) << c.text;
+    std::vector<std::string> told;
+    brix::read_options o;
+    o.problems = [&](brix::read_problem const& q) {
+      EXPECT_EQ(q.file, file(c.name));
+      EXPECT_EQ(q.message.rfind("File " + file(c.name), 0), 0u) << q.message;
+      told.push_back(std::to_string(q.line) +
+                     (q.column.empty() && q.value.empty() ? "" : " " + q.column + "=" + q.value));
+    };
+    auto t = brix::read_table(file(c.name), o);
+    EXPECT_EQ(told, c.problems) << c.text;
+    EXPECT_EQ(t ? t->get_no_rows() : 0ul, c.rows) << c.text;
+  }
 }
 
 }  // namespace

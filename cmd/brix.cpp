@@ -1000,7 +1000,7 @@ int import_data(settings const& s) {
   if (!is_table_file(s.args[0])) refuse_overrides(s.args[0], s);
   refuse_separator(s.args[0], s);
   // Outputs that are inputs under another name are import's own data error.
-  for (std::string const out : {s.to + ".names", s.to + ".data"})
+  for (std::string const& out : {s.to + ".names", s.to + ".data"})
     for (std::string const& in : {s.args[0], s.test})
       if (out == in) throw usage_error("the output " + out + " is also an input");
   brix::read_options o;

@@ -198,9 +198,9 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
 
   float const cf = o.tree.confidence;
   float const coeff = impls::_decision_tree::CFCoefficient(cf);
-  // Every row of t, summed as predict_proba sums them both ways: whether the votes are hard
-  // is known once the sequence ends.
-  std::vector<double> votes, shares;
+  // Every row of t, summed as predict_proba sums them. Without costs the votes are hard unless
+  // the sequence ends after one trial, whose class distribution is then the sum.
+  std::vector<double> votes, first;
   std::vector<char> wrong(rows->size());
   table::subset cases;
   for (int trial = 0; trial < o.trials; ++trial) {
@@ -222,8 +222,12 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     auto keep = [&](double vote) {
       e->trials_.push_back({std::move(tree), vote, err});
       if (proba == nullptr) return;
+      if (e->has_costs_) {
+        e->add_vote(vote, p, votes, false);
+        return;
+      }
+      if (e->trials_.size() == 1) first = p;
       e->add_vote(vote, p, votes, true);
-      e->add_vote(vote, p, shares, false);
     };
     if (o.trials == 1) {
       keep(1.0);
@@ -246,7 +250,8 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
       v *= start / sum;
   }
   if (proba != nullptr) {
-    *proba = std::move(e->hard_votes() ? votes : shares);
+    // One trial votes 1: its distribution is the sum, to the bit.
+    *proba = std::move(e->hard_votes() || e->has_costs_ ? votes : first);
     e->normalise(*proba);
   }
   return e;

@@ -93,7 +93,11 @@ TEST_F(Ensemble, SequenceEnds) {
   EXPECT_DOUBLE_EQ(1.0, e->vote(0));
 
   auto mixed = table("p,a\np,b\np,a\np,b\np,a\n");
-  auto single = brix::ensemble::train(*mixed, o);
+  std::vector<double> seen;
+  auto single = brix::ensemble::train(*mixed, o, nullptr, &seen);
+  // A sequence ended after one trial keeps that tree's distribution (0.6, 0.4), not a vote.
+  EXPECT_EQ(single->predict_proba(*mixed), seen);
+  EXPECT_NEAR(0.6, seen[0], 1e-6);
   // A leaf 3:2 (e = 0.4), then 2.5:2.5, half wrong: the first trial alone.
   EXPECT_EQ(1u, single->size());
   EXPECT_EQ(brix::ensemble::stop::half_error, single->stopped());

@@ -42,11 +42,12 @@ class Ensemble : public ::testing::Test, protected table_files {
 //     p 4(1 - 0.7071068) = 1.1715729; q 1 + 3 * 0.6856213 - 1 = 2.0568640; E = 3.2284368/7 =
 //     0.4612053, vote ln(0.5387947/0.4612053) = 0.1554915.
 //     Wrong x 1/(2e) = 3.5, right x 1/(2(1-e)) = 7/12: a 4*7/12 + 3.5 = 35/6, b 2*7/12 = 7/6.
-//   Trial 2: p (7/3,0) and q (3.5,7/6) would both say a: the tree is the leaf (35/6,7/6).
+//   Trial 2: p (7/3,0) and q (3.5,7/6) each weigh under the 5 later trials need in two branches
+//     (and both would say a): the tree is the leaf (35/6,7/6).
 //     The two q,b cases are wrong, e = (7/6)/7 = 1/6. Pessimistic errors 7/6 + 7 * 0.3640338 -
 //     7/6 = 2.5482364, E = 0.3640338, vote ln(0.6359662/0.3640338) = 0.5578988.
 //     Wrong x 3, right x 0.6: p,a 1.4 in all, q,a 2.1, q,b 3.5.
-//   Trial 3: the p branch weighs 1.4, under the 2 a split needs in two branches: one leaf,
+//   Trial 3: the p branch weighs 1.4, under the 5 a split needs in two branches: one leaf,
 //     a 3.5 against b 3.5, the first class wins, e = 1/2: the sequence ends without it.
 //   Each trial votes for its class: p, a by both (share 1); q, a by trial 2 and b by trial 1:
 //     a 0.5578988 / 0.7133903 = 0.7820387.

@@ -243,7 +243,9 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
       keep(1.0);
       break;
     }
-    bool last = err <= 1e-12 || err >= 0.5 - 1e-12 || estimate >= 0.5 - 1e-12;
+    // The estimate is above the training error whenever that is above 0; the test on it keeps
+    // every vote finite and positive all the same.
+    bool last = err <= 1e-12 || err >= 0.5 - 1e-12 || !(estimate > 0.0) || estimate >= 0.5 - 1e-12;
     if (last) {
       if (trial == 0) keep(1.0);
       e->stopped_ = err <= 0.0 ? stop::zero_error : stop::half_error;
@@ -475,7 +477,7 @@ char const* stop_text(ensemble::stop s) {
     case ensemble::stop::zero_error:
       return "a trial classified every training case right";
     case ensemble::stop::half_error:
-      return "a trial's weighted training error reached 50%";
+      return "a trial's weighted training error, or its estimate, reached 50%";
     default:
       return "every trial grown";
   }

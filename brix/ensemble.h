@@ -41,9 +41,12 @@ class ensemble {
   ensemble& operator=(ensemble const&) = delete;
 
   // Trains on every row of the table or on the given rows (each once, with the table's
-  // weights). Throws std::invalid_argument for bad options, rows or costs.
+  // weights). Throws std::invalid_argument for bad options, rows or costs. proba, when given,
+  // receives predict_proba(t) as the trials' own classification of t leaves it, so that
+  // evaluating on t need not classify every row again.
   static std::unique_ptr<ensemble> train(table& t, ensemble_options const& o = {},
-                                         std::vector<unsigned long> const* rows = nullptr);
+                                         std::vector<unsigned long> const* rows = nullptr,
+                                         std::vector<double>* proba = nullptr);
   // The file save writes. Its first byte is not a tree file's presence flag, so the tree
   // loaders refuse it; is_file tells the two kinds apart.
   static std::unique_ptr<ensemble> load(std::string const& path);
@@ -68,9 +71,10 @@ class ensemble {
   // What growing multiplied each class's case weights by (all 1 without costs).
   std::vector<double> const& class_weights() const { return class_weights_; }
 
-  // Every row: rows x classes, row-major. The trials' class distributions weighted by their
-  // votes and normalised; with costs, divided by the class weights growing used and normalised
-  // again, to estimate the classes as they were before reweighting.
+  // Every row: rows x classes, row-major. The trials' votes for their classes, normalised; for
+  // one tree or with costs, the trials' class distributions weighted by their votes and
+  // normalised, with costs divided by the class weights growing used and normalised again, to
+  // estimate the classes as they were before reweighting.
   std::vector<double> predict_proba(table const& t) const;
   std::vector<std::string> predict(table const& t) const;
   // The class chosen for one row of predict_proba: the first of the largest share, or with
@@ -79,6 +83,11 @@ class ensemble {
   // As tree_model::evaluate; rows, when given, are the rows evaluated.
   std::unique_ptr<conf_matrix> evaluate(
       table const& t, std::vector<unsigned long> const* rows = nullptr,
+      std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
+  // evaluate from proba, predict_proba(t) made earlier (as train gives it).
+  std::unique_ptr<conf_matrix> evaluate(
+      table const& t, std::vector<double> const& proba,
+      std::vector<unsigned long> const* rows = nullptr,
       std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
   // The mean cost per case of a matrix evaluate returned (unknown classes cost 1 when wrong).
   double average_cost(conf_matrix const& m) const;
@@ -99,6 +108,14 @@ class ensemble {
   };
   ensemble() = default;
   std::size_t n_classes() const { return class_weights_.size(); }
+  // Boosted trials without costs each vote for their class; one tree, or trials with costs,
+  // vote with their class distributions, which the expected costs need.
+  bool hard_votes() const { return trials_.size() > 1 && !has_costs_; }
+  // Adds a trial's vote for every row (p: its predict_proba) to sum; normalise turns the sums
+  // into probabilities.
+  void add_vote(double vote, std::vector<double> const& p, std::vector<double>& sum,
+                bool hard) const;
+  void normalise(std::vector<double>& sum) const;
 
   std::vector<trial_tree> trials_;
   std::vector<double> class_weights_, costs_;  // costs_: classes x classes, [predicted][actual]

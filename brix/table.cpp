@@ -12,12 +12,21 @@ namespace brix {
 namespace {
 
 // Bad arguments to the public classes are errors the caller can catch, never undefined reads.
-void require(bool ok, char const* call, std::string const& what) {
-  if (!ok) throw std::runtime_error(std::string("[brix::") + call + "] " + what);
+[[noreturn]] void fail(char const* call, std::string const& what) {
+  throw std::runtime_error(std::string("[brix::") + call + "] " + what);
+}
+
+void require(bool ok, char const* call, char const* what) {
+  if (!ok) fail(call, what);
 }
 
 std::string out_of(unsigned long i, unsigned long n, char const* what) {
   return what + (" " + std::to_string(i)) + " out of range (" + std::to_string(n) + ")";
+}
+
+// Checked on every row access: the message is only made when the index is out of range.
+void require_in(unsigned long i, unsigned long n, char const* call, char const* what) {
+  if (i >= n) fail(call, out_of(i, n, what));
 }
 
 }  // namespace
@@ -40,11 +49,11 @@ void table::subset::push_back(unsigned long row, float weight) {
   seq_->push_back(row, weight);
 }
 void table::subset::set(unsigned long i, unsigned long row, float weight) {
-  require(i < seq_->size(), "table::subset::set", out_of(i, seq_->size(), "position"));
+  require_in(i, seq_->size(), "table::subset::set", "position");
   seq_->set(i, row, weight);
 }
 unsigned long table::subset::get(unsigned long i) const {
-  require(i < seq_->size(), "table::subset::get", out_of(i, seq_->size(), "position"));
+  require_in(i, seq_->size(), "table::subset::get", "position");
   return (*seq_)[i].first;
 }
 
@@ -82,13 +91,12 @@ unsigned long table::set_verbosity(unsigned long v) {
 
 std::string table::get_class(unsigned long row) const {
   require(impl_->get_class() != nullptr, "table::get_class", "the table has no class column");
-  require(row < impl_->get_no_rows(), "table::get_class", out_of(row, impl_->get_no_rows(), "row"));
+  require_in(row, impl_->get_no_rows(), "table::get_class", "row");
   return impl_->get_class()->get_value(row);
 }
 
 float table::get_weight(unsigned long row) const {
-  require(row < impl_->get_no_rows(), "table::get_weight",
-          out_of(row, impl_->get_no_rows(), "row"));
+  require_in(row, impl_->get_no_rows(), "table::get_weight", "row");
   impls::column* w = impl_->get_weights();
   return w ? static_cast<float>(std::atof(w->get_value(row).c_str())) : 1.0f;
 }

@@ -537,6 +537,7 @@ int train_ensemble(settings const& s) {
   warn_past_exact(*t, s);
   o.tree.stage = [](char const* what) { progress.begin(what); };
   std::unique_ptr<brix::ensemble> m;
+  std::vector<double> proba;  // every row of t, as training classified it
   std::vector<unsigned long> rows, held;
   if (s.test_fraction > 0) {
     brix::holdout_split h = brix::split_holdout(t->get_no_rows(), s.test_fraction, s.seed);
@@ -547,14 +548,14 @@ int train_ensemble(settings const& s) {
     std::iota(rows.begin(), rows.end(), 0ul);
   }
   try {
-    m = brix::ensemble::train(*t, o, &rows);
+    m = brix::ensemble::train(*t, o, &rows, &proba);
   } catch (std::invalid_argument const& e) {
     // A cost matrix naming no class is a data error.
     std::string what = e.what();
     throw std::runtime_error(what.substr(what.find("] ") + 2));
   }
   progress.begin("evaluate");
-  std::unique_ptr<brix::conf_matrix> training = m->evaluate(*t, &rows), test, holdout;
+  std::unique_ptr<brix::conf_matrix> training = m->evaluate(*t, proba, &rows), test, holdout;
   if (!s.test.empty()) {
     std::vector<std::pair<std::string, unsigned long>> unseen;
     std::unique_ptr<brix::table> tt;
@@ -574,7 +575,7 @@ int train_ensemble(settings const& s) {
   }
   if (!held.empty()) {
     progress.begin("holdout test");
-    holdout = m->evaluate(*t, &held);
+    holdout = m->evaluate(*t, proba, &held);
   }
   if (!s.model.empty()) {
     progress.begin("write model");
@@ -908,13 +909,14 @@ int cv(settings const& s) {
       for (unsigned long i = 0; i < test.size(); ++i)
         held.push_back(test.get(i));
       std::unique_ptr<brix::ensemble> m;
+      std::vector<double> proba;
       try {
-        m = brix::ensemble::train(*t, eo, &train);
+        m = brix::ensemble::train(*t, eo, &train, &proba);
       } catch (std::invalid_argument const& x) {
         std::string what = x.what();
         throw std::runtime_error(what.substr(what.find("] ") + 2));
       }
-      std::unique_ptr<brix::conf_matrix> c = m->evaluate(*t, &held);
+      std::unique_ptr<brix::conf_matrix> c = m->evaluate(*t, proba, &held);
       double e = c->mis_perc() * 100.0;
       errors.push_back(e);
       costs.push_back(m->average_cost(*c));

@@ -33,40 +33,53 @@ class Ensemble : public ::testing::Test, protected table_files {
   }
 };
 
-// Seven cases: p,a x4; q,a x1; q,b x2. Unpruned, each tree splits on A where it can.
-//   Trial 1: p -> a (4,0), q -> b (1,2): the q,a case is wrong, e = 1/7, vote ln 6.
+// Seven cases: p,a x4; q,a x1; q,b x2. Unpruned, each tree splits on A where it can. A trial
+// votes ln((1-E)/E), E its pessimistic errors over the total weight: at confidence 0.25 the
+// coefficient is (0.84 - 0.59 * 0.25)^2 = 0.47955625; a leaf of N cases without error adds
+// N(1 - 0.25^(1/N)), one with E errors adds N p - E, p the normal upper limit
+// (E + 0.5 + c/2 + sqrt(c((E + 0.5)(1 - (E + 0.5)/N) + c/4))) / (N + c).
+//   Trial 1: p -> a (4,0), q -> b (1,2): the q,a case is wrong, e = 1/7. Pessimistic errors:
+//     p 4(1 - 0.7071068) = 1.1715729; q 1 + 3 * 0.6856213 - 1 = 2.0568640; E = 3.2284368/7 =
+//     0.4612053, vote ln(0.5387947/0.4612053) = 0.1554915.
 //     Wrong x 1/(2e) = 3.5, right x 1/(2(1-e)) = 7/12: a 4*7/12 + 3.5 = 35/6, b 2*7/12 = 7/6.
-//   Trial 2: p (7/3,0) and q (3.5,7/6) would both say a: the tree is the leaf (35/6,7/6).
-//     The two q,b cases are wrong, e = (7/6)/7 = 1/6, vote ln 5. Wrong x 3, right x 0.6:
-//     p,a 1.4 in all, q,a 2.1, q,b 3.5.
-//   Trial 3: the p branch weighs 1.4, under the 2 a split needs in two branches: one leaf,
+//   Trial 2: p (7/3,0) and q (3.5,7/6) each weigh under the 5 later trials need in two branches
+//     (and both would say a): the tree is the leaf (35/6,7/6).
+//     The two q,b cases are wrong, e = (7/6)/7 = 1/6. Pessimistic errors 7/6 + 7 * 0.3640338 -
+//     7/6 = 2.5482364, E = 0.3640338, vote ln(0.6359662/0.3640338) = 0.5578988.
+//     Wrong x 3, right x 0.6: p,a 1.4 in all, q,a 2.1, q,b 3.5.
+//   Trial 3: the p branch weighs 1.4, under the 5 a split needs in two branches: one leaf,
 //     a 3.5 against b 3.5, the first class wins, e = 1/2: the sequence ends without it.
-//   Votes, p: a ln6 + 5/6 ln5, b 1/6 ln5; q: a 1/3 ln6 + 5/6 ln5, b 2/3 ln6 + 1/6 ln5.
+//   Each trial votes for its class: p, a by both (share 1); q, a by trial 2 and b by trial 1:
+//     a 0.5578988 / 0.7133903 = 0.7820387.
 TEST_F(Ensemble, BoostingWorkedByHand) {
   auto t = table("p,a\np,a\np,a\np,a\nq,a\nq,b\nq,b\n");
   brix::ensemble_options o;
   o.trials = 5;
   o.tree.prune = brix::pruning::none;
-  auto e = brix::ensemble::train(*t, o);
+  std::vector<double> seen;
+  auto e = brix::ensemble::train(*t, o, nullptr, &seen);
   ASSERT_EQ(2u, e->size());
   EXPECT_EQ(brix::ensemble::stop::half_error, e->stopped());
   EXPECT_NEAR(1.0 / 7, e->trial_error(0), 1e-7);
-  EXPECT_NEAR(std::log(6.0), e->vote(0), 1e-6);
+  EXPECT_NEAR(0.1554915, e->vote(0), 1e-5);
   EXPECT_NEAR(1.0 / 6, e->trial_error(1), 1e-6);
-  EXPECT_NEAR(std::log(5.0), e->vote(1), 1e-5);
+  EXPECT_NEAR(0.5578988, e->vote(1), 1e-5);
   std::vector<float> d = root_distribution(e->trial(1));
   EXPECT_NEAR(35.0 / 6, d[1], 1e-5);
   EXPECT_NEAR(7.0 / 6, d[2], 1e-5);
 
   std::vector<double> p = e->predict_proba(*t);
   ASSERT_EQ(14u, p.size());
-  double l6 = std::log(6.0), l5 = std::log(5.0), sum = l6 + l5;
-  EXPECT_NEAR((l6 + l5 * 5 / 6) / sum, p[0], 1e-6);
-  EXPECT_NEAR((l6 / 3 + l5 * 5 / 6) / sum, p[10], 1e-6);
-  EXPECT_NEAR((l6 * 2 / 3 + l5 / 6) / sum, p[11], 1e-6);
+  EXPECT_DOUBLE_EQ(1.0, p[0]);
+  EXPECT_DOUBLE_EQ(0.0, p[1]);
+  EXPECT_NEAR(0.7820387, p[10], 1e-5);
+  EXPECT_NEAR(1 - 0.7820387, p[11], 1e-5);
+  // What training hands back is what classifying the table again gives, to the bit.
+  EXPECT_EQ(p, seen);
   EXPECT_EQ((std::vector<std::string>{"a", "a", "a", "a", "a", "a", "a"}), e->predict(*t));
   std::unique_ptr<brix::conf_matrix> m = e->evaluate(*t);
   EXPECT_NEAR(2.0 / 7, m->mis_perc(), 1e-6);
+  EXPECT_NEAR(2.0 / 7, e->evaluate(*t, seen)->mis_perc(), 1e-6);
 }
 
 // The ends of the sequence: a first trial with no error is the model alone; one trial is the
@@ -81,7 +94,11 @@ TEST_F(Ensemble, SequenceEnds) {
   EXPECT_DOUBLE_EQ(1.0, e->vote(0));
 
   auto mixed = table("p,a\np,b\np,a\np,b\np,a\n");
-  auto single = brix::ensemble::train(*mixed, o);
+  std::vector<double> seen;
+  auto single = brix::ensemble::train(*mixed, o, nullptr, &seen);
+  // A sequence ended after one trial keeps that tree's distribution (0.6, 0.4), not a vote.
+  EXPECT_EQ(single->predict_proba(*mixed), seen);
+  EXPECT_NEAR(0.6, seen[0], 1e-6);
   // A leaf 3:2 (e = 0.4), then 2.5:2.5, half wrong: the first trial alone.
   EXPECT_EQ(1u, single->size());
   EXPECT_EQ(brix::ensemble::stop::half_error, single->stopped());
@@ -147,9 +164,16 @@ TEST_F(Ensemble, DeterministicAndRoundTrips) {
   o.costs = {{"neg", "pos", 2}};
   std::string once = json(*brix::ensemble::train(*t, o));
   o.tree.threads = 3;
-  auto e = brix::ensemble::train(*t, o);
+  std::vector<double> seen;
+  auto e = brix::ensemble::train(*t, o, nullptr, &seen);
   EXPECT_EQ(once, json(*e));
   EXPECT_EQ(6u, e->size());
+  // With costs the trials vote with their class distributions; training's classification of
+  // the table is the model's own.
+  EXPECT_EQ(seen, e->predict_proba(*t));
+  std::vector<unsigned long> rows{0, 5, 7};
+  EXPECT_EQ(e->evaluate(*t, &rows)->mis_perc(), e->evaluate(*t, seen, &rows)->mis_perc());
+  EXPECT_THROW(e->evaluate(*t, std::vector<double>(3)), std::invalid_argument);
 
   std::string path = file("m.bm");
   e->save(path);
@@ -163,6 +187,15 @@ TEST_F(Ensemble, DeterministicAndRoundTrips) {
   e->trial(0).save(tree);
   EXPECT_FALSE(brix::ensemble::is_file(tree));
   EXPECT_THROW(brix::ensemble::load(tree), std::runtime_error);
+
+  // Without costs each trial votes for its class: the same either way.
+  o.costs.clear();
+  o.tree.threads = 1;
+  std::string hard = json(*brix::ensemble::train(*t, o));
+  o.tree.threads = 3;
+  auto h = brix::ensemble::train(*t, o, nullptr, &seen);
+  EXPECT_EQ(hard, json(*h));
+  EXPECT_EQ(seen, h->predict_proba(*t));
 }
 
 }  // namespace

@@ -27,8 +27,6 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
-#include "brix/impls/o_set_typed.h"
-#include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
 #include "zel/util/datatype.h"
 
@@ -151,27 +149,18 @@ std::size_t unbreak(std::string& s) {
   return 1;
 }
 
-column_text describe(brix::impls::column* c, bool last) {
-  using float_set = brix::impls::o_set_typed<zel::data_types::datatype<float>>;
-  brix::impls::o_set* set = c->get_o_set();
-  column_text t{c->get_name(), set->get_datatype(), c->get_type(), {"?"}, !c->is_ignore()};
-  if (auto* f = dynamic_cast<float_set*>(set)) {
-    // The shortest text that reads back to the same float, not the 30 decimals of get_value.
-    for (float v : f->sorted_values()) {
-      char b[48];
-      auto r = std::to_chars(b, b + sizeof b, v);
-      t.texts.emplace_back(b, r.ptr);
-    }
-  } else {
-    for (unsigned long o = 1; o <= set->size_of_known(); ++o)
-      t.texts.push_back(set->get_value(o));
-  }
+column_text describe(brix::table const& table, std::size_t j, brix::column_info const& c,
+                     bool last) {
+  column_text t{
+      c.name, c.datatype, brix::keyword(c.kind), {"?"}, c.kind != brix::column_kind::ignore};
+  std::vector<std::string> known = brix::value_texts(table, j);
+  t.texts.insert(t.texts.end(), known.begin(), known.end());
   unbreak(t.name);
   for (std::size_t o = 1; o < t.texts.size(); ++o) {
     t.line_breaks += unbreak(t.texts[o]);
     // A separator that ends a line is not counted, so a row cannot end with an empty field.
     if (last && t.texts[o].empty()) {
-      if (!set->admits_null())
+      if (!c.admits_unknown)
         throw std::runtime_error("column '" + t.name +
                                  "' holds an empty value, which the last field of a .data "
                                  "row cannot carry");
@@ -242,15 +231,14 @@ class part_file {
 };
 
 // The rows of t, columns in the order of cols (whose texts index t's value orders).
-void write_rows(part_file& out, brix::impls::table const& t,
-                std::vector<brix::impls::column*> const& from, std::vector<column_text> const& cols,
-                char sep, std::vector<std::size_t>& unknown) {
+void write_rows(part_file& out, brix::table const& t, std::vector<std::size_t> const& from,
+                std::vector<column_text> const& cols, char sep, std::vector<std::size_t>& unknown) {
   std::string buf;
   buf.reserve(1 << 20);
   unknown.assign(cols.size(), 0);
   for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
     for (std::size_t j = 0; j < cols.size(); ++j) {
-      unsigned long o = cols[j].stores_rows ? from[j]->get_row_index(r) : 0;
+      unsigned long o = cols[j].stores_rows ? brix::value_code(t, from[j], r) : 0;
       unknown[j] += o == 0;
       buf += cols[j].texts[o];
       buf += j + 1 < cols.size() ? sep : '\n';
@@ -258,14 +246,6 @@ void write_rows(part_file& out, brix::impls::table const& t,
     if (buf.size() >= (1 << 20) - 4096) out.write(buf);
   }
   out.write(buf);
-}
-
-brix::column_kind kind_of(brix::impls::column const& c) {
-  return c.is_class()        ? brix::column_kind::class_label
-         : c.is_continuous() ? brix::column_kind::continuous
-         : c.is_weights()    ? brix::column_kind::weights
-         : c.is_ignore()     ? brix::column_kind::ignore
-                             : brix::column_kind::discrete;
 }
 
 brix::value_type type_of(std::string const& keyword) {
@@ -313,51 +293,50 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
 
   opts.warnings = quiet ? nullptr : &std::cerr;
   auto table = brix::read_table(data, opts);
-  brix::impls::table const& t = *table->get_impl();
-  std::size_t k = t.get_loaded_columns();
-  std::vector<brix::impls::column*> from;
+  brix::table const& t = *table;
+  std::vector<brix::column_info> const info = brix::table_columns(t);
+  std::size_t k = info.size();
+  std::vector<std::size_t> from;
   std::vector<column_text> cols;
-  for (std::size_t j = 0; j < k; ++j) {
-    brix::impls::column const* c = t.get_column(j);
+  for (auto const& c : info) {
     // brixcmd's continuous columns are at most 32-bit.
-    if (c->is_continuous() && c->get_o_set()->get_datatype() == "double")
-      throw std::runtime_error("column '" + c->get_name() +
-                               "': continuous doubles (dates with times, --type " + c->get_name() +
-                               "=double) cannot be declared to brixcmd; --type " + c->get_name() +
+    if (c.kind == brix::column_kind::continuous && c.datatype == "double")
+      throw std::runtime_error("column '" + c.name +
+                               "': continuous doubles (dates with times, --type " + c.name +
+                               "=double) cannot be declared to brixcmd; --type " + c.name +
                                "=float reads it as brixcmd can");
   }
   for (std::size_t j = 0; j < k; ++j) {
-    from.push_back(t.get_column(j));
-    cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
+    from.push_back(j);
+    cols.push_back(describe(t, j, info[j], k > 1 && j + 1 == k));
   }
 
   // The test rows: the training columns by name, in the training order, with their types and
   // kinds; other columns are left out.
   std::unique_ptr<brix::table> test_table;
-  std::vector<brix::impls::column*> test_from;
+  std::vector<std::size_t> test_from;
   std::vector<column_text> test_cols;
   std::vector<std::string> dropped;
   if (!test.empty()) {
     brix::read_options o;
     o.warnings = opts.warnings;
     o.separator = opts.separator;
-    for (std::size_t j = 0; j < k; ++j) {
-      brix::impls::column const* c = t.get_column(j);
-      if (c->is_class()) o.class_column = c->get_name();
-      o.kinds[c->get_name()] = kind_of(*c);
-      o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
+    for (auto const& c : info) {
+      if (c.kind == brix::column_kind::class_label) o.class_column = c.name;
+      o.kinds[c.name] = c.kind;
+      o.types[c.name] = type_of(c.datatype);
     }
     test_table = brix::read_table(test, o);
-    brix::impls::table const& tt = *test_table->get_impl();
-    std::map<std::string, brix::impls::column*> by_name;
-    for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
-      by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
+    std::vector<brix::column_info> const test_info = brix::table_columns(*test_table);
+    std::map<std::string, std::size_t> by_name;
+    for (std::size_t j = 0; j < test_info.size(); ++j)
+      by_name[test_info[j].name] = j;
     for (std::size_t j = 0; j < k; ++j) {
-      auto it = by_name.find(from[j]->get_name());
+      auto it = by_name.find(info[j].name);
       if (it == by_name.end())
-        throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
+        throw std::runtime_error("File " + test + ": no column '" + info[j].name + "'");
       test_from.push_back(it->second);
-      test_cols.push_back(describe(it->second, false));
+      test_cols.push_back(describe(*test_table, it->second, test_info[it->second], false));
       test_cols.back().stores_rows = cols[j].stores_rows;
       by_name.erase(it);
     }
@@ -376,7 +355,7 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
       buf += c.name + sep + c.type + sep + c.kind + "\n";
     names.write(buf);
     write_rows(rows, t, from, cols, sep, unknown);
-    if (tests) write_rows(*tests, *test_table->get_impl(), test_from, test_cols, sep, test_unknown);
+    if (tests) write_rows(*tests, *test_table, test_from, test_cols, sep, test_unknown);
     names.close();
     rows.close();
     if (tests) tests->close();

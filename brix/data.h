@@ -132,7 +132,8 @@ std::vector<column_info> table_columns(table const& t);
 // Floats as the shortest text that reads back to the same float.
 std::vector<std::string> value_texts(table const& t, std::size_t c);
 // Row's value code in column c, 0 for unknown; an ignored column keeps no values: always 0.
-// Constant time, nothing allocated: for loops over every row.
+// Constant time, nothing allocated: for loops over every row. A column or row out of range
+// throws std::out_of_range, here and below.
 unsigned long value_code(table const& t, std::size_t c, unsigned long row);
 // Row's value in column c as the tree's outputs print it.
 std::string value_text(table const& t, std::size_t c, unsigned long row);

@@ -30,6 +30,14 @@ column_kind kind_of(impls::column const& c) {
                              : column_kind::discrete;
 }
 
+impls::column const* cell_at(table const& t, std::size_t c, unsigned long row) {
+  unsigned long n = t.get_impl()->get_no_rows();
+  if (row >= n)
+    throw std::out_of_range("row " + std::to_string(row) + " out of range (" + std::to_string(n) +
+                            ")");
+  return column_at(t, c);
+}
+
 }  // namespace
 
 std::vector<column_info> table_columns(table const& t) {
@@ -63,12 +71,12 @@ std::vector<std::string> value_texts(table const& t, std::size_t c) {
 }
 
 unsigned long value_code(table const& t, std::size_t c, unsigned long row) {
-  impls::column const* col = t.get_impl()->get_column(c);
+  impls::column const* col = cell_at(t, c, row);
   return col->is_ignore() ? 0 : col->get_row_index(row);
 }
 
 std::string value_text(table const& t, std::size_t c, unsigned long row) {
-  return column_at(t, c)->get_value(row);
+  return cell_at(t, c, row)->get_value(row);
 }
 
 }  // namespace brix

@@ -61,6 +61,8 @@ TEST(TableInfo, ColumnsCodesAndTexts) {
   EXPECT_EQ("b", brix::value_text(*t, 1, 0));
   EXPECT_THROW(brix::value_texts(*t, 4), std::out_of_range);
   EXPECT_THROW(brix::value_text(*t, 4, 0), std::out_of_range);
+  EXPECT_THROW(brix::value_code(*t, 1, 4), std::out_of_range);
+  EXPECT_THROW(brix::value_code(*t, 4, 0), std::out_of_range);
 }
 
 TEST(ModelInfo, AttributeColumnsAndEvaluationFigures) {

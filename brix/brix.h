@@ -1,4 +1,6 @@
-// Public interface of the Brix decision tree library.
+// The raw-pointer facade of the Brix decision tree library, kept for brixcmd and the callers
+// written against it. New code includes brix/model.h and brix/data.h (with brix/ensemble.h and
+// brix/rules.h) instead, with the table and conf_matrix classes declared here.
 //
 // Every class holds one owning pointer to its implementation object in
 // brix::impls, so that this header exposes no implementation type.

@@ -136,6 +136,24 @@ bool iso_date(char const* text, double& days);
 // When the first lines of a CSV/TSV file do not split evenly at sep but do at another of
 // , ; TAB |, that separator; otherwise 0. For hints after a refused file.
 char better_separator(std::string const& path, char sep);
+// A column of a table as read: every column of the file, ignored ones too, in file order.
+struct column_info {
+  std::string name;
+  column_kind kind;
+  std::string datatype;  // the value set's: integer, uinteger, float, double, string
+  bool admits_unknown;   // false where the value set has no unknown value at all
+};
+std::vector<column_info> table_columns(table const& t);
+// The known values of column c in value order: value code k (1 upward) stands for texts[k - 1].
+// Floats as the shortest text that reads back to the same float.
+std::vector<std::string> value_texts(table const& t, std::size_t c);
+// Row's value code in column c, 0 for unknown; an ignored column keeps no values: always 0.
+// Constant time, nothing allocated: for loops over every row. A column or row out of range
+// throws std::out_of_range, here and below.
+unsigned long value_code(table const& t, std::size_t c, unsigned long row);
+// Row's value in column c as the tree's outputs print it.
+std::string value_text(table const& t, std::size_t c, unsigned long row);
+
 namespace impls {
 class table;
 }

@@ -54,11 +54,12 @@ void conf_matrix::toXML(std::ostream& out) const {
 }
 
 void dtree::toXML(std::ostream& out, conf_matrix const* test) const {
-  impl_->toXML(out, test ? test->get_impl() : nullptr);
+  output_format_named("brixcmd-xml")
+      .writer->write(tree_output{*impl_, test ? test->get_impl() : nullptr}, out);
 }
 
 void dtree::toDOT(std::ostream& out) const {
-  impl_->toDOT(out);
+  output_format_named("brixcmd-dot").writer->write(tree_output{*impl_}, out);
 }
 
 // Every dtree holds a tree: its constructors make one.

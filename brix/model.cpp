@@ -12,9 +12,11 @@
 #include <thread>
 
 #include "brix/data.h"
+#include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
 #include "brix/tree_writer.h"
+#include "zel/inpout/stream.h"
 
 namespace brix {
 
@@ -257,6 +259,40 @@ std::unique_ptr<conf_matrix> tree_model::evaluate(
   if (t.get_impl()->get_class() == nullptr) bad("the table has no class column");
   impls::table_predictor p(impl(*tree_), t.get_impl(), columns_of(t));
   return std::make_unique<conf_matrix>(p.evaluate(cores(), unseen));
+}
+
+std::unique_ptr<conf_matrix> tree_model::evaluate_data_file(
+    std::string const& path, char separator,
+    std::vector<std::pair<std::string, unsigned long>>* unseen) const {
+  return std::make_unique<conf_matrix>(impl(*tree_).predict(
+      zel::inpout::stream::FROM_READER("FILE#" + path + "#" + std::string(1, separator)), true,
+      unseen));
+}
+
+std::vector<column_info> tree_model::attribute_columns() const {
+  impls::table const* meta = impl(*tree_).get_metadata();
+  std::vector<column_info> out;
+  for (unsigned long a = 0; a < meta->get_no_attributes(); ++a) {
+    impls::column const& c = *meta->get_attribute(a);
+    out.push_back({c.get_name(),
+                   c.is_continuous() ? column_kind::continuous : column_kind::discrete,
+                   c.get_o_set()->get_datatype(), c.get_o_set()->admits_null()});
+  }
+  return out;
+}
+
+confusion confusion_of(conf_matrix const& m) {
+  confusion out;
+  impls::conf_matrix const* c = m.get_impl();
+  if (c == nullptr) return out;
+  out.classes = c->names();
+  out.cases = c->cases();
+  out.error_rate = c->mis_perc();
+  out.cells.assign(c->size(), std::vector<float>(c->size(), 0.0f));
+  for (unsigned long actual = 0; actual < c->size(); ++actual)
+    for (unsigned long predicted = 0; predicted < c->size(); ++predicted)
+      out.cells[actual][predicted] = c->get_element(predicted, actual);
+  return out;
 }
 
 std::vector<double> tree_model::attribute_usage() const {

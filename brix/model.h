@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "brix/brix.h"
+#include "brix/data.h"
 
 namespace brix {
 
@@ -82,6 +83,14 @@ class tree_model {
   std::unique_ptr<conf_matrix> evaluate(
       table const& t, std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
 
+  // The same for a .data file laid out as the training table's, read as brixcmd reads it (fields
+  // split at separator, no header row).
+  std::unique_ptr<conf_matrix> evaluate_data_file(
+      std::string const& path, char separator,
+      std::vector<std::pair<std::string, unsigned long>>* unseen = nullptr) const;
+  // The attributes as the training table declared them, in table order.
+  std::vector<column_info> attribute_columns() const;
+
   // Per attribute: the share of training weight that passes through a node testing it.
   std::vector<double> attribute_usage() const;
   // Per attribute: the sum over its split nodes of node weight times information gain,
@@ -125,8 +134,16 @@ class tree_model {
   unsigned long leaves() const;
 };
 
-// s as a JSON string literal, quotes and control characters escaped.
-std::string json_string(std::string const& s);
+// A confusion matrix as plain figures. classes label both axes, the unknown class first;
+// cells[actual][predicted] holds summed case weights.
+struct confusion {
+  std::vector<std::string> classes;
+  std::vector<std::vector<float>> cells;
+  float cases = 0.0f;       // the sum of all cells
+  float error_rate = 0.0f;  // the share of it off the diagonal (0/0 when empty)
+};
+// An empty confusion for a matrix without cells.
+confusion confusion_of(conf_matrix const& m);
 
 // Splits drawn from a generator of our own (splitmix64): the same on every machine, and the C
 // library's rand() state is left alone.

@@ -17,6 +17,7 @@
 #include "brix/impls/o_set.h"
 #include "brix/impls/table.h"
 #include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
 
 namespace brix {
 

@@ -26,12 +26,10 @@
 #include "brix/brix.h"
 #include "brix/data.h"
 #include "brix/ensemble.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
 #include "brix/model.h"
 #include "brix/rules.h"
 #include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
 #include "cmd/brix_import.h"
 #include "zel/inpout/stream.h"
 #include "zel/util/proc.h"
@@ -350,14 +348,12 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
                                        : a.datatype == "uinteger" ? brix::value_type::uinteger
                                                                   : brix::value_type::float32;
   if (model != nullptr) {
-    brix::impls::table const& meta = *model->facade().get_impl()->get_metadata();
-    for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
-      brix::impls::column const* c = meta.get_attribute(a);
-      std::string const& type = c->get_o_set()->get_datatype();
-      if (!c->is_continuous()) continue;
-      o.numeric_if_present[c->get_name()] = type == "integer"    ? brix::value_type::integer
-                                            : type == "uinteger" ? brix::value_type::uinteger
-                                                                 : brix::value_type::float32;
+    for (auto const& c : model->attribute_columns()) {
+      std::string const& type = c.datatype;
+      if (c.kind != brix::column_kind::continuous) continue;
+      o.numeric_if_present[c.name] = type == "integer"    ? brix::value_type::integer
+                                     : type == "uinteger" ? brix::value_type::uinteger
+                                                          : brix::value_type::float32;
     }
   }
   o.class_column = s.class_column;
@@ -385,7 +381,7 @@ std::unique_ptr<brix::table> load(std::string const& data, settings const& s, bo
   progress.end();
   std::cerr << warnings.str();
   // One column read where another separator finds several: the file read is not the one meant.
-  if (!s.quiet && t->get_impl()->get_loaded_columns() == 1) {
+  if (!s.quiet && brix::table_columns(*t).size() == 1) {
     std::string hint = separator_hint(data, s);
     if (!hint.empty()) std::cerr << "File " << data << ": one column only; " << hint << std::endl;
   }
@@ -493,13 +489,13 @@ std::string json_number(double v) {
 // A confusion matrix in JSON: one array per actual class, one entry per predicted class, the
 // unknown class first as in the binary tree file.
 void json_matrix(std::ostream& out, char const* name, brix::conf_matrix const& m) {
-  brix::impls::conf_matrix const& c = *m.get_impl();
-  out << ",\"" << name << "\":{\"cases\":" << json_number(c.cases())
-      << ",\"error_percent\":" << json_number(c.mis_perc() * 100.0f) << ",\"matrix\":[";
-  for (unsigned long actual = 0; actual < c.size(); ++actual) {
+  brix::confusion const c = brix::confusion_of(m);
+  out << ",\"" << name << "\":{\"cases\":" << json_number(c.cases)
+      << ",\"error_percent\":" << json_number(c.error_rate * 100.0f) << ",\"matrix\":[";
+  for (std::size_t actual = 0; actual < c.cells.size(); ++actual) {
     out << (actual ? ",[" : "[");
-    for (unsigned long predicted = 0; predicted < c.size(); ++predicted)
-      out << (predicted ? "," : "") << json_number(c.get_element(predicted, actual));
+    for (std::size_t predicted = 0; predicted < c.cells.size(); ++predicted)
+      out << (predicted ? "," : "") << json_number(c.cells[actual][predicted]);
     out << "]";
   }
   out << "]}";
@@ -565,7 +561,7 @@ int train_ensemble(settings const& s) {
       // A stem's test file: rows under the training data's .names, as for a tree.
       progress.begin("load " + s.test);
       tt = std::make_unique<brix::table>(s.test);
-      std::string sep(1, s.separator != 0 ? s.separator : ',');
+      char sep = s.separator != 0 ? s.separator : ',';
       tt->load_meta_data(brix::datasource("FILE#" + s.args[0] + ".names#" + sep));
       tt->load_data(brix::datasource("FILE#" + s.test + "#" + sep), "?");
     }
@@ -654,9 +650,8 @@ int train(settings const& s) {
     } else {
       // A stem's test file is read as brixcmd reads it.
       progress.begin("test");
-      std::string sep(1, s.separator != 0 ? s.separator : ',');
-      test = std::make_unique<brix::conf_matrix>(tree.get_impl()->predict(
-          zel::inpout::stream::FROM_READER("FILE#" + s.test + "#" + sep), true, &unseen));
+      char sep = s.separator != 0 ? s.separator : ',';
+      test = m->evaluate_data_file(s.test, sep, &unseen);
     }
     warn_unseen(s.test, s, unseen);
   }
@@ -815,9 +810,8 @@ int predict(settings const& s) {
   auto t = load(s.args[1], s, false, m.get(), rules.get());
   // An ignored column keeps no values: one named by --id (R's row names) is read again as text.
   if (!s.id.empty() && !s.kinds.count(s.id)) {
-    brix::impls::table const& i = *t->get_impl();
-    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
-      if (i.get_column(c)->get_name() == s.id && i.get_column(c)->is_ignore()) {
+    for (auto const& c : brix::table_columns(*t))
+      if (c.name == s.id && c.kind == brix::column_kind::ignore) {
         settings again = s;
         again.kinds[s.id] = brix::column_kind::discrete;
         again.quiet = true;  // the warnings were given
@@ -831,12 +825,16 @@ int predict(settings const& s) {
                                     : m->predict_proba(*t);
   progress.begin("write");
   std::vector<std::string> classes = e ? e->classes() : rules ? rules->classes() : m->classes();
-  brix::impls::column const* id = nullptr;
+  bool id = false;
+  std::size_t id_column = 0;
   if (!s.id.empty()) {
-    brix::impls::table const& i = *t->get_impl();
-    for (unsigned long c = 0; c < i.get_loaded_columns(); ++c)
-      if (i.get_column(c)->get_name() == s.id) id = i.get_column(c);
-    if (id == nullptr) throw std::runtime_error("DATA has no column '" + s.id + "'");
+    std::vector<brix::column_info> columns = brix::table_columns(*t);
+    for (std::size_t c = 0; c < columns.size(); ++c)
+      if (columns[c].name == s.id) {
+        id = true;
+        id_column = c;  // of equal names, the last
+      }
+    if (!id) throw std::runtime_error("DATA has no column '" + s.id + "'");
   }
   auto write = [&](std::ostream& out) {
     if (id) out << csv_field(s.id) << ",";
@@ -855,7 +853,7 @@ int predict(settings const& s) {
       std::size_t best =
           e ? e->decide(&*p)
             : static_cast<std::size_t>(std::max_element(p, p + static_cast<long>(k)) - p);
-      if (id) out << csv_field(id->get_value(r)) << ",";
+      if (id) out << csv_field(brix::value_text(*t, id_column, r)) << ",";
       out << shown[best];
       if (s.proba)
         for (std::size_t c = 0; c < k; ++c)
@@ -884,9 +882,12 @@ int cv(settings const& s) {
   if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
   warn_past_exact(*t, s);
   std::vector<unsigned long> labels;
-  brix::impls::column const* cls = t->get_impl()->get_class();
+  std::vector<brix::column_info> columns = brix::table_columns(*t);
+  std::size_t cls = 0;
+  while (columns[cls].kind != brix::column_kind::class_label)
+    ++cls;
   for (unsigned long r = 0; r < t->get_no_rows(); ++r)
-    labels.push_back(cls->get_row_index(r));
+    labels.push_back(brix::value_code(*t, cls, r));
   std::vector<unsigned> fold =
       brix::kfold(t->get_no_rows(), s.folds, s.seed, s.stratified ? &labels : nullptr);
   std::vector<double> errors, costs;

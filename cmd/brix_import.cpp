@@ -29,8 +29,6 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
-#include "brix/impls/o_set_typed.h"
-#include "brix/impls/table.h"
 #include "zel/inpout/iogz.h"
 #include "zel/util/datatype.h"
 
@@ -153,34 +151,18 @@ std::size_t unbreak(std::string& s) {
   return 1;
 }
 
-// The text of each value order of a set (0, the unknown value, is '?').
-std::vector<std::string> value_texts(brix::impls::o_set* set) {
-  using float_set = brix::impls::o_set_typed<zel::data_types::datatype<float>>;
-  std::vector<std::string> texts = {"?"};
-  if (auto* f = dynamic_cast<float_set*>(set)) {
-    // The shortest text that reads back to the same float, not the 30 decimals of get_value.
-    for (float v : f->sorted_values()) {
-      char b[48];
-      auto r = std::to_chars(b, b + sizeof b, v);
-      texts.emplace_back(b, r.ptr);
-    }
-  } else {
-    for (unsigned long o = 1; o <= set->size_of_known(); ++o)
-      texts.push_back(set->get_value(o));
-  }
-  return texts;
-}
-
-column_text describe(brix::impls::column* c, bool last) {
-  brix::impls::o_set* set = c->get_o_set();
-  column_text t{c->get_name(), set->get_datatype(), c->get_type(), value_texts(set),
-                !c->is_ignore()};
+column_text describe(brix::table const& table, std::size_t j, brix::column_info const& c,
+                     bool last) {
+  column_text t{
+      c.name, c.datatype, brix::keyword(c.kind), {"?"}, c.kind != brix::column_kind::ignore};
+  std::vector<std::string> known = brix::value_texts(table, j);
+  t.texts.insert(t.texts.end(), known.begin(), known.end());
   unbreak(t.name);
   for (std::size_t o = 1; o < t.texts.size(); ++o) {
     t.line_breaks += unbreak(t.texts[o]);
     // A separator that ends a line is not counted, so a row cannot end with an empty field.
     if (last && t.texts[o].empty()) {
-      if (!set->admits_null())
+      if (!c.admits_unknown)
         throw std::runtime_error("column '" + t.name +
                                  "' holds an empty value, which the last field of a .data "
                                  "row cannot carry");
@@ -251,15 +233,14 @@ class part_file {
 };
 
 // The rows of t, columns in the order of cols (whose texts index t's value orders).
-void write_rows(part_file& out, brix::impls::table const& t,
-                std::vector<brix::impls::column*> const& from, std::vector<column_text> const& cols,
-                char sep, std::vector<std::size_t>& unknown) {
+void write_rows(part_file& out, brix::table const& t, std::vector<std::size_t> const& from,
+                std::vector<column_text> const& cols, char sep, std::vector<std::size_t>& unknown) {
   std::string buf;
   buf.reserve(1 << 20);
   unknown.assign(cols.size(), 0);
   for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
     for (std::size_t j = 0; j < cols.size(); ++j) {
-      unsigned long o = cols[j].stores_rows ? from[j]->get_row_index(r) : 0;
+      unsigned long o = cols[j].stores_rows ? brix::value_code(t, from[j], r) : 0;
       unknown[j] += o == 0;
       buf += cols[j].texts[o];
       buf += j + 1 < cols.size() ? sep : '\n';
@@ -267,14 +248,6 @@ void write_rows(part_file& out, brix::impls::table const& t,
     if (buf.size() >= (1 << 20) - 4096) out.write(buf);
   }
   out.write(buf);
-}
-
-brix::column_kind kind_of(brix::impls::column const& c) {
-  return c.is_class()        ? brix::column_kind::class_label
-         : c.is_continuous() ? brix::column_kind::continuous
-         : c.is_weights()    ? brix::column_kind::weights
-         : c.is_ignore()     ? brix::column_kind::ignore
-                             : brix::column_kind::discrete;
 }
 
 brix::value_type type_of(std::string const& keyword) {
@@ -322,22 +295,22 @@ std::vector<std::string> import_outputs(std::string const& data, std::string con
 }
 
 // A table's columns as written, refused when brixcmd cannot declare one.
-std::vector<column_text> describe_columns(brix::impls::table const& t,
-                                          std::vector<brix::impls::column*>& from) {
-  std::size_t k = t.get_loaded_columns();
+std::vector<column_text> describe_columns(brix::table const& t,
+                                          std::vector<brix::column_info> const& info,
+                                          std::vector<std::size_t>& from) {
+  std::size_t k = info.size();
   std::vector<column_text> cols;
-  for (std::size_t j = 0; j < k; ++j) {
-    brix::impls::column const* c = t.get_column(j);
+  for (auto const& c : info) {
     // brixcmd's continuous columns are at most 32-bit.
-    if (c->is_continuous() && c->get_o_set()->get_datatype() == "double")
-      throw std::runtime_error("column '" + c->get_name() +
-                               "': continuous doubles (dates with times, --type " + c->get_name() +
-                               "=double) cannot be declared to brixcmd; --type " + c->get_name() +
+    if (c.kind == brix::column_kind::continuous && c.datatype == "double")
+      throw std::runtime_error("column '" + c.name +
+                               "': continuous doubles (dates with times, --type " + c.name +
+                               "=double) cannot be declared to brixcmd; --type " + c.name +
                                "=float reads it as brixcmd can");
   }
   for (std::size_t j = 0; j < k; ++j) {
-    from.push_back(t.get_column(j));
-    cols.push_back(describe(t.get_column(j), k > 1 && j + 1 == k));
+    from.push_back(j);
+    cols.push_back(describe(t, j, info[j], k > 1 && j + 1 == k));
   }
   return cols;
 }
@@ -346,37 +319,34 @@ std::vector<column_text> describe_columns(brix::impls::table const& t,
 // types and kinds; other columns are left out (named in dropped).
 struct test_rows {
   std::unique_ptr<brix::table> table;
-  std::vector<brix::impls::column*> from;
+  std::vector<std::size_t> from;
   std::vector<column_text> cols;
   std::vector<std::string> dropped;
 };
 
-test_rows read_test_rows(std::string const& test, brix::impls::table const& t,
-                         std::vector<brix::impls::column*> const& from,
+test_rows read_test_rows(std::string const& test, std::vector<brix::column_info> const& info,
                          std::vector<column_text> const& cols, brix::read_options const& opts) {
   test_rows out;
   if (test.empty()) return out;
-  std::size_t k = t.get_loaded_columns();
   brix::read_options o;
   o.warnings = opts.warnings;
   o.separator = opts.separator;
-  for (std::size_t j = 0; j < k; ++j) {
-    brix::impls::column const* c = t.get_column(j);
-    if (c->is_class()) o.class_column = c->get_name();
-    o.kinds[c->get_name()] = kind_of(*c);
-    o.types[c->get_name()] = type_of(c->get_o_set()->get_datatype());
+  for (auto const& c : info) {
+    if (c.kind == brix::column_kind::class_label) o.class_column = c.name;
+    o.kinds[c.name] = c.kind;
+    o.types[c.name] = type_of(c.datatype);
   }
   out.table = brix::read_table(test, o);
-  brix::impls::table const& tt = *out.table->get_impl();
-  std::map<std::string, brix::impls::column*> by_name;
-  for (unsigned long j = 0; j < tt.get_loaded_columns(); ++j)
-    by_name[tt.get_column(j)->get_name()] = tt.get_column(j);
-  for (std::size_t j = 0; j < k; ++j) {
-    auto it = by_name.find(from[j]->get_name());
+  std::vector<brix::column_info> const test_info = brix::table_columns(*out.table);
+  std::map<std::string, std::size_t> by_name;
+  for (std::size_t j = 0; j < test_info.size(); ++j)
+    by_name[test_info[j].name] = j;
+  for (std::size_t j = 0; j < info.size(); ++j) {
+    auto it = by_name.find(info[j].name);
     if (it == by_name.end())
-      throw std::runtime_error("File " + test + ": no column '" + from[j]->get_name() + "'");
+      throw std::runtime_error("File " + test + ": no column '" + info[j].name + "'");
     out.from.push_back(it->second);
-    out.cols.push_back(describe(it->second, false));
+    out.cols.push_back(describe(*out.table, it->second, test_info[it->second], false));
     out.cols.back().stores_rows = cols[j].stores_rows;
     by_name.erase(it);
   }
@@ -387,10 +357,10 @@ test_rows read_test_rows(std::string const& test, brix::impls::table const& t,
 
 // The .names, .data and (with test rows) .test files, whole or not at all; the unknown values
 // written per column, for the training and the test rows.
-void write_import(std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
-                  std::vector<brix::impls::column*> const& from,
-                  std::vector<column_text> const& cols, test_rows const& test,
-                  std::vector<std::size_t>& unknown, std::vector<std::size_t>& test_unknown) {
+void write_import(std::vector<std::string> const& outputs, char sep, brix::table const& t,
+                  std::vector<std::size_t> const& from, std::vector<column_text> const& cols,
+                  test_rows const& test, std::vector<std::size_t>& unknown,
+                  std::vector<std::size_t>& test_unknown) {
   part_file names(outputs[0]), rows(outputs[1]);
   std::unique_ptr<part_file> tests;
   if (test.table) tests = std::make_unique<part_file>(outputs[2]);
@@ -399,7 +369,7 @@ void write_import(std::vector<std::string> const& outputs, char sep, brix::impls
     buf += c.name + sep + c.type + sep + c.kind + "\n";
   names.write(buf);
   write_rows(rows, t, from, cols, sep, unknown);
-  if (tests) write_rows(*tests, *test.table->get_impl(), test.from, test.cols, sep, test_unknown);
+  if (tests) write_rows(*tests, *test.table, test.from, test.cols, sep, test_unknown);
   names.close();
   rows.close();
   if (tests) tests->close();
@@ -411,7 +381,7 @@ void write_import(std::vector<std::string> const& outputs, char sep, brix::impls
 
 // The columns, their changes and the brixcmd command line, on standard error.
 void report_import(std::string const& data, std::string const& stem, std::string const& test,
-                   std::vector<std::string> const& outputs, char sep, brix::impls::table const& t,
+                   std::vector<std::string> const& outputs, char sep, brix::table const& t,
                    std::vector<column_text> const& cols, std::vector<std::size_t> const& unknown,
                    test_rows const& tests) {
   std::size_t k = cols.size();
@@ -456,10 +426,11 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
   std::vector<std::string> outputs = import_outputs(data, stem, test);
   opts.warnings = quiet ? nullptr : &std::cerr;
   auto table = brix::read_table(data, opts);
-  brix::impls::table const& t = *table->get_impl();
-  std::vector<brix::impls::column*> from;
-  std::vector<column_text> cols = describe_columns(t, from);
-  test_rows tests = read_test_rows(test, t, from, cols, opts);
+  brix::table const& t = *table;
+  std::vector<brix::column_info> const info = brix::table_columns(t);
+  std::vector<std::size_t> from;
+  std::vector<column_text> cols = describe_columns(t, info, from);
+  test_rows tests = read_test_rows(test, info, cols, opts);
   char sep = pick_separator({&cols, &tests.cols});
   std::vector<std::size_t> unknown, test_unknown;
   write_import(outputs, sep, t, from, cols, tests, unknown, test_unknown);
@@ -1060,26 +1031,32 @@ void check_header(problems& p, std::size_t f, value_checks& checks) {
 }
 
 // The values of a table read from a CSV file, row by row on the lines they came from.
-void check_values(brix::impls::table const& t, std::vector<std::size_t> const& lines,
+void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
                   std::set<std::string> const& dates, value_checks& checks) {
-  std::size_t k = t.get_loaded_columns();
+  std::vector<brix::column_info> const info = brix::table_columns(t);
+  std::size_t k = info.size();
   std::vector<std::vector<std::string>> texts(k);
   for (std::size_t j = 0; j < k; ++j) {
-    brix::impls::column const* c = t.get_column(j);
+    brix::column_info const& c = info[j];
     column_check col;
-    col.name = c->get_name();
+    col.name = c.name;
     col.index = j;
-    col.is_class = c->is_class();
-    col.weights = c->is_weights();
+    col.is_class = c.kind == brix::column_kind::class_label;
+    col.weights = c.kind == brix::column_kind::weights;
+    bool ignored = c.kind == brix::column_kind::ignore;
     // The reader takes a first column without a name for row names and ignores it.
-    if (c->is_ignore()) col.type = "ignore";
+    if (ignored) col.type = "ignore";
     checks.columns.push_back(std::move(col));
-    if (!c->is_ignore()) texts[j] = value_texts(c->get_o_set());
+    if (!ignored) {
+      texts[j] = {"?"};
+      std::vector<std::string> known = brix::value_texts(t, j);
+      texts[j].insert(texts[j].end(), known.begin(), known.end());
+    }
   }
   for (unsigned long r = 0; r < t.get_no_rows(); ++r)
     for (std::size_t j = 0; j < k; ++j) {
       if (checks.columns[j].type == "ignore") continue;
-      unsigned long o = t.get_column(j)->get_row_index(r);
+      unsigned long o = brix::value_code(t, j, r);
       checks.see(j, texts[j][o], lines[r], o == 0, true);
     }
   // Dates are read as days: an ID they are not.
@@ -1123,7 +1100,7 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
       dates.insert(line.substr(from + 10, at - from - 10));
   }
   value_checks checks;
-  check_values(*table->get_impl(), lines, dates, checks);
+  check_values(*table, lines, dates, checks);
   check_header(p, f, checks);
   std::size_t rows = table->get_no_rows();
   checks.report(p, f, rows, true);

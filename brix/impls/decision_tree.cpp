@@ -9,7 +9,6 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/entropy.h"
 #include "brix/impls/table.h"
-#include "brix/tree_writer.h"
 #include "zel/util/cronos.h"
 
 namespace brix {
@@ -220,14 +219,6 @@ unsigned long decision_tree::training_n_rows() const {
 void decision_tree::toTEXT(std::ostream& out, unsigned long level) const {
   if (root_) root_->toTEXT(meta_.get(), out, level);
   out << '\n';
-}
-
-void decision_tree::toXML(std::ostream& out, conf_matrix const* test) const {
-  output_format_named("brixcmd-xml").writer->write(tree_output{*this, test}, out);
-}
-
-void decision_tree::toDOT(std::ostream& out) const {
-  output_format_named("brixcmd-dot").writer->write(tree_output{*this}, out);
 }
 
 void _decision_tree::toTEXT(table* meta, std::ostream& out, unsigned long level) const {

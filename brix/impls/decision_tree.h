@@ -318,9 +318,6 @@ class decision_tree {
                   bool delete_stream) const;
 
   void toTEXT(std::ostream& out, unsigned long level) const;
-  // brixcmd's XML model (with the test matrix when one is given) and DOT graph, by their writers.
-  void toXML(std::ostream& out, conf_matrix const* test) const;
-  void toDOT(std::ostream& out) const;
 
   friend zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, decision_tree& t);
   friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, decision_tree const& t);

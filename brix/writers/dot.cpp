@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "brix/model.h"
 #include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
 #include "brix/writers/tree_view.h"
 
 namespace brix {

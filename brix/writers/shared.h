@@ -1,5 +1,5 @@
-// What the rest of the library borrows from the writers: the pieces of brixcmd's XML model that
-// the facade offers on their own, and the gzip file writing of the binary files.
+// What the rest of the library borrows from the writers: text escaping, the pieces of brixcmd's
+// XML model that the facade offers on their own, and the gzip file writing of the binary files.
 #ifndef BRIX_WRITERS_SHARED_H
 #define BRIX_WRITERS_SHARED_H
 
@@ -14,6 +14,9 @@ namespace impls {
 class table;
 class conf_matrix;
 }  // namespace impls
+
+// s as a JSON string literal, quotes and control characters escaped.
+std::string json_string(std::string const& s);
 
 namespace writers {
 

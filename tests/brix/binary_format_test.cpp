@@ -14,6 +14,7 @@
 #include "brix/impls/conf_matrix.h"
 #include "brix/impls/decision_tree.h"
 #include "brix/impls/table.h"
+#include "brix/tree_writer.h"
 #include "tests/brix/table_files.h"
 #include "zel/inpout/binstream.h"
 
@@ -233,12 +234,12 @@ TEST(ModelExport, OneLeafTree) {
   ASSERT_EQ(tree.size(), 1u);
 
   std::ostringstream dot;
-  tree.toDOT(dot);
+  brix::output_format_named("brixcmd-dot").writer->write(brix::tree_output{tree}, dot);
   EXPECT_EQ(dot.str(), "digraph Brix {\nn0 [ shape=ellipse, label=\"a<b [1%,1%]\"]\n}\n");
 
   brix::impls::conf_matrix empty(tree.get_metadata());
   std::ostringstream out;
-  tree.toXML(out, &empty);
+  brix::output_format_named("brixcmd-xml").writer->write(brix::tree_output{tree, &empty}, out);
   std::string x = out.str();
   for (char const* line :
        {"<TreeModel modelName=\"m&amp;m\" functionName=\"classification\"",

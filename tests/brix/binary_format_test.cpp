@@ -330,13 +330,9 @@ void damage(golf_files& g, std::string const& good, Read read) {
   }
 }
 
-TEST(BinaryDamage, TableFile) {
+TEST(BinaryDamage, TableAndTreeFiles) {
   golf_files g;
   damage(g, g.table_bytes, table_reads);
-}
-
-TEST(BinaryDamage, TreeFile) {
-  golf_files g;
   damage(g, g.tree_bytes, tree_reads);
 }
 

@@ -415,6 +415,23 @@ grown grow(table* t, bool any_order, int workers, bool local = false, unsigned e
   return grown{out.str(), cases->cases()};
 }
 
+// The tree and root order of `ways` equal those of sorting in place, on every root given.
+void expect_same_growth(table* t, std::initializer_list<unsigned> everies, bool any_order_base,
+                        std::vector<std::pair<int, bool>> const& ways) {
+  for (unsigned every : everies) {
+    grown base = grow(t, any_order_base, 0, false, every);
+    EXPECT_GT(base.text.size(), 300u);
+    for (auto [workers, local] : ways) {
+      grown other = grow(t, true, workers, local, every);
+      EXPECT_EQ(other.text, base.text)
+          << workers << " workers, local " << local << ", every " << every;
+      ASSERT_EQ(other.root_order.size(), base.root_order.size());
+      for (std::size_t i = 0; i < base.root_order.size(); ++i)
+        ASSERT_EQ(other.root_order[i].first, base.root_order[i].first) << i;
+    }
+  }
+}
+
 TEST(TreeOrder, RowOrderBelowTheRootGrowsTheSameTree) {
   // Dense and sparse continuous attributes, a discrete one, noisy classes depending on all.
   std::mt19937 gen(11);
@@ -432,18 +449,8 @@ TEST(TreeOrder, RowOrderBelowTheRootGrowsTheSameTree) {
       "a,integer,continuous\nb,integer,continuous\nc,float,continuous\nd,string,discrete\n"
       "k,string,class\n",
       data.str());
-  grown in_place = grow(t.get(), false, 0);
-  EXPECT_GT(in_place.text.size(), 500u);
-  for (bool local : {false, true}) {
-    for (int workers : {0, 1, 2}) {
-      grown rows = grow(t.get(), true, workers, local);
-      EXPECT_EQ(rows.text, in_place.text) << workers << " workers, local " << local;
-      ASSERT_EQ(rows.root_order.size(), in_place.root_order.size());
-      for (std::size_t i = 0; i < rows.root_order.size(); ++i) {
-        ASSERT_EQ(rows.root_order[i].first, in_place.root_order[i].first) << i;
-      }
-    }
-  }
+  expect_same_growth(t.get(), {1}, false,
+                     {{0, false}, {1, false}, {2, false}, {0, true}, {1, true}, {2, true}});
 }
 
 TEST(TreeOrder, NodesCopyingTheirOrdersGrowTheSameTree) {
@@ -468,18 +475,8 @@ TEST(TreeOrder, NodesCopyingTheirOrdersGrowTheSameTree) {
   ASSERT_EQ(t->get_attribute(3)->get_storage(), storage_kind::bit);
   ASSERT_EQ(t->get_attribute(2)->get_storage(), storage_kind::u8);
   ASSERT_EQ(t->get_attribute(0)->get_storage(), storage_kind::u16);
-  for (unsigned every : {1, 9}) {
-    // A root of a ninth of the rows would copy its own cases: they are the caller's.
-    grown whole = grow(t.get(), true, 0, false, every);
-    EXPECT_GT(whole.text.size(), 300u);
-    for (int workers : {0, 2}) {
-      grown local = grow(t.get(), true, workers, true, every);
-      EXPECT_EQ(local.text, whole.text) << workers << " workers, every " << every;
-      ASSERT_EQ(local.root_order.size(), whole.root_order.size());
-      for (std::size_t i = 0; i < whole.root_order.size(); ++i)
-        ASSERT_EQ(local.root_order[i].first, whole.root_order[i].first) << i << " every " << every;
-    }
-  }
+  // A root of a ninth of the rows would copy its own cases: they are the caller's.
+  expect_same_growth(t.get(), {1, 9}, true, {{0, true}, {2, true}});
 }
 
 TEST(TreeOrder, MoreWorkersThanTheFarmTakesAreRefused) {

@@ -33,6 +33,9 @@ run_program() {
 
 expect_status() { [ "$STATUS" -eq "$1" ] || fail "status $STATUS, expected $1"; }
 
+# brix_expect STATUS ARGS...: runs brix and checks its status.
+brix_expect() { brix_run "${@:2}"; expect_status "$1"; }
+
 # ok ARGS...: runs brixcmd, which ends with status 0 also after the errors it reports.
 ok() { run "$@"; expect_status 0; }
 

@@ -5,8 +5,7 @@ EX=$ROOT/examples
 XSD=$ROOT/../shared/pmml/pmml-4-4.xsd
 
 # Training: the trials kept, errors with the average cost, the file; a stem's test file.
-brix_run train "$EX/votes" --test "$EX/votes.test" --trials 5 --model votes.bm
-expect_status 0
+brix_expect 0 train "$EX/votes" --test "$EX/votes.test" --trials 5 --model votes.bm
 grep -q "^TRIALS: [1-5], TOTAL TREE SIZE: [0-9]*$" stdout || fail "no trials line: $(head -4 stdout)"
 grep -q "^MISCLASSIFICATION on test file: [0-9.]*% of 145 cases" stdout || fail "no test error"
 [ "$(grep -c '^AVERAGE COST: ' stdout)" -eq 2 ] || fail "not an average cost per matrix"
@@ -22,15 +21,13 @@ python3 -c 'import json,sys; j=json.load(open(sys.argv[1])); assert j["model"]["
   one.json || fail "the JSON report does not hold the model"
 
 # predict and show read the file; brixcmd refuses it with a message.
-brix_run predict votes.bm "$EX/votes" --proba
-expect_status 0
+brix_expect 0 predict votes.bm "$EX/votes" --proba
 expect_line_count 291
 awk -F, 'NR > 1 { s = $2 + $3; if (s < 0.99999 || s > 1.00001) bad = 1;
   if (($2 >= $3) != ($1 == "democrat")) bad = 1 } END { exit bad }' stdout ||
   fail "probabilities do not sum to 1 or disagree with the class"
 for f in text json pmml dot; do
-  brix_run show votes.bm --format $f
-  expect_status 0
+  brix_expect 0 show votes.bm --format $f
   [ -s stdout ] || fail "show --format $f printed nothing"
   cp stdout "votes.$f"
 done
@@ -47,8 +44,7 @@ grep -q "holds boosted or cost-sensitive trees, not one tree" stdout stderr ||
 printf 'predicted,actual,cost\ndemocrat,republican,10\n' >costs.csv
 brix_run train "$EX/votes" --test "$EX/votes.test" --report json
 cp stdout plain.json
-brix_run train "$EX/votes" --test "$EX/votes.test" --costs costs.csv --report json
-expect_status 0
+brix_expect 0 train "$EX/votes" --test "$EX/votes.test" --costs costs.csv --report json
 python3 - plain.json stdout <<'PY' || fail "costs do not lower the misses of republicans"
 import json, sys
 plain, costly = (json.load(open(f)) for f in sys.argv[1:])
@@ -59,24 +55,19 @@ assert costly["test_average_cost"] >= 0
 PY
 
 # cv: the average cost column and its mean.
-brix_run cv "$EX/iris" -k 3 --trials 3
-expect_status 0
+brix_expect 0 cv "$EX/iris" -k 3 --trials 3
 head -1 stdout | grep -qxF "$(printf 'fold\terror %%\tsize\ttest cases\taverage cost')" || fail "cv heading"
 grep -q "^mean average cost " stdout || fail "no mean average cost"
 
 # Refusals: usage errors (2) and data errors (1), nothing written.
-brix_run train "$EX/iris" --trials 0
-expect_status 2
+brix_expect 2 train "$EX/iris" --trials 0
 printf 'setosa,virginica,2\n' >unknown.csv
-brix_run train "$EX/iris" --costs unknown.csv --model bad.bm
-expect_status 1
+brix_expect 1 train "$EX/iris" --costs unknown.csv --model bad.bm
 grep -q "names 'setosa', not a class" stderr || fail "unknown class: $(cat stderr)"
 printf 'Iris-setosa,Iris-virginica\n' >short.csv
-brix_run train "$EX/iris" --costs short.csv --model bad.bm
-expect_status 1
+brix_expect 1 train "$EX/iris" --costs short.csv --model bad.bm
 grep -q "short.csv, line 1: expected predicted,actual,cost" stderr || fail "malformed line: $(cat stderr)"
 [ -e bad.bm ] && fail "a model written after an error"
-brix_run train "$EX/iris" --costs costs.csv --model costs.csv
-expect_status 2
+brix_expect 2 train "$EX/iris" --costs costs.csv --model costs.csv
 
 finish

@@ -81,8 +81,7 @@ cmp -s cv_t1.txt cv_t2.txt || fail "cv differs between one and two threads"
 [ "$(wc -l <cv1.txt)" -eq 12 ] || fail "cv prints $(wc -l <cv1.txt) lines"
 
 # Conventions: help, version, statuses, one line on standard error, nothing left behind.
-brix_run --help
-expect_status 0
+brix_expect 0 --help
 expect_grep '^usage: brix COMMAND'
 for c in train predict cv show; do
   "$BRIX" $c --help | head -1 | grep -q "^usage: brix $c" || fail "brix $c --help"
@@ -93,8 +92,7 @@ for args in "" "nonsense" "train" "train $EX/iris.csv --pruning maybe" "train $E
   "cv $EX/iris.csv -k" "train $EX/iris.csv --model $EX/iris.csv" "train $EX/iris.csv --kind x" \
   "train $EX/iris.csv --type a=word" "train $EX/iris --kind a=discrete" \
   "train $EX/iris.csv --report xml"; do
-  brix_run $args
-  expect_status 2
+  brix_expect 2 $args
   [ -s "$WORK/stdout" ] && fail "usage errors print nothing on standard output"
 done
 printf 'a,b,c\n1,"x,2\n' >unclosed.csv
@@ -105,8 +103,7 @@ for args in "train missing.csv" "train unclosed.csv" "train ragged.csv" "train e
   "train $EX/iris.csv --class nope" "predict fake.tree $EX/iris_test.csv" "show fake.tree" \
   "predict votes.tree $EX/votes --output nodir/out.csv" \
   "predict votes.tree $EX/votes --output /dev/full" "train $EX/votes --model /dev/full"; do
-  brix_run $args
-  expect_status 1
+  brix_expect 1 $args
   [ "$(wc -l <"$WORK/stderr")" -eq 1 ] || fail "not one line on standard error: $(cat "$WORK/stderr")"
 done
 ls ./*.part nodir 2>/dev/null && fail "a partial output was left behind"

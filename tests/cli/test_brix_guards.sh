@@ -53,8 +53,7 @@ done
 # conversion.
 while read -r args; do
   # shellcheck disable=SC2086
-  brix_run $args
-  expect_status 2
+  brix_expect 2 $args
   expect_grep 'must be' "$WORK/stderr"
 done <<'EOF'
 cv x.csv -k 4294967298
@@ -71,8 +70,7 @@ EOF
 expect_message() {  # pattern brix-args...
   local pattern=$1
   shift
-  brix_run "$@"
-  expect_status 1
+  brix_expect 1 "$@"
   expect_grep "$pattern" "$WORK/stderr"
   [ "$(wc -c <"$WORK/stderr")" -lt 400 ] || fail "a message of $(wc -c <"$WORK/stderr") bytes"
 }
@@ -117,8 +115,7 @@ printf 'id,v,c\n"a,b",1,"x,y"\n"say ""hi""",2,"x,y"\n"two\nlines",3,"q""r"\nplai
   >quoted.csv
 "$BRIX" train quoted.csv --min-cases 1.5 --pruning none --kind id=ignore --model q.tree >/dev/null ||
   fail "training on quoted fields failed"
-brix_run predict q.tree quoted.csv --id id --proba
-expect_status 0
+brix_expect 0 predict q.tree quoted.csv --id id --proba
 /usr/bin/python3 - "$WORK/stdout" <<'PY' || fail "predictions do not read back as CSV"
 import csv, sys
 rows = list(csv.reader(open(sys.argv[1], newline='')))
@@ -131,8 +128,7 @@ PY
 # brix check: a few texts among the numbers of a column.
 { echo 'a,b,c'; for i in $(seq 50); do echo "$i,$((i * 3)),x$((i % 2))"; done; echo 'oops,3,x1'; } \
   >oops.csv
-brix_run check oops.csv
-expect_status 1
+brix_expect 1 check oops.csv
 expect_grep "column 1 'a': 50 numbers and 1 text \('oops'\) make it a discrete column"
 
 # brixcmd on a full disk (a file size limit): the failure reported as before, and no report,

@@ -43,15 +43,13 @@ printf '%s\n' 'name,n,"we;ird",cls' '"a,b",1,"x' 'y",yes' '"c;d",2,z,no' $'"e|\t
 round_trip odd odd.csv ""
 grep -q "run: brixcmd -f odd -sep '\^'" import.err || fail "separator: $(tail -1 import.err)"
 grep -q "1 value with line breaks" import.err || fail "the line break is not reported"
-brix_run check iris
-expect_status 0
+brix_expect 0 check iris
 
 # Outputs are whole or absent; an output that is an input is refused.
 ln -s "$EX/iris.csv" alias.data
 for args in "import missing.csv --to x" "import $EX/iris.csv --to nodir/x" \
   "import $EX/iris.csv --to alias" "import $EX/iris.csv --to x --test missing.csv"; do
-  brix_run $args
-  expect_status 1
+  brix_expect 1 $args
   [ "$(wc -l <"$WORK/stderr")" -eq 1 ] || fail "not one line on standard error: $(cat "$WORK/stderr")"
 done
 (trap '' XFSZ; ulimit -f 1; exec "$BRIX" import "$EX/iris.csv" --to full 2>/dev/null) &&
@@ -65,8 +63,7 @@ clean='x,1,yes\ny,2,no\nz,3,no\nw,4,yes\n'
 planted() {  # label pattern data-printf-format [names-printf-format]
   printf "${4:-$(cat t.names)\n}" >"$1.names"
   printf "$3" >"$1.data"
-  brix_run check "$1"
-  expect_status 1
+  brix_expect 1 check "$1"
   expect_line_count 2
   expect_grep "^$1\.(names|data)(:[0-9]+)?: .*$2"
 }
@@ -84,14 +81,12 @@ planted kind 'needs the type' "$clean" 'a,string,discrete\nn,string,continuous\n
 printf 'a,n,c\nx,1,yes\ny,2,no\n"z,3,no\n' >unclosed.csv
 printf 'a,n,c\nx,1,yes\ny,2,Yes\nz,3,no\nw,4,yes\n' >variants.csv
 for f in unclosed variants; do
-  brix_run check $f.csv
-  expect_status 1
+  brix_expect 1 check $f.csv
   expect_line_count 2
 done
 printf 'x,1,yes\n\ny ,2,no,5\n"z",3,no\nw,1.5,yes\n?,4,?\n' >all.data
 cp t.names all.names
-brix_run check all
-expect_status 1
+brix_expect 1 check all
 expect_line_count 6
 
 # Files that are no table end in time with one problem, or one error for paths.
@@ -106,8 +101,7 @@ for f in binary.csv:1 long.csv:0 empty.csv:1; do
   expect_line_count $((1 + ${f#*:}))
 done
 for args in "check missing" "check missing.csv" "check /tmp"; do
-  brix_run $args
-  expect_status 1
+  brix_expect 1 $args
   [ "$(wc -l <"$WORK/stderr")" -eq 1 ] || fail "not one line on standard error: $(cat "$WORK/stderr")"
 done
 

@@ -13,8 +13,7 @@ overcast,?,?,?,maybe
 hail,68,96,FALSE,perhaps
 CSV
 
-brix_run train golf.csv --test golf_test.csv
-expect_status 0
+brix_expect 0 train golf.csv --test golf_test.csv
 grep -qxF "brix: golf_test.csv has class values the tree never saw, counted as errors: 'maybe' (2 rows), 'perhaps' (1 row)" stderr ||
   fail "no warning naming the unseen classes: $(cat stderr)"
 grep -q "MISCLASSIFICATION on test file: 80% of 5 cases." stdout || fail "test error: $(grep test stdout)"
@@ -23,8 +22,7 @@ brix_run train golf.csv --test golf_test.csv --quiet
 # A stem's test file too, read as brixcmd reads it; an unknown class is not a class never seen.
 tail -n +2 golf_test.csv >golf_test.data
 echo "sunny,85,85,FALSE,?" >>golf_test.data
-brix_run train "$EX/golf" --test golf_test.data
-expect_status 0
+brix_expect 0 train "$EX/golf" --test golf_test.data
 grep -qxF "brix: golf_test.data has class values the tree never saw, counted as errors: 'maybe' (2 rows), 'perhaps' (1 row)" stderr ||
   fail "no warning naming the unseen classes of a stem's test file: $(cat stderr)"
 # Known classes only: no warning.
@@ -35,8 +33,7 @@ brix_run train golf.csv --test known.csv
 # Predictions on the test file's own value sets: an outlook never seen shares its weight over
 # every branch (9 of 14 days yes); unknown values likewise.
 brix_run train golf.csv --model golf.tree
-brix_run predict golf.tree golf_test.csv --proba
-expect_status 0
+brix_expect 0 predict golf.tree golf_test.csv --proba
 expect_output "predicted,p(no),p(yes)
 no,1,0
 yes,0,1

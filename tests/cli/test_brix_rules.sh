@@ -6,8 +6,7 @@ EX=$ROOT/examples
 XSD=$ROOT/../shared/pmml/pmml-4-4.xsd
 
 { echo "outlook,temperature,humidity,windy,play"; cat "$EX/golf.data"; } >golf.csv
-brix_run train golf.csv --rules --model golf.rules
-expect_status 0
+brix_expect 0 train golf.csv --rules --model golf.rules
 sed -n '3,5p;7,$p' stdout >report
 cat >expected <<'TXT'
 RULES: 2 (from a tree of 5 leaves)
@@ -33,10 +32,8 @@ diff -u expected report >diff || fail "golf report: $(cat diff)"
 # default's Laplace shares of the 9 uncovered days (all yes): 1/11 and 10/11.
 brix_run show golf.rules
 tail -n +1 stdout | diff -u <(sed -n '4,$p' expected) - >diff || fail "show text: $(cat diff)"
-brix_run predict golf.rules golf.csv --proba
-expect_status 0
-expect_head() { [ "$(head -n "$1" stdout)" = "$2" ] || fail "head: $(head -n "$1" stdout)"; }
-expect_head 4 "predicted,p(no),p(yes)
+brix_expect 0 predict golf.rules golf.csv --proba
+expect_head "predicted,p(no),p(yes)
 no,1,0
 no,1,0
 yes,0.0909091,0.909091"
@@ -50,18 +47,15 @@ else
   NEEDS_MISSING="xmllint and the PMML 4.4 schema"
 fi
 grep -q '<RuleSelectionMethod criterion="weightedMax"/>' stdout || fail "no selection method"
-brix_run show golf.rules --format dot
-expect_status 2
+brix_expect 2 show golf.rules --format dot
 
 # A stem with its test file, a holdout, and cross-validation counting rules.
-brix_run train "$EX/iris" --rules --test "$EX/iris.test" --quiet
-expect_status 0
+brix_expect 0 train "$EX/iris" --rules --test "$EX/iris.test" --quiet
 grep -qx "MISCLASSIFICATION on test file: 6% of 50 rows." stdout || fail "iris test: $(grep test stdout)"
 brix_run train "$EX/iris" --rules --test-fraction 0.3 --report json
 python3 -c 'import json,sys; j=json.load(open(sys.argv[1])); assert j["holdout"]["rows"]==30 and j["rules"]<j["tree_leaves"]' stdout ||
   fail "holdout JSON: $(head -c 300 stdout)"
-brix_run cv "$EX/iris" --rules -k 3
-expect_status 0
+brix_expect 0 cv "$EX/iris" --rules -k 3
 [ "$(grep -c $'^[123]\t' stdout)" -eq 3 ] && grep -q '^mean error' stdout || fail "cv: $(cat stdout)"
 
 # Refusals: a tree reader given the ruleset, a damaged ruleset, an output over an input, a
@@ -69,13 +63,10 @@ expect_status 0
 run -bt golf.rules
 grep -q "holds a ruleset, not a tree" stdout stderr || fail "brixcmd -bt read a ruleset: $(cat stdout)"
 head -5 golf.rules >cut.rules
-brix_run predict cut.rules golf.csv
-expect_status 1
+brix_expect 1 predict cut.rules golf.csv
 grep -q "cut.rules: damaged ruleset file" stderr || fail "damaged file: $(cat stderr)"
-brix_run train golf.csv --rules --model golf.csv
-expect_status 2
-brix_run train golf.csv --rules --model nowhere/golf.rules
-expect_status 1
+brix_expect 2 train golf.csv --rules --model golf.csv
+brix_expect 1 train golf.csv --rules --model nowhere/golf.rules
 [ -e nowhere ] && fail "a directory was made"
 ls ./*.part >/dev/null 2>&1 && fail "a part file was left"
 

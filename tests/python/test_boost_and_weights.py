@@ -11,9 +11,7 @@ from sklearn.ensemble import AdaBoostClassifier, BaggingClassifier
 from sklearn.utils.estimator_checks import check_estimator
 
 import brix
-
-ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
-SHARED = os.environ.get("BRIX_SHARED_DATA", os.path.join(ROOT, "..", "shared", "data"))
+from test_tree_classifier import SHARED, read_stem
 
 
 def blobs(n=300, seed=3):
@@ -87,20 +85,13 @@ def test_trials_boost_deterministically_and_round_trip(tmp_path):
     assert (again.predict_proba(X) == p).all()
 
 
-def stem_frame(stem, suffix):
-    names = [line.strip().split(",") for line in open(stem + ".names") if line.strip()]
-    df = pd.read_csv(stem + suffix, header=None, names=[n[0] for n in names], na_values="?")
-    cls = next(n[0] for n in names if n[2] == "class")
-    return df.drop(columns=[cls]), df[cls].astype(str)
-
-
 @pytest.mark.parametrize("name", ["mlb_pima", "mlb_letter"])
 def test_scikit_learn_ensembles_beat_the_single_tree(name):
     stem = os.path.join(SHARED, name)
     if not os.path.exists(stem + ".test"):
         pytest.skip(f"{stem}.test not found")
-    X, y = stem_frame(stem, ".data")
-    Xt, yt = stem_frame(stem, ".test")
+    X, y, _ = read_stem(stem)
+    Xt, yt, _ = read_stem(stem, stem + ".test")
 
     def error(est):
         return np.mean(est.fit(X, y).predict(Xt) != yt)

@@ -9,7 +9,7 @@ import pandas as pd
 import pytest
 
 import brix
-from test_tree_classifier import brixcmd, read_stem, stems, tree_of
+from test_tree_classifier import ROOT, brixcmd, read_stem, stems, tree_of
 
 
 def as_objects(X, y):
@@ -140,7 +140,7 @@ def test_apply_and_decision_path_follow_every_branch_of_an_unknown(counts, unkno
 
 
 def test_paths_agree_with_the_tree_on_a_real_table():
-    X, y, _ = read_stem(os.path.join(os.path.dirname(__file__), "..", "..", "examples", "votes"))
+    X, y, _ = read_stem(os.path.join(ROOT, "examples", "votes"))
     clf = brix.TreeClassifier().fit(X, y)
     paths, leaves = clf.decision_path(X).toarray(), clf.apply(X)
     assert paths.shape == (len(X), clf.tree_size_)
@@ -163,11 +163,13 @@ def test_paths_agree_with_the_tree_on_a_real_table():
 def test_apply_reads_thresholds_in_the_values_of_the_table_given(X, y, Xt, leaves):
     clf = brix.TreeClassifier(min_cases=1.01).fit(np.asarray(X), y)
     assert clf.tree_size_ == 3
-    assert list(clf.apply(np.asarray(Xt, dtype=float))) == leaves
+    Xt = np.asarray(Xt, dtype=float)
+    assert list(clf.apply(Xt)) == leaves
+    assert list(clf.predict(Xt)) == [clf.classes_[leaf - 1] for leaf in leaves]
 
 
 def test_rows_of_one_leaf_share_its_prediction():
-    X, y, _ = read_stem(os.path.join(os.path.dirname(__file__), "..", "..", "examples", "iris"))
+    X, y, _ = read_stem(os.path.join(ROOT, "examples", "iris"))
     clf = brix.TreeClassifier().fit(X, y)
     Xt = X + np.random.default_rng(3).normal(0, 0.3, X.shape)  # values the tree never saw
     leaves, proba = clf.apply(Xt), clf.predict_proba(Xt)

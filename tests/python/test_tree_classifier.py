@@ -113,11 +113,6 @@ def test_saved_model_reads_in_brixcmd(tmp_path):
     assert (loaded.predict_proba(X) == clf.predict_proba(X)).all()
 
 
-def test_integer_attributes_classify_fractions_on_the_right_side():
-    clf = brix.TreeClassifier().fit(np.array([[1], [2], [3], [4]]), [0, 0, 1, 1])
-    assert list(clf.predict([[1.5], [2.5], [3.5], [1e12], [-1e12]])) == [0, 0, 1, 1, 0]
-
-
 def test_bad_input_raises_clear_errors():
     X = np.array([[1.0, 2.0], [3.0, 4.0], [5.0, 6.0]])
     clf, inf = brix.TreeClassifier().fit(X, [0, 1, 1]), np.array([[1.0], [np.inf], [2.0]])

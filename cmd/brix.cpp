@@ -117,21 +117,9 @@ struct option {
   std::function<void(settings&, std::string const&)> apply;
 };
 
-std::vector<option> const& options() {
-  static std::vector<option> const table = {
-      {"--class", true, [](settings& s, std::string const& v) { s.class_column = v; }},
-      {"--test", true, [](settings& s, std::string const& v) { s.test = v; }},
-      {"--test-fraction", true,
-       [](settings& s, std::string const& v) {
-         s.test_fraction = number("--test-fraction", v);
-         if (!(s.test_fraction > 0 && s.test_fraction < 1))
-           throw usage_error("--test-fraction must be in (0,1)");
-       }},
-      {"--seed", true,
-       [](settings& s, std::string const& v) {
-         // Up to 2^53: every such whole number reads exactly.
-         s.seed = static_cast<std::uint64_t>(whole("--seed", v, 0, 9007199254740992.0));
-       }},
+// The options that say how trees are grown.
+std::vector<option> growth_options() {
+  return {
       {"--confidence", true,
        [](settings& s, std::string const& v) {
          s.tree.confidence = static_cast<float>(number("--confidence", v));
@@ -173,60 +161,83 @@ std::vector<option> const& options() {
          s.trials = static_cast<int>(d);
        }},
       {"--costs", true, [](settings& s, std::string const& v) { s.costs = v; }},
-      {"--kind", true,
-       [](settings& s, std::string const& v) {
-         using k = brix::column_kind;
-         name_keyword("--kind", v, {k::discrete, k::continuous, k::weights, k::ignore}, s.kinds);
-       }},
-      {"--type", true,
-       [](settings& s, std::string const& v) {
-         using t = brix::value_type;
-         name_keyword("--type", v, {t::integer, t::uinteger, t::float32, t::float64, t::string},
-                      s.types);
-       }},
-      {"--report", true,
-       [](settings& s, std::string const& v) {
-         if (v != "text" && v != "json") throw usage_error("--report must be text or json");
-         s.report = v;
-       }},
-      {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
-      {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
-      {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
-      {"--sep", true,
-       [](settings& s, std::string const& v) {
-         if (v == "tab" || v == "\\t" || v == "\t")
-           s.separator = '\t';
-         else if (v.size() == 1 && v != "\"" && v != "\n" && v != "\r")
-           s.separator = v[0];
-         else
-           throw usage_error(
-               "--sep takes one character (not a quote or a line break) or tab, not '" + v + "'");
-       }},
-      {"--format", true,
-       [](settings& s, std::string const& v) {
-         std::vector<std::string> const& all = shown_formats();
-         if (std::find(all.begin(), all.end(), v) == all.end()) {
-           std::string list;
-           for (std::size_t i = 0; i < all.size(); ++i)
-             list += (i == 0 ? "" : i + 1 < all.size() ? ", " : " or ") + all[i];
-           throw usage_error("--format must be " + list);
-         }
-         s.format = v;
-       }},
-      {"-k", true,
-       [](settings& s, std::string const& v) {
-         s.folds = static_cast<unsigned>(whole("-k", v, 2, 4294967295.0));
-       }},
-      {"--max-depth", true,
-       [](settings& s, std::string const& v) {
-         s.max_depth = static_cast<long>(whole("--max-depth", v, 0, 2147483647.0));
-       }},
-      {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
-      {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
       {"--rules", false, [](settings& s, std::string const&) { s.rules = true; }},
-      {"--quiet", false, [](settings& s, std::string const&) { s.quiet = true; }},
-      {"-v", false, [](settings& s, std::string const&) { s.verbose = true; }},
   };
+}
+
+std::vector<option> const& options() {
+  static std::vector<option> const table = [] {
+    std::vector<option> all = {
+        {"--class", true, [](settings& s, std::string const& v) { s.class_column = v; }},
+        {"--test", true, [](settings& s, std::string const& v) { s.test = v; }},
+        {"--test-fraction", true,
+         [](settings& s, std::string const& v) {
+           s.test_fraction = number("--test-fraction", v);
+           if (!(s.test_fraction > 0 && s.test_fraction < 1))
+             throw usage_error("--test-fraction must be in (0,1)");
+         }},
+        {"--seed", true,
+         [](settings& s, std::string const& v) {
+           // Up to 2^53: every such whole number reads exactly.
+           s.seed = static_cast<std::uint64_t>(whole("--seed", v, 0, 9007199254740992.0));
+         }},
+        {"--kind", true,
+         [](settings& s, std::string const& v) {
+           using k = brix::column_kind;
+           name_keyword("--kind", v, {k::discrete, k::continuous, k::weights, k::ignore}, s.kinds);
+         }},
+        {"--type", true,
+         [](settings& s, std::string const& v) {
+           using t = brix::value_type;
+           name_keyword("--type", v, {t::integer, t::uinteger, t::float32, t::float64, t::string},
+                        s.types);
+         }},
+        {"--report", true,
+         [](settings& s, std::string const& v) {
+           if (v != "text" && v != "json") throw usage_error("--report must be text or json");
+           s.report = v;
+         }},
+        {"--output", true, [](settings& s, std::string const& v) { s.output = v; }},
+        {"--id", true, [](settings& s, std::string const& v) { s.id = v; }},
+        {"--to", true, [](settings& s, std::string const& v) { s.to = v; }},
+        {"--sep", true,
+         [](settings& s, std::string const& v) {
+           if (v == "tab" || v == "\\t" || v == "\t")
+             s.separator = '\t';
+           else if (v.size() == 1 && v != "\"" && v != "\n" && v != "\r")
+             s.separator = v[0];
+           else
+             throw usage_error(
+                 "--sep takes one character (not a quote or a line break) or tab, not '" + v + "'");
+         }},
+        {"--format", true,
+         [](settings& s, std::string const& v) {
+           std::vector<std::string> const& all = shown_formats();
+           if (std::find(all.begin(), all.end(), v) == all.end()) {
+             std::string list;
+             for (std::size_t i = 0; i < all.size(); ++i)
+               list += (i == 0 ? "" : i + 1 < all.size() ? ", " : " or ") + all[i];
+             throw usage_error("--format must be " + list);
+           }
+           s.format = v;
+         }},
+        {"-k", true,
+         [](settings& s, std::string const& v) {
+           s.folds = static_cast<unsigned>(whole("-k", v, 2, 4294967295.0));
+         }},
+        {"--max-depth", true,
+         [](settings& s, std::string const& v) {
+           s.max_depth = static_cast<long>(whole("--max-depth", v, 0, 2147483647.0));
+         }},
+        {"--stratified", false, [](settings& s, std::string const&) { s.stratified = true; }},
+        {"--proba", false, [](settings& s, std::string const&) { s.proba = true; }},
+        {"--quiet", false, [](settings& s, std::string const&) { s.quiet = true; }},
+        {"-v", false, [](settings& s, std::string const&) { s.verbose = true; }},
+    };
+    std::vector<option> growth = growth_options();
+    all.insert(all.end(), growth.begin(), growth.end());
+    return all;
+  }();
   return table;
 }
 

@@ -97,6 +97,7 @@ class tree_model {
 
  private:
   explicit tree_model(std::unique_ptr<dtree> tree);
+  friend class tally_grower;
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
   std::unique_ptr<dtree> tree_;

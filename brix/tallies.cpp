@@ -75,20 +75,22 @@ tally_worker::tally_worker(table const& t, std::vector<unsigned long> const& row
 
 tally_worker::~tally_worker() = default;
 
-void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<float>& sums,
-                           std::vector<std::int64_t>& counts) const {
+void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
+                           std::vector<float>& rows, std::vector<std::int64_t>& counts) const {
   impls::table const* t = impl_->t;
   impls::column const* cls = t->get_class();
   std::size_t cols = cls->get_distinct() + 1;
   unsigned long atts = t->get_no_attributes();
   impls::w_sequence none;
+  std::vector<float> dense;  // one node's, reused
+  std::int64_t base = 0;
   for (std::size_t p = 0; p < open.size();) {
     auto it = impl_->cases.find(open[p]);
     impls::w_sequence const& c = it == impl_->cases.end() ? none : *it->second;
     std::vector<order_range> ranges = ranges_at(open, p, atts);
-    std::size_t at = sums.size();
-    sums.resize(at + node_size(t, ranges), 0.0f);
-    float* d = sums.data() + at;
+    std::size_t size = node_size(t, ranges);
+    dense.assign(size, 0.0f);
+    float* d = dense.data();
     cls->visit([&](auto rd) {
       for (impls::w_case const& w : c)
         d[rd(w.first)] += w.second;
@@ -97,11 +99,20 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<fl
     d += cols;
     for (unsigned long a = 0; a < atts; ++a) {
       impls::column const* col = t->get_attribute(a);
-      std::size_t rows = impls::tally_rows(*col, ranges[a]);
-      if (rows == 0) continue;
-      impls::tally_cases(*col, *cls, c, ranges[a], d);
-      d += rows * cols;
+      std::size_t n = impls::tally_rows(*col, ranges[a]);
+      if (n == 0) continue;
+      if (!c.empty()) impls::tally_cases(*col, *cls, c, ranges[a], d);
+      d += n * cols;
     }
+    for (std::size_t r = 0; r < size; r += cols) {
+      bool any = false;
+      for (std::size_t k = 0; k < cols; ++k)
+        any |= dense[r + k] != 0.0f;
+      if (!any) continue;
+      at.push_back(base + static_cast<std::int64_t>(r));
+      rows.insert(rows.end(), dense.begin() + r, dense.begin() + r + cols);
+    }
+    base += static_cast<std::int64_t>(size);
   }
 }
 
@@ -256,21 +267,35 @@ std::size_t tally_grower::tally_size() const {
   return n;
 }
 
-tally_decisions tally_grower::decide(std::vector<float> const& sums,
+tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
+                                     std::vector<float> const& rows,
                                      std::vector<std::int64_t> const& counts) {
   impl& g = *impl_;
   impls::table* t = g.t;
   std::size_t cols = t->get_class()->get_distinct() + 1;
-  if (sums.size() != tally_size() || counts.size() != g.open.size())
+  auto total = static_cast<std::int64_t>(tally_size());
+  if (counts.size() != g.open.size() || rows.size() != at.size() * cols)
     throw std::invalid_argument("tallies: not those of the open nodes");
+  for (std::size_t i = 0; i < at.size(); ++i) {
+    if (at[i] < 0 || at[i] + static_cast<std::int64_t>(cols) > total ||
+        at[i] % static_cast<std::int64_t>(cols) != 0 || (i > 0 && at[i] <= at[i - 1]))
+      throw std::invalid_argument("tallies: not those of the open nodes");
+  }
   tally_decisions d;
   std::vector<impl::pending> next;
-  std::size_t off = 0;
+  std::vector<float> dense;  // one node's
+  std::int64_t off = 0;
+  std::size_t entry = 0;
   for (std::size_t i = 0; i < g.open.size(); ++i) {
     impl::pending& p = g.open[i];
     impls::_decision_node* node = p.tree->get_node();
-    float const* block = sums.data() + off;
-    off += node_size(t, p.ranges);
+    auto size = static_cast<std::int64_t>(node_size(t, p.ranges));
+    dense.assign(static_cast<std::size_t>(size), 0.0f);
+    for (; entry < at.size() && at[entry] < off + size; ++entry)
+      std::copy(rows.begin() + entry * cols, rows.begin() + (entry + 1) * cols,
+                dense.begin() + (at[entry] - off));
+    off += size;
+    float const* block = dense.data();
     node->activate_from(std::vector<float>(block, block + cols),
                         static_cast<unsigned long>(counts[i]), p.known, p.ranges);
     node->split_tallies(t, 1, g.o.min_cases, &g.opts, block + cols, g.scratch);

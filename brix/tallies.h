@@ -11,7 +11,8 @@
 // Messages between them are flat arrays, to travel as they are:
 // - the open nodes: per node its number, then (first, second) of each attribute's range;
 // - the tallies: per open node, the weights of its classes (classes + 1 values, index 0 unused),
-//   then per attribute the block of tally_size's rows; a separate count of cases per node;
+//   then per attribute a block laid out as impls::tally_cases lays it out, sent sparse (rows of
+//   classes + 1 floats that hold a weight); a separate count of cases per node;
 // - the decisions: per open node (node, attribute or -1 for a leaf, first child, branches), the
 //   thresholds of the split nodes (as the tree keeps them), the children's shares of the cases
 //   whose split value is unknown.
@@ -46,9 +47,12 @@ class tally_worker {
   tally_worker(tally_worker const&) = delete;
   tally_worker& operator=(tally_worker const&) = delete;
 
-  // Appends the tallies of the open nodes to sums and their case counts to counts.
-  void tallies(std::vector<std::int64_t> const& open, std::vector<float>& sums,
-               std::vector<std::int64_t>& counts) const;
+  // The tallies of the open nodes, sparse: of the dense layout above, cut into rows of classes + 1
+  // floats, only the rows that hold a weight, each as its offset in the dense layout (ascending)
+  // and its floats; counts gets the nodes' case counts. Deep nodes hold few of the values of an
+  // attribute: dense tallies would grow with the nodes times the values.
+  void tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
+               std::vector<float>& rows, std::vector<std::int64_t>& counts) const;
   // A holder of the children's cases: each decided node's cases shared out to its children, a
   // leaf's dropped. This one is left as it is (it can be asked again after a failure elsewhere).
   std::unique_ptr<tally_worker> applied(tally_decisions const& d) const;
@@ -85,8 +89,10 @@ class tally_grower {
   std::vector<std::int64_t> open() const;
   // Floats of the open nodes' tallies.
   std::size_t tally_size() const;
-  // Decides every open node; the children become the open nodes.
-  tally_decisions decide(std::vector<float> const& sums, std::vector<std::int64_t> const& counts);
+  // Decides every open node from the summed sparse tallies (offsets ascending, each once); the
+  // children become the open nodes.
+  tally_decisions decide(std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                         std::vector<std::int64_t> const& counts);
   // Once done: the pruned model, with an empty training matrix.
   std::unique_ptr<tree_model> finish();
   // The training matrix of a model, flat as tally_worker::evaluate gives it (summed).

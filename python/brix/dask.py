@@ -101,13 +101,20 @@ def _hold(est, X, y, w, keep):
     return _Holder(_core.TallyWorker(table, len(X)))
 
 
-def _tallies(holder, open_nodes):
-    return holder.worker.tallies(open_nodes)
+def _tallies(holder, open_nodes, cols):
+    at, rows, counts = holder.worker.tallies(open_nodes)
+    return at, rows.reshape(-1, cols), counts
 
 
 def _add(a, b):
-    # float32 additions, as the grower's own sums are.
-    return (a[0] + b[0], a[1] + b[1])
+    """Two sparse tallies summed: rows at the same offset added (in float32, as the grower's
+    own sums are), the offsets kept ascending."""
+    at = np.concatenate([a[0], b[0]])
+    rows = np.concatenate([a[1], b[1]])
+    keys, where = np.unique(at, return_inverse=True)
+    out = np.zeros((len(keys), rows.shape[1]), dtype=np.float32)
+    np.add.at(out, where, rows)
+    return keys, out, a[2] + b[2]
 
 
 def _applied(holder, decisions):
@@ -180,8 +187,7 @@ class TreeClassifier(_LocalTreeClassifier):
 
     def _fit_dask(self, X, y, sample_weight, client):
         import pandas as pd
-        from distributed import wait
-        from distributed.client import FutureCancelledError
+        from concurrent.futures import CancelledError as FutureCancelledError
         try:
             from distributed.scheduler import KilledWorker
         except ImportError:  # pragma: no cover
@@ -212,7 +218,7 @@ class TreeClassifier(_LocalTreeClassifier):
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
             # One pass: the value sets of all the rows.
-            described = client.gather(client.compute(
+            described = _results(client, client.compute(
                 [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)]))
             parts = [d for d in described if d["n"] > 0]
             if not parts:
@@ -281,16 +287,17 @@ class TreeClassifier(_LocalTreeClassifier):
             self.fit_levels_ = []
             while not grower.done:
                 open_nodes = grower.open()
-                tallies = client.map(_tallies, holders, open_nodes=open_nodes, pure=False)
-                sizes = client.gather(client.map(_nbytes, tallies, pure=False))
+                tallies = client.map(_tallies, holders, open_nodes=open_nodes,
+                                     cols=len(classes) + 1, pure=False)
+                sizes = _results(client, client.map(_nbytes, tallies, pure=False))
                 while len(tallies) > 1:
                     paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
                               for i in range(0, len(tallies) - 1, 2)]
                     if len(tallies) % 2:
                         paired.append(tallies[-1])
                     tallies = paired
-                sums, counts = tallies[0].result()
-                decisions = grower.decide(sums, counts)
+                at, rows, counts = _results(client, tallies)[0]
+                decisions = grower.decide(at, rows.reshape(-1), counts)
                 self.fit_levels_.append({
                     "open_nodes": int(len(counts)),
                     "tally_bytes": int(sum(sizes)),
@@ -299,12 +306,12 @@ class TreeClassifier(_LocalTreeClassifier):
                 })
                 if not grower.done:
                     holders = client.map(_applied, holders, decisions=decisions, pure=False)
-                    wait(holders)
+                    _results(client, holders, fetch=False)
             model = grower.finish()
             self._model = model
             blob = self.__getstate__()["_model"]
-            matrices = client.gather(client.map(_evaluate, holders, model_bytes=blob,
-                                                pure=False))
+            matrices = _results(client, client.map(_evaluate, holders, model_bytes=blob,
+                                                   pure=False))
             training = matrices[0]
             for m in matrices[1:]:
                 training = training + m
@@ -332,7 +339,9 @@ class TreeClassifier(_LocalTreeClassifier):
         from sklearn.utils.validation import check_is_fitted
         check_is_fitted(self, "_model")
         local = _LocalTreeClassifier()
-        local.__setstate__(_LocalTreeClassifier.__getstate__(self))
+        state = self.__getstate__()
+        state.pop("client", None)
+        local.__setstate__(state)
         parts = X.to_delayed()
         arrays = []
         for part in parts:
@@ -343,8 +352,25 @@ class TreeClassifier(_LocalTreeClassifier):
         return da.concatenate(arrays)
 
 
+def _results(client, futures, fetch=True):
+    """The futures' results (or only their completion), waiting in short steps so that a client
+    that closes or loses its scheduler meanwhile ends the wait with an error instead of a hang."""
+    from distributed import wait
+    from distributed.client import TimeoutError as DaskTimeout
+    while True:
+        if client.status != "running":
+            raise RuntimeError(f"fit failed: the client is {client.status} (closed, or its "
+                               "connection to the scheduler lost)")
+        try:
+            wait(futures, timeout=1)
+            break
+        except (DaskTimeout, TimeoutError):
+            continue
+    return client.gather(futures) if fetch else None
+
+
 def _nbytes(t):
-    return t[0].nbytes + t[1].nbytes
+    return t[0].nbytes + t[1].nbytes + t[2].nbytes
 
 
 def _delayed(f):

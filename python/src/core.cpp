@@ -185,13 +185,13 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("held", [](worker_state const& w) { return w.w->held(); })
       .def("tallies",
            [](worker_state const& w, std::vector<std::int64_t> const& open) {
-             std::vector<float> sums;
-             std::vector<std::int64_t> counts;
+             std::vector<std::int64_t> at, counts;
+             std::vector<float> rows;
              {
                py::gil_scoped_release release;
-               w.w->tallies(open, sums, counts);
+               w.w->tallies(open, at, rows, counts);
              }
-             return py::make_tuple(to_array(sums), to_array(counts));
+             return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
            })
       .def("applied",
            [](worker_state const& w, std::vector<std::int64_t> nodes,
@@ -227,12 +227,12 @@ PYBIND11_MODULE(_core, m) {
       .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
       .def_property_readonly("tally_size", &brix::tally_grower::tally_size)
       .def("decide",
-           [](brix::tally_grower& g, std::vector<float> const& sums,
-              std::vector<std::int64_t> const& counts) {
+           [](brix::tally_grower& g, std::vector<std::int64_t> const& at,
+              std::vector<float> const& rows, std::vector<std::int64_t> const& counts) {
              brix::tally_decisions d;
              {
                py::gil_scoped_release release;
-               d = g.decide(sums, counts);
+               d = g.decide(at, rows, counts);
              }
              return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
            })

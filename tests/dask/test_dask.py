@@ -29,7 +29,7 @@ from test_tree_classifier import read_stem, tree_of  # noqa: E402
 @pytest.fixture(scope="module")
 def client():
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  dashboard_address=None) as cluster:
+                                  dashboard_address=":0") as cluster:
         with distributed.Client(cluster) as c:
             yield c
 
@@ -122,7 +122,7 @@ def fit_while(client, action, n=60000):
         except Exception as e:  # noqa: BLE001 - the test inspects it
             result["error"] = e
 
-    t = threading.Thread(target=run)
+    t = threading.Thread(target=run, daemon=True)
     t.start()
     deadline = time.time() + 60
     while not getattr(clf, "fit_levels_", None) and t.is_alive() and time.time() < deadline:
@@ -157,7 +157,7 @@ def test_a_closed_client_gives_a_clear_error(client):
         except Exception as e:  # noqa: BLE001
             box["error"] = e
 
-    t = threading.Thread(target=run)
+    t = threading.Thread(target=run, daemon=True)
     t.start()
     while not getattr(clf, "fit_levels_", None) and t.is_alive():
         time.sleep(0.01)

@@ -21,7 +21,7 @@ zcat "$stem.data.gz" > "$work/all"
 split -n l/8 -d --additional-suffix=.csv "$work/all" "$work/part-"
 rm "$work/all"
 start=$(date +%s.%N)
-"$brixcmd" -f "$stem" -ff 2 -tstd > "$work/brixcmd.txt"
+"$brixcmd" -fm "$stem.names" -fd "$stem.data.gz" -ff 2 -tstd > "$work/brixcmd.txt"
 end=$(date +%s.%N)
 echo "brixcmd -ff 2: wall $(echo "$end - $start" | bc) s"
 PYTHONPATH=$build/python /usr/bin/python3 "$here/dask_fit.py" "$stem" "$work"

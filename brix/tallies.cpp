@@ -82,37 +82,63 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<st
   std::size_t cols = cls->get_distinct() + 1;
   unsigned long atts = t->get_no_attributes();
   impls::w_sequence none;
-  std::vector<float> dense;  // one node's, reused
+  // One attribute's tallies at a time, kept all zero between them: a node of few cases clears
+  // only the rows its cases touched.
+  std::vector<float> buf;
+  std::vector<std::size_t> touched;
+  auto emit = [&](float const* row, std::int64_t offset) {
+    for (std::size_t k = 0; k < cols; ++k) {
+      if (row[k] != 0.0f) {
+        at.push_back(offset);
+        rows.insert(rows.end(), row, row + cols);
+        return;
+      }
+    }
+  };
   std::int64_t base = 0;
   for (std::size_t p = 0; p < open.size();) {
     auto it = impl_->cases.find(open[p]);
     impls::w_sequence const& c = it == impl_->cases.end() ? none : *it->second;
     std::vector<order_range> ranges = ranges_at(open, p, atts);
-    std::size_t size = node_size(t, ranges);
-    dense.assign(size, 0.0f);
-    float* d = dense.data();
+    std::vector<float> dist(cols, 0.0f);
     cls->visit([&](auto rd) {
       for (impls::w_case const& w : c)
-        d[rd(w.first)] += w.second;
+        dist[rd(w.first)] += w.second;
     });
+    emit(dist.data(), base);
     counts.push_back(static_cast<std::int64_t>(c.size()));
-    d += cols;
+    std::int64_t pos = base + static_cast<std::int64_t>(cols);
     for (unsigned long a = 0; a < atts; ++a) {
       impls::column const* col = t->get_attribute(a);
       std::size_t n = impls::tally_rows(*col, ranges[a]);
       if (n == 0) continue;
-      if (!c.empty()) impls::tally_cases(*col, *cls, c, ranges[a], d);
-      d += n * cols;
+      if (!c.empty()) {
+        if (buf.size() < n * cols) buf.resize(n * cols, 0.0f);
+        impls::tally_cases(*col, *cls, c, ranges[a], buf.data());
+        if (c.size() * 4 >= n) {
+          for (std::size_t r = 0; r < n; ++r)
+            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(n * cols), 0.0f);
+        } else {
+          unsigned long lo = std::max<unsigned long>(ranges[a].first, 1) - 1;
+          touched.clear();
+          for (impls::w_case const& w : c) {
+            unsigned long o = col->get_row_index(w.first);
+            touched.push_back(o == 0 ? 0 : o - lo);
+          }
+          std::sort(touched.begin(), touched.end());
+          touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
+          for (std::size_t r : touched) {
+            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+            std::fill(buf.begin() + static_cast<std::ptrdiff_t>(r * cols),
+                      buf.begin() + static_cast<std::ptrdiff_t>((r + 1) * cols), 0.0f);
+          }
+          buf[0] = 0.0f;  // the unknown weight, added even when 0
+        }
+      }
+      pos += static_cast<std::int64_t>(n * cols);
     }
-    for (std::size_t r = 0; r < size; r += cols) {
-      bool any = false;
-      for (std::size_t k = 0; k < cols; ++k)
-        any |= dense[r + k] != 0.0f;
-      if (!any) continue;
-      at.push_back(base + static_cast<std::int64_t>(r));
-      rows.insert(rows.end(), dense.begin() + r, dense.begin() + r + cols);
-    }
-    base += static_cast<std::int64_t>(size);
+    base = pos;
   }
 }
 
@@ -283,22 +309,65 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
   }
   tally_decisions d;
   std::vector<impl::pending> next;
-  std::vector<float> dense;  // one node's
+  unsigned long atts = t->get_no_attributes();
+  // One node's tallies: discrete attributes dense, continuous ones compacted to the rows that
+  // hold a weight (a deep node holds few of an attribute's values).
+  std::vector<std::vector<float>> freq(atts);
+  std::vector<std::vector<std::uint32_t>> orders(atts);
+  std::vector<impls::tally_block> blocks(atts);
+  std::vector<float> classes(cols);
   std::int64_t off = 0;
   std::size_t entry = 0;
   for (std::size_t i = 0; i < g.open.size(); ++i) {
     impl::pending& p = g.open[i];
     impls::_decision_node* node = p.tree->get_node();
-    auto size = static_cast<std::int64_t>(node_size(t, p.ranges));
-    dense.assign(static_cast<std::size_t>(size), 0.0f);
-    for (; entry < at.size() && at[entry] < off + size; ++entry)
-      std::copy(rows.begin() + entry * cols, rows.begin() + (entry + 1) * cols,
-                dense.begin() + (at[entry] - off));
-    off += size;
-    float const* block = dense.data();
-    node->activate_from(std::vector<float>(block, block + cols),
-                        static_cast<unsigned long>(counts[i]), p.known, p.ranges);
-    node->split_tallies(t, 1, g.o.min_cases, &g.opts, block + cols, g.scratch);
+    std::fill(classes.begin(), classes.end(), 0.0f);
+    std::vector<std::int64_t> start(atts + 1);
+    std::int64_t pos = off + static_cast<std::int64_t>(cols);
+    for (unsigned long a = 0; a < atts; ++a) {
+      impls::column const* col = t->get_attribute(a);
+      std::size_t n = impls::tally_rows(*col, p.ranges[a]);
+      start[a] = pos;
+      pos += static_cast<std::int64_t>(n * cols);
+      freq[a].clear();
+      orders[a].clear();
+      if (n == 0) continue;
+      if (col->is_continuous()) {
+        freq[a].assign(cols, 0.0f);  // row 0: the unknown value
+        orders[a].push_back(0);
+      } else {
+        freq[a].assign(n * cols, 0.0f);
+      }
+    }
+    start[atts] = pos;
+    unsigned long a = 0;
+    for (; entry < at.size() && at[entry] < pos; ++entry) {
+      auto row = rows.begin() + static_cast<std::ptrdiff_t>(entry * cols);
+      if (at[entry] < off + static_cast<std::int64_t>(cols)) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), classes.begin());
+        continue;
+      }
+      while (at[entry] >= start[a + 1])
+        ++a;
+      auto r = static_cast<std::size_t>((at[entry] - start[a]) / static_cast<std::int64_t>(cols));
+      if (orders[a].empty()) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin() + r * cols);
+      } else if (r == 0) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin());
+      } else {
+        unsigned long base = std::max<unsigned long>(p.ranges[a].first, 1) - 1;
+        freq[a].insert(freq[a].end(), row, row + static_cast<std::ptrdiff_t>(cols));
+        orders[a].push_back(static_cast<std::uint32_t>(base + r));
+      }
+    }
+    off = pos;
+    for (unsigned long b = 0; b < atts; ++b) {
+      blocks[b].freq = freq[b].data();
+      blocks[b].orders = orders[b].empty() ? nullptr : orders[b].data();
+      blocks[b].rows = orders[b].size();
+    }
+    node->activate_from(classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
+    node->split_tallies(t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
     std::int64_t att = -1;
     if (node->get_node_status() == impls::_decision_node::SPLIT_NODE &&
         node->get_no_of_splits() >= 1) {
@@ -310,13 +379,9 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
       continue;
     }
     // The chosen attribute's tallies.
-    float const* f = block + cols;
-    for (std::int64_t a = 0; a < att; ++a)
-      f += impls::tally_rows(*t->get_attribute(a), p.ranges[a]) * cols;
+    float const* f = freq[att].data();
     impls::column const* col = t->get_attribute(att);
-    order_range const& range = p.ranges[att];
-    unsigned long base = std::max<unsigned long>(range.first, 1) - 1;
-    std::size_t rows = range.second - base;
+    std::size_t n_rows = col->is_continuous() ? orders[att].size() : freq[att].size() / cols;
     auto weight = [&](std::size_t r) {
       float s = 0.0f;
       for (std::size_t k = 0; k < cols; ++k)
@@ -337,10 +402,10 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
         w1 = unknown;
         w2 = 0.0f;
         bool below = false, above = false;
-        for (std::size_t r = 1; r < rows; ++r) {
+        for (std::size_t r = 1; r < n_rows; ++r) {
           float w = weight(r);
           if (w == 0.0f) continue;
-          unsigned long order = r + base;
+          unsigned long order = orders[att][r];
           if (order <= at) {
             below = true;
             lo1 = std::min(lo1, order);

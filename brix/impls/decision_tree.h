@@ -132,10 +132,10 @@ class _decision_node {
   void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
                     w_sequence* cases, split_scratch& scratch, order_publisher* publish);
   int split_post(table* t);
-  // split_gain's decision from tallies summed elsewhere over the node's cases: one block per
-  // attribute that tally_rows gives rows for, in attribute order, laid out as tally_cases does.
+  // split_gain's decision from tallies summed elsewhere over the node's cases, one block per
+  // attribute (unread where tally_rows gives none).
   int split_tallies(table* t, int split_type, float min_obj, options const* opts,
-                    float const* tallies, split_scratch& scratch);
+                    std::vector<tally_block> const& tallies, split_scratch& scratch);
   int split2(table* t, int split_type, float min_obj, options const* opts);
   bool split_att_worth(unsigned long att);
   void set_as_leaf();

@@ -313,17 +313,13 @@ int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options 
 }
 
 int _decision_node::split_tallies(table* t, int split_type, float min_obj, options const* opts,
-                                  float const* tallies, split_scratch& scratch) {
+                                  std::vector<tally_block> const& tallies, split_scratch& scratch) {
   if (split_pre(t, split_type, min_obj)) return status_;
-  column const* cls = t->get_class();
-  unsigned long classes = cls->get_distinct();
+  unsigned long classes = t->get_class()->get_distinct();
   std::vector<order_range> const& r = ranges();
   for (unsigned long a = 0; a < t->get_no_attributes(); ++a) {
-    column const* col = t->get_attribute(a);
-    std::size_t rows = tally_rows(*col, r[a]);
-    score_tallies(*col, classes, cases_weight_, cases_count_, r[a], tallies, min_obj, opts, scratch,
-                  descs()[a]);
-    tallies += rows * (classes + 1);
+    score_tallies(*t->get_attribute(a), classes, cases_weight_, cases_count_, r[a], tallies[a],
+                  min_obj, opts, scratch, descs()[a]);
   }
   return split_post(t);
 }

@@ -592,7 +592,8 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
 void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t cols,
                unsigned long classes, unsigned long base, float total_weight, float unknown,
                std::size_t n_cases, float min_objects, options const* opts, float* left,
-               float* right, bool like_sort, splitting_desc& best) {
+               float* right, bool like_sort, splitting_desc& best,
+               std::uint32_t const* orders = nullptr) {
   xlogx_table const& logs = logs_of(opts);
   float known = total_weight - unknown;
   if (known < 2 * min_objects) return no_split(best);
@@ -673,8 +674,8 @@ void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t col
     std::size_t next = best_row + 1;
     while (next < rows && !occupied(next))
       ++next;
-    low = best_row + base;
-    high = next + base;
+    low = orders != nullptr ? orders[best_row] : best_row + base;
+    high = orders != nullptr ? orders[next] : next + base;
   }
   finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n_cases, opts, low,
              high);
@@ -1006,14 +1007,15 @@ void tally_cases(column const& att, column const& cls, w_sequence const& cases,
 }
 
 void score_tallies(column const& att, unsigned long classes, float total_weight,
-                   std::size_t n_cases, order_range const& range, float const* freq,
+                   std::size_t n_cases, order_range const& range, tally_block const& block,
                    float min_objects, options const* opts, split_scratch& s, splitting_desc& best) {
   best.branches = 0;
   best.att = &att;
   if (tally_rows(att, range) == 0) return no_split(best);
   std::size_t cols = classes + 1;
   unsigned long base = std::max<unsigned long>(range.first, 1) - 1;
-  std::size_t rows = range.second - base;
+  std::size_t rows = block.orders != nullptr ? block.rows : range.second - base;
+  float const* freq = block.freq;
   std::vector<float>& f = s.freq;
   f.assign(freq, freq + rows * cols);
   float unknown = f[0];
@@ -1031,7 +1033,7 @@ void score_tallies(column const& att, unsigned long classes, float total_weight,
       for (std::size_t k = 0; k < cols; ++k)
         right[k] += f[r * cols + k];
     scan_rows(f, rows, cols, classes, base, total_weight, unknown, n_cases, min_objects, opts,
-              totals.data(), right, !tallied, best);
+              totals.data(), right, !tallied, best, block.orders);
   } else if (att.is_discrete()) {
     best.branches = att.get_distinct();
     std::vector<float>& totals = s.totals;

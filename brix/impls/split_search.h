@@ -132,10 +132,19 @@ inline std::size_t tally_rows(column const& att, order_range const& range) {
 void tally_cases(column const& att, column const& cls, w_sequence const& cases,
                  order_range const& range, float* freq);
 
-// What score_split gives on a node's cases, from their tallies as tally_cases lays them out (summed
-// over the tables that hold them), the node's weight and its number of cases.
+// One attribute's tallies over a node: as tally_cases lays them out, or, for a continuous
+// attribute, compacted to the rows that hold a weight: row 0 (the unknown weight) then rows in
+// ascending order, orders[r] the value order of row r, rows of them in all.
+struct tally_block {
+  float const* freq = nullptr;
+  std::uint32_t const* orders = nullptr;
+  std::size_t rows = 0;
+};
+
+// What score_split gives on a node's cases, from their tallies (summed over the tables that hold
+// them), the node's weight and its number of cases.
 void score_tallies(column const& att, unsigned long classes, float total_weight,
-                   std::size_t n_cases, order_range const& range, float const* freq,
+                   std::size_t n_cases, order_range const& range, tally_block const& block,
                    float min_objects, options const* opts, split_scratch& s, splitting_desc& best);
 
 // Puts the cases in ascending row order (rows are distinct in a node), as

@@ -14,7 +14,7 @@ all: build
 # are root (one apt-get update first), otherwise named.
 DEPS = g++ cmake make zlib1g-dev libdeflate-dev libgtest-dev pkg-config libxml2-utils graphviz clang \
        pybind11-dev python3-dev python3-venv python3-numpy python3-pandas python3-sklearn python3-pytest \
-       libclang-rt-14-dev
+       libclang-rt-14-dev python3-dask python3-distributed
 
 deps:
 	@missing=$$(for p in $(DEPS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \

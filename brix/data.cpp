@@ -1579,6 +1579,24 @@ table_builder& table_builder::add_codes(std::string const& name, column_kind kin
   return add_code_span(name, kind, codes, n, std::move(categories));
 }
 
+table_builder& table_builder::keep_values(std::string const& name, std::vector<double> values,
+                                          bool unknown) {
+  kept& k = kept_[name];
+  k.numbers = std::move(values);
+  k.texts.clear();
+  k.unknown = unknown;
+  return *this;
+}
+
+table_builder& table_builder::keep_texts(std::string const& name, std::vector<std::string> texts,
+                                         bool unknown) {
+  kept& k = kept_[name];
+  k.texts = std::move(texts);
+  k.numbers.clear();
+  k.unknown = unknown;
+  return *this;
+}
+
 std::unique_ptr<table> table_builder::build(bool require_class) {
   auto bad = [](std::string const& what) {
     throw std::invalid_argument("[brix::table_builder] " + what);
@@ -1651,8 +1669,36 @@ std::unique_ptr<table> table_builder::build(bool require_class) {
         break;
     }
   }
+  // Kept values go in rows of their own after the given ones; other columns repeat row 0 there.
+  std::size_t extra = 0;
+  for (auto const& k : kept_) {
+    if (names.count(k.first) == 0) bad("values kept for column '" + k.first + "', not given");
+    extra = std::max(extra, k.second.size());
+  }
+  if (extra > 0) {
+    for (std::size_t j = 0; j < columns_.size(); ++j) {
+      auto it = kept_.find(columns_[j].name);
+      kept const* k = it == kept_.end() ? nullptr : &it->second;
+      source from = columns_[j].from;
+      bool by_code =
+          from == source::c8 || from == source::c16 || from == source::c32 || from == source::c64;
+      bool text = from == source::texts || by_code;
+      put[j] = [given = std::move(put[j]), k, rows, by_code, text](impls::value_loader& l,
+                                                                   std::size_t r) mutable {
+        if (r < rows) return given(l, r);
+        std::size_t i = r - rows;
+        if (k == nullptr || i >= k->size()) return given(l, 0);
+        if (!text) {
+          return l.add_number(i < k->numbers.size() ? k->numbers[i] : 0.0, i < k->numbers.size());
+        }
+        char const* t = i < k->texts.size() ? k->texts[i].c_str() : "?";
+        if (by_code) return l.add_id(l.text_id(t));
+        l.add(t);
+      };
+    }
+  }
   try {
-    impl->load_columns(put, rows);
+    impl->load_columns(put, rows + extra);
   } catch (std::runtime_error const& e) {
     throw std::invalid_argument(std::string("[brix::table_builder] ") + e.what());
   }

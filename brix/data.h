@@ -90,6 +90,14 @@ class table_builder {
                            std::size_t n, std::vector<std::string> categories);
   table_builder& add_codes(std::string const& name, column_kind kind, std::int64_t const* codes,
                            std::size_t n, std::vector<std::string> categories);
+  // Values a column's value set must hold besides those of its rows, so that tables built from
+  // parts of the same rows share value sets and orders (an unknown value too, when unknown). They
+  // are stored as rows after the given ones, which carry the first row's values elsewhere:
+  // callers leave those rows out of their cases (the table's first n rows are the given ones).
+  table_builder& keep_values(std::string const& name, std::vector<double> values,
+                             bool unknown = false);
+  table_builder& keep_texts(std::string const& name, std::vector<std::string> texts,
+                            bool unknown = false);
   // Throws std::invalid_argument for columns of different lengths, repeated names, no class
   // column (when require_class) or no rows; the builder can be used again afterwards.
   std::unique_ptr<table> build(bool require_class = true);
@@ -102,8 +110,15 @@ class table_builder {
   template <class T>
   table_builder& add_code_span(std::string const& name, column_kind kind, T const* codes,
                                std::size_t n, std::vector<std::string> categories);
+  struct kept {
+    std::vector<double> numbers;
+    std::vector<std::string> texts;
+    bool unknown = false;
+    std::size_t size() const { return numbers.size() + texts.size() + (unknown ? 1 : 0); }
+  };
   std::string name_;
   std::vector<column_values> columns_;
+  std::map<std::string, kept> kept_;
 };
 
 // RFC 4180: a header row of names, then one record per row; fields may be quoted, with doubled

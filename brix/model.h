@@ -116,6 +116,7 @@ class tree_model {
   // The options already checked; null cases: every row with the table's weights.
   static std::unique_ptr<tree_model> grow(table& t, tree_options const& o, impls::w_sequence* cases,
                                           bool evaluate = true);
+  friend class tally_grower;
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;
   std::unique_ptr<dtree> tree_;

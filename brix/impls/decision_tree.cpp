@@ -176,6 +176,27 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   elapsed_ = timer.get_elapsed();
 }
 
+void decision_tree::adopt_grown(table* t, std::unique_ptr<_decision_tree> root) {
+  zel::util::cronos timer;
+  timer.start();
+  if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
+  if (pruning_strategy_ == C45_PRUNING)
+    throw std::invalid_argument(
+        "subtree raising needs the cases of every node: not available here");
+  forget_compiled();
+  meta_.reset(t->clone_metadata());
+  root_cases_.reset();
+  root_ = std::move(root);
+  prune(t);
+  training_.reset(new conf_matrix(t));
+  timer.stop();
+  elapsed_ = timer.get_elapsed();
+}
+
+void decision_tree::set_prediction(std::unique_ptr<conf_matrix> m) {
+  training_ = std::move(m);
+}
+
 void decision_tree::prune(table* t) {
   if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
   std::string message;

@@ -18,6 +18,7 @@
 #include "zel/inpout/fwd.h"
 
 namespace brix {
+class tally_grower;
 namespace impls {
 
 class table;
@@ -112,6 +113,10 @@ class _decision_node {
   // Activation with cases already distributed by the father.
   void activate_with(table* t, w_sequence* cases, float known_fraction, order_range att_range);
   void compute_statistics(table* t);
+  // Activation from statistics gathered elsewhere, with no cases: the class weights (one per
+  // class value, index 0 unknown) summed in case order, the number of cases and the ranges.
+  void activate_from(std::vector<float> const& class_weights, unsigned long count,
+                     float known_fraction, std::vector<order_range> const& ranges);
   void disactivate();
 
   // Without a scratch, the search works in tables of its own.
@@ -126,6 +131,10 @@ class _decision_node {
   void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
                     w_sequence* cases, split_scratch& scratch, order_publisher* publish);
   int split_post(table* t);
+  // split_gain's decision from tallies summed elsewhere over the node's cases, one block per
+  // attribute (unread where tally_rows gives none).
+  int split_tallies(table* t, int split_type, float min_obj, options const* opts,
+                    std::vector<tally_block> const& tallies, split_scratch& scratch);
   bool split_att_worth(unsigned long att);
   void set_as_leaf();
   // Distributes the cases to every branch of the split at once. Returns false, and turns the
@@ -170,9 +179,12 @@ class _decision_node {
   friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, _decision_node const& n);
   friend class _decision_tree;
   friend class decision_tree;
+  friend class ::brix::tally_grower;
 
  private:
   void reset_partition() { partition_ = partition_desc(); }
+  // The cases weight and the most frequent class, from the class distribution.
+  void settle_statistics();
   bool holds_all(std::vector<w_sequence*> const& children) const;
   static void drop(std::vector<w_sequence*>& children);
   // The node's ranges, replaced by a copy of the given ones (or the empty set).
@@ -283,6 +295,12 @@ class decision_tree {
   // stage, when given, is told "prune" and "evaluate" as growing hands over to them.
   void build_pruned(table* t, w_sequence* cases, bool evaluate, int workers,
                     std::function<void(char const*)> const& stage = nullptr);
+  // Takes a tree grown elsewhere from statistics alone (on several tables with t's value sets;
+  // t itself need hold no cases), prepruned as growing leaves it, and prunes it as build_pruned
+  // does. Subtree raising needs every node's cases: that strategy is refused. The training
+  // matrix starts empty (set_prediction gives it).
+  void adopt_grown(table* t, std::unique_ptr<_decision_tree> root);
+  void set_prediction(std::unique_ptr<conf_matrix> m);
   void prune(table* t);
 
   unsigned long size() const;

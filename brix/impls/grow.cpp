@@ -211,6 +211,21 @@ void _decision_node::compute_statistics(table* t) {
         d[rd(c.first)] += c.second;
     });
   }
+  settle_statistics();
+}
+
+void _decision_node::activate_from(std::vector<float> const& class_weights, unsigned long count,
+                                   float known_fraction, std::vector<order_range> const& ranges) {
+  if (activated_) disactivate();
+  reset_ranges(&ranges);
+  class_distribution_ = class_weights;
+  cases_count_ = static_cast<std::uint32_t>(count);
+  known_fract_ = known_fraction;
+  settle_statistics();
+  activated_ = true;
+}
+
+void _decision_node::settle_statistics() {
   // Deliberately float sums in case order, then in class order: weights are 32-bit throughout.
   float w = 0.0f;
   for (float v : class_distribution_)
@@ -283,6 +298,18 @@ int _decision_node::split_gain(table* t, bool use_ratio, float min_obj, options 
       continue;
     }
     split_att(t, min_obj, opts, a, copy, s);
+  }
+  return split_post(t);
+}
+
+int _decision_node::split_tallies(table* t, int split_type, float min_obj, options const* opts,
+                                  std::vector<tally_block> const& tallies, split_scratch& scratch) {
+  if (split_pre(t, split_type, min_obj)) return status_;
+  unsigned long classes = t->get_class()->get_distinct();
+  std::vector<order_range> const& r = ranges();
+  for (unsigned long a = 0; a < t->get_no_attributes(); ++a) {
+    score_tallies(*t->get_attribute(a), classes, cases_weight_, cases_count_, r[a], tallies[a],
+                  min_obj, opts, scratch, descs()[a]);
   }
   return split_post(t);
 }

@@ -584,22 +584,17 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
   scan(sorted_copied{packed.data(), copy.data()});
 }
 
-template <class Att, class Cls>
-void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
-                   w_sequence const& cases, order_range const& range, float min_objects,
-                   options const* opts, split_scratch& s, splitting_desc& best) {
+// The best binary cut over per-value class tallies: freq by (value row, class), rows x cols, row
+// r standing for order r + base; right holds the known cases' class totals and is used up. With
+// like_sort, cuts are passed over exactly where the sorting search passes over them (a stretch of
+// one class followed by a value block of that class alone), so that tallies summed elsewhere
+// choose the cut that search chooses; without, every cut between occupied rows is evaluated.
+void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t cols,
+               unsigned long classes, unsigned long base, float total_weight, float unknown,
+               std::size_t n_cases, float min_objects, options const* opts, float* left,
+               float* right, bool like_sort, splitting_desc& best,
+               std::uint32_t const* orders = nullptr) {
   xlogx_table const& logs = logs_of(opts);
-  best.branches = 2;
-  std::size_t cols = classes + 1;
-  unsigned long base = range.first - 1;
-  std::size_t rows = range.second - range.first + 1;
-  std::vector<float>& freq = s.freq;
-  freq.assign(rows * cols, 0.0f);
-  std::vector<float>& totals = s.totals;
-  totals.assign(2 * cols, 0.0f);
-  float* left = totals.data();
-  float* right = totals.data() + cols;
-  float unknown = tally(att, cls, cases, base, cols, freq.data(), right);
   float known = total_weight - unknown;
   if (known < 2 * min_objects) return no_split(best);
   float hc = info(logs, right + 1, classes);
@@ -611,6 +606,16 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
       if (freq[r * cols + k] != 0.0f) return true;
     }
     return false;
+  };
+  // The one class of a row, or cols when it holds several.
+  auto single = [&](std::size_t r) {
+    std::size_t found = cols;
+    for (std::size_t k = 1; k < cols; ++k) {
+      if (freq[r * cols + k] == 0.0f) continue;
+      if (found != cols) return cols;
+      found = k;
+    }
+    return found;
   };
   std::size_t last = rows;
   for (std::size_t r = rows; r-- > 0;) {
@@ -624,6 +629,7 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
   unsigned long tried = 0;
   std::size_t best_row = 0;
   bool found = false;
+  class_stretch stretch;
   for (std::size_t r = 0; r < last; ++r) {
     if (!occupied(r)) continue;
     float const* row = &freq[r * cols];
@@ -635,9 +641,29 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
       left[k] += row[k];
     }
     l_weight += s;
+    if (like_sort) {
+      std::size_t c = single(r);
+      if (c == cols) {
+        stretch.add(0);
+        stretch.add(1);  // two classes: the stretch is mixed
+      } else {
+        stretch.add(static_cast<std::uint32_t>(c));
+      }
+    }
     if (l_weight < m) continue;
     if (l_weight > upper) break;
     ++tried;
+    if (like_sort && stretch.pure) {
+      std::size_t next = r + 1;
+      while (next < rows && !occupied(next))
+        ++next;
+      float const* nrow = &freq[next * cols];
+      float ns = 0.0f;
+      for (std::size_t k = 0; k < cols; ++k)
+        ns += nrow[k];
+      if (single(next) == stretch.cls && l_weight + ns <= upper) continue;
+    }
+    stretch.open = false;
     if (score.consider(left, right, l_weight)) {
       best_row = r;
       found = true;
@@ -648,11 +674,30 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
     std::size_t next = best_row + 1;
     while (next < rows && !occupied(next))
       ++next;
-    low = best_row + base;
-    high = next + base;
+    low = orders != nullptr ? orders[best_row] : best_row + base;
+    high = orders != nullptr ? orders[next] : next + base;
   }
-  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, cases.size(), opts, low,
+  finish_cut(best, score.best_gain, score.split_info, tried, total_weight, n_cases, opts, low,
              high);
+}
+
+template <class Att, class Cls>
+void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
+                   w_sequence const& cases, order_range const& range, float min_objects,
+                   options const* opts, split_scratch& s, splitting_desc& best) {
+  best.branches = 2;
+  std::size_t cols = classes + 1;
+  unsigned long base = range.first - 1;
+  std::size_t rows = range.second - range.first + 1;
+  std::vector<float>& freq = s.freq;
+  freq.assign(rows * cols, 0.0f);
+  std::vector<float>& totals = s.totals;
+  totals.assign(2 * cols, 0.0f);
+  float* left = totals.data();
+  float* right = totals.data() + cols;
+  float unknown = tally(att, cls, cases, base, cols, freq.data(), right);
+  scan_rows(freq, rows, cols, classes, base, total_weight, unknown, cases.size(), min_objects, opts,
+            left, right, false, best);
 }
 
 [[noreturn]] void throw_no_partition(column const& c) {
@@ -668,7 +713,7 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 template <class Reader>
 void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
                         std::vector<w_sequence*>& children, std::vector<float>& shares,
-                        std::vector<order_range>& ranges) {
+                        std::vector<order_range>& ranges, bool given) {
   std::size_t k = children.size();
   std::vector<float> wv(k + 1, 0.0f);
   std::vector<std::size_t> count(k + 1, 0);
@@ -679,7 +724,7 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
   }
   float known = total_weight - wv[0];
   for (std::size_t v = 1; v <= k; ++v) {
-    shares[v - 1] = wv[v] / known;
+    if (!given) shares[v - 1] = wv[v] / known;
     ranges[v - 1] = order_range(v, v + 1);
     children[v - 1]->reserve(count[v] + count[0]);
   }
@@ -700,7 +745,8 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
 template <class Reader>
 void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_case const* end,
                           float total_weight, std::vector<w_sequence*>& children,
-                          std::vector<float>& shares, std::vector<order_range>& ranges) {
+                          std::vector<float>& shares, std::vector<order_range>& ranges,
+                          bool given) {
   float w1 = 0.0f, w2 = 0.0f, wu = 0.0f;
   std::size_t n1 = 0, n2 = 0, nu = 0;
   for (w_case const* c = begin; c != end; ++c) {
@@ -717,8 +763,10 @@ void partition_continuous(Reader rd, unsigned long t, w_case const* begin, w_cas
       ++nu;
     }
   }
-  shares[0] = w1 / total_weight;
-  shares[1] = w2 / (total_weight - wu);
+  if (!given) {
+    shares[0] = w1 / total_weight;
+    shares[1] = w2 / (total_weight - wu);
+  }
   children[0]->reserve(n1);
   children[1]->reserve(n2 + nu);
   unsigned long lo1 = t, hi1 = t, lo2 = t, hi2 = t;
@@ -882,10 +930,13 @@ void score_split(column const& att, column const& cls, float total_weight, w_seq
   }
 }
 
-void partition_all(column const& att, w_case const* begin, w_case const* end, float total_weight,
-                   partition_desc const& desc, split_scratch& scratch,
-                   std::vector<w_sequence*>& children, std::vector<float>& shares,
-                   std::vector<order_range>& ranges) {
+namespace {
+
+// given: shares holds the branch shares already.
+void partition_into(column const& att, w_case const* begin, w_case const* end, float total_weight,
+                    partition_desc const& desc, split_scratch& scratch,
+                    std::vector<w_sequence*>& children, std::vector<float>& shares,
+                    std::vector<order_range>& ranges, bool given) {
   std::size_t k;
   if (att.is_discrete() || att.is_class()) {
     k = att.get_distinct();
@@ -897,7 +948,8 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
   children.assign(k, nullptr);
   for (auto& c : children)
     c = new w_sequence();
-  shares.assign(k, 0.0f);
+  if (!given) shares.assign(k, 0.0f);
+  if (shares.size() != k) throw std::invalid_argument("partition: one share per branch is needed");
   ranges.assign(k, order_range(0, 0));
   // The father's sorted cases are no longer needed: large tables go before
   // the children are made, so that the two do not add up.
@@ -910,11 +962,11 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
     if (k == 2 && att.is_continuous()) {
       unsigned long t = att.get_index(desc.threshold.c_str());
       att.visit([&](auto rd) {
-        partition_continuous(rd, t, begin, end, total_weight, children, shares, ranges);
+        partition_continuous(rd, t, begin, end, total_weight, children, shares, ranges, given);
       });
     } else {
       att.visit([&](auto rd) {
-        partition_discrete(rd, begin, end, total_weight, children, shares, ranges);
+        partition_discrete(rd, begin, end, total_weight, children, shares, ranges, given);
       });
     }
   } catch (...) {
@@ -922,6 +974,78 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
       delete c;
     children.clear();
     throw;
+  }
+}
+
+}  // namespace
+
+void partition_all(column const& att, w_case const* begin, w_case const* end, float total_weight,
+                   partition_desc const& desc, split_scratch& scratch,
+                   std::vector<w_sequence*>& children, std::vector<float>& shares,
+                   std::vector<order_range>& ranges) {
+  partition_into(att, begin, end, total_weight, desc, scratch, children, shares, ranges, false);
+}
+
+void partition_shared(column const& att, w_case const* begin, w_case const* end,
+                      partition_desc const& desc, std::vector<float> const& shares,
+                      split_scratch& scratch, std::vector<w_sequence*>& children,
+                      std::vector<order_range>& ranges) {
+  std::vector<float> given(shares);
+  partition_into(att, begin, end, 0.0f, desc, scratch, children, given, ranges, true);
+}
+
+void tally_cases(column const& att, column const& cls, w_sequence const& cases,
+                 order_range const& range, float* freq) {
+  unsigned long base = std::max<unsigned long>(range.first, 1) - 1;
+  std::size_t cols = cls.get_distinct() + 1;
+  std::vector<float> class_total(cols, 0.0f);  // once a node and attribute, not a row
+  float unknown = 0.0f;
+  cls.visit([&](auto c) {
+    att.visit([&](auto a) { unknown = tally(a, c, cases, base, cols, freq, class_total.data()); });
+  });
+  freq[0] += unknown;
+}
+
+void score_tallies(column const& att, unsigned long classes, float total_weight,
+                   std::size_t n_cases, order_range const& range, tally_block const& block,
+                   float min_objects, options const* opts, split_scratch& s, splitting_desc& best) {
+  best.branches = 0;
+  best.att = &att;
+  if (tally_rows(att, range) == 0) return no_split(best);
+  std::size_t cols = classes + 1;
+  unsigned long base = std::max<unsigned long>(range.first, 1) - 1;
+  std::size_t rows = block.orders != nullptr ? block.rows : range.second - base;
+  float const* freq = block.freq;
+  std::vector<float>& f = s.freq;
+  f.assign(freq, freq + rows * cols);
+  float unknown = f[0];
+  f[0] = 0.0f;
+  if (att.is_continuous()) {
+    best.branches = 2;
+    // Where the grower would tally, it evaluates every cut; where it would sort, it passes over
+    // the cuts its sorted scan passes over.
+    bool tallied = n_cases / (range.second - range.first) > 2;
+    if (n_cases == 0) return no_split(best);
+    std::vector<float>& totals = s.totals;
+    totals.assign(2 * cols, 0.0f);
+    float* right = totals.data() + cols;
+    for (std::size_t r = 1; r < rows; ++r)
+      for (std::size_t k = 0; k < cols; ++k)
+        right[k] += f[r * cols + k];
+    scan_rows(f, rows, cols, classes, base, total_weight, unknown, n_cases, min_objects, opts,
+              totals.data(), right, !tallied, best, block.orders);
+  } else if (att.is_discrete()) {
+    best.branches = att.get_distinct();
+    std::vector<float>& totals = s.totals;
+    totals.assign(rows + cols, 0.0f);
+    float* class_total = totals.data() + rows;
+    for (std::size_t r = 1; r < rows; ++r)
+      for (std::size_t k = 0; k < cols; ++k)
+        class_total[k] += f[r * cols + k];
+    discrete_gain(f, totals.data(), rows, cols, classes, unknown, total_weight, min_objects,
+                  logs_of(opts), best);
+  } else {
+    no_split(best);
   }
 }
 

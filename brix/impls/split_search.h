@@ -5,6 +5,7 @@
 #ifndef BRIX_IMPLS_SPLIT_SEARCH_H
 #define BRIX_IMPLS_SPLIT_SEARCH_H
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -109,6 +110,42 @@ void partition_all(column const& att, w_case const* begin, w_case const* end, fl
                    partition_desc const& desc, split_scratch& scratch,
                    std::vector<w_sequence*>& children, std::vector<float>& shares,
                    std::vector<order_range>& ranges);
+
+// partition_all with the branch shares given instead of taken from these cases: for cases split
+// over several tables, whose shares come from the weights of all of them.
+void partition_shared(column const& att, w_case const* begin, w_case const* end,
+                      partition_desc const& desc, std::vector<float> const& shares,
+                      split_scratch& scratch, std::vector<w_sequence*>& children,
+                      std::vector<order_range>& ranges);
+
+// The rows of an attribute's tallies over a node whose cases span range: none where it cannot
+// split the node.
+inline std::size_t tally_rows(column const& att, order_range const& range) {
+  if (!(att.is_discrete() || att.is_continuous()) || range.second - range.first <= 1) return 0;
+  return range.second - (std::max<unsigned long>(range.first, 1) - 1);
+}
+
+// Tallies that add up across tables holding parts of a node's cases: into freq (zeroed by the
+// caller; rows = range.second - base, base = max(range.first, 1) - 1, each of classes + 1
+// columns) the weight of each (order, class) pair at row order - base, in case order; the weight
+// of the cases whose value is unknown is added to freq[0].
+void tally_cases(column const& att, column const& cls, w_sequence const& cases,
+                 order_range const& range, float* freq);
+
+// One attribute's tallies over a node: as tally_cases lays them out, or, for a continuous
+// attribute, compacted to the rows that hold a weight: row 0 (the unknown weight) then rows in
+// ascending order, orders[r] the value order of row r, rows of them in all.
+struct tally_block {
+  float const* freq = nullptr;
+  std::uint32_t const* orders = nullptr;
+  std::size_t rows = 0;
+};
+
+// What score_split gives on a node's cases, from their tallies (summed over the tables that hold
+// them), the node's weight and its number of cases.
+void score_tallies(column const& att, unsigned long classes, float total_weight,
+                   std::size_t n_cases, order_range const& range, tally_block const& block,
+                   float min_objects, options const* opts, split_scratch& s, splitting_desc& best);
 
 // Puts the cases in ascending row order (rows are distinct in a node), as
 // sort_by_row does, in the scratch's tables instead of a buffer of its own.

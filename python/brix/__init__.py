@@ -117,8 +117,9 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         v = _numbers(col)
         return "integer" if np.all(np.isnan(v) | (np.abs(v) <= 2**31 - 1)) else "float"
 
-    def _table(self, X, y=None, sample_weight=None, fitting=False):
-        """The library's table; y: class codes into classes_."""
+    def _table(self, X, y=None, sample_weight=None, fitting=False, keep=None):
+        """The library's table; y: class codes into classes_. keep: per column name, (values,
+        unknown) its value set holds besides the rows' (stored as rows after them)."""
         names, cols = self._columns(X, fitting)
         n = len(cols[0])
         if n == 0:
@@ -159,6 +160,11 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             if not np.any(w > 0):
                 raise ValueError("sample_weight is 0 for every sample: no case would count")
             b.numbers("__weight__", "weights", "float", w)
+        for name, (values, unknown) in (keep or {}).items():
+            if self._kinds.get(name) == "discrete" or name == "__class__":
+                b.keep_texts(name, list(values), bool(unknown))
+            else:
+                b.keep_values(name, [float(v) for v in values], bool(unknown))
         return b.build(y is not None)
 
     # ------------------------------------------------------------------ estimator

@@ -16,6 +16,7 @@
 #include "brix/ensemble.h"
 #include "brix/model.h"
 #include "brix/rules.h"
+#include "brix/tallies.h"
 #include "brix/tree_writer.h"
 
 namespace py = pybind11;
@@ -105,6 +106,12 @@ class builder {
     }
     keep_.push_back(a);
   }
+  void keep_values(std::string const& name, std::vector<double> values, bool unknown) {
+    b_.keep_values(name, std::move(values), unknown);
+  }
+  void keep_texts(std::string const& name, std::vector<std::string> texts, bool unknown) {
+    b_.keep_texts(name, std::move(texts), unknown);
+  }
   void strings(std::string const& name, std::string const& kind,
                std::vector<std::string> const& values, std::vector<bool> const& known) {
     b_.add_strings(name, kind_of(kind), values, known);
@@ -151,6 +158,19 @@ py::array_t<double> proba_array(Model const& model, brix::table const& t) {
   return out;
 }
 
+// A holder of cases and the table it reads, which must live as long.
+struct worker_state {
+  std::shared_ptr<brix::table> t;
+  std::shared_ptr<brix::tally_worker> w;
+};
+
+template <class T>
+py::array_t<T> to_array(std::vector<T> const& v) {
+  py::array_t<T> a(static_cast<py::ssize_t>(v.size()));
+  std::copy(v.begin(), v.end(), a.mutable_data());
+  return a;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
@@ -165,14 +185,91 @@ PYBIND11_MODULE(_core, m) {
     }
   });
   py::class_<brix::table, std::shared_ptr<brix::table>>(m, "Table")
-      .def_property_readonly("n_rows", &brix::table::get_no_rows);
+      .def_property_readonly("n_rows", &brix::table::get_no_rows)
+      .def("save", &brix::table::toBinary)
+      .def_static("load", [](std::string const& path) {
+        return std::shared_ptr<brix::table>(brix::table::fromBinary(path));
+      });
   py::class_<builder>(m, "TableBuilder")
       .def(py::init<>())
       .def("numbers", &builder::numbers, py::arg("name"), py::arg("kind"), py::arg("type"),
            py::arg("values"), py::arg("known") = py::none())
       .def("codes", &builder::codes)
       .def("strings", &builder::strings)
+      .def("keep_values", &builder::keep_values, py::arg("name"), py::arg("values"),
+           py::arg("unknown") = false)
+      .def("keep_texts", &builder::keep_texts, py::arg("name"), py::arg("texts"),
+           py::arg("unknown") = false)
       .def("build", &builder::build, py::arg("require_class") = true);
+  // Growing over tables held elsewhere (brix.dask): flat arrays in and out.
+  py::class_<worker_state>(m, "TallyWorker")
+      .def(py::init([](std::shared_ptr<brix::table> t, unsigned long n_rows) {
+        return worker_state{t, std::make_shared<brix::tally_worker>(*t, n_rows)};
+      }))
+      .def(py::init([](std::shared_ptr<brix::table> t, std::vector<std::int64_t> const& nodes,
+                       std::vector<std::uint32_t> const& rows, std::vector<float> const& weights) {
+        return worker_state{t, std::make_shared<brix::tally_worker>(*t, nodes, rows, weights)};
+      }))
+      .def_property_readonly("table", [](worker_state const& w) { return w.t; })
+      .def_property_readonly("held", [](worker_state const& w) { return w.w->held(); })
+      .def("tallies",
+           [](worker_state const& w, std::vector<std::int64_t> const& open) {
+             std::vector<std::int64_t> at, counts;
+             std::vector<float> rows;
+             {
+               py::gil_scoped_release release;
+               w.w->tallies(open, at, rows, counts);
+             }
+             return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
+           })
+      .def("applied",
+           [](worker_state const& w, std::vector<std::int64_t> nodes,
+              std::vector<std::string> thresholds, std::vector<float> shares) {
+             brix::tally_decisions d{std::move(nodes), std::move(thresholds), std::move(shares)};
+             py::gil_scoped_release release;
+             return worker_state{w.t, std::shared_ptr<brix::tally_worker>(w.w->applied(d))};
+           })
+      .def("cases",
+           [](worker_state const& w) {
+             std::vector<std::int64_t> nodes;
+             std::vector<std::uint32_t> rows;
+             std::vector<float> weights;
+             w.w->cases(nodes, rows, weights);
+             return py::make_tuple(to_array(nodes), to_array(rows), to_array(weights));
+           })
+      .def("evaluate", [](worker_state const& w, brix::tree_model const& model) {
+        return to_array(w.w->evaluate(model));
+      });
+  py::class_<brix::tally_grower>(m, "TallyGrower")
+      .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
+                       std::string const& pruning) {
+             brix::tree_options o;
+             o.confidence = confidence;
+             o.min_cases = min_cases;
+             o.prune = pruning == "full"   ? brix::pruning::full
+                       : pruning == "none" ? brix::pruning::none
+                                           : brix::pruning::error;
+             return std::make_unique<brix::tally_grower>(*t, o);
+           }),
+           py::keep_alive<1, 2>())
+      .def_property_readonly("done", &brix::tally_grower::done)
+      .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
+      .def_property_readonly("tally_size", &brix::tally_grower::tally_size)
+      .def("decide",
+           [](brix::tally_grower& g, std::vector<std::int64_t> const& at,
+              std::vector<float> const& rows, std::vector<std::int64_t> const& counts) {
+             brix::tally_decisions d;
+             {
+               py::gil_scoped_release release;
+               d = g.decide(at, rows, counts);
+             }
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
+           })
+      .def("finish",
+           [](brix::tally_grower& g) { return std::shared_ptr<brix::tree_model>(g.finish()); })
+      .def_static("set_training", [](brix::tree_model& m, std::vector<float> const& flat) {
+        brix::tally_grower::set_training(m, flat);
+      });
   py::class_<brix::tree_model, std::shared_ptr<brix::tree_model>>(m, "Model")
       .def_static(
           "train",

@@ -1,0 +1,489 @@
+// Growing from tallies summed over several tables: the holders' side (tally_worker) and the
+// deciding side (tally_grower), both on the grower's own split search, choice, distribution,
+// prepruning and pruning.
+#include "brix/tallies.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <unordered_map>
+
+#include "brix/impls/column_typed.h"
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/split_search.h"
+#include "brix/impls/table.h"
+#include "brix/impls/w_sequence.h"
+
+namespace brix {
+
+namespace {
+
+using impls::order_range;
+
+// Floats of one open node's tallies over the given ranges.
+std::size_t node_size(impls::table const* t, std::vector<order_range> const& ranges) {
+  std::size_t cols = t->get_class()->get_distinct() + 1;
+  std::size_t n = cols;
+  for (unsigned long a = 0; a < t->get_no_attributes(); ++a)
+    n += impls::tally_rows(*t->get_attribute(a), ranges[a]) * cols;
+  return n;
+}
+
+// The ranges of one open node in the open list, from position p; p moves past them.
+std::vector<order_range> ranges_at(std::vector<std::int64_t> const& open, std::size_t& p,
+                                   unsigned long atts) {
+  if (p + 1 + 2 * atts > open.size()) throw std::invalid_argument("open nodes: short list");
+  std::vector<order_range> r(atts);
+  ++p;
+  for (unsigned long a = 0; a < atts; ++a, p += 2)
+    r[a] =
+        order_range(static_cast<unsigned long>(open[p]), static_cast<unsigned long>(open[p + 1]));
+  return r;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- holders
+
+struct tally_worker::impl {
+  impls::table* t;
+  std::shared_ptr<impls::w_sequence const> root;
+  std::unordered_map<std::int64_t, std::unique_ptr<impls::w_sequence>> cases;
+  impls::split_scratch scratch;
+};
+
+tally_worker::tally_worker(table const& t, unsigned long n_rows) : impl_(new impl()) {
+  impl_->t = t.get_impl();
+  if (impl_->t->get_class() == nullptr)
+    throw std::invalid_argument("the table has no class column");
+  if (n_rows > impl_->t->get_no_rows()) throw std::invalid_argument("more cases than rows");
+  impl_->root.reset(impl_->t->get_wsubset_first_n(n_rows));
+  impl_->cases[0].reset(new impls::w_sequence(*impl_->root));
+}
+
+tally_worker::tally_worker(table const& t, std::vector<unsigned long> const& rows)
+    : tally_worker(t, t.get_no_rows()) {
+  impls::w_sequence* mine = new impls::w_sequence();
+  mine->reserve(rows.size());
+  for (unsigned long r : rows) {
+    if (r >= impl_->root->size()) throw std::invalid_argument("row past the table");
+    mine->push_back(r, (*impl_->root)[r].second);
+  }
+  impl_->cases[0].reset(new impls::w_sequence(*mine));
+  impl_->root.reset(mine);
+}
+
+tally_worker::~tally_worker() = default;
+
+void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
+                           std::vector<float>& rows, std::vector<std::int64_t>& counts) const {
+  impls::table const* t = impl_->t;
+  impls::column const* cls = t->get_class();
+  std::size_t cols = cls->get_distinct() + 1;
+  unsigned long atts = t->get_no_attributes();
+  impls::w_sequence none;
+  // One attribute's tallies at a time, kept all zero between them: a node of few cases clears
+  // only the rows its cases touched.
+  std::vector<float> buf;
+  std::vector<std::size_t> touched;
+  auto emit = [&](float const* row, std::int64_t offset) {
+    for (std::size_t k = 0; k < cols; ++k) {
+      if (row[k] != 0.0f) {
+        at.push_back(offset);
+        rows.insert(rows.end(), row, row + cols);
+        return;
+      }
+    }
+  };
+  std::int64_t base = 0;
+  for (std::size_t p = 0; p < open.size();) {
+    auto it = impl_->cases.find(open[p]);
+    impls::w_sequence const& c = it == impl_->cases.end() ? none : *it->second;
+    std::vector<order_range> ranges = ranges_at(open, p, atts);
+    std::vector<float> dist(cols, 0.0f);
+    cls->visit([&](auto rd) {
+      for (impls::w_case const& w : c)
+        dist[rd(w.first)] += w.second;
+    });
+    emit(dist.data(), base);
+    counts.push_back(static_cast<std::int64_t>(c.size()));
+    std::int64_t pos = base + static_cast<std::int64_t>(cols);
+    for (unsigned long a = 0; a < atts; ++a) {
+      impls::column const* col = t->get_attribute(a);
+      std::size_t n = impls::tally_rows(*col, ranges[a]);
+      if (n == 0) continue;
+      if (!c.empty()) {
+        if (buf.size() < n * cols) buf.resize(n * cols, 0.0f);
+        impls::tally_cases(*col, *cls, c, ranges[a], buf.data());
+        if (c.size() * 4 >= n) {
+          for (std::size_t r = 0; r < n; ++r)
+            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(n * cols), 0.0f);
+        } else {
+          unsigned long lo = std::max<unsigned long>(ranges[a].first, 1) - 1;
+          touched.clear();
+          for (impls::w_case const& w : c) {
+            unsigned long o = col->get_row_index(w.first);
+            touched.push_back(o == 0 ? 0 : o - lo);
+          }
+          std::sort(touched.begin(), touched.end());
+          touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
+          for (std::size_t r : touched) {
+            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+            std::fill(buf.begin() + static_cast<std::ptrdiff_t>(r * cols),
+                      buf.begin() + static_cast<std::ptrdiff_t>((r + 1) * cols), 0.0f);
+          }
+          buf[0] = 0.0f;  // the unknown weight, added even when 0
+        }
+      }
+      pos += static_cast<std::int64_t>(n * cols);
+    }
+    base = pos;
+  }
+}
+
+std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) const {
+  impls::table const* t = impl_->t;
+  std::unique_ptr<tally_worker> out(new tally_worker());
+  out->impl_->t = impl_->t;
+  out->impl_->root = impl_->root;
+  std::size_t threshold = 0, share = 0;
+  std::vector<impls::w_sequence*> children;
+  std::vector<order_range> ranges;
+  impls::w_sequence empty;
+  for (std::size_t i = 0; i + 4 <= d.nodes.size(); i += 4) {
+    if (d.nodes[i + 1] < 0) continue;
+    auto it = impl_->cases.find(d.nodes[i]);
+    impls::w_sequence const& c = it == impl_->cases.end() ? empty : *it->second;
+    auto att = static_cast<unsigned long>(d.nodes[i + 1]);
+    auto branches = static_cast<std::size_t>(d.nodes[i + 3]);
+    if (att >= t->get_no_attributes() || threshold >= d.thresholds.size() ||
+        share + branches > d.shares.size())
+      throw std::invalid_argument("decisions: short or out of range");
+    impls::partition_desc desc;
+    desc.threshold = d.thresholds[threshold++];
+    desc.branches = branches;
+    std::vector<float> shares(d.shares.begin() + share, d.shares.begin() + share + branches);
+    share += branches;
+    impls::partition_shared(*t->get_attribute(att), c.data(), c.data() + c.size(), desc, shares,
+                            out->impl_->scratch, children, ranges);
+    for (std::size_t b = 0; b < children.size(); ++b)
+      out->impl_->cases[d.nodes[i + 2] + static_cast<std::int64_t>(b)].reset(children[b]);
+    children.clear();
+  }
+  return out;
+}
+
+void tally_worker::cases(std::vector<std::int64_t>& nodes, std::vector<std::uint32_t>& rows,
+                         std::vector<float>& weights) const {
+  auto put = [&](std::int64_t id, impls::w_sequence const& c) {
+    for (impls::w_case const& w : c) {
+      nodes.push_back(id);
+      rows.push_back(w.first);
+      weights.push_back(w.second);
+    }
+  };
+  put(-1, *impl_->root);
+  for (auto const& c : impl_->cases)
+    put(c.first, *c.second);
+}
+
+tally_worker::tally_worker() : impl_(new impl()) {}
+
+tally_worker::tally_worker(table const& t, std::vector<std::int64_t> const& nodes,
+                           std::vector<std::uint32_t> const& rows,
+                           std::vector<float> const& weights)
+    : impl_(new impl()) {
+  impl_->t = t.get_impl();
+  if (nodes.size() != rows.size() || rows.size() != weights.size())
+    throw std::invalid_argument("cases: as many nodes, rows and weights are needed");
+  auto root = std::make_shared<impls::w_sequence>();
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    if (rows[i] >= impl_->t->get_no_rows()) throw std::invalid_argument("row past the table");
+    if (nodes[i] < 0) {
+      root->push_back(rows[i], weights[i]);
+    } else {
+      auto& c = impl_->cases[nodes[i]];
+      if (!c) c.reset(new impls::w_sequence());
+      c->push_back(rows[i], weights[i]);
+    }
+  }
+  impl_->root = std::move(root);
+}
+
+std::size_t tally_worker::held() const {
+  std::size_t n = 0;
+  for (auto const& c : impl_->cases)
+    n += c.second->size();
+  return n;
+}
+
+std::vector<float> tally_worker::evaluate(tree_model const& model) const {
+  impls::decision_tree const* tree = model.facade().get_impl();
+  if (tree->get_root() == nullptr) throw std::invalid_argument("no tree");
+  std::unique_ptr<impls::conf_matrix> m(tree->get_root()->predict(impl_->t, impl_->root.get()));
+  std::vector<float> out;
+  for (auto const& row : m->cells())
+    out.insert(out.end(), row.begin(), row.end());
+  return out;
+}
+
+// ---------------------------------------------------------------- deciding
+
+struct tally_grower::impl {
+  impls::table* t;
+  tree_options o;
+  impls::options opts;
+  std::unique_ptr<impls::_decision_tree> root;
+  struct pending {
+    std::int64_t id;
+    impls::_decision_tree* tree;
+    float known;
+    std::vector<order_range> ranges;
+  };
+  std::vector<pending> open;
+  std::int64_t next = 1;
+  impls::split_scratch scratch;
+};
+
+tally_grower::tally_grower(table const& meta, tree_options const& o) : impl_(new impl()) {
+  if (!(o.confidence > 0.0f && o.confidence <= 1.0f))
+    throw std::invalid_argument("confidence must be in (0,1]");
+  if (!(o.min_cases > 1.0f)) throw std::invalid_argument("min_cases must be > 1");
+  if (o.prune == pruning::full)
+    throw std::invalid_argument(
+        "pruning 'full' raises subtrees, which needs every node's cases on one machine; use "
+        "'error' or 'none'");
+  impls::table* t = meta.get_impl();
+  if (t->get_class() == nullptr) throw std::invalid_argument("the table has no class column");
+  std::string message;
+  if (!t->set_consistency_for_tree(true, message)) throw std::runtime_error(message);
+  impl_->t = t;
+  impl_->o = o;
+  impl_->root.reset(new impls::_decision_tree());
+  impl_->root->set_node(new impls::_decision_node(static_cast<impls::w_sequence*>(nullptr)));
+  std::vector<order_range> ranges;
+  for (unsigned long a = 0; a < t->get_no_attributes(); ++a)
+    ranges.push_back(t->get_attribute(a)->get_range());
+  impl_->open.push_back({0, impl_->root.get(), 1.0f, std::move(ranges)});
+}
+
+tally_grower::~tally_grower() = default;
+
+bool tally_grower::done() const {
+  return impl_->open.empty();
+}
+
+std::vector<std::int64_t> tally_grower::open() const {
+  std::vector<std::int64_t> out;
+  for (auto const& p : impl_->open) {
+    out.push_back(p.id);
+    for (order_range const& r : p.ranges) {
+      out.push_back(static_cast<std::int64_t>(r.first));
+      out.push_back(static_cast<std::int64_t>(r.second));
+    }
+  }
+  return out;
+}
+
+std::size_t tally_grower::tally_size() const {
+  std::size_t n = 0;
+  for (auto const& p : impl_->open)
+    n += node_size(impl_->t, p.ranges);
+  return n;
+}
+
+tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
+                                     std::vector<float> const& rows,
+                                     std::vector<std::int64_t> const& counts) {
+  impl& g = *impl_;
+  impls::table* t = g.t;
+  std::size_t cols = t->get_class()->get_distinct() + 1;
+  auto total = static_cast<std::int64_t>(tally_size());
+  if (counts.size() != g.open.size() || rows.size() != at.size() * cols)
+    throw std::invalid_argument("tallies: not those of the open nodes");
+  for (std::size_t i = 0; i < at.size(); ++i) {
+    if (at[i] < 0 || at[i] + static_cast<std::int64_t>(cols) > total ||
+        at[i] % static_cast<std::int64_t>(cols) != 0 || (i > 0 && at[i] <= at[i - 1]))
+      throw std::invalid_argument("tallies: not those of the open nodes");
+  }
+  tally_decisions d;
+  std::vector<impl::pending> next;
+  unsigned long atts = t->get_no_attributes();
+  // One node's tallies: discrete attributes dense, continuous ones compacted to the rows that
+  // hold a weight (a deep node holds few of an attribute's values).
+  std::vector<std::vector<float>> freq(atts);
+  std::vector<std::vector<std::uint32_t>> orders(atts);
+  std::vector<impls::tally_block> blocks(atts);
+  std::vector<float> classes(cols);
+  std::int64_t off = 0;
+  std::size_t entry = 0;
+  for (std::size_t i = 0; i < g.open.size(); ++i) {
+    impl::pending& p = g.open[i];
+    impls::_decision_node* node = p.tree->get_node();
+    std::fill(classes.begin(), classes.end(), 0.0f);
+    std::vector<std::int64_t> start(atts + 1);
+    std::int64_t pos = off + static_cast<std::int64_t>(cols);
+    for (unsigned long a = 0; a < atts; ++a) {
+      impls::column const* col = t->get_attribute(a);
+      std::size_t n = impls::tally_rows(*col, p.ranges[a]);
+      start[a] = pos;
+      pos += static_cast<std::int64_t>(n * cols);
+      freq[a].clear();
+      orders[a].clear();
+      if (n == 0) continue;
+      if (col->is_continuous()) {
+        freq[a].assign(cols, 0.0f);  // row 0: the unknown value
+        orders[a].push_back(0);
+      } else {
+        freq[a].assign(n * cols, 0.0f);
+      }
+    }
+    start[atts] = pos;
+    unsigned long a = 0;
+    for (; entry < at.size() && at[entry] < pos; ++entry) {
+      auto row = rows.begin() + static_cast<std::ptrdiff_t>(entry * cols);
+      if (at[entry] < off + static_cast<std::int64_t>(cols)) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), classes.begin());
+        continue;
+      }
+      while (at[entry] >= start[a + 1])
+        ++a;
+      auto r = static_cast<std::size_t>((at[entry] - start[a]) / static_cast<std::int64_t>(cols));
+      if (orders[a].empty()) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin() + r * cols);
+      } else if (r == 0) {
+        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin());
+      } else {
+        unsigned long base = std::max<unsigned long>(p.ranges[a].first, 1) - 1;
+        freq[a].insert(freq[a].end(), row, row + static_cast<std::ptrdiff_t>(cols));
+        orders[a].push_back(static_cast<std::uint32_t>(base + r));
+      }
+    }
+    off = pos;
+    for (unsigned long b = 0; b < atts; ++b) {
+      blocks[b].freq = freq[b].data();
+      blocks[b].orders = orders[b].empty() ? nullptr : orders[b].data();
+      blocks[b].rows = orders[b].size();
+    }
+    node->activate_from(classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
+    node->split_tallies(t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
+    std::int64_t att = -1;
+    if (node->get_node_status() == impls::_decision_node::SPLIT_NODE &&
+        node->get_no_of_splits() >= 1) {
+      att = static_cast<std::int64_t>(node->get_split_attribute_index());
+    }
+    if (att < 0) {
+      d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
+      node->disactivate();
+      continue;
+    }
+    // The chosen attribute's tallies.
+    float const* f = freq[att].data();
+    impls::column const* col = t->get_attribute(att);
+    std::size_t n_rows = col->is_continuous() ? orders[att].size() : freq[att].size() / cols;
+    auto weight = [&](std::size_t r) {
+      float s = 0.0f;
+      for (std::size_t k = 0; k < cols; ++k)
+        s += f[r * cols + k];
+      return s;
+    };
+    float unknown = f[0];
+    float total = node->get_cases_weight();
+    std::vector<float> shares;
+    std::vector<order_range> child_ranges;
+    if (col->is_continuous()) {
+      // As the grower distributes: a cut that leaves one side empty (the midpoint rounded onto
+      // the higher value) takes the lower value; one that still does makes a leaf.
+      auto cut = [&](unsigned long& lo1, unsigned long& hi2, float& w1, float& w2) {
+        unsigned long at = col->get_index(node->partition_.threshold.c_str());
+        lo1 = at;
+        hi2 = at;
+        w1 = unknown;
+        w2 = 0.0f;
+        bool below = false, above = false;
+        for (std::size_t r = 1; r < n_rows; ++r) {
+          float w = weight(r);
+          if (w == 0.0f) continue;
+          unsigned long order = orders[att][r];
+          if (order <= at) {
+            below = true;
+            lo1 = std::min(lo1, order);
+            w1 += w;
+          } else {
+            above = true;
+            hi2 = std::max(hi2, order);
+            w2 += w;
+          }
+        }
+        return below && above ? at : 0UL;
+      };
+      unsigned long lo1, hi2, at;
+      float w1, w2;
+      at = cut(lo1, hi2, w1, w2);
+      if (at == 0) {
+        node->partition_.threshold = col->get_o_set()->get_value(node->get_split_descs()[att].low);
+        at = cut(lo1, hi2, w1, w2);
+      }
+      if (at == 0) {
+        node->set_as_leaf();
+        d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
+        node->disactivate();
+        continue;
+      }
+      unsigned long lo2 = at;
+      if (unknown != 0.0f) lo1 = lo2 = 0;
+      shares = {w1 / total, w2 / (total - unknown)};
+      child_ranges = {order_range(lo1, at + 1), order_range(lo2, hi2 + 1)};
+    } else {
+      std::size_t k = col->get_distinct();
+      float known = total - unknown;
+      for (std::size_t v = 1; v <= k; ++v) {
+        shares.push_back(weight(v) / known);
+        child_ranges.push_back(order_range(v, v + 1));
+      }
+    }
+    std::int64_t first = g.next;
+    d.nodes.insert(d.nodes.end(), {p.id, att, first, static_cast<std::int64_t>(shares.size())});
+    d.thresholds.push_back(node->get_threshold());
+    d.shares.insert(d.shares.end(), shares.begin(), shares.end());
+    for (std::size_t b = 0; b < shares.size(); ++b) {
+      auto* child = new impls::_decision_node(node, b + 1);
+      auto* sub = new impls::_decision_tree();
+      sub->set_node(child);
+      p.tree->push_back_child(sub);
+      std::vector<order_range> r = p.ranges;
+      r[att] = child_ranges[b];
+      next.push_back({g.next++, sub, shares[b], std::move(r)});
+    }
+    node->disactivate();
+  }
+  g.open = std::move(next);
+  return d;
+}
+
+std::unique_ptr<tree_model> tally_grower::finish() {
+  impl& g = *impl_;
+  if (!done()) throw std::logic_error("tally_grower::finish: nodes are still open");
+  if (!g.root) throw std::logic_error("tally_grower::finish: called twice");
+  g.root->preprune(1.0f);
+  auto tree = std::make_unique<dtree>(g.t->get_name());
+  tree->set_conf_level(g.o.confidence);
+  tree->set_min_obj(g.o.min_cases);
+  tree->set_pruning_strategy(g.o.prune == pruning::none ? dtree::NO_PRUNING : dtree::DT_PRUNING);
+  tree->get_impl()->adopt_grown(g.t, std::move(g.root));
+  return std::unique_ptr<tree_model>(new tree_model(std::move(tree)));
+}
+
+void tally_grower::set_training(tree_model& model, std::vector<float> const& flat) {
+  impls::decision_tree* tree = model.facade().get_impl();
+  auto m = std::make_unique<impls::conf_matrix>(tree->get_metadata());
+  std::size_t n = m->size();
+  if (flat.size() != n * n) throw std::invalid_argument("training matrix: wrong size");
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t j = 0; j < n; ++j)
+      m->add(i, j, flat[i * n + j]);
+  tree->set_prediction(std::move(m));
+}
+
+}  // namespace brix

@@ -1,0 +1,378 @@
+"""brix.dask.TreeClassifier: the tree of brix.TreeClassifier grown over a Dask DataFrame whose
+partitions stay on the workers of a distributed cluster.
+
+Each partition becomes a Brix table on its worker, with the value sets of all the rows (one pass
+gathers them), so that value orders mean the same everywhere. Then, level by level, every worker
+tallies the class weights of its own cases per attribute value for each open node, the tallies
+are added up in a tree reduction, the client chooses every split with the engine's own split
+search, and the workers share their cases out to the children. Rows never reach the client. With
+whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
+"""
+import os
+import tempfile
+
+import numpy as np
+
+from . import TreeClassifier as _LocalTreeClassifier
+from . import _core, _text
+
+__all__ = ["TreeClassifier"]
+
+
+def _is_dask_collection(X):
+    return hasattr(X, "dask") and hasattr(X, "npartitions")
+
+
+class _Holder:
+    """A partition's table and the cases of its open nodes, on a worker. Moved (or spilled) as
+    the table's binary file and its cases."""
+
+    def __init__(self, worker):
+        self.worker = worker
+
+    def __reduce__(self):
+        with tempfile.TemporaryDirectory() as d:
+            p = os.path.join(d, "part.tbl")
+            self.worker.table.save(p)
+            with open(p, "rb") as f:
+                data = f.read()
+        return (_restore_holder, (data,) + tuple(self.worker.cases()))
+
+
+def _restore_holder(data, nodes, rows, weights):
+    with tempfile.TemporaryDirectory() as d:
+        p = os.path.join(d, "part.tbl")
+        with open(p, "wb") as f:
+            f.write(data)
+        table = _core.Table.load(p)
+    return _Holder(_core.TallyWorker(table, nodes, rows, weights))
+
+
+def _holder_size(h):
+    # Rows and cases in memory: keeps the scheduler from thinking a holder is cheap to move.
+    return int(h.worker.table.n_rows) * 64 + int(h.worker.held) * 8
+
+
+try:
+    from dask.sizeof import sizeof as _sizeof
+
+    _sizeof.register(_Holder)(_holder_size)
+except ImportError:  # pragma: no cover - dask missing: nothing to register
+    pass
+
+
+# ---------------------------------------------------------------- tasks run on the workers
+
+def _describe(est, X, y, w):
+    """What one partition adds to the value sets: per column its distinct values (numbers, or
+    texts of discrete columns) and whether it has unknown ones; the class labels; its kinds."""
+    import pandas as pd
+    names = [str(c) for c in X.columns]
+    cols = [X.iloc[:, j] for j in range(X.shape[1])]
+    out = {"n": len(X), "columns": {}, "kinds": {}}
+    from . import _codes, _days, _numbers
+    for j, (name, col) in enumerate(zip(names, cols)):
+        kind = est._kind_of(name, col, j) if len(col) else None
+        out["kinds"][name] = kind
+        if kind is None:
+            continue
+        if kind == "discrete":
+            codes, texts = _codes(col, name)
+            codes = np.asarray(codes)
+            used = np.unique(codes[codes >= 0])
+            out["columns"][name] = ([texts[c] for c in used], bool(np.any(codes < 0)))
+        else:
+            v = _days(col) if kind.startswith("date") else _numbers(col, name)
+            v = np.asarray(v, dtype=float)
+            unknown = np.isnan(v)
+            out["columns"][name] = (np.unique(v[~unknown]), bool(np.any(unknown)))
+    yv = np.asarray(y)
+    out["labels"] = pd.unique(yv) if len(yv) else yv
+    out["unknown_labels"] = int(np.sum(pd.isna(yv))) if yv.dtype.kind in "fOMm" else 0
+    out["weight"] = float(np.asarray(w, dtype=float).sum()) if w is not None else float(len(yv))
+    return out
+
+
+def _hold(est, X, y, w, keep):
+    """The partition as a Brix table with the value sets of all the rows, and its cases."""
+    import pandas as pd
+    codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
+    table = est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
+    return _Holder(_core.TallyWorker(table, len(X)))
+
+
+def _tallies(holder, open_nodes, cols):
+    at, rows, counts = holder.worker.tallies(open_nodes)
+    return at, rows.reshape(-1, cols), counts
+
+
+def _add(a, b):
+    """Two sparse tallies summed: rows at the same offset added (in float32, as the grower's
+    own sums are), the offsets kept ascending."""
+    at = np.concatenate([a[0], b[0]])
+    rows = np.concatenate([a[1], b[1]])
+    keys, where = np.unique(at, return_inverse=True)
+    out = np.zeros((len(keys), rows.shape[1]), dtype=np.float32)
+    np.add.at(out, where, rows)
+    return keys, out, a[2] + b[2]
+
+
+def _applied(holder, decisions):
+    return _Holder(holder.worker.applied(*decisions))
+
+
+def _evaluate(holder, model_bytes):
+    with tempfile.TemporaryDirectory() as d:
+        p = os.path.join(d, "model.tree")
+        with open(p, "wb") as f:
+            f.write(model_bytes)
+        model = _core.Model.load(p)
+    return holder.worker.evaluate(model)
+
+
+def _predict_part(est, X, proba):
+    if len(X) == 0:
+        return np.zeros((0, len(est.classes_))) if proba else est.classes_[:0]
+    return _LocalTreeClassifier.predict_proba(est, X) if proba else \
+        _LocalTreeClassifier.predict(est, X)
+
+
+# ---------------------------------------------------------------- the estimator
+
+class TreeClassifier(_LocalTreeClassifier):
+    """brix.TreeClassifier whose fit takes a Dask DataFrame (y a Dask Series, sample_weight one
+    too, partitioned alike) on a distributed cluster, and whose predict and predict_proba take
+    Dask DataFrames partition by partition (anything else as brix.TreeClassifier does).
+
+    client: the distributed.Client to run on; None: the current one.
+    pruning "full" (raising subtrees) needs every node's cases in one place and is refused.
+    After fit, fit_levels_ lists per level the open nodes and the bytes of tallies and decisions
+    that moved.
+    """
+
+    def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
+                 categorical_features=None, client=None):
+        super().__init__(confidence=confidence, min_cases=min_cases, pruning=pruning,
+                         n_jobs=n_jobs, categorical_features=categorical_features)
+        self.client = client
+
+    def __getstate__(self):
+        state = super().__getstate__()
+        state["client"] = None  # a client does not travel
+        return state
+
+    def _client(self):
+        if self.client is not None:
+            return self.client
+        try:
+            from distributed import get_client
+            return get_client()
+        except ValueError:
+            raise ValueError("brix.dask.TreeClassifier needs a distributed.Client: create one "
+                             "(distributed.Client(...)) or pass client=")
+
+    def fit(self, X, y, sample_weight=None):
+        if not _is_dask_collection(X):
+            return super().fit(X, y, sample_weight)
+        client = self._client()
+        try:
+            return self._fit_dask(X, y, sample_weight, client)
+        except (ValueError, TypeError):
+            raise
+        except Exception as e:
+            if getattr(client, "status", "running") != "running" or isinstance(e, OSError):
+                raise RuntimeError(f"fit failed: lost the connection to the Dask cluster (the "
+                                   f"client is {client.status}): {e!r}") from e
+            raise
+
+    def _fit_dask(self, X, y, sample_weight, client):
+        import pandas as pd
+        from concurrent.futures import CancelledError as FutureCancelledError
+        try:
+            from distributed.scheduler import KilledWorker
+        except ImportError:  # pragma: no cover
+            KilledWorker = RuntimeError
+        from sklearn.utils.multiclass import check_classification_targets
+        if self.pruning not in ("error", "full", "none"):
+            raise ValueError("pruning must be 'error', 'full' or 'none'")
+        if self.pruning == "full":
+            raise ValueError("pruning='full' raises subtrees, which needs every node's cases on "
+                             "one machine: not available on a cluster; use 'error' or 'none'")
+        if not hasattr(X, "columns"):
+            raise TypeError("X must be a dask DataFrame")
+        if y is None or not _is_dask_collection(y):
+            raise TypeError("y must be a dask Series partitioned as X is")
+        if y.npartitions != X.npartitions or (
+                sample_weight is not None and (not _is_dask_collection(sample_weight) or
+                                               sample_weight.npartitions != X.npartitions)):
+            raise ValueError("X, y and sample_weight must have the same partitions")
+        names = [str(c) for c in X.columns]
+        if len(names) == 0:
+            raise ValueError("0 feature(s) while a minimum of 1 is required.")
+        self.feature_names_in_ = np.asarray(names, dtype=object)
+        self.n_features_in_ = len(names)
+        for attr in ("_kinds", "classes_", "_label_text", "_model"):
+            self.__dict__.pop(attr, None)
+        xs, ys = X.to_delayed(), y.to_delayed()
+        ws = sample_weight.to_delayed() if sample_weight is not None else [None] * len(xs)
+        probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
+        try:
+            # One pass: the value sets of all the rows.
+            described = _results(client, client.compute(
+                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)]))
+            parts = [d for d in described if d["n"] > 0]
+            if not parts:
+                raise ValueError("Found array with 0 sample(s) while a minimum of 1 is required.")
+            unknown = sum(d["unknown_labels"] for d in parts)
+            if unknown:
+                raise ValueError(f"Input y has unknown values: {unknown} unknown class values "
+                                 "(drop those rows)")
+            kinds = {}
+            for name in names:
+                ks = {d["kinds"][name] for d in parts if d["kinds"][name] is not None}
+                kinds[name] = ("discrete" if "discrete" in ks else "float" if "float" in ks else
+                               "date-fraction" if "date-fraction" in ks else
+                               "date" if "date" in ks else "integer")
+                if "discrete" in ks and len(ks) > 1:
+                    raise ValueError(f"column '{name}' is categorical in some partitions and "
+                                     "numeric in others; give it one dtype")
+            keep = {}
+            for name in names:
+                unknown_values = any(d["columns"][name][1] for d in parts)
+                if kinds[name] == "discrete":
+                    texts = sorted({t for d in parts for t in d["columns"][name][0]})
+                    keep[name] = (texts, unknown_values)
+                else:
+                    values = np.unique(np.concatenate([d["columns"][name][0] for d in parts]))
+                    keep[name] = (values, unknown_values)
+            labels = pd.unique(np.concatenate([np.asarray(d["labels"], dtype=object)
+                                               for d in parts]))
+            try:
+                labels = np.asarray(labels.tolist())
+                classes = labels[np.argsort(labels, kind="stable")]
+            except TypeError:
+                raise ValueError("class column mixes values that do not compare (such as "
+                                 "numbers and texts)")
+            check_classification_targets(classes)
+            self.classes_ = classes
+            self._kinds = kinds
+            self._label_text = {c: _text(c) for c in classes}
+            if len(set(self._label_text.values())) != len(classes):
+                raise ValueError("class column holds labels that differ but read as the same "
+                                 "text (such as 1 and '1'); make them one type")
+            total = sum(d["weight"] for d in parts)
+            if total > 2.0**24:
+                import warnings
+                warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
+                              "counts in the tree are 32-bit sums and stop being exact from "
+                              "there", RuntimeWarning)
+            keep["__class__"] = ([self._label_text[c] for c in classes], False)
+            spec = _LocalTreeClassifier(categorical_features=self.categorical_features)
+            spec.__dict__.update({k: getattr(self, k) for k in (
+                "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
+            if hasattr(probe, "_array_discrete"):
+                spec._array_discrete = probe._array_discrete
+            # Every partition a table on its worker (persisted there); the client keeps only
+            # one of no cases, for the value sets.
+            holders = client.compute([_delayed(_hold)(spec, a, b, c, keep)
+                                      for a, b, c, d in zip(xs, ys, ws, described)
+                                      if d["n"] > 0])
+            # One row of values every column holds (class and values are kept anyway).
+            meta = pd.DataFrame({n: pd.Series(
+                [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
+                dtype=object if kinds[n] == "discrete" else float) for n in names})
+            meta_table = spec._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
+            grower = _core.TallyGrower(meta_table, float(self.confidence),
+                                       float(self.min_cases), self.pruning)
+            self.fit_levels_ = []
+            while not grower.done:
+                open_nodes = grower.open()
+                tallies = client.map(_tallies, holders, open_nodes=open_nodes,
+                                     cols=len(classes) + 1, pure=False)
+                sizes = _results(client, client.map(_nbytes, tallies, pure=False))
+                while len(tallies) > 1:
+                    paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
+                              for i in range(0, len(tallies) - 1, 2)]
+                    if len(tallies) % 2:
+                        paired.append(tallies[-1])
+                    tallies = paired
+                at, rows, counts = _results(client, tallies)[0]
+                decisions = grower.decide(at, rows.reshape(-1), counts)
+                self.fit_levels_.append({
+                    "open_nodes": int(len(counts)),
+                    "tally_bytes": int(sum(sizes)),
+                    "decision_bytes": int(decisions[0].nbytes + decisions[2].nbytes +
+                                          sum(len(t) for t in decisions[1])),
+                })
+                if not grower.done:
+                    holders = client.map(_applied, holders, decisions=decisions, pure=False)
+                    _results(client, holders, fetch=False)
+            model = grower.finish()
+            self._model = model
+            blob = self.__getstate__()["_model"]
+            matrices = _results(client, client.map(_evaluate, holders, model_bytes=blob,
+                                                   pure=False))
+            training = matrices[0]
+            for m in matrices[1:]:
+                training = training + m
+            _core.TallyGrower.set_training(model, training)
+        except KilledWorker as e:
+            raise RuntimeError(f"fit failed: workers holding the partitions were lost too often "
+                               f"to recompute them ({e})") from e
+        except FutureCancelledError as e:
+            raise RuntimeError(f"fit failed: the cluster cancelled its work ({e}); was the "
+                               "client closed or the scheduler lost?") from e
+        return self
+
+    def predict_proba(self, X):
+        if not _is_dask_collection(X):
+            return super().predict_proba(X)
+        return self._per_partition(X, True)
+
+    def predict(self, X):
+        if not _is_dask_collection(X):
+            return super().predict(X)
+        return self._per_partition(X, False)
+
+    def _per_partition(self, X, proba):
+        import dask.array as da
+        from sklearn.utils.validation import check_is_fitted
+        check_is_fitted(self, "_model")
+        local = _LocalTreeClassifier()
+        state = self.__getstate__()
+        state.pop("client", None)
+        local.__setstate__(state)
+        parts = X.to_delayed()
+        arrays = []
+        for part in parts:
+            d = _delayed(_predict_part)(local, part, proba)
+            shape = (np.nan, len(self.classes_)) if proba else (np.nan,)
+            arrays.append(da.from_delayed(d, shape=shape,
+                                          dtype=float if proba else self.classes_.dtype))
+        return da.concatenate(arrays)
+
+
+def _results(client, futures, fetch=True):
+    """The futures' results (or only their completion), waiting in short steps so that a client
+    that closes or loses its scheduler meanwhile ends the wait with an error instead of a hang."""
+    from distributed import wait
+    from distributed.client import TimeoutError as DaskTimeout
+    while True:
+        if client.status != "running":
+            raise RuntimeError(f"fit failed: the client is {client.status} (closed, or its "
+                               "connection to the scheduler lost)")
+        try:
+            wait(futures, timeout=1)
+            break
+        except (DaskTimeout, TimeoutError):
+            continue
+    return client.gather(futures) if fetch else None
+
+
+def _nbytes(t):
+    return t[0].nbytes + t[1].nbytes + t[2].nbytes
+
+
+def _delayed(f):
+    from dask import delayed
+    return delayed(f, pure=False)

@@ -1,0 +1,212 @@
+// Trees grown from tallies summed over parts of a table are the trees of the whole table, and
+// tables built from parts of the rows with kept values share the whole table's orders.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "brix/data.h"
+#include "brix/impls/column.h"
+#include "brix/impls/conf_matrix.h"
+#include "brix/impls/decision_tree.h"
+#include "brix/impls/table.h"
+#include "brix/model.h"
+#include "brix/tallies.h"
+
+namespace {
+
+std::string text_of(brix::tree_model const& m) {
+  std::ostringstream o;
+  m.write_text(o);
+  return o.str();
+}
+
+std::vector<std::vector<float>> training_of(brix::tree_model const& m) {
+  return m.facade().get_impl()->get_prediction()->cells();
+}
+
+// Rows dealt out to k holders, in blocks or one by one.
+std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
+                                                 brix::tree_options const& o, bool dealt) {
+  unsigned long n = t.get_no_rows();
+  std::vector<std::vector<unsigned long>> parts(k);
+  for (unsigned long r = 0; r < n; ++r)
+    parts[dealt ? r % k : r * k / n].push_back(r);
+  std::vector<std::unique_ptr<brix::tally_worker>> workers;
+  for (auto const& p : parts)
+    workers.emplace_back(new brix::tally_worker(t, p));
+  brix::tally_grower grower(t, o);
+  while (!grower.done()) {
+    std::vector<std::int64_t> open = grower.open();
+    std::map<std::int64_t, std::vector<float>> sums;
+    std::vector<std::int64_t> counts;
+    for (auto& w : workers) {
+      std::vector<std::int64_t> at, c;
+      std::vector<float> rows;
+      w->tallies(open, at, rows, c);
+      std::size_t cols = rows.size() / std::max<std::size_t>(at.size(), 1);
+      for (std::size_t i = 0; i < at.size(); ++i) {
+        std::vector<float>& s = sums[at[i]];
+        s.resize(cols, 0.0f);
+        for (std::size_t k = 0; k < cols; ++k)
+          s[k] += rows[i * cols + k];
+      }
+      counts.resize(c.size(), 0);
+      for (std::size_t i = 0; i < c.size(); ++i)
+        counts[i] += c[i];
+    }
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
+    for (auto const& e : sums) {
+      EXPECT_LT(static_cast<std::size_t>(e.first), grower.tally_size());
+      at.push_back(e.first);
+      rows.insert(rows.end(), e.second.begin(), e.second.end());
+    }
+    brix::tally_decisions d = grower.decide(at, rows, counts);
+    for (auto& w : workers) {
+      w = w->applied(d);
+      if (dealt) {
+        // Moved elsewhere: the same cases restored from their triples.
+        std::vector<std::int64_t> nodes;
+        std::vector<std::uint32_t> rows;
+        std::vector<float> weights;
+        w->cases(nodes, rows, weights);
+        w.reset(new brix::tally_worker(t, nodes, rows, weights));
+      }
+    }
+  }
+  auto model = grower.finish();
+  std::vector<float> training;
+  for (auto& w : workers) {
+    std::vector<float> m = w->evaluate(*model);
+    if (training.empty()) {
+      training = m;
+    } else {
+      for (std::size_t i = 0; i < m.size(); ++i)
+        training[i] += m[i];
+    }
+  }
+  brix::tally_grower::set_training(*model, training);
+  return model;
+}
+
+void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string const& what) {
+  auto whole = brix::tree_model::train(t, o);
+  for (unsigned k : {1u, 2u, 7u, 16u}) {
+    for (bool dealt : {false, k == 7}) {
+      auto parts = grown_in_parts(t, k, o, dealt);
+      EXPECT_EQ(text_of(*parts), text_of(*whole))
+          << what << " in " << k << (dealt ? " dealt" : " block") << " parts";
+      EXPECT_EQ(training_of(*parts), training_of(*whole)) << what << " in " << k << " parts";
+    }
+  }
+}
+
+// A seeded table: discrete attributes, continuous ones of few values (tallied) and of many
+// (sorted), whole weights, classes that depend on them with noise.
+std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights) {
+  std::mt19937 gen(seed);
+  std::vector<std::string> colour(n), cls(n);
+  std::vector<double> small(n), wide(n), w(n);
+  char const* colours[] = {"red", "green", "blue", "grey"};
+  for (unsigned long i = 0; i < n; ++i) {
+    colour[i] = colours[gen() % 4];
+    small[i] = gen() % 9;
+    wide[i] = std::round((gen() % 100000) / 7.0) / 10.0;
+    bool yes = (wide[i] > 500.0) != (small[i] < 3 && colour[i] != "grey");
+    if (gen() % 10 == 0) yes = !yes;
+    cls[i] = yes ? "yes" : (gen() % 3 == 0 ? "maybe" : "no");
+    w[i] = 1 + gen() % 3;
+  }
+  brix::table_builder b("seeded");
+  b.add_strings("colour", brix::column_kind::discrete, colour)
+      .add_numbers("small", brix::column_kind::continuous, brix::value_type::integer, small)
+      .add_numbers("wide", brix::column_kind::continuous, brix::value_type::float32, wide)
+      .add_strings("class", brix::column_kind::class_label, cls);
+  if (weights) b.add_numbers("w", brix::column_kind::weights, brix::value_type::float32, w);
+  return b.build();
+}
+
+}  // namespace
+
+TEST(TallyGrowing, SeededTablesInAnyPartsGrowTheWholeTablesTree) {
+  struct {
+    unsigned seed;
+    unsigned long rows;
+    bool weights;
+    float min_cases;
+    brix::pruning prune;
+  } const cases[] = {
+      {1, 3000, false, 2.0f, brix::pruning::error},
+      {2, 5000, true, 2.0f, brix::pruning::error},
+      {3, 800, false, 5.0f, brix::pruning::none},
+      {4, 8000, false, 2.0f, brix::pruning::error},
+  };
+  for (auto const& c : cases) {
+    auto t = seeded(c.seed, c.rows, c.weights);
+    brix::tree_options o;
+    o.min_cases = c.min_cases;
+    o.prune = c.prune;
+    expect_same_tree(*t, o, "seed " + std::to_string(c.seed));
+  }
+}
+
+TEST(TallyGrowing, SharedDatasetsGrowBrixcmdsTree) {
+  // Whole weights and no unknown values: sums are exact in any order.
+  for (char const* stem : {"weka_iris", "mlb_pima", "weka_weather_nominal"}) {
+    auto t = brix::read_table(std::string(BRIX_SHARED_DATA) + "/" + stem);
+    expect_same_tree(*t, brix::tree_options{}, stem);
+  }
+}
+
+TEST(TallyGrowing, RefusesSubtreeRaisingAndForeignTallies) {
+  auto t = seeded(5, 100, false);
+  brix::tree_options o;
+  o.prune = brix::pruning::full;
+  EXPECT_THROW(brix::tally_grower(*t, o), std::invalid_argument);
+  brix::tally_grower g(*t, brix::tree_options{});
+  EXPECT_THROW(g.decide({1}, std::vector<float>(4), std::vector<std::int64_t>(1)),
+               std::invalid_argument);
+  EXPECT_THROW(g.finish(), std::logic_error);
+}
+
+TEST(TableBuilderKeptValues, PartsShareTheWholeTablesOrders) {
+  std::vector<double> x = {3.5, 1.0, std::nan(""), 7.25, 1.0, 2.0};
+  std::vector<std::string> c = {"b", "a", "c", "a", "d", "b"};
+  std::vector<std::string> y = {"n", "y", "n", "y", "y", "n"};
+  auto whole = brix::table_builder("w")
+                   .add_numbers("x", brix::column_kind::continuous, brix::value_type::float32, x)
+                   .add_strings("c", brix::column_kind::discrete, c)
+                   .add_strings("y", brix::column_kind::class_label, y)
+                   .build();
+  for (std::size_t from : {0ul, 3ul}) {
+    std::vector<double> px(x.begin() + from, x.begin() + from + 3);
+    std::vector<std::string> pc(c.begin() + from, c.begin() + from + 3);
+    std::vector<std::string> py(y.begin() + from, y.begin() + from + 3);
+    auto part = brix::table_builder("p")
+                    .add_numbers("x", brix::column_kind::continuous, brix::value_type::float32, px)
+                    .add_strings("c", brix::column_kind::discrete, pc)
+                    .add_strings("y", brix::column_kind::class_label, py)
+                    .keep_values("x", {1.0, 2.0, 3.5, 7.25}, true)
+                    .keep_texts("c", {"a", "b", "c", "d"})
+                    .keep_texts("y", {"n", "y"})
+                    .build();
+    ASSERT_GE(part->get_no_rows(), 3u);
+    for (unsigned long a = 0; a < 2; ++a) {
+      auto const* wc = whole->get_impl()->get_attribute(a);
+      auto const* pcol = part->get_impl()->get_attribute(a);
+      EXPECT_EQ(pcol->get_distinct(), wc->get_distinct());
+      for (std::size_t r = 0; r < 3; ++r)
+        EXPECT_EQ(pcol->get_row_index(r), wc->get_row_index(from + r)) << a << " row " << r;
+    }
+  }
+  EXPECT_THROW(brix::table_builder("p")
+                   .add_strings("y", brix::column_kind::class_label, y)
+                   .keep_texts("nope", {"a"})
+                   .build(),
+               std::invalid_argument);
+}

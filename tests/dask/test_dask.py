@@ -1,0 +1,180 @@
+"""brix.dask.TreeClassifier on a LocalCluster of two worker processes: the trees of brixcmd on
+the same rows in any partitioning, and what a lost worker or client does to a fit."""
+import os
+import signal
+import subprocess
+import threading
+import time
+
+import numpy as np
+import pandas as pd
+import pytest
+
+dd = pytest.importorskip("dask.dataframe")
+distributed = pytest.importorskip("distributed")
+
+import brix  # noqa: E402
+import brix.dask  # noqa: E402
+
+HERE = os.path.dirname(__file__)
+ROOT = os.path.join(HERE, "..", "..")
+SHARED = os.environ.get("BRIX_SHARED_DATA", os.path.join(ROOT, "..", "shared", "data"))
+BRIXCMD = os.environ.get("BRIXCMD", "build/brixcmd")
+
+import sys  # noqa: E402
+sys.path.insert(0, os.path.join(HERE, "..", "python"))
+from test_tree_classifier import read_stem, tree_of  # noqa: E402
+
+
+@pytest.fixture(scope="module")
+def client():
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  dashboard_address=":0") as cluster:
+        with distributed.Client(cluster) as c:
+            yield c
+
+
+def brixcmd(*args):
+    return subprocess.run([BRIXCMD, *args], check=True, capture_output=True, text=True).stdout
+
+
+def agrawal_like(n, seed):
+    """Agrawal's function 2 with 5% of the labels flipped, as a .names/.data pair's frame."""
+    rng = np.random.default_rng(seed)
+    age = rng.integers(20, 81, n)
+    salary = rng.integers(20000, 150001, n)
+    df = pd.DataFrame({
+        "salary": salary,
+        "commission": np.where(salary >= 75000, 0, rng.integers(10000, 75001, n)),
+        "age": age,
+        "elevel": pd.Categorical(rng.integers(0, 5, n).astype(str)),
+        "car": rng.integers(1, 21, n),
+        "zipcode": pd.Categorical(rng.integers(0, 9, n).astype(str)),
+        "hyears": rng.integers(1, 31, n),
+    })
+    a = (((age < 40) & (salary >= 50000) & (salary <= 100000)) |
+         ((age >= 40) & (age < 60) & (salary >= 75000) & (salary <= 125000)) |
+         ((age >= 60) & (salary >= 25000) & (salary <= 75000)))
+    a ^= rng.random(n) < 0.05
+    return df, pd.Series(np.where(a, "groupA", "groupB"), name="class")
+
+
+def write_stem(tmp_path, X, y):
+    stem = str(tmp_path / "t")
+    with open(stem + ".names", "w") as f:
+        for c in X.columns:
+            kind = "discrete" if X[c].dtype.name == "category" else "continuous"
+            f.write(f"{c},{'string' if kind == 'discrete' else 'integer'},{kind}\n")
+        f.write("class,string,class\n")
+    pd.concat([X, y], axis=1).to_csv(stem + ".data", header=False, index=False)
+    return stem
+
+
+def fit_dask(client, X, y, parts, w=None, **kw):
+    dX = dd.from_pandas(X, npartitions=parts, sort=False)
+    dy = dd.from_pandas(y, npartitions=parts, sort=False)
+    dw = dd.from_pandas(w, npartitions=parts, sort=False) if w is not None else None
+    return brix.dask.TreeClassifier(client=client, **kw).fit(dX, dy, dw), dX
+
+
+def shared_stems():
+    if not os.path.isdir(SHARED):
+        return []
+    return sorted(f[:-6] for f in os.listdir(SHARED)
+                  if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
+
+
+@pytest.mark.parametrize("stem", ["golf", "votes"] + shared_stems())
+def test_shared_datasets_grow_brixcmds_tree(client, stem):
+    path = os.path.join(ROOT, "examples", stem) if stem in ("golf", "votes") else \
+        os.path.join(SHARED, stem)
+    X, y, w = read_stem(path)
+    clf, _ = fit_dask(client, X, y, 3, w)
+    assert clf.export_text() == tree_of(brixcmd("-f", path, "-tstd"))
+
+
+@pytest.mark.parametrize("parts", [1, 2, 7, 16])
+def test_agrawal_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts, tmp_path):
+    X, y = agrawal_like(20000, 7)
+    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
+    clf, dX = fit_dask(client, X, y, parts)
+    assert clf.export_text() == expected
+    assert len(clf.fit_levels_) >= 3 and clf.fit_levels_[0]["open_nodes"] == 1
+    # An ordinary model: predictions per partition are the local ones.
+    local = brix.TreeClassifier().fit(X, y)
+    np.testing.assert_array_equal(clf.predict(dX).compute(), local.predict(X))
+    np.testing.assert_allclose(clf.predict_proba(dX).compute(), local.predict_proba(X))
+    assert clf.score(X, y) == local.score(X, y)
+
+
+def fit_while(client, action, n=60000):
+    """Fits on agrawal-like rows while action() runs once the first level is decided; the tree
+    or the exception."""
+    X, y = agrawal_like(n, 3)
+    dX = dd.from_pandas(X, npartitions=4, sort=False)
+    dy = dd.from_pandas(y, npartitions=4, sort=False)
+    clf = brix.dask.TreeClassifier(client=client)
+    result = {}
+
+    def run():
+        try:
+            result["tree"] = clf.fit(dX, dy).export_text()
+        except Exception as e:  # noqa: BLE001 - the test inspects it
+            result["error"] = e
+
+    t = threading.Thread(target=run, daemon=True)
+    t.start()
+    deadline = time.time() + 60
+    while not getattr(clf, "fit_levels_", None) and t.is_alive() and time.time() < deadline:
+        time.sleep(0.01)
+    action()
+    t.join(120)
+    assert not t.is_alive(), "fit hung"
+    return X, y, result
+
+
+def test_a_killed_worker_gives_the_same_tree_or_a_clear_error(client):
+    pid = next(iter(client.run(os.getpid).values()))
+    X, y, result = fit_while(client, lambda: os.kill(pid, signal.SIGKILL))
+    if "error" in result:
+        assert isinstance(result["error"], RuntimeError) and "fit failed" in str(result["error"])
+    else:
+        assert result["tree"] == brix.TreeClassifier().fit(X, y).export_text()
+    client.wait_for_workers(2, timeout=60)
+
+
+def test_a_closed_client_gives_a_clear_error(client):
+    other = distributed.Client(client.scheduler.address, set_as_default=False)
+    X, y = agrawal_like(60000, 3)
+    dX = dd.from_pandas(X, npartitions=4, sort=False)
+    dy = dd.from_pandas(y, npartitions=4, sort=False)
+    clf = brix.dask.TreeClassifier(client=other)
+    box = {}
+
+    def run():
+        try:
+            clf.fit(dX, dy)
+        except Exception as e:  # noqa: BLE001
+            box["error"] = e
+
+    t = threading.Thread(target=run, daemon=True)
+    t.start()
+    while not getattr(clf, "fit_levels_", None) and t.is_alive():
+        time.sleep(0.01)
+    other.close()
+    t.join(60)
+    assert not t.is_alive()
+    assert isinstance(box.get("error"), RuntimeError), box
+    assert "client" in str(box["error"]) or "connection" in str(box["error"])
+
+
+def test_refusals(client):
+    X, y = agrawal_like(100, 1)
+    dX = dd.from_pandas(X, npartitions=2)
+    dy = dd.from_pandas(y, npartitions=2)
+    with pytest.raises(ValueError, match="full"):
+        brix.dask.TreeClassifier(client=client, pruning="full").fit(dX, dy)
+    with pytest.raises(ValueError, match="same partitions"):
+        brix.dask.TreeClassifier(client=client).fit(dX, dd.from_pandas(y, npartitions=3))
+    with pytest.raises(TypeError):
+        brix.dask.TreeClassifier(client=client).fit(dX, y)

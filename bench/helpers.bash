@@ -44,6 +44,13 @@ append_results() {
   printf '\n%s\n' "$2" >>"$results"
 }
 
+# locate_programs BRIXCMD: sets brixcmd to BRIXCMD as an absolute path and brix to the brix
+# command built beside it.
+locate_programs() {
+  brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+  brix=$(dirname "$brixcmd")/brix
+}
+
 # need_programs PROG...: fails, saying so, unless every PROG is an executable file.
 need_programs() {
   local prog

@@ -185,6 +185,21 @@ std::shared_ptr<M> load_of(std::string const& path) {
   return std::shared_ptr<M>(M::load(path).release());
 }
 
+// The text, JSON and PMML exports that ensembles and rulesets write themselves; false for any
+// other format.
+template <class M>
+bool write_export(M const& model, std::string const& format, std::ostream& o) {
+  if (format == "text")
+    model.write_text(o);
+  else if (format == "json")
+    model.write_json(o);
+  else if (format == "pmml")
+    model.write_pmml(o);
+  else
+    return false;
+  return true;
+}
+
 // The members every model type has alike: load, save, classes and predict_proba.
 template <class M>
 py::class_<M, std::shared_ptr<M>>& model_members(py::class_<M, std::shared_ptr<M>>& c) {
@@ -348,13 +363,8 @@ PYBIND11_MODULE(_core, m) {
           "export",
           [](brix::ensemble const& model, std::string const& format, long max_depth) {
             std::ostringstream o;
-            if (format == "text")
-              model.write_text(o);
-            else if (format == "json")
-              model.write_json(o);
-            else if (format == "pmml")
-              model.write_pmml(o);
-            else if (format == "dot")
+            if (write_export(model, format, o)) return o.str();
+            if (format == "dot")
               model.write_dot(o, max_depth);
             else
               throw std::invalid_argument("no format '" + format + "' for boosted trees");
@@ -370,13 +380,7 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("leaves", &brix::rule_model::leaves)
       .def("export", [](brix::rule_model const& model, std::string const& format) {
         std::ostringstream o;
-        if (format == "text")
-          model.write_text(o);
-        else if (format == "json")
-          model.write_json(o);
-        else if (format == "pmml")
-          model.write_pmml(o);
-        else
+        if (!write_export(model, format, o))
           throw std::invalid_argument("a ruleset exports as text, json or pmml, not '" + format +
                                       "'");
         return o.str();

@@ -5,8 +5,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
 locate_programs "$1"
-data=$root/../shared/data
-[ -d "$data" ] || { echo "cv.sh: $data not found; benchmark skipped"; exit 0; }
+shared_data "$root" || exit 0
 rows=""
 for name in mlb_letter weka_credit_g mlb_pima; do
   stem=$data/$name

@@ -51,6 +51,12 @@ locate_programs() {
   brix=$(dirname "$brixcmd")/brix
 }
 
+# shared_data ROOT: sets data to the shared dataset folder; returns 1, after saying so, without it.
+shared_data() {
+  data=$1/../shared/data
+  [ -d "$data" ] || { echo "$(basename "$0"): $data not found; benchmark skipped"; return 1; }
+}
+
 # need_programs PROG...: fails, saying so, unless every PROG is an executable file.
 need_programs() {
   local prog

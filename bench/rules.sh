@@ -7,8 +7,7 @@ root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
 locate_programs "$1"
 need_programs "$brix" || exit 1
-data=$root/../shared/data
-[ -d "$data" ] || { echo "rules.sh: $data not found; benchmark skipped"; exit 0; }
+shared_data "$root" || exit 0
 # The figure of a --report json document at a path of keys.
 field() { /usr/bin/python3 -c 'import json,sys
 j=json.load(sys.stdin)

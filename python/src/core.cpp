@@ -282,12 +282,9 @@ PYBIND11_MODULE(_core, m) {
   py::class_<brix::tally_grower>(m, "TallyGrower")
       .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
                        std::string const& pruning) {
-             brix::tree_options o;
-             o.confidence = confidence;
-             o.min_cases = min_cases;
-             o.prune = pruning == "full"   ? brix::pruning::full
-                       : pruning == "none" ? brix::pruning::none
-                                           : brix::pruning::error;
+             // The grower takes no thread count: the default stays.
+             brix::tree_options o =
+                 tree_options_of(confidence, min_cases, pruning, brix::tree_options().threads);
              return std::make_unique<brix::tally_grower>(*t, o);
            }),
            py::keep_alive<1, 2>())

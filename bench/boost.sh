@@ -6,11 +6,9 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
-brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-brix=$(dirname "$brixcmd")/brix
+locate_programs "$1"
 need_programs "$brix" || exit 1
-data=$root/../shared/data
-[ -d "$data" ] || { echo "boost.sh: $data not found; benchmark skipped"; exit 0; }
+shared_data "$root" || exit 0
 TRIALS=${BOOST_TRIALS:-10}
 
 # run STEM TRIALS: "error wall-seconds training-seconds"

@@ -7,8 +7,7 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
-brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-brix=$(dirname "$brixcmd")/brix
+locate_programs "$1"
 prepare_dataset "$root" syn_agrawal_f2_1m || exit 0
 csv=$stem.csv
 if [ ! "$csv" -nt "$stem.data" ]; then

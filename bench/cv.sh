@@ -4,10 +4,8 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
-brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-brix=$(dirname "$brixcmd")/brix
-data=$root/../shared/data
-[ -d "$data" ] || { echo "cv.sh: $data not found; benchmark skipped"; exit 0; }
+locate_programs "$1"
+shared_data "$root" || exit 0
 rows=""
 for name in mlb_letter weka_credit_g mlb_pima; do
   stem=$data/$name

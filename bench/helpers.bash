@@ -44,6 +44,19 @@ append_results() {
   printf '\n%s\n' "$2" >>"$results"
 }
 
+# locate_programs BRIXCMD: sets brixcmd to BRIXCMD as an absolute path and brix to the brix
+# command built beside it.
+locate_programs() {
+  brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+  brix=$(dirname "$brixcmd")/brix
+}
+
+# shared_data ROOT: sets data to the shared dataset folder; returns 1, after saying so, without it.
+shared_data() {
+  data=$1/../shared/data
+  [ -d "$data" ] || { echo "$(basename "$0"): $data not found; benchmark skipped"; return 1; }
+}
+
 # need_programs PROG...: fails, saying so, unless every PROG is an executable file.
 need_programs() {
   local prog

@@ -7,8 +7,7 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
-brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-brix=$(dirname "$brixcmd")/brix
+locate_programs "$1"
 need_programs "$brixcmd" "$brix" || exit 1
 stem=$root/../shared/data/mlb_letter
 if [ ! -f "$stem.data" ] || [ ! -f "$stem.test" ]; then

@@ -5,11 +5,9 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/.." && pwd)
 source "$here/helpers.bash"
-brixcmd=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-brix=$(dirname "$brixcmd")/brix
+locate_programs "$1"
 need_programs "$brix" || exit 1
-data=$root/../shared/data
-[ -d "$data" ] || { echo "rules.sh: $data not found; benchmark skipped"; exit 0; }
+shared_data "$root" || exit 0
 # The figure of a --report json document at a path of keys.
 field() { /usr/bin/python3 -c 'import json,sys
 j=json.load(sys.stdin)

@@ -155,32 +155,6 @@ std::string num(double v) {
   return buf;
 }
 
-std::string xml(std::string const& s) {
-  std::string out;
-  for (char c : s) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 // The training cases as the rules see them: per case its weight and class (an index, from 0)
 // and the orders of the attributes the rules test.
 struct cases {
@@ -1143,12 +1117,12 @@ void rule_model::write_pmml(std::ostream& out) const {
   };
   out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
       << "<PMML xmlns=\"http://www.dmg.org/PMML-4_4\" version=\"4.4\">\n"
-      << "  <Header description=\"" << xml(name_) << "\">\n"
+      << "  <Header description=\"" << writers::xml_escape(name_) << "\">\n"
       << "    <Application name=\"Brix\" version=\"" << get_version() << "\"/>\n"
       << "  </Header>\n"
       << "  <DataDictionary numberOfFields=\"" << attributes_.size() + 1 << "\">\n";
   for (attribute const& a : attributes_) {
-    out << "    <DataField name=\"" << xml(a.name) << "\" optype=\""
+    out << "    <DataField name=\"" << writers::xml_escape(a.name) << "\" optype=\""
         << (a.continuous ? "continuous" : "categorical") << "\" dataType=\""
         << (a.continuous ? type_of(a.datatype) : "string") << "\"";
     if (a.continuous) {
@@ -1157,35 +1131,39 @@ void rule_model::write_pmml(std::ostream& out) const {
     }
     out << ">\n";
     for (auto const& v : a.values)
-      out << "      <Value value=\"" << xml(v) << "\"/>\n";
+      out << "      <Value value=\"" << writers::xml_escape(v) << "\"/>\n";
     out << "    </DataField>\n";
   }
-  out << "    <DataField name=\"" << xml(class_name_)
+  out << "    <DataField name=\"" << writers::xml_escape(class_name_)
       << "\" optype=\"categorical\" dataType=\"string\">\n";
   for (auto const& c : classes_)
-    out << "      <Value value=\"" << xml(c) << "\"/>\n";
+    out << "      <Value value=\"" << writers::xml_escape(c) << "\"/>\n";
   out << "    </DataField>\n  </DataDictionary>\n"
-      << "  <RuleSetModel modelName=\"" << xml(name_) << "\" functionName=\"classification\">\n"
+      << "  <RuleSetModel modelName=\"" << writers::xml_escape(name_)
+      << "\" functionName=\"classification\">\n"
       << "    <MiningSchema>\n";
   for (attribute const& a : attributes_)
-    out << "      <MiningField name=\"" << xml(a.name) << "\" usageType=\"active\"/>\n";
-  out << "      <MiningField name=\"" << xml(class_name_) << "\" usageType=\"target\"/>\n"
+    out << "      <MiningField name=\"" << writers::xml_escape(a.name)
+        << "\" usageType=\"active\"/>\n";
+  out << "      <MiningField name=\"" << writers::xml_escape(class_name_)
+      << "\" usageType=\"target\"/>\n"
       << "    </MiningSchema>\n"
-      << "    <RuleSet defaultScore=\"" << xml(classes_[default_]) << "\" defaultConfidence=\""
-      << num(default_dist_[default_]) << "\">\n"
+      << "    <RuleSet defaultScore=\"" << writers::xml_escape(classes_[default_])
+      << "\" defaultConfidence=\"" << num(default_dist_[default_]) << "\">\n"
       << "      <RuleSelectionMethod criterion=\"weightedMax\"/>\n";
   for (std::size_t i = 0; i < rules_.size(); ++i) {
     rule const& r = rules_[i];
-    out << "      <SimpleRule id=\"" << i + 1 << "\" score=\"" << xml(classes_[r.cls])
-        << "\" recordCount=\"" << num(r.cases) << "\" nbCorrect=\"" << num(r.cases - r.errors)
-        << "\" confidence=\"" << num(r.confidence) << "\" weight=\"" << num(r.confidence)
-        << "\">\n";
+    out << "      <SimpleRule id=\"" << i + 1 << "\" score=\""
+        << writers::xml_escape(classes_[r.cls]) << "\" recordCount=\"" << num(r.cases)
+        << "\" nbCorrect=\"" << num(r.cases - r.errors) << "\" confidence=\"" << num(r.confidence)
+        << "\" weight=\"" << num(r.confidence) << "\">\n";
     auto simple = [&](rule_condition const& c, char const* pad) {
       char const* op = c.test == rule_condition::equal       ? "equal"
                        : c.test == rule_condition::not_above ? "lessOrEqual"
                                                              : "greaterThan";
-      out << pad << "<SimplePredicate field=\"" << xml(attributes_[c.attribute].name)
-          << "\" operator=\"" << op << "\" value=\"" << xml(c.value) << "\"/>\n";
+      out << pad << "<SimplePredicate field=\""
+          << writers::xml_escape(attributes_[c.attribute].name) << "\" operator=\"" << op
+          << "\" value=\"" << writers::xml_escape(c.value) << "\"/>\n";
     };
     if (r.conditions.empty()) {
       out << "        <True/>\n";

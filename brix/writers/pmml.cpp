@@ -11,9 +11,7 @@
 namespace brix {
 namespace writers {
 
-namespace {
-
-std::string xml(std::string const& s) {
+std::string xml_escape(std::string const& s) {
   std::string out;
   for (char c : s) {
     switch (c) {
@@ -39,19 +37,21 @@ std::string xml(std::string const& s) {
   return out;
 }
 
+namespace {
+
 void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
                std::string const& pred, unsigned long& id, int depth) {
   _decision_node const& n = *t.get_node();
   std::string pad(static_cast<std::size_t>(depth) * 2, ' ');
-  out << pad << "<Node id=\"" << ++id << "\" score=\"" << xml(v.leaf_class(n))
+  out << pad << "<Node id=\"" << ++id << "\" score=\"" << xml_escape(v.leaf_class(n))
       << "\" recordCount=\"" << num(n.get_cases_weight()) << "\">\n"
       << pad << "  " << pred << "\n";
   std::vector<float> const& d = n.get_class_distribution();
   for (std::size_t c = 1; c < d.size() && c <= v.classes.size(); ++c)
-    out << pad << "  <ScoreDistribution value=\"" << xml(v.classes[c - 1]) << "\" recordCount=\""
-        << num(d[c]) << "\"/>\n";
+    out << pad << "  <ScoreDistribution value=\"" << xml_escape(v.classes[c - 1])
+        << "\" recordCount=\"" << num(d[c]) << "\"/>\n";
   if (v.split(t)) {
-    std::string field = xml(v.att(n)->get_name());
+    std::string field = xml_escape(v.att(n)->get_name());
     for (unsigned long i = 0; i < t.get_no_childs(); ++i) {
       if (t.get_child(i) == nullptr || t.get_child(i)->get_node() == nullptr) continue;
       auto b = v.branch(n, i);
@@ -60,7 +60,7 @@ void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
                                            : "greaterThan";
       pmml_node(v, *t.get_child(i), out,
                 "<SimplePredicate field=\"" + field + "\" operator=\"" + op + "\" value=\"" +
-                    xml(b.second) + "\"/>",
+                    xml_escape(b.second) + "\"/>",
                 id, depth + 1);
     }
   }
@@ -84,7 +84,7 @@ class pmml_writer : public tree_writer {
     tree_view v(t);
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         << "<PMML xmlns=\"http://www.dmg.org/PMML-4_4\" version=\"4.4\">\n"
-        << "  <Header description=\"" << xml(t.get_name()) << "\">\n"
+        << "  <Header description=\"" << xml_escape(t.get_name()) << "\">\n"
         << "    <Application name=\"Brix\" version=\"" << get_version() << "\"/>\n"
         << "  </Header>\n";
     std::vector<impls::column const*> cols;
@@ -93,7 +93,7 @@ class pmml_writer : public tree_writer {
     out << "  <DataDictionary numberOfFields=\"" << cols.size() << "\">\n";
     for (impls::column const* c : cols) {
       bool categorical = c->is_discrete() || c->is_class();
-      out << "    <DataField name=\"" << xml(c->get_name()) << "\" optype=\""
+      out << "    <DataField name=\"" << xml_escape(c->get_name()) << "\" optype=\""
           << (categorical ? "categorical" : "continuous") << "\" dataType=\""
           << (categorical ? "string" : pmml_type(c)) << "\"";
       if (!categorical) {
@@ -102,18 +102,18 @@ class pmml_writer : public tree_writer {
       }
       out << ">\n";
       for (unsigned long o = 1; o <= c->get_distinct(); ++o)
-        out << "      <Value value=\"" << xml(c->get_o_set()->get_value(o)) << "\"/>\n";
+        out << "      <Value value=\"" << xml_escape(c->get_o_set()->get_value(o)) << "\"/>\n";
       out << "    </DataField>\n";
     }
     out << "  </DataDictionary>\n"
-        << "  <TreeModel modelName=\"" << xml(t.get_name())
+        << "  <TreeModel modelName=\"" << xml_escape(t.get_name())
         << "\" functionName=\"classification\" splitCharacteristic=\"multiSplit\""
         << " missingValueStrategy=\"aggregateNodes\" "
            "noTrueChildStrategy=\"returnLastPrediction\">\n"
         << "    <MiningSchema>\n";
     for (impls::column const* c : cols) {
       char const* usage = c->is_class() ? "target" : c->is_weights() ? "analysisWeight" : "active";
-      out << "      <MiningField name=\"" << xml(c->get_name()) << "\" usageType=\"" << usage
+      out << "      <MiningField name=\"" << xml_escape(c->get_name()) << "\" usageType=\"" << usage
           << "\"/>\n";
     }
     out << "    </MiningSchema>\n";

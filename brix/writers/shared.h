@@ -20,6 +20,9 @@ std::string json_string(std::string const& s);
 
 namespace writers {
 
+// s with & < > " and ' as XML entities, for element text and attribute values alike.
+std::string xml_escape(std::string const& s);
+
 void xml_data_dictionary(impls::table const& meta, std::ostream& out);
 void xml_mining_schema(impls::table const& meta, std::ostream& out);
 // The matrix as the element X-ConfusionMatrix + name.

@@ -171,6 +171,45 @@ py::array_t<T> to_array(std::vector<T> const& v) {
   return a;
 }
 
+// Model and RuleModel grow from the tree options alone.
+template <class M>
+std::shared_ptr<M> train_of(brix::table& t, float confidence, float min_cases,
+                            std::string const& pruning, int threads) {
+  brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
+  py::gil_scoped_release release;
+  return std::shared_ptr<M>(M::train(t, o).release());
+}
+
+template <class M>
+std::shared_ptr<M> load_of(std::string const& path) {
+  return std::shared_ptr<M>(M::load(path).release());
+}
+
+// The text, JSON and PMML exports that ensembles and rulesets write themselves; false for any
+// other format.
+template <class M>
+bool write_export(M const& model, std::string const& format, std::ostream& o) {
+  if (format == "text")
+    model.write_text(o);
+  else if (format == "json")
+    model.write_json(o);
+  else if (format == "pmml")
+    model.write_pmml(o);
+  else
+    return false;
+  return true;
+}
+
+// The members every model type has alike: load, save, classes and predict_proba.
+template <class M>
+py::class_<M, std::shared_ptr<M>>& model_members(py::class_<M, std::shared_ptr<M>>& c) {
+  c.def_static("load", &load_of<M>)
+      .def("save", &M::save)
+      .def_property_readonly("classes", &M::classes)
+      .def("predict_proba", &proba_array<M>);
+  return c;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
@@ -243,12 +282,9 @@ PYBIND11_MODULE(_core, m) {
   py::class_<brix::tally_grower>(m, "TallyGrower")
       .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
                        std::string const& pruning) {
-             brix::tree_options o;
-             o.confidence = confidence;
-             o.min_cases = min_cases;
-             o.prune = pruning == "full"   ? brix::pruning::full
-                       : pruning == "none" ? brix::pruning::none
-                                           : brix::pruning::error;
+             // The grower takes no thread count: the default stays.
+             brix::tree_options o =
+                 tree_options_of(confidence, min_cases, pruning, brix::tree_options().threads);
              return std::make_unique<brix::tally_grower>(*t, o);
            }),
            py::keep_alive<1, 2>())
@@ -270,22 +306,9 @@ PYBIND11_MODULE(_core, m) {
       .def_static("set_training", [](brix::tree_model& m, std::vector<float> const& flat) {
         brix::tally_grower::set_training(m, flat);
       });
-  py::class_<brix::tree_model, std::shared_ptr<brix::tree_model>>(m, "Model")
-      .def_static(
-          "train",
-          [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
-             int threads) {
-            brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
-            py::gil_scoped_release release;
-            return std::shared_ptr<brix::tree_model>(brix::tree_model::train(t, o).release());
-          })
-      .def_static(
-          "load",
-          [](std::string const& path) {
-            return std::shared_ptr<brix::tree_model>(brix::tree_model::load(path).release());
-          })
-      .def("save", &brix::tree_model::save)
-      .def_property_readonly("classes", &brix::tree_model::classes)
+  py::class_<brix::tree_model, std::shared_ptr<brix::tree_model>> model(m, "Model");
+  model_members(model)
+      .def_static("train", &train_of<brix::tree_model>)
       .def_property_readonly("attributes", &brix::tree_model::attributes)
       .def_property_readonly("size", &brix::tree_model::size)
       .def_property_readonly("depth", &brix::tree_model::depth)
@@ -307,7 +330,6 @@ PYBIND11_MODULE(_core, m) {
            })
       .def("attribute_usage", &brix::tree_model::attribute_usage)
       .def("importance", &brix::tree_model::importance)
-      .def("predict_proba", &proba_array<brix::tree_model>)
       // Any text format of the library by name; max_depth cuts DOT graphs.
       .def(
           "export",
@@ -320,7 +342,8 @@ PYBIND11_MODULE(_core, m) {
           },
           py::arg("format"), py::arg("max_depth") = -1);
   // Boosted trials over the same trees; its file is not a tree file (is_file tells).
-  py::class_<brix::ensemble, std::shared_ptr<brix::ensemble>>(m, "Ensemble")
+  py::class_<brix::ensemble, std::shared_ptr<brix::ensemble>> ensemble(m, "Ensemble");
+  model_members(ensemble)
       .def_static("train",
                   [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
                      int threads, int trials) {
@@ -330,27 +353,15 @@ PYBIND11_MODULE(_core, m) {
                     py::gil_scoped_release release;
                     return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
                   })
-      .def_static("load",
-                  [](std::string const& path) {
-                    return std::shared_ptr<brix::ensemble>(brix::ensemble::load(path).release());
-                  })
       .def_static("is_file", &brix::ensemble::is_file)
-      .def("save", &brix::ensemble::save)
-      .def_property_readonly("classes", &brix::ensemble::classes)
       .def_property_readonly("attributes", &brix::ensemble::attributes)
       .def_property_readonly("trials", &brix::ensemble::size)
-      .def("predict_proba", &proba_array<brix::ensemble>)
       .def(
           "export",
           [](brix::ensemble const& model, std::string const& format, long max_depth) {
             std::ostringstream o;
-            if (format == "text")
-              model.write_text(o);
-            else if (format == "json")
-              model.write_json(o);
-            else if (format == "pmml")
-              model.write_pmml(o);
-            else if (format == "dot")
+            if (write_export(model, format, o)) return o.str();
+            if (format == "dot")
               model.write_dot(o, max_depth);
             else
               throw std::invalid_argument("no format '" + format + "' for boosted trees");
@@ -358,35 +369,15 @@ PYBIND11_MODULE(_core, m) {
           },
           py::arg("format"), py::arg("max_depth") = -1);
   // A ruleset read off the tree the same options grow.
-  py::class_<brix::rule_model, std::shared_ptr<brix::rule_model>>(m, "RuleModel")
-      .def_static(
-          "train",
-          [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
-             int threads) {
-            brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
-            py::gil_scoped_release release;
-            return std::shared_ptr<brix::rule_model>(brix::rule_model::train(t, o).release());
-          })
-      .def_static(
-          "load",
-          [](std::string const& path) {
-            return std::shared_ptr<brix::rule_model>(brix::rule_model::load(path).release());
-          })
+  py::class_<brix::rule_model, std::shared_ptr<brix::rule_model>> rules(m, "RuleModel");
+  model_members(rules)
+      .def_static("train", &train_of<brix::rule_model>)
       .def_static("is_rules_file", &brix::rule_model::is_rules_file)
-      .def("save", &brix::rule_model::save)
-      .def_property_readonly("classes", &brix::rule_model::classes)
       .def_property_readonly("size", &brix::rule_model::size)
       .def_property_readonly("leaves", &brix::rule_model::leaves)
-      .def("predict_proba", &proba_array<brix::rule_model>)
       .def("export", [](brix::rule_model const& model, std::string const& format) {
         std::ostringstream o;
-        if (format == "text")
-          model.write_text(o);
-        else if (format == "json")
-          model.write_json(o);
-        else if (format == "pmml")
-          model.write_pmml(o);
-        else
+        if (!write_export(model, format, o))
           throw std::invalid_argument("a ruleset exports as text, json or pmml, not '" + format +
                                       "'");
         return o.str();

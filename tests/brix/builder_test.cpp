@@ -16,6 +16,7 @@
 #include "brix/impls/o_set.h"
 #include "brix/impls/table.h"
 #include "brix/model.h"
+#include "tests/brix/table_files.h"
 
 namespace {
 
@@ -141,33 +142,24 @@ TEST(TableBuilderArrays, EveryArrayTypeGivesTheTableOfTheValueLists) {
 }
 
 TEST(TableBuilderArrays, RefusesBadCodesAndCategories) {
-  auto refusal = [](std::function<void(brix::table_builder&)> add) -> std::string {
-    try {
-      brix::table_builder b("t");
-      add(b);
-      b.build();
-    } catch (std::invalid_argument const& e) {
-      return e.what();
-    }
-    return "(built)";
-  };
   std::int32_t const codes[] = {0, 1, 2};
   double const x[] = {1, 2, 3}, half[] = {1.5};
   std::string const head = "[brix::table_builder] ";
-  EXPECT_EQ(head + "column 'c': category 'a' given twice", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'c': category 'a' given twice", builder_refusal([&](auto& b) {
               b.add_codes("c", column_kind::class_label, codes, 3, {"a", "b", "a"});
             }));
-  EXPECT_EQ(head + "column 'c', row 2: code 2 past the last of 2 categories", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'c', row 2: code 2 past the last of 2 categories",
+            builder_refusal([&](auto& b) {
               b.add_codes("c", column_kind::class_label, codes, 3, {"a", "b"});
             }));
-  EXPECT_EQ(head + "column 'x': a continuous column needs numbers", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'x': a continuous column needs numbers", builder_refusal([&](auto& b) {
               b.add_codes("x", column_kind::continuous, codes, 3, {"a", "b", "c"});
             }));
-  EXPECT_EQ(head + "column 'c' has 2 values, column 'x' 3", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'c' has 2 values, column 'x' 3", builder_refusal([&](auto& b) {
               b.add_numbers("x", column_kind::continuous, value_type::float32, x, 3)
                   .add_codes("c", column_kind::class_label, codes, 2, {"a", "b"});
             }));
-  EXPECT_EQ(head + "1.5: not a value of type integer", refusal([&](auto& b) {
+  EXPECT_EQ(head + "1.5: not a value of type integer", builder_refusal([&](auto& b) {
               b.add_numbers("x", column_kind::continuous, value_type::integer, half, 1)
                   .add_codes("c", column_kind::class_label, codes, 1, {"a"});
             }));

@@ -45,36 +45,26 @@ class CsvFiles : public ::testing::Test, public scratch_dir {
 };
 
 TEST(TableBuilder, RefusesWhatNoTableCanHold) {
-  auto refusal = [](std::function<void(brix::table_builder&)> add) -> std::string {
-    try {
-      brix::table_builder b("t");
-      add(b);
-      b.build();
-    } catch (std::invalid_argument const& e) {
-      return e.what();
-    }
-    return "(built)";
-  };
   auto const cont = column_kind::continuous;
   auto const label = column_kind::class_label;
   std::string const head = "[brix::table_builder] ";
-  EXPECT_EQ(head + "column 'c' has 1 values, column 'x' 2", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'c' has 1 values, column 'x' 2", builder_refusal([&](auto& b) {
               b.add_numbers("x", cont, value_type::float32, {1, 2}).add_strings("c", label, {"a"});
             }));
-  EXPECT_EQ(head + "column 'x' given twice", refusal([&](auto& b) {
+  EXPECT_EQ(head + "column 'x' given twice", builder_refusal([&](auto& b) {
               b.add_numbers("x", cont, value_type::float32, {1})
                   .add_numbers("x", cont, value_type::float32, {1});
             }));
   EXPECT_EQ(head + "no class column",
-            refusal([](auto& b) { b.add_strings("d", column_kind::discrete, {"a"}); }));
-  EXPECT_EQ(head + "no rows", refusal([&](auto& b) { b.add_strings("c", label, {}); }));
-  EXPECT_EQ(head + "1.5: not a value of type integer", refusal([&](auto& b) {
+            builder_refusal([](auto& b) { b.add_strings("d", column_kind::discrete, {"a"}); }));
+  EXPECT_EQ(head + "no rows", builder_refusal([&](auto& b) { b.add_strings("c", label, {}); }));
+  EXPECT_EQ(head + "1.5: not a value of type integer", builder_refusal([&](auto& b) {
               b.add_numbers("x", cont, value_type::integer, {1.5}).add_strings("c", label, {"a"});
             }));
   EXPECT_EQ(head + "column 'x': a continuous column needs numbers",
-            refusal([&](auto& b) { b.add_strings("x", cont, {"1"}); }));
+            builder_refusal([&](auto& b) { b.add_strings("x", cont, {"1"}); }));
   EXPECT_EQ(head + "class column 'c': 2 unknown values; a row to learn from needs its class",
-            refusal([&](auto& b) {
+            builder_refusal([&](auto& b) {
               b.add_strings("c", label, {"a", "b", "?"}, {true, false, true});
             }));
   // Without a class column the table is one to classify.

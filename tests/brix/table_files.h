@@ -2,10 +2,13 @@
 #ifndef TESTS_BRIX_TABLE_FILES_H
 #define TESTS_BRIX_TABLE_FILES_H
 
+#include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "brix/brix.h"
+#include "brix/data.h"
 #include "brix/impls/table.h"
 #include "tests/zel/inpout/scratch_dir.h"
 #include "zel/inpout/stream.h"
@@ -45,6 +48,18 @@ inline std::unique_ptr<brix::table> stem_table(std::string const& stem,
   t->load_meta_data(brix::datasource("FILE#" + stem + ".names#,"));
   if (!suffix.empty()) t->load_data(brix::datasource("FILE#" + stem + suffix + "#,"), "?");
   return t;
+}
+
+// The message of a builder that add fills when build refuses it, or "(built)".
+inline std::string builder_refusal(std::function<void(brix::table_builder&)> const& add) {
+  try {
+    brix::table_builder b("t");
+    add(b);
+    b.build();
+  } catch (std::invalid_argument const& e) {
+    return e.what();
+  }
+  return "(built)";
 }
 
 #endif

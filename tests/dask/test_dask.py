@@ -145,27 +145,9 @@ def test_a_killed_worker_gives_the_same_tree_or_a_clear_error(client):
 
 def test_a_closed_client_gives_a_clear_error(client):
     other = distributed.Client(client.scheduler.address, set_as_default=False)
-    X, y = agrawal_like(60000, 3)
-    dX = dd.from_pandas(X, npartitions=4, sort=False)
-    dy = dd.from_pandas(y, npartitions=4, sort=False)
-    clf = brix.dask.TreeClassifier(client=other)
-    box = {}
-
-    def run():
-        try:
-            clf.fit(dX, dy)
-        except Exception as e:  # noqa: BLE001
-            box["error"] = e
-
-    t = threading.Thread(target=run, daemon=True)
-    t.start()
-    while not getattr(clf, "fit_levels_", None) and t.is_alive():
-        time.sleep(0.01)
-    other.close()
-    t.join(60)
-    assert not t.is_alive()
-    assert isinstance(box.get("error"), RuntimeError), box
-    assert "client" in str(box["error"]) or "connection" in str(box["error"])
+    _, _, result = fit_while(other, other.close)
+    assert isinstance(result.get("error"), RuntimeError), result
+    assert "client" in str(result["error"]) or "connection" in str(result["error"])
 
 
 def test_refusals(client):

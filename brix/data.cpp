@@ -681,12 +681,12 @@ std::vector<shape> initial_shapes(parsed const& p, read_options const& opts, std
 // One known value of a column still looked at.
 inline void look_at(shape& c, char const* v) {
   c.any = true;
-  if (c.all_date) {
-    // The syntax only here, the calendar when the column is converted.
+  // The syntax only here, the calendar when the column is converted. A value may look like the
+  // start of a date and still be a number (1.5e-3), or like neither (0.2s-x): the number test runs
+  // on it all the same, as the column may turn out not to be dates.
+  if (c.all_date)
     c.all_date =
         v[0] >= '0' && v[0] <= '9' && v[1] != '\0' && v[2] != '\0' && v[3] != '\0' && v[4] == '-';
-    if (c.all_date) return;
-  }
   if (!c.all_num) return;
   if (c.all_int && is_int32(v)) return;
   c.all_int = false;

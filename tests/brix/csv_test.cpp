@@ -125,6 +125,10 @@ TEST_F(CsvFiles, InferenceAgreesWithTheLoader) {
       // Beyond a double: text.
       {"1e309,1", "string", "discrete", 0},
       {"1,x", "string", "discrete", 0},
+      // Shaped like the start of a date: a number, then text.
+      {"1.5e-3,2020-01-01x", "string", "discrete", 0},
+      {"0.2s-sre,1", "string", "discrete", 0},
+      {"1.5e-3,1", "float", "continuous", 0},
       // Every unknown marker, the longest ones included, and nothing longer.
       {"1,,?,NA,N/A,NaN,null", "integer", "continuous", 6},
       {"1,nulls", "string", "discrete", 0},

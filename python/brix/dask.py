@@ -267,21 +267,23 @@ class TreeClassifier(_LocalTreeClassifier):
                               "counts in the tree are 32-bit sums and stop being exact from "
                               "there", RuntimeWarning)
             keep["__class__"] = ([self._label_text[c] for c in classes], False)
-            spec = _LocalTreeClassifier(categorical_features=self.categorical_features)
-            spec.__dict__.update({k: getattr(self, k) for k in (
+            # A local estimator with the fitted kinds and labels: it turns each partition into a
+            # table exactly as a local fit would.
+            encoder = _LocalTreeClassifier(categorical_features=self.categorical_features)
+            encoder.__dict__.update({k: getattr(self, k) for k in (
                 "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
             if hasattr(probe, "_array_discrete"):
-                spec._array_discrete = probe._array_discrete
+                encoder._array_discrete = probe._array_discrete
             # Every partition a table on its worker (persisted there); the client keeps only
             # one of no cases, for the value sets.
-            holders = client.compute([_delayed(_hold)(spec, a, b, c, keep)
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, keep)
                                       for a, b, c, d in zip(xs, ys, ws, described)
                                       if d["n"] > 0])
             # One row of values every column holds (class and values are kept anyway).
             meta = pd.DataFrame({n: pd.Series(
                 [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
                 dtype=object if kinds[n] == "discrete" else float) for n in names})
-            meta_table = spec._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
+            meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
                                        float(self.min_cases), self.pruning)
             self.fit_levels_ = []

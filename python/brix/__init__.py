@@ -216,12 +216,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
                              "same text (such as 1 and '1'); make them one type")
         sample_weight = self._weights(sample_weight, codes, len(y))
         total = (float(sample_weight.sum()) if sample_weight is not None else float(len(y)))
-        if total > 2.0**24:
-            # The tree's 32-bit sums stop counting every case exactly past 2**24 (deliberately
-            # the arithmetic of brixcmd, so that both grow the same tree).
-            warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
-                          "counts in the tree are 32-bit sums and stop being exact from there",
-                          RuntimeWarning)
+        _warn_past_exact(total)
         table = self._table(X, codes, sample_weight, fitting=True)
         if self.trials > 1:
             if self._native is not _core.Model:
@@ -407,6 +402,15 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     def _more_tags(self):
         # NaN is an unknown value, carried down every branch.
         return {"allow_nan": True}
+
+
+def _warn_past_exact(total):
+    """The tree's 32-bit sums stop counting every case exactly past 2**24 (deliberately the
+    arithmetic of brixcmd, so that both grow the same tree)."""
+    if total > 2.0**24:
+        warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
+                      "counts in the tree are 32-bit sums and stop being exact from there",
+                      RuntimeWarning)
 
 
 def _load(path, native):

@@ -14,7 +14,7 @@ import tempfile
 import numpy as np
 
 from . import TreeClassifier as _LocalTreeClassifier
-from . import _core, _text
+from . import _core, _text, _warn_past_exact
 
 __all__ = ["TreeClassifier"]
 
@@ -261,11 +261,7 @@ class TreeClassifier(_LocalTreeClassifier):
                 raise ValueError("class column holds labels that differ but read as the same "
                                  "text (such as 1 and '1'); make them one type")
             total = sum(d["weight"] for d in parts)
-            if total > 2.0**24:
-                import warnings
-                warnings.warn(f"the training weight {total:.0f} passes 2**24 (16,777,216): class "
-                              "counts in the tree are 32-bit sums and stop being exact from "
-                              "there", RuntimeWarning)
+            _warn_past_exact(total)
             keep["__class__"] = ([self._label_text[c] for c in classes], False)
             # A local estimator with the fitted kinds and labels: it turns each partition into a
             # table exactly as a local fit would.

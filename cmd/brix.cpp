@@ -462,6 +462,26 @@ void report_matrix(std::ostream& out, char const* heading, brix::conf_matrix con
   m.toTEXT(out, 0);
 }
 
+// The training matrix, then those of the test file and the holdout rows where there are any,
+// each followed by what after adds (a boosted model's average cost).
+void report_matrices(std::ostream& out, brix::conf_matrix const& training,
+                     brix::conf_matrix const* test, brix::conf_matrix const* holdout,
+                     std::function<void(brix::conf_matrix const&)> const& after = {}) {
+  auto one = [&](char const* heading, brix::conf_matrix const& c) {
+    report_matrix(out, heading, c);
+    if (after) after(c);
+  };
+  one("MISCLASSIFICATION on training: ", training);
+  if (test) {
+    out << std::endl;
+    one("MISCLASSIFICATION on test file: ", *test);
+  }
+  if (holdout) {
+    out << std::endl;
+    one("MISCLASSIFICATION on holdout test: ", *holdout);
+  }
+}
+
 // A warning for class values of the test data the tree never saw: such rows can only count as
 // errors.
 void warn_unseen(std::string const& name, settings const& s,
@@ -608,19 +628,9 @@ int train_ensemble(settings const& s) {
       << std::endl
       << "TRIALS: " << m->size() << ", TOTAL TREE SIZE: " << total_size(*m) << std::endl
       << std::endl;
-  auto report = [&](char const* heading, brix::conf_matrix const& c) {
-    report_matrix(out, heading, c);
+  report_matrices(out, *training, test.get(), holdout.get(), [&](brix::conf_matrix const& c) {
     out << "AVERAGE COST: " << m->average_cost(c) << std::endl;
-  };
-  report("MISCLASSIFICATION on training: ", *training);
-  if (test) {
-    out << std::endl;
-    report("MISCLASSIFICATION on test file: ", *test);
-  }
-  if (holdout) {
-    out << std::endl;
-    report("MISCLASSIFICATION on holdout test: ", *holdout);
-  }
+  });
   out << std::endl;
   m->write_text(out);
   return 0;
@@ -705,15 +715,7 @@ int train(settings const& s) {
       << std::endl
       << "TREE SIZE: " << tree.size() << std::endl
       << std::endl;
-  report_matrix(out, "MISCLASSIFICATION on training: ", *training);
-  if (test) {
-    out << std::endl;
-    report_matrix(out, "MISCLASSIFICATION on test file: ", *test);
-  }
-  if (holdout) {
-    out << std::endl;
-    report_matrix(out, "MISCLASSIFICATION on holdout test: ", *holdout);
-  }
+  report_matrices(out, *training, test.get(), holdout.get());
   out << std::endl << "Decision Tree" << std::endl << std::endl;
   m->write_text(out);
   out << std::endl << "Attribute usage" << std::endl << std::endl;

@@ -9,9 +9,9 @@
 #include <exception>
 #include <string>
 
-#include "brix/impls/column.h"
-#include "brix/impls/o_set.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/stream.h"
 
 using brix::impls::column;

@@ -13,9 +13,9 @@
 #include <string>
 
 #include "brix/brix.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/stream.h"
 
 namespace {

@@ -21,7 +21,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/iogz.h"
 #include "zel/util/datatype.h"
 

@@ -43,9 +43,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"
 #include "zel/inpout/binstream.h"

@@ -4,9 +4,9 @@
 #include <stdexcept>
 
 #include "brix/brix.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/rules.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "brix/data.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 #include "zel/inpout/stream.h"
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/model.h"
 
 namespace brix {

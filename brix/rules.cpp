@@ -13,9 +13,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/o_set.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "brix/brix.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/stream.h"
 
 namespace brix {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "brix/data.h"
-#include "brix/impls/o_set_typed.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/o_set_typed.h"
+#include "brix/impls/storage/table.h"
 #include "zel/util/datatype.h"
 
 namespace brix {

@@ -7,12 +7,12 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/split_search.h"
-#include "brix/impls/table.h"
-#include "brix/impls/w_sequence.h"
+#include "brix/impls/learning/split_search.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/table.h"
+#include "brix/impls/storage/w_sequence.h"
 
 namespace brix {
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "brix/impls/decision_tree.h"
+#include "brix/impls/model/decision_tree.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"
 #include "zel/inpout/binstream.h"

@@ -5,8 +5,8 @@
 #include <ios>
 #include <ostream>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 
 namespace brix {

@@ -6,9 +6,9 @@
 #include <ostream>
 #include <string>
 
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 #include "brix/writers/shared.h"
 #include "zel/util/string_util.h"

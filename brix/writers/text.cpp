@@ -1,7 +1,7 @@
 // The tree as brixcmd's text report prints it, one line a branch.
 #include <ostream>
 
-#include "brix/impls/decision_tree.h"
+#include "brix/impls/model/decision_tree.h"
 #include "brix/tree_writer.h"
 
 namespace brix {

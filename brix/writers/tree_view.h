@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 
 namespace brix {
 namespace writers {

@@ -10,10 +10,10 @@
 #include <string>
 
 #include "brix/brix.h"
-#include "brix/impls/column_typed.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
 #include "tests/brix/table_files.h"
 #include "zel/inpout/binstream.h"

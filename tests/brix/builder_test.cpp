@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "brix/data.h"
-#include "brix/impls/column.h"
-#include "brix/impls/o_set.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/table.h"
 #include "brix/model.h"
 #include "tests/brix/table_files.h"
 

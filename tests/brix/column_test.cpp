@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/column.h"
-#include "brix/impls/column_typed.h"
-#include "brix/impls/o_set.h"
-#include "brix/impls/split_search.h"
-#include "brix/impls/storage_width.h"
+#include "brix/impls/learning/split_search.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/storage_width.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;

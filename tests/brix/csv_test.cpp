@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "brix/data.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "brix/model.h"
 #include "tests/brix/table_files.h"
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "brix/ensemble.h"
-#include "brix/impls/decision_tree.h"
+#include "brix/impls/model/decision_tree.h"
 #include "tests/brix/table_files.h"
 
 namespace {

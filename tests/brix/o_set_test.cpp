@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/o_set_typed.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;

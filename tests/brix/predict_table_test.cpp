@@ -19,7 +19,7 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
-#include "brix/impls/conf_matrix.h"
+#include "brix/impls/model/conf_matrix.h"
 #include "brix/model.h"
 #include "tests/brix/table_files.h"
 

@@ -9,7 +9,7 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "tests/zel/inpout/scratch_dir.h"
 #include "zel/inpout/stream.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "brix/data.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "tests/brix/table_files.h"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/line_fields.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/line_fields.h"
+#include "brix/impls/storage/table.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::column;

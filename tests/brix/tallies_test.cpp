@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "brix/data.h"
-#include "brix/impls/column.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/table.h"
 #include "brix/model.h"
 #include "brix/tallies.h"
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/entropy.h"
-#include "brix/impls/table.h"
+#include "brix/impls/learning/entropy.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "tests/brix/table_files.h"
 
 using brix::impls::_decision_node;

@@ -12,7 +12,7 @@
 
 #include "brix/brix.h"
 #include "brix/data.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "cmd/brix_import.h"
 #include "tests/fuzz/fuzz_input.h"
 

@@ -15,9 +15,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "brix/model.h"
 #include "zel/inpout/iomem.h"
 #include "zel/inpout/stream.h"

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 #include "tests/fuzz/fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {

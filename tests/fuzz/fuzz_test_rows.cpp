@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "tests/fuzz/fuzz_input.h"
 
 namespace {

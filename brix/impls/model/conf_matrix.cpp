@@ -1,9 +1,9 @@
-#include "brix/impls/conf_matrix.h"
+#include "brix/impls/model/conf_matrix.h"
 
 #include <ostream>
 #include <stdexcept>
 
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 
 namespace brix {
 namespace impls {

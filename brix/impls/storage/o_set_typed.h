@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/o_set.h"
-#include "brix/impls/storage_width.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/storage_width.h"
 #include "zel/adt/hash_index.h"
 #include "zel/adt/radix_sort.h"
 #include "zel/util/datatype.h"

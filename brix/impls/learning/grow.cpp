@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/table.h"
 #include "zel/util/proc.h"
 
 namespace brix {

@@ -1,9 +1,9 @@
-#include "brix/impls/o_set.h"
+#include "brix/impls/storage/o_set.h"
 
 #include <stdexcept>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/o_set_typed.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
 
 namespace brix {
 namespace impls {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/column.h"
-#include "brix/impls/w_sequence.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/w_sequence.h"
 
 namespace brix {
 namespace impls {

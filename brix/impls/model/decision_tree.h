@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/column.h"
-#include "brix/impls/split_search.h"
-#include "brix/impls/w_sequence.h"
+#include "brix/impls/learning/split_search.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/w_sequence.h"
 #include "zel/adt/basic_tree.h"
 #include "zel/inpout/fwd.h"
 

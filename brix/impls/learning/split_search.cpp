@@ -4,7 +4,7 @@
 // order and every logarithm is rounded to float: ties between cuts and between
 // attributes are decided by these bits. Then the distribution of a node's
 // cases to the branches of its split.
-#include "brix/impls/split_search.h"
+#include "brix/impls/learning/split_search.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -12,9 +12,9 @@
 #include <type_traits>
 #include <vector>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/entropy.h"
+#include "brix/impls/learning/entropy.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column_typed.h"
 #include "zel/adt/radix_sort.h"
 
 namespace brix {

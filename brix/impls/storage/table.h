@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/column.h"
-#include "brix/impls/w_sequence.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/w_sequence.h"
 #include "zel/inpout/fwd.h"
 
 namespace brix {

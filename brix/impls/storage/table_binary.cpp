@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/binary_checks.h"
-#include "brix/impls/column_typed.h"
-#include "brix/impls/o_set_typed.h"
-#include "brix/impls/table.h"
+#include "brix/impls/storage/binary_checks.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/binstream.h"
 
 namespace brix {

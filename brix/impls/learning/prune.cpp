@@ -5,8 +5,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 
 namespace brix {
 namespace impls {

@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "brix/impls/column.h"
-#include "brix/impls/storage_width.h"
+#include "brix/impls/storage/column.h"
+#include "brix/impls/storage/storage_width.h"
 #include "zel/adt/bitmap.h"
 
 namespace brix {

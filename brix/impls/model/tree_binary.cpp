@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/binary_checks.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/binary_checks.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/binstream.h"
 #include "zel/util/datatype.h"
 

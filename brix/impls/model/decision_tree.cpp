@@ -1,4 +1,4 @@
-#include "brix/impls/decision_tree.h"
+#include "brix/impls/model/decision_tree.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,9 +6,9 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/entropy.h"
-#include "brix/impls/table.h"
+#include "brix/impls/learning/entropy.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/storage/table.h"
 #include "zel/util/cronos.h"
 
 namespace brix {

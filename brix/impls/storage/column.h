@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "brix/impls/o_set.h"
-#include "brix/impls/w_sequence.h"
+#include "brix/impls/storage/o_set.h"
+#include "brix/impls/storage/w_sequence.h"
 #include "zel/util/pair.h"
 
 namespace brix {

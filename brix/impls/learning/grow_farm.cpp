@@ -32,8 +32,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/table.h"
 #include "farm/task_farm.h"
 
 namespace brix {

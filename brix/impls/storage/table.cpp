@@ -1,4 +1,4 @@
-#include "brix/impls/table.h"
+#include "brix/impls/storage/table.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,8 +9,8 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/line_fields.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/line_fields.h"
 #include "zel/inpout/stream.h"
 #include "zel/util/cronos.h"
 #include "zel/util/rand_gen.h"

@@ -11,11 +11,11 @@
 #include <thread>
 #include <type_traits>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/conf_matrix.h"
-#include "brix/impls/decision_tree.h"
-#include "brix/impls/o_set_typed.h"
-#include "brix/impls/table.h"
+#include "brix/impls/model/conf_matrix.h"
+#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
+#include "brix/impls/storage/table.h"
 #include "zel/inpout/stream.h"
 #include "zel/util/cronos.h"
 

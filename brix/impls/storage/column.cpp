@@ -1,11 +1,11 @@
-#include "brix/impls/column.h"
+#include "brix/impls/storage/column.h"
 
 #include <algorithm>
 #include <ostream>
 #include <stdexcept>
 
-#include "brix/impls/column_typed.h"
-#include "brix/impls/storage_width.h"
+#include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/storage_width.h"
 
 namespace brix {
 namespace impls {

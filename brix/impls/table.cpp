@@ -376,7 +376,7 @@ void table::declare_or_stand_in(char const* name, char const* type, char const* 
     refused(type, e.what());
     type_known = false;
   }
-  column::_type k;
+  column::_type k = column::DISCRETE;
   bool kind_known = column::get_type(kind, k);
   if (!kind_known) refused(kind, std::string("Unknown column type: ") + kind);
   std::string null_rule;
@@ -401,7 +401,7 @@ void table::declare_or_stand_in(char const* name, char const* type, char const* 
   if (!declared) {
     bool typed = type_known && std::strcmp(type, "null") != 0;
     push_back(name, typed ? type : "string",
-              k == column::CLASS && kind_known ? "class" : "discrete");
+              kind_known && k == column::CLASS ? "class" : "discrete");
   }
   if (p.lines != nullptr) p.lines->push_back(line);
 }

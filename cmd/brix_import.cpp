@@ -957,8 +957,12 @@ bool rows_problem(problems& p, std::size_t f, brix::read_problem const& q, char 
                   value_checks& checks) {
   auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
   std::size_t k = checks.columns.size();
-  auto column = std::find_if(checks.columns.begin(), checks.columns.end(),
-                             [&q](column_check const& c) { return c.name == q.column; });
+  // Of columns of the same name, the first that can refuse the value: a class or weights
+  // column an unknown value, a numeric one a text.
+  bool unknown = has("unadmitted null value");
+  auto column = std::find_if(checks.columns.begin(), checks.columns.end(), [&](auto const& c) {
+    return c.name == q.column && (unknown ? c.is_class || c.weights : c.numeric_type());
+  });
   if (has("NUL bytes")) {
     p.not_text(f, q.line);
     return false;
@@ -974,7 +978,7 @@ bool rows_problem(problems& p, std::size_t f, brix::read_problem const& q, char 
           std::to_string(fields_in(q.value, sep)) + " fields, the .names declares " +
               std::to_string(k));
   else if (!q.column.empty() && column != checks.columns.end())
-    (has("unadmitted null value") ? column->unknown : column->unreadable).see(q.line, q.value);
+    (unknown ? column->unknown : column->unreadable).see(q.line, q.value);
   else if (!has("there must be"))  // one class, one weights column at most: the .names's
     p.add(f, q.line, without_place(q.message, q.file, q.line));
   return true;

@@ -329,20 +329,23 @@ bool holds_nul(char const* line, unsigned long long size) {
 }
 
 // The next line of a file read on past its problems, after a byte order mark on the first line;
-// null at the end, and at a line holding NUL bytes (a file that is no text has nothing to read).
-char* line_reading_on(zel::inpout::stream& source, unsigned long line, load_problems const& p) {
+// null at the end, and at a line holding NUL bytes (a file that is no text has nothing to read),
+// where text turns false.
+char* line_reading_on(zel::inpout::stream& source, unsigned long line, load_problems const& p,
+                      bool& text) {
   unsigned long long before = source.tell2();
   if (!source.read_line()) return nullptr;
-  char* text = source.get_line();
-  if (holds_nul(text, source.tell2() - before)) {
+  char* s = source.get_line();
+  if (holds_nul(s, source.tell2() - before)) {
     p.report(line, "", "", "NUL bytes: not a text file");
+    text = false;
     return nullptr;
   }
-  if (line == 1 && std::strncmp(text, "\xEF\xBB\xBF", 3) == 0) {
+  if (line == 1 && std::strncmp(s, "\xEF\xBB\xBF", 3) == 0) {
     p.report(line, "", "", "a byte order mark, otherwise read as part of the first field");
-    text += 3;
+    s += 3;
   }
-  return text;
+  return s;
 }
 
 }  // namespace
@@ -350,8 +353,17 @@ char* line_reading_on(zel::inpout::stream& source, unsigned long line, load_prob
 void table::declare_reading_on(zel::inpout::stream& source, load_problems const& p) {
   char sep = source.get_delim();
   line_fields fields;
+  std::size_t first = columns_.size(), lines = p.lines != nullptr ? p.lines->size() : 0;
+  bool text = true;
   for (unsigned long row = 1;; ++row) {
-    char* line = line_reading_on(source, row, p);
+    char* line = line_reading_on(source, row, p, text);
+    if (!text) {
+      // A file that is no text declares nothing.
+      for (std::size_t j = first; j < columns_.size(); ++j)
+        delete columns_[j];
+      columns_.resize(first);
+      if (p.lines != nullptr) p.lines->resize(lines);
+    }
     if (line == nullptr) return;
     if (count_fields(line, sep) < 3) {
       p.report(row, "", line, "bad row format (row " + std::to_string(row) + "): " + line);
@@ -416,6 +428,7 @@ void table::load_reading_on(zel::inpout::stream& source, std::string const& null
   char sep = source.get_delim();
   line_fields fields;
   unsigned long line = 0, first = loaded_, k = columns_.size() - first;
+  bool is_text = true;
   // The first row is the column names, written by mistake: reported, not read as data.
   auto header = [&]() {
     for (unsigned long j = 0; j < k; ++j)
@@ -426,7 +439,7 @@ void table::load_reading_on(zel::inpout::stream& source, std::string const& null
   };
   load_from(
       [&]() {
-        for (char* text; (text = line_reading_on(source, ++line, p)) != nullptr;) {
+        for (char* text; (text = line_reading_on(source, ++line, p, is_text)) != nullptr;) {
           if (fields.split_all(text, sep) != k) {
             fields.restore();
             p.report(line, "", text, "bad row format (row " + std::to_string(line) + "): " + text);

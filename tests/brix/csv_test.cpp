@@ -327,6 +327,13 @@ TEST_F(CsvFiles, StemSinkReportsEveryFaultAndReadsTheRest) {
        {1, 2},
        {1}},
       {nac, std::string("x,1,yes\ny,\0,no\nz,3,no\n", 22), nullptr, {"d2"}, {1}, {1, 2, 3}},
+      // A .names that is no text declares nothing: its rows then have too many fields.
+      {std::string("a,string,discrete\nc,str\0ing,class\n", 34),
+       "x,yes\n",
+       nullptr,
+       {"n2", "d0", "d1 =x,yes"},
+       {},
+       {}},
   };
   for (auto const& c : cases) {
     std::ofstream(file("s.names")) << c.names;

@@ -23,6 +23,7 @@
 
 #include "brix/impls/storage/table.h"
 #include "zel/inpout/iogz.h"
+#include "zel/inpout/stream.h"
 #include "zel/util/datatype.h"
 
 namespace brix {
@@ -1333,13 +1334,52 @@ std::string non_utf8_text(impls::table const& t) {
   return "";
 }
 
+namespace {
+
+// A stem read on past its problems, each passed to opts.problems with its file and the message
+// read_table would throw.
+std::unique_ptr<table> read_stem_on(std::string const& path, std::string const& rows,
+                                    read_options const& opts) {
+  auto t = std::make_unique<table>(path);
+  impls::table& impl = *t->get_impl();
+  auto sink = [&opts](std::string const& file, char const* stage, std::vector<std::size_t>* lines) {
+    impls::load_problems p;
+    p.report = [&opts, file, stage](unsigned long line, std::string const& column,
+                                    std::string const& value, std::string const& message) {
+      opts.problems(read_problem{file, line, column, value, cut(stage + message)});
+    };
+    p.lines = lines;
+    return p;
+  };
+  char sep = opts.separator != 0 ? opts.separator : ',';
+  try {
+    impls::load_problems names = sink(path + ".names", "Reading metadata: ", opts.column_lines);
+    impl.load_meta_data(zel::inpout::stream::FROM_FILE(path + ".names", sep), true, &names);
+    impls::load_problems data = sink(rows, "Reading training data: ", opts.row_lines);
+    impl.load_data(zel::inpout::stream::FROM_FILE(rows, sep), "?", true, &data);
+  } catch (std::runtime_error const& e) {
+    throw std::runtime_error(cut(e.what()));
+  }
+  std::string bad = non_utf8_text(impl);
+  if (!bad.empty()) {
+    std::string file = bad.compare(0, 8, "the name") == 0 ? path + ".names" : rows;
+    opts.problems(read_problem{file, 0, "", "", not_utf8("File " + file + ", " + bad)});
+  }
+  return t;
+}
+
+}  // namespace
+
 std::unique_ptr<table> read_table(std::string const& path, read_options const& opts) {
   if (ends_with(path, ".arff") || ends_with(path, ".arff.gz")) return read_arff(path, opts);
   for (char const* e : {".csv", ".tsv", ".txt", ".csv.gz", ".tsv.gz", ".txt.gz"})
     if (ends_with(path, e)) return read_csv(path, opts);
-  std::string rows = path + ".data";
+  std::string rows = opts.rows_file.empty() ? path + ".data" : opts.rows_file;
   struct stat st;
-  if (::stat(rows.c_str(), &st) != 0 && ::stat((rows + ".gz").c_str(), &st) == 0) rows += ".gz";
+  if (opts.rows_file.empty() && ::stat(rows.c_str(), &st) != 0 &&
+      ::stat((rows + ".gz").c_str(), &st) == 0)
+    rows += ".gz";
+  if (opts.problems) return read_stem_on(path, rows, opts);
   auto t = std::make_unique<table>(path);
   try {
     std::string sep(1, opts.separator != 0 ? opts.separator : ',');

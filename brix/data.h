@@ -40,13 +40,22 @@ struct read_options {
   std::map<std::string, value_type> numeric_if_present;
   bool require_class = true;         // false: a table to classify, the class column may be absent
   std::ostream* warnings = nullptr;  // e.g. values that 32-bit floats do not hold exactly
-  // CSV/TSV and ARFF: where set, problems that would throw are passed here instead and reading
-  // goes on, leaving out the rows at fault (text after a closing quote is kept in its value);
+  // Where set, problems that would throw are passed here instead and reading goes on, leaving
+  // out the rows at fault. CSV/TSV and ARFF: text after a closing quote is kept in its value;
   // after a problem nothing can be read past (a bad header or declaration, no rows left) the
-  // reader returns no table (nullptr).
+  // reader returns no table (nullptr). Stems: a .names line that declares no column is left out
+  // and a refused declaration gives way to a discrete column (a class column where it declares
+  // one); a byte order mark, a header row of the column names and NUL bytes (after which the
+  // file is read no further) are problems too; a table is always returned, read without the
+  // roles of class and weights when the .names does not declare one class and at most one
+  // weights column. Files that cannot be opened still throw.
   std::function<void(read_problem const&)> problems;
-  // CSV/TSV and ARFF: where set, receives the line each row of the table starts on.
+  // Where set, receives the line each row of the table starts on (stems: with problems only).
   std::vector<std::size_t>* row_lines = nullptr;
+  // Stems, with problems: where set, receives the .names line each column is declared on.
+  std::vector<std::size_t>* column_lines = nullptr;
+  // Stems: the file of rows; empty: STEM.data, or STEM.data.gz where only that is there.
+  std::string rows_file;
 };
 
 // A table built from columns in memory, with no text in between: the same table (value orders,

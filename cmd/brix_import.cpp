@@ -1,8 +1,8 @@
 // brix import: a table read as brix reads it, written as the .names/.data pair from which brixcmd
 // loads the same table (same columns, types, kinds, value sets and row order), hence the same
 // tree. brix check: a pre-flight that lists every problem rather than stopping at the first:
-// CSV and ARFF files through their readers, which report each problem to it and read on, then
-// their values; a stem over its raw text, as brixcmd's loader stops at the first problem.
+// every format through its reader, which reports each problem to it and reads on, then the
+// values of the rows it keeps.
 #include "cmd/brix_import.h"
 
 #include <sys/stat.h>
@@ -30,7 +30,6 @@
 #include "brix/brix.h"
 #include "brix/data.h"
 #include "zel/inpout/iogz.h"
-#include "zel/util/datatype.h"
 
 char const* const kImportSynopsis =
     "brix import DATA --to STEM [--test FILE] [--class NAME] [--kind NAME=KIND] [--type NAME=TYPE]";
@@ -442,127 +441,6 @@ int brix_import(std::string const& data, std::string const& stem, std::string co
 
 namespace {
 
-// The bytes of a file, inflated when its name ends in .gz, a buffer at a time.
-class byte_reader {
- public:
-  explicit byte_reader(std::string const& path)
-      : path_(path), in_(zel::inpout::open_for_reading(path)), buf_(1 << 16) {}
-  // The next byte, or -1 at the end.
-  int get() {
-    if (pos_ == len_ && !fill()) return -1;
-    return static_cast<unsigned char>(buf_[pos_++]);
-  }
-  int peek() {
-    if (pos_ == len_ && !fill()) return -1;
-    return static_cast<unsigned char>(buf_[pos_]);
-  }
-  // Skips the bytes of prefix when the input starts with them; call before any other read.
-  bool skip(std::string_view prefix) {
-    if (pos_ == len_) fill();
-    if (len_ - pos_ < prefix.size() || std::memcmp(&buf_[pos_], prefix.data(), prefix.size()) != 0)
-      return false;
-    pos_ += prefix.size();
-    return true;
-  }
-
- private:
-  bool fill() {
-    if (done_) return false;
-    int got = in_->read(buf_.data(), static_cast<int>(buf_.size()));
-    if (got < 0) throw std::runtime_error("File " + path_ + ": read error");
-    done_ = got == 0;
-    pos_ = 0;
-    len_ = static_cast<std::size_t>(std::max(got, 0));
-    return got > 0;
-  }
-  std::string path_;
-  std::unique_ptr<zel::inpout::ioconn> in_;
-  std::vector<char> buf_;
-  std::size_t pos_ = 0, len_ = 0;
-  bool done_ = false;
-};
-
-// One row of fields. Memory is bounded whatever the input: fields past kMaxFields are counted,
-// not kept, and a row with a field longer than kMaxField or more than kMaxKept bytes in all is
-// cut: its values are not looked at.
-struct record {
-  static constexpr std::size_t kMaxFields = 1 << 16, kMaxField = 1 << 20, kMaxKept = 64 << 20;
-  std::vector<std::string> fields;  // the first min(count, kMaxFields), reused from row to row
-  std::size_t count = 0, kept = 0, line = 0;
-  bool nul = false;    // a NUL byte: not a text file
-  bool blank = false;  // an empty line (plain files)
-  bool cut = false;
-
-  void start(std::size_t at) {
-    count = kept = 0;
-    line = at;
-    nul = blank = cut = false;
-  }
-  void field() {
-    stored_ = false;
-    if (++count <= kMaxFields) {
-      if (fields.size() < count) fields.emplace_back();
-      fields[count - 1].clear();
-    }
-  }
-  void add(int c) {
-    if (c == 0) nul = true;
-    stored_ = false;
-    if (count > kMaxFields) return;
-    std::string& f = fields[count - 1];
-    if (f.size() >= kMaxField || kept >= kMaxKept) {
-      cut = true;
-      return;
-    }
-    f += static_cast<char>(c);
-    ++kept;
-    stored_ = true;
-  }
-  // Takes back the last byte added (a CR before a line feed).
-  void drop_last() {
-    if (stored_) fields[count - 1].pop_back();
-    stored_ = false;
-  }
-  std::string_view at(std::size_t j) const {
-    return j < fields.size() && j < count ? std::string_view(fields[j]) : std::string_view();
-  }
-
- private:
-  bool stored_ = false;
-};
-
-// A .names/.data line: fields taken as they stand; a CR before the LF dropped (one that ends the
-// file is kept); a separator that ends the line not counted.
-bool read_line(byte_reader& in, char sep, record& r, std::size_t& line) {
-  int c = in.get();
-  if (c < 0) return false;
-  r.start(line);
-  r.field();
-  int prev = -1, before = -1;
-  bool lf = false;
-  for (; c >= 0; c = in.get()) {
-    if (c == '\n') {
-      lf = true;
-      break;
-    }
-    before = prev;
-    prev = c;
-    if (c == static_cast<unsigned char>(sep))
-      r.field();
-    else
-      r.add(c);
-  }
-  ++line;
-  int last = prev;
-  if (lf && prev == '\r') {
-    r.drop_last();
-    last = before;
-  }
-  r.blank = last < 0;
-  if (last == static_cast<unsigned char>(sep)) --r.count;
-  return true;
-}
-
 struct problem {
   std::size_t file, line;  // line 0: the whole file or column
   std::string text;
@@ -640,7 +518,7 @@ struct column_check {
   static constexpr std::size_t kMaxDistinct = 50000;
   std::string name, type;  // type: the .names keyword; empty for CSV, where numbers are inferred
   std::size_t index = 0;
-  bool is_class = false, weights = false, dates = true;
+  bool is_class = false, weights = false, dates = true, ignored = false;
   tally blanks, quotes, unknown, unreadable;
   bool any = false, several = false, all_numbers = true, fractions = false;
   std::size_t known = 0;  // rows with a known value
@@ -664,23 +542,6 @@ bool blank(char c) {
   return c == ' ' || c == '\t' || c == '\r';
 }
 
-// Whether the column's type reads the text, as brixcmd's value sets do.
-bool readable(std::string const& type, char const* v) {
-  try {
-    if (type == "integer")
-      zel::data_types::datatype<int>::parse(v);
-    else if (type == "uinteger")
-      zel::data_types::datatype<unsigned long>::parse(v);
-    else if (type == "float")
-      zel::data_types::datatype<float>::parse(v);
-    else if (type == "double")
-      zel::data_types::datatype<double>::parse(v);
-    return true;
-  } catch (std::exception const&) {
-    return false;
-  }
-}
-
 // A number as the CSV reader tells one: the whole text, an optional '+', not NaN.
 bool is_number(std::string_view v, double& d) {
   char const* b = v.data() + (!v.empty() && v[0] == '+');
@@ -692,7 +553,8 @@ class value_checks {
  public:
   std::vector<column_check> columns;
 
-  // One value of column j on line; value is NUL-free text.
+  // One value of column j on line, as the table holds it. Numbers are looked at as a whole only
+  // (one value, IDs): their texts are the table's.
   void see(std::size_t j, std::string const& value, std::size_t line, bool unknown, bool training) {
     column_check& c = columns[j];
     if (unknown) {
@@ -701,9 +563,7 @@ class value_checks {
     }
     std::string_view v = value;
     ++c.known;
-    if (c.numeric_type()) {
-      if (!readable(c.type, value.c_str())) c.unreadable.see(line, v);
-    } else {
+    if (!c.numeric_type()) {
       double d = 0;
       bool number = is_number(v, d);
       if (c.all_numbers) c.all_numbers = number;
@@ -741,7 +601,6 @@ class value_checks {
 
   void report(problems& p, std::size_t f, std::size_t rows, bool training) {
     for (auto& c : columns) {
-      if (c.type == "ignore") continue;
       if (c.blanks.n > 0)
         p.add(f, c.blanks.line,
               c.where() + ": " + values(c.blanks.n) + " with surrounding blanks, such as " +
@@ -760,6 +619,7 @@ class value_checks {
               c.where() + ": " + values(c.unreadable.n) + " that " +
                   (c.unreadable.n == 1 ? "is" : "are") + " not " + c.type + ", such as " +
                   quoted(c.unreadable.first));
+      if (c.ignored) continue;  // its values are not kept, only refused
       // A few texts among many numbers: most likely unknown values the reader does not know as
       // such, and they turn the column discrete.
       if (training && c.type.empty() && !c.is_class && c.texts.n > 0 && c.stray.size() <= 3 &&
@@ -837,161 +697,6 @@ class value_checks {
   std::size_t stored_ = 0;
 };
 
-void skip_bom(byte_reader& in, problems& p, std::size_t f) {
-  if (in.skip("\xEF\xBB\xBF"))
-    p.add(f, 1, "a byte order mark, which brixcmd reads as part of the first field");
-}
-
-bool is_type(std::string_view t) {
-  return t == "integer" || t == "uinteger" || t == "float" || t == "double" || t == "string" ||
-         t == "null";
-}
-bool is_kind(std::string_view k) {
-  return k == "discrete" || k == "continuous" || k == "class" || k == "weights" || k == "ignore";
-}
-
-// The separator of a stem: the first that splits the first line of the .names into a name, a
-// type and a kind.
-char names_separator(std::string const& path) {
-  byte_reader in(path);
-  std::string first;
-  for (int c = in.get(); c >= 0 && c != '\n' && first.size() < 4096; c = in.get())
-    first += static_cast<char>(c);
-  for (char sep : std::string(",;\t|:^~!@$%&*=+/\\")) {
-    std::vector<std::string_view> f;
-    std::string_view rest = first;
-    for (std::size_t at; f.size() < 3 && (at = rest.find(sep)) != std::string_view::npos;) {
-      f.push_back(rest.substr(0, at));
-      rest.remove_prefix(at + 1);
-    }
-    f.push_back(rest.substr(0, rest.find(sep)));
-    if (!f.back().empty() && f.back().back() == '\r') f.back().remove_suffix(1);
-    if (f.size() >= 3 && is_type(f[1]) && is_kind(f[2])) return sep;
-  }
-  return ',';
-}
-
-// The .names file: one column per line.
-std::vector<column_check> check_names(std::string const& path, char sep, problems& p) {
-  std::size_t f = p.file(path);
-  byte_reader in(path);
-  skip_bom(in, p, f);
-  std::vector<column_check> cols;
-  std::map<std::string, std::size_t> named;
-  std::size_t line = 1, classes = 0, weights = 0;
-  record r;
-  while (read_line(in, sep, r, line)) {
-    if (r.nul) {
-      p.not_text(f, r.line);
-      return {};
-    }
-    if (r.blank) {
-      p.add(f, r.line, "a blank line, which brixcmd refuses");
-      continue;
-    }
-    if (r.count < 3) {
-      p.add(f, r.line,
-            std::to_string(r.count) + " field(s) where name, type and kind are expected");
-      continue;
-    }
-    column_check c;
-    c.name = std::string(r.at(0));
-    c.index = cols.size();
-    std::string type(r.at(1)), kind(r.at(2));
-    if (!is_type(type))
-      p.add(f, r.line,
-            "unknown type " + quoted(type) + " (integer, uinteger, float, double, string, null)");
-    if (!is_kind(kind))
-      p.add(f, r.line,
-            "unknown kind " + quoted(kind) + " (discrete, continuous, class, weights, ignore)");
-    if ((kind == "continuous" || kind == "weights") && is_type(type) && type != "integer" &&
-        type != "uinteger" && type != "float")
-      p.add(f, r.line, "a " + kind + " column needs the type integer, uinteger or float");
-    if (type == "null" && kind != "ignore")
-      p.add(f, r.line, "the type null is for ignored columns only");
-    if (!c.name.empty() && (blank(c.name.front()) || blank(c.name.back())))
-      p.add(f, r.line, "the name " + quoted(c.name) + " has blanks around it");
-    if (c.name.find('"') != std::string::npos)
-      p.add(f, r.line, "the name " + quoted(c.name) + " holds a quote (it breaks DOT and PMML)");
-    auto again = named.emplace(c.name, r.line);
-    if (!again.second)
-      p.add(f, r.line,
-            "column " + quoted(c.name) + " named before, on line " +
-                std::to_string(again.first->second));
-    c.is_class = kind == "class";
-    c.weights = kind == "weights";
-    classes += c.is_class;
-    weights += c.weights;
-    c.type = is_type(type) ? type : "string";
-    if (kind == "ignore") c.type = "ignore";
-    cols.push_back(std::move(c));
-  }
-  if (line == 1) p.add(f, 0, "empty");
-  if (classes != 1 && line > 1)
-    p.add(
-        f, 0,
-        classes == 0 ? "no class column" : std::to_string(classes) + " class columns, one wanted");
-  if (weights > 1) p.add(f, 0, std::to_string(weights) + " weights columns, one at most");
-  return cols;
-}
-
-// A .data or .test file of the columns of a .names.
-std::size_t check_rows(std::string const& path, char sep, std::vector<column_check> cols,
-                       bool training, problems& p) {
-  std::size_t f = p.file(path);
-  byte_reader in(path);
-  skip_bom(in, p, f);
-  value_checks checks;
-  checks.columns = std::move(cols);
-  std::size_t k = checks.columns.size(), line = 1, rows = 0;
-  record r;
-  while (read_line(in, sep, r, line)) {
-    if (r.nul) {
-      p.not_text(f, r.line);
-      return rows;
-    }
-    if (r.blank && k != 1) {
-      p.row(f, r.line, "blank lines", "a blank line, which brixcmd refuses");
-      continue;
-    }
-    if (r.count != k) {
-      p.row(f, r.line, "rows of the wrong length",
-            std::to_string(r.count) + " fields, the .names declares " + std::to_string(k));
-      continue;
-    }
-    if (rows == 0 && r.line == 1) {
-      bool header = true;
-      for (std::size_t j = 0; j < k && header; ++j)
-        header = r.at(j) == checks.columns[j].name;
-      if (header) {
-        p.add(f, r.line, "a header row (the column names), which brixcmd reads as data");
-        continue;
-      }
-    }
-    ++rows;
-    for (std::size_t j = 0; j < k && j < record::kMaxFields && !r.cut; ++j)
-      if (checks.columns[j].type != "ignore")
-        checks.see(j, r.fields[j], r.line, r.fields[j] == "?", training);
-  }
-  if (rows == 0 && training) p.add(f, 0, "no rows");
-  checks.report(p, f, rows, training);
-  return rows;
-}
-
-int check_stem(std::string const& stem, char given, problems& p) {
-  std::string names = stem + ".names";
-  if (!file_exists(names)) throw std::runtime_error("File " + names + ": not found");
-  std::string data = input_files(stem)[1];
-  if (!file_exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
-  char sep = given != 0 ? given : names_separator(names);
-  std::vector<column_check> cols = check_names(names, sep, p);
-  std::size_t rows = check_rows(data, sep, cols, true, p);
-  if (file_exists(stem + ".test")) check_rows(stem + ".test", sep, cols, false, p);
-  std::string what = std::to_string(rows) + " rows";
-  if (sep != ',') what += ", separator " + quoted(std::string(1, sep));
-  return p.finish(what);
-}
-
 // A reader's message without the place it names ("File PATH, line N"), which the report
 // shows in front of it.
 std::string without_place(std::string const& message, std::string const& path, std::size_t line) {
@@ -1030,9 +735,11 @@ void check_header(problems& p, std::size_t f, value_checks& checks) {
   }
 }
 
-// The values of a table read from a CSV file, row by row on the lines they came from.
+// The values of a table, row by row on the lines they came from. A stem's columns are of the
+// types its .names declares; a CSV file's are inferred.
 void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
-                  std::set<std::string> const& dates, value_checks& checks) {
+                  std::set<std::string> const& dates, bool stem, bool training,
+                  value_checks& checks) {
   std::vector<brix::column_info> const info = brix::table_columns(t);
   std::size_t k = info.size();
   std::vector<std::vector<std::string>> texts(k);
@@ -1045,7 +752,8 @@ void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
     col.weights = c.kind == brix::column_kind::weights;
     bool ignored = c.kind == brix::column_kind::ignore;
     // The reader takes a first column without a name for row names and ignores it.
-    if (ignored) col.type = "ignore";
+    col.ignored = ignored;
+    if (stem) col.type = c.datatype;
     checks.columns.push_back(std::move(col));
     if (!ignored) {
       texts[j] = {"?"};
@@ -1055,9 +763,9 @@ void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
   }
   for (unsigned long r = 0; r < t.get_no_rows(); ++r)
     for (std::size_t j = 0; j < k; ++j) {
-      if (checks.columns[j].type == "ignore") continue;
+      if (checks.columns[j].ignored) continue;
       unsigned long o = brix::value_code(t, j, r);
-      checks.see(j, texts[j][o], lines[r], o == 0, true);
+      checks.see(j, texts[j][o], lines[r], o == 0, training);
     }
   // Dates are read as days: an ID they are not.
   for (auto& c : checks.columns)
@@ -1071,7 +779,7 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
              : ends_with(path, ".tsv") || ends_with(path, ".tsv.gz") ? '\t'
                                                                      : ',';
   std::size_t f = p.file(path);
-  byte_reader probe(path);  // missing or unreadable files fail as for the other formats
+  zel::inpout::open_for_reading(path);  // missing or unreadable files fail as for the others
   if (char better = brix::better_separator(path, sep))
     p.add(f, 0,
           "the lines split evenly at " +
@@ -1100,7 +808,7 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
       dates.insert(line.substr(from + 10, at - from - 10));
   }
   value_checks checks;
-  check_values(*table, lines, dates, checks);
+  check_values(*table, lines, dates, false, true, checks);
   check_header(p, f, checks);
   std::size_t rows = table->get_no_rows();
   checks.report(p, f, rows, true);
@@ -1111,7 +819,7 @@ int check_csv(std::string const& path, std::string const& class_column, char giv
 // at fault, and warns of columns a tree is better off without.
 int check_arff(std::string const& path, std::string const& class_column, problems& p) {
   std::size_t f = p.file(path);
-  byte_reader probe(path);  // missing or unreadable files fail as for the other formats
+  zel::inpout::open_for_reading(path);  // missing or unreadable files fail as for the others
   brix::read_options o;
   o.class_column = class_column;
   std::ostringstream warnings;
@@ -1131,6 +839,196 @@ int check_arff(std::string const& path, std::string const& class_column, problem
   for (std::string line; std::getline(lines, line);)
     p.add(f, 0, without_place(line, path, 0));
   return p.finish(std::to_string(rows) + " rows");
+}
+
+// A stem is checked by reading it as brixcmd does, the reader reporting each problem and
+// reading on; the values of the rows it keeps are then looked at.
+struct stem_read {
+  std::unique_ptr<brix::table> table;
+  std::vector<brix::read_problem> problems;
+  std::vector<std::size_t> rows, columns;  // the line of each row, of each column
+};
+
+// Thrown from the reader's problem sink: the separator tried does not split the first
+// declaration into a name, a type and a kind.
+struct wrong_separator {};
+
+stem_read read_stem(std::string const& stem, std::string const& rows, char sep, bool trying) {
+  stem_read r;
+  brix::read_options o;
+  o.separator = sep;
+  o.rows_file = rows;
+  o.row_lines = &r.rows;
+  o.column_lines = &r.columns;
+  std::string const names = stem + ".names";
+  o.problems = [&](brix::read_problem const& q) {
+    auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
+    if (trying && q.file == names && q.line == 1 &&
+        (has("bad row format") || has("invalid o_set type") || has("Unknown column type")))
+      throw wrong_separator{};
+    r.problems.push_back(q);
+  };
+  r.table = brix::read_table(stem, o);
+  return r;
+}
+
+// The training rows, read with the separator given, else the first that splits the first line
+// of the .names into a name, a type and a kind (',' when none does).
+stem_read read_training(std::string const& stem, std::string const& rows, char given, char& sep) {
+  if (given != 0) return read_stem(stem, rows, sep = given, false);
+  for (char s : std::string(",;\t|:^~!@$%&*=+/\\")) {
+    try {
+      return read_stem(stem, rows, sep = s, true);
+    } catch (wrong_separator const&) {
+    }
+  }
+  return read_stem(stem, rows, sep = ',', false);
+}
+
+// Fields in a line as the loader counts them: a separator ending the line opens none.
+std::size_t fields_in(std::string const& line, char sep) {
+  std::size_t n = 1 + static_cast<std::size_t>(std::count(line.begin(), line.end(), sep));
+  return n > 1 && line.back() == sep ? n - 1 : n;
+}
+
+// A problem of the .names, in the check's words.
+void names_problem(problems& p, std::size_t f, brix::read_problem const& q, char sep) {
+  auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
+  if (has("NUL bytes"))
+    p.not_text(f, q.line);
+  else if (has("a byte order mark"))
+    p.add(f, q.line, "a byte order mark, which brixcmd reads as part of the first field");
+  else if (has("bad row format") && q.value.empty())
+    p.add(f, q.line, "a blank line, which brixcmd refuses");
+  else if (has("bad row format"))
+    p.add(f, q.line,
+          std::to_string(fields_in(q.value, sep)) +
+              " field(s) where name, type and kind are expected");
+  else if (has("invalid o_set type"))
+    p.add(f, q.line,
+          "unknown type " + quoted(q.value) + " (integer, uinteger, float, double, string, null)");
+  else if (has("Unknown column type"))
+    p.add(f, q.line,
+          "unknown kind " + quoted(q.value) + " (discrete, continuous, class, weights, ignore)");
+  else if (has("requires a numeric data type"))
+    p.add(f, q.line, "a continuous column needs the type integer, uinteger or float");
+  else if (has("requires a non-negative numeric data type"))
+    p.add(f, q.line, "a weights column needs the type integer, uinteger or float");
+  else if (has("Null set of column values"))
+    p.add(f, q.line, "the type null is for ignored columns only");
+  else
+    p.add(f, q.line, without_place(q.message, q.file, q.line));
+}
+
+// What the .names declares as a whole and the names of its columns, on the lines they are
+// declared on. reported: whether the reader reported problems with it; refused_weights: weights
+// columns whose declarations it refused (they stand in as discrete ones).
+void check_declarations(problems& p, std::size_t f, stem_read const& r, bool reported,
+                        std::size_t refused_weights) {
+  std::vector<brix::column_info> const info = brix::table_columns(*r.table);
+  if (info.empty() && !reported) return p.add(f, 0, "empty");
+  std::size_t classes = 0, weights = refused_weights;
+  std::map<std::string, std::size_t> named;
+  for (std::size_t j = 0; j < info.size(); ++j) {
+    std::string const& name = info[j].name;
+    std::size_t line = r.columns[j];
+    classes += info[j].kind == brix::column_kind::class_label;
+    weights += info[j].kind == brix::column_kind::weights;
+    if (!name.empty() && (blank(name.front()) || blank(name.back())))
+      p.add(f, line, "the name " + quoted(name) + " has blanks around it");
+    if (name.find('"') != std::string::npos)
+      p.add(f, line, "the name " + quoted(name) + " holds a quote (it breaks DOT and PMML)");
+    auto again = named.emplace(name, line);
+    if (!again.second)
+      p.add(f, line,
+            "column " + quoted(name) + " named before, on line " +
+                std::to_string(again.first->second));
+  }
+  if (classes != 1)
+    p.add(
+        f, 0,
+        classes == 0 ? "no class column" : std::to_string(classes) + " class columns, one wanted");
+  if (weights > 1) p.add(f, 0, std::to_string(weights) + " weights columns, one at most");
+}
+
+// A problem of a file of rows, in the check's words; values a column refuses are counted with
+// the column's other findings. Returns false for a file that is not text.
+bool rows_problem(problems& p, std::size_t f, brix::read_problem const& q, char sep,
+                  value_checks& checks) {
+  auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
+  std::size_t k = checks.columns.size();
+  // Of columns of the same name, the first that can refuse the value: a class or weights
+  // column an unknown value, a numeric one a text.
+  bool unknown = has("unadmitted null value");
+  auto column = std::find_if(checks.columns.begin(), checks.columns.end(), [&](auto const& c) {
+    return c.name == q.column && (unknown ? c.is_class || c.weights : c.numeric_type());
+  });
+  if (has("NUL bytes")) {
+    p.not_text(f, q.line);
+    return false;
+  }
+  if (has("a byte order mark"))
+    p.add(f, q.line, "a byte order mark, which brixcmd reads as part of the first field");
+  else if (has("a header row"))
+    p.add(f, q.line, "a header row (the column names), which brixcmd reads as data");
+  else if (has("bad row format") && q.value.empty())
+    p.row(f, q.line, "blank lines", "a blank line, which brixcmd refuses");
+  else if (has("bad row format"))
+    p.row(f, q.line, "rows of the wrong length",
+          std::to_string(fields_in(q.value, sep)) + " fields, the .names declares " +
+              std::to_string(k));
+  else if (!q.column.empty() && column != checks.columns.end())
+    (unknown ? column->unknown : column->unreadable).see(q.line, q.value);
+  else if (!has("there must be"))  // one class, one weights column at most: the .names's
+    p.add(f, q.line, without_place(q.message, q.file, q.line));
+  return true;
+}
+
+// A file of rows of the stem: its problems, then its values. Returns its number of rows.
+std::size_t check_rows(problems& p, std::string const& path, stem_read const& r, char sep,
+                       bool training) {
+  std::size_t f = p.file(path);
+  value_checks checks;
+  check_values(*r.table, r.rows, {}, true, training, checks);
+  bool text = true;
+  for (auto const& q : r.problems)
+    if (q.file == path && text) text = rows_problem(p, f, q, sep, checks);
+  if (!text) return 0;
+  std::size_t rows = r.table->get_no_rows();
+  if (rows == 0 && training) p.add(f, 0, "no rows");
+  checks.report(p, f, rows, training);
+  return rows;
+}
+
+// The .names: the reader's problems with it, then what it declares.
+void check_names(problems& p, std::string const& names, stem_read const& r, char sep) {
+  std::size_t f = p.file(names), refused_weights = 0;
+  bool reported = false;
+  for (auto const& q : r.problems) {
+    if (q.file != names) continue;
+    reported = true;
+    names_problem(p, f, q, sep);
+    if (q.message.find("NUL bytes") != std::string::npos) return;  // no text: nothing else
+    refused_weights += q.message.find("requires a non-negative") != std::string::npos;
+  }
+  check_declarations(p, f, r, reported, refused_weights);
+}
+
+int check_stem(std::string const& stem, char given, problems& p) {
+  std::string names = stem + ".names";
+  if (!file_exists(names)) throw std::runtime_error("File " + names + ": not found");
+  std::string data = input_files(stem)[1], test = stem + ".test";
+  if (!file_exists(data)) throw std::runtime_error("File " + stem + ".data: not found");
+  zel::inpout::open_for_reading(names);  // unreadable files fail as for the other formats
+  zel::inpout::open_for_reading(data);
+  char sep = given;
+  stem_read training = read_training(stem, data, given, sep);
+  check_names(p, names, training, sep);
+  std::size_t rows = check_rows(p, data, training, sep, true);
+  if (file_exists(test)) check_rows(p, test, read_stem(stem, test, sep, false), sep, false);
+  std::string what = std::to_string(rows) + " rows";
+  if (sep != ',') what += ", separator " + quoted(std::string(1, sep));
+  return p.finish(what);
 }
 
 }  // namespace

@@ -288,4 +288,77 @@ TEST_F(CsvFiles, SinkReportsEveryFaultAndReadsTheRest) {
   }
 }
 
+// A stem read with a sink: each problem reported where it lies (file n: the .names, d: the rows;
+// then the line, the column and the value), and its message is the one thrown without a sink;
+// the rows at fault are left out, the rest read.
+TEST_F(CsvFiles, StemSinkReportsEveryFaultAndReadsTheRest) {
+  std::string const nac = "a,string,discrete\nn,integer,continuous\nc,string,class\n";
+  struct {
+    std::string names, data;
+    char const* thrown;  // without a sink: the message thrown ("" none), the sink's first too
+    std::vector<std::string> problems;
+    std::vector<std::size_t> rows, columns;  // the lines of the rows read, of the columns
+  } const cases[] = {
+      {nac, "x,1,yes\ny,2,no\n", "", {}, {1, 2}, {1, 2, 3}},
+      {nac,
+       "x,1,yes\ny,2\n\nz,2.5,?\nw,4,no\n",
+       "Reading training data: bad row format (row 2): y,2",
+       {"d2 =y,2", "d3", "d4 n=2.5", "d4 c=?"},
+       {1, 5},
+       {1, 2, 3}},
+      {"a,strin,discrete\n\nb,string,discret\nn,null,continuous\nc,string,class\nq,two\n",
+       "x,y,z,yes\n",
+       "Reading metadata: invalid o_set type = strin",
+       {"n1 a=strin", "n2", "n3 b=discret", "n4 n=null", "n4 n=null", "n6 =q,two"},
+       {1},
+       {1, 3, 4, 5}},
+      // A byte order mark and the column names on the first line: no error without a sink.
+      {"a,string,discrete\nc,string,class\n",
+       "\xef\xbb\xbf"
+       "a,c\nx,yes\n",
+       "",
+       {"d1", "d1 =a,c"},
+       {2},
+       {1, 2}},
+      {"a,string,discrete\n",
+       "x\ny\n",
+       "Reading training data: there must be only one class column",
+       {"d0"},
+       {1, 2},
+       {1}},
+      {nac, std::string("x,1,yes\ny,\0,no\nz,3,no\n", 22), nullptr, {"d2"}, {1}, {1, 2, 3}},
+      // A .names that is no text declares nothing: its rows then have too many fields.
+      {std::string("a,string,discrete\nc,str\0ing,class\n", 34),
+       "x,yes\n",
+       nullptr,
+       {"n2", "d0", "d1 =x,yes"},
+       {},
+       {}},
+  };
+  for (auto const& c : cases) {
+    std::ofstream(file("s.names")) << c.names;
+    std::ofstream(file("s.data")) << c.data;
+    std::vector<std::string> told, messages;
+    std::vector<std::size_t> rows, columns;
+    brix::read_options o;
+    o.row_lines = &rows;
+    o.column_lines = &columns;
+    o.problems = [&](brix::read_problem const& q) {
+      told.push_back((q.file == file("s.names") ? "n" : "d") + std::to_string(q.line) +
+                     (q.column.empty() && q.value.empty() ? "" : " " + q.column + "=" + q.value));
+      messages.push_back(q.message);
+    };
+    auto t = brix::read_table(file("s"), o);
+    EXPECT_EQ(told, c.problems) << c.data;
+    EXPECT_EQ(rows, c.rows) << c.data;
+    EXPECT_EQ(columns, c.columns) << c.data;
+    EXPECT_EQ(t->get_no_rows(), c.rows.size()) << c.data;
+    if (c.thrown == nullptr) continue;
+    EXPECT_EQ(error_of([&] { brix::read_table(file("s")); }), c.thrown) << c.data;
+    if (*c.thrown != '\0') {
+      EXPECT_EQ(messages.at(0), c.thrown) << c.data;
+    }
+  }
+}
+
 }  // namespace

@@ -88,6 +88,15 @@ printf 'x,1,yes\n\ny ,2,no,5\n"z",3,no\nw,1.5,yes\n?,4,?\n' >all.data
 cp t.names all.names
 brix_expect 1 check all
 expect_line_count 6
+# A stem of another separator is read with it; its .test is checked as well.
+printf 'a;string;discrete\nn;integer;continuous\nc;string;class\n' >semi.names
+printf 'x;1;yes\ny;2;no\nz;3;no\nw;4;yes\n' >semi.data
+brix_expect 0 check semi
+expect_output "brix check: no problems in semi.names, semi.data (4 rows, separator ';')"
+printf 'x;1;yes\ny;b;no\n"z";3;no\n' >semi.test
+brix_expect 1 check semi
+expect_line_count 3
+expect_grep "^semi\.test:2: column 2 'n': 1 value that is not integer, such as 'b'"
 
 # Files that are no table end in time with one problem, or one error for paths.
 head -c 300000 /dev/urandom >binary.csv

@@ -23,10 +23,17 @@ o_set::o_set(std::string const& datatype, bool admits_null, std::string const& n
 
 o_set::~o_set() {}
 
+namespace {
+char const* const kUnadmittedNull = "[o_set::insert()] called with unadmitted null value";
+}
+
 void o_set::insert_null() {
-  if (!admits_null_)
-    throw std::runtime_error("[o_set::insert()] called with unadmitted null value");
+  if (!admits_null_) throw std::runtime_error(kUnadmittedNull);
   contains_null_ = true;
+}
+
+std::string o_set::refusal(char const* text) const {
+  return is_null_text(text) && !admits_null_ ? kUnadmittedNull : "";
 }
 
 // The null set keeps no values: anything but the null text is dropped.

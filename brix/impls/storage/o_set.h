@@ -76,6 +76,8 @@ class o_set {
   virtual void bin_in(zel::inpout::ibinstream& in);
   // A loader for this set; keep_rows is false for columns that store no rows.
   virtual value_loader* make_loader(bool keep_rows);
+  // Why a text is no value the set takes: what loading it would throw; empty when it is one.
+  virtual std::string refusal(char const* text) const;
 
   bool admits_null() const { return admits_null_; }
   bool contains_null() const { return contains_null_; }

@@ -38,6 +38,16 @@ class o_set_typed : public o_set {
 
   void insert(char const* value) override { insert_id(value); }
 
+  std::string refusal(char const* text) const override {
+    if (is_null_text(text)) return o_set::refusal(text);
+    try {
+      T::parse(text);
+    } catch (std::runtime_error const& e) {
+      return e.what();
+    }
+    return "";
+  }
+
   unsigned long size_of_known() const override {
     return frozen_ ? sorted_.size() : pending_.size();
   }

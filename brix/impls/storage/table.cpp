@@ -71,9 +71,10 @@ unsigned long table::set_verbosity(unsigned long verbosity) {
 
 // ---------------------------------------------------------------- metadata
 
-void table::load_meta_data(zel::inpout::stream* source, bool owns) {
+void table::load_meta_data(zel::inpout::stream* source, bool owns, load_problems const* problems) {
   source_guard guard{source, owns};
   if (source == nullptr) throw std::runtime_error("no data provider detected.");
+  if (problems != nullptr) return declare_reading_on(*source, *problems);
   try {
     char sep = source->get_delim();
     unsigned long row = 0;
@@ -191,10 +192,12 @@ column* table::make_column(unsigned long i, o_set* values) const {
 // value itself, for columns of mostly distinct numbers); once every value is
 // known the sets are sorted and a second pass over the kept rows turns them
 // into orders, in place.
-void table::load_data(zel::inpout::stream* source, std::string const& null, bool owns) {
+void table::load_data(zel::inpout::stream* source, std::string const& null, bool owns,
+                      load_problems const* problems) {
   source_guard guard{source, owns};
   try {
     if (source == nullptr) throw std::runtime_error("no data provider detected.");
+    if (problems != nullptr) return load_reading_on(*source, null, *problems);
     char sep = source->get_delim();
     line_fields fields;
     unsigned long r = 0, k = columns_.size() - loaded_;
@@ -311,6 +314,160 @@ void table::load_from(Advance&& advance, PutRow&& put_row, std::string const& nu
   if (log_ && verbosity_ > 1) *log_ << "  " << r2 << " rows read." << std::endl;
   timer.stop();
   elapsed_ = timer.get_elapsed();
+}
+
+// ---------------------------------------------------------------- loading that reads on
+
+namespace {
+
+// Whether the line just read, size bytes with its end of line, holds a NUL byte: its text then
+// ends before the end of line does (whose LF, or the CR before it, is now the terminator). A NUL
+// ending a last line without LF goes unseen.
+bool holds_nul(char const* line, unsigned long long size) {
+  std::size_t n = std::strlen(line);
+  return n + 1 < size && !(n + 2 == size && line[n + 1] == '\n');
+}
+
+// The next line of a file read on past its problems, after a byte order mark on the first line;
+// null at the end, and at a line holding NUL bytes (a file that is no text has nothing to read),
+// where text turns false.
+char* line_reading_on(zel::inpout::stream& source, unsigned long line, load_problems const& p,
+                      bool& text) {
+  unsigned long long before = source.tell2();
+  if (!source.read_line()) return nullptr;
+  char* s = source.get_line();
+  if (holds_nul(s, source.tell2() - before)) {
+    p.report(line, "", "", "NUL bytes: not a text file");
+    text = false;
+    return nullptr;
+  }
+  if (line == 1 && std::strncmp(s, "\xEF\xBB\xBF", 3) == 0) {
+    p.report(line, "", "", "a byte order mark, otherwise read as part of the first field");
+    s += 3;
+  }
+  return s;
+}
+
+}  // namespace
+
+void table::declare_reading_on(zel::inpout::stream& source, load_problems const& p) {
+  char sep = source.get_delim();
+  line_fields fields;
+  std::size_t first = columns_.size(), lines = p.lines != nullptr ? p.lines->size() : 0;
+  bool text = true;
+  for (unsigned long row = 1;; ++row) {
+    char* line = line_reading_on(source, row, p, text);
+    if (!text) {
+      // A file that is no text declares nothing.
+      for (std::size_t j = first; j < columns_.size(); ++j)
+        delete columns_[j];
+      columns_.resize(first);
+      if (p.lines != nullptr) p.lines->resize(lines);
+    }
+    if (line == nullptr) return;
+    if (count_fields(line, sep) < 3) {
+      p.report(row, "", line, "bad row format (row " + std::to_string(row) + "): " + line);
+      continue;
+    }
+    fields.split(line, sep, 3);
+    declare_or_stand_in(fields[0], fields[1], fields[2], row, p);
+  }
+}
+
+// Every rule the declaration breaks is reported, each with the same message as where the first
+// one is thrown.
+void table::declare_or_stand_in(char const* name, char const* type, char const* kind,
+                                unsigned long line, load_problems const& p) {
+  auto refused = [&](std::string const& value, std::string const& why) {
+    p.report(line, name, value, why);
+  };
+  bool type_known = true, declared = false;
+  try {
+    delete o_set::NEW_O_SET(type, true, "?");
+  } catch (std::runtime_error const& e) {
+    refused(type, e.what());
+    type_known = false;
+  }
+  column::_type k = column::DISCRETE;
+  bool kind_known = column::get_type(kind, k);
+  if (!kind_known) refused(kind, std::string("Unknown column type: ") + kind);
+  std::string null_rule;
+  if (std::strcmp(type, "null") == 0 && std::strcmp(kind, "ignore") != 0) {
+    std::unique_ptr<o_set> none(o_set::NEW_O_SET("null", true, "?"));
+    column::NEW_COLUMN(none.get(), name, "discrete", null_rule);
+  }
+  if (type_known && kind_known) {
+    if (std::strcmp(type, "double") == 0 && k == column::CONTINUOUS) {
+      refused(type, std::string("Continuous column '") + name + "' requires a numeric data type");
+    } else {
+      try {
+        push_back(name, type, kind);
+        declared = true;
+      } catch (std::runtime_error const& e) {
+        refused(type, e.what());
+        if (e.what() == null_rule) null_rule.clear();
+      }
+    }
+  }
+  if (!null_rule.empty()) refused(type, null_rule);
+  if (!declared) {
+    bool typed = type_known && std::strcmp(type, "null") != 0;
+    push_back(name, typed ? type : "string",
+              kind_known && k == column::CLASS ? "class" : "discrete");
+  }
+  if (p.lines != nullptr) p.lines->push_back(line);
+}
+
+void table::load_reading_on(zel::inpout::stream& source, std::string const& null,
+                            load_problems const& p) {
+  std::string error;
+  if (!consistency_check(columns_.size(), error)) {
+    p.report(0, "", "", error);
+    for_tree_ = false;  // the rows are read all the same, the class being no class
+  }
+  char sep = source.get_delim();
+  line_fields fields;
+  unsigned long line = 0, first = loaded_, k = columns_.size() - first;
+  bool is_text = true;
+  // The first row is the column names, written by mistake: reported, not read as data.
+  auto header = [&]() {
+    for (unsigned long j = 0; j < k; ++j)
+      if (columns_[first + j]->get_name() != fields[j]) return false;
+    fields.restore();
+    p.report(1, "", fields[0], "a header row: the column names, otherwise read as data");
+    return true;
+  };
+  load_from(
+      [&]() {
+        for (char* text; (text = line_reading_on(source, ++line, p, is_text)) != nullptr;) {
+          if (fields.split_all(text, sep) != k) {
+            fields.restore();
+            p.report(line, "", text, "bad row format (row " + std::to_string(line) + "): " + text);
+          } else if (!(line == 1 && header()) && row_reads(fields, line, p)) {
+            if (p.lines != nullptr) p.lines->push_back(line);
+            return true;
+          }
+        }
+        return false;
+      },
+      [&](std::vector<std::unique_ptr<value_loader>>& loaders) {
+        for (unsigned long j = 0; j < k; ++j)
+          loaders[j]->add(fields[j]);
+      },
+      null);
+}
+
+// Whether every value of the row is one its column takes; those that are not are reported.
+bool table::row_reads(line_fields const& fields, unsigned long line, load_problems const& p) const {
+  bool reads = true;
+  for (unsigned long j = loaded_; j < columns_.size(); ++j) {
+    char const* text = fields[j - loaded_];
+    std::string why = columns_[j]->get_o_set()->refusal(text);
+    if (why.empty()) continue;
+    p.report(line, columns_[j]->get_name(), text, why);
+    reads = false;
+  }
+  return reads;
 }
 
 bool table::load_row(zel::inpout::stream* source, std::vector<std::string>& row) const {

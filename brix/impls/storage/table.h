@@ -14,6 +14,19 @@
 namespace brix {
 namespace impls {
 
+// Loading that reads on past its problems (a pre-flight check wants every one, not the first):
+// each problem that would throw goes to report (the line, 0 for none; the column's name and the
+// value at fault, where there are; the message as it would be thrown) and the line at fault is
+// left out. lines, where set, receives the line each column (row) loaded was read from.
+struct load_problems {
+  std::function<void(unsigned long line, std::string const& column, std::string const& value,
+                     std::string const& message)>
+      report;
+  std::vector<std::size_t>* lines = nullptr;
+};
+
+class line_fields;
+
 class table {
  public:
   table(std::string const& name, bool for_tree);
@@ -21,11 +34,17 @@ class table {
   table& operator=(table const&) = delete;
   ~table();
 
-  // Reads one column per line of the source; deletes the source when owns.
-  void load_meta_data(zel::inpout::stream* source, bool owns);
+  // Reads one column per line of the source; deletes the source when owns. With problems, a
+  // declaration refused is reported and a stand-in takes its place (a discrete column of its type,
+  // of strings where the type is unknown, or a class column of strings) so that rows still line up.
+  void load_meta_data(zel::inpout::stream* source, bool owns,
+                      load_problems const* problems = nullptr);
   void push_back(std::string const& name, std::string const& datatype, std::string const& kind);
-  // Reads every row of the source into the columns not loaded yet.
-  void load_data(zel::inpout::stream* source, std::string const& null, bool owns);
+  // Reads every row of the source into the columns not loaded yet. With problems, rows at fault
+  // are reported and left out, a first row of the column names too; columns that cannot make a
+  // tree (no class, two) are reported and read without the roles of class and weights.
+  void load_data(zel::inpout::stream* source, std::string const& null, bool owns,
+                 load_problems const* problems = nullptr);
   // Rows from any reader into the columns not loaded yet: next() gives one row's field texts (one
   // per such column, the null text for an unknown value), or null after the last row.
   void load_rows(std::function<char const* const*()> const& next, std::string const& null);
@@ -89,6 +108,12 @@ class table {
 
  private:
   void refresh_attributes();
+  void declare_reading_on(zel::inpout::stream& source, load_problems const& p);
+  void declare_or_stand_in(char const* name, char const* type, char const* kind, unsigned long line,
+                           load_problems const& p);
+  void load_reading_on(zel::inpout::stream& source, std::string const& null,
+                       load_problems const& p);
+  bool row_reads(line_fields const& fields, unsigned long line, load_problems const& p) const;
   template <class Advance, class PutRow>
   void load_from(Advance&& advance, PutRow&& put_row, std::string const& null);
 

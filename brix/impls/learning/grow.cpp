@@ -6,6 +6,10 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "brix/impls/learning/case_sort.h"
+#include "brix/impls/learning/constants.h"
+#include "brix/impls/learning/partition.h"
+#include "brix/impls/learning/split_choice.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/column_typed.h"
 #include "brix/impls/storage/table.h"
@@ -355,44 +359,15 @@ void _decision_node::split_att_on(table* t, float min_obj, options const* opts, 
 bool _decision_node::split_att_worth(unsigned long att) {
   order_range const& r = ranges()[att];
   if (r.second - r.first > 1) return true;
-  descs()[att].gain = -0.001f;
+  descs()[att].gain = kNoGain;
   descs()[att].split_info = 0.0f;
   return false;
 }
 
 int _decision_node::split_post(table* t) {
   try {
-    // Only attributes of at least average gain compete on gain ratio. The fixed -0.001 and 0.001
-    // tolerances and the float sum are deliberate: they decide ties as the trees expect.
-    float sum = 0.0f;
-    unsigned long count = 0;
     std::vector<splitting_desc> const& all = get_split_descs();
-    for (auto const& d : all) {
-      if (d.gain > -0.001) {
-        sum += d.gain;
-        ++count;
-      }
-    }
-    float average = count > 0 ? sum / static_cast<float>(count) : 1000000.0f;
-    bool use_ratio = split_status_ == 1;
-    float best_score = -0.001f;
-    long best = -1;
-    for (std::size_t a = 0; a < all.size(); ++a) {
-      auto const& d = all[a];
-      if (!(d.gain > -0.001)) continue;
-      float score;
-      if (use_ratio) {
-        if (!(d.gain >= average - 0.001) || !(d.split_info > 0.001)) continue;
-        score = d.gain / d.split_info;
-      } else {
-        if (!(d.split_info > 0.0f)) continue;
-        score = d.gain;
-      }
-      if (score > best_score) {
-        best_score = score;
-        best = static_cast<long>(a);
-      }
-    }
+    long best = choose_split(all, split_status_ == 1);
     if (best >= 0) {
       leaf_or_att_ = static_cast<unsigned long>(best);
       status_ = SPLIT_NODE;
@@ -603,7 +578,8 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     } else if (visit) {
       // The same float and double steps as preprune.
       f.leaf_error = node->get_leaf_error();
-      f.bound = static_cast<float>(std::min(static_cast<double>(bound), f.leaf_error - 0.001));
+      f.bound =
+          static_cast<float>(std::min(static_cast<double>(bound), f.leaf_error - kPruneMargin));
       f.counting = true;
     }
     stack.push_back(std::move(f));
@@ -612,9 +588,9 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
   auto settle = [](frame& f) {
     f.counting = false;
     _decision_node* node = f.tree->get_node();
-    if (f.sum < f.leaf_error - 0.001) {
+    if (f.sum < f.leaf_error - kPruneMargin) {
       node->error_ = f.sum;
-      f.value = static_cast<float>(f.leaf_error - 0.001);
+      f.value = static_cast<float>(f.leaf_error - kPruneMargin);
     } else {
       f.tree->collapse(f.leaf_error);  // children not yet grown go with it
       f.value = f.leaf_error;
@@ -651,15 +627,15 @@ float _decision_tree::preprune(float bound) {
   float leaf_error = n->get_leaf_error();
   // Deliberate: the -0.001 margin, the early stop at the bound and returning the leaf error less
   // the margin (not the subtree's sum) for a kept subtree.
-  bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - 0.001));
+  bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - kPruneMargin));
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i) {
     sum += get_child(i)->preprune(bound);
     if (sum >= bound) break;
   }
-  if (sum < leaf_error - 0.001) {
+  if (sum < leaf_error - kPruneMargin) {
     n->error_ = sum;
-    return static_cast<float>(leaf_error - 0.001);
+    return static_cast<float>(leaf_error - kPruneMargin);
   }
   collapse(leaf_error);
   return leaf_error;

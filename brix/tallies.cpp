@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "brix/impls/learning/partition.h"
 #include "brix/impls/learning/split_search.h"
 #include "brix/impls/model/conf_matrix.h"
 #include "brix/impls/model/decision_tree.h"

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "brix/impls/learning/partition.h"
 #include "brix/impls/learning/split_search.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/column_typed.h"

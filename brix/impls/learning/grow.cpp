@@ -6,6 +6,10 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "brix/impls/learning/case_sort.h"
+#include "brix/impls/learning/constants.h"
+#include "brix/impls/learning/partition.h"
+#include "brix/impls/learning/split_choice.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/column_typed.h"
 #include "brix/impls/storage/table.h"
@@ -355,44 +359,15 @@ void _decision_node::split_att_on(table* t, float min_obj, options const* opts, 
 bool _decision_node::split_att_worth(unsigned long att) {
   order_range const& r = ranges()[att];
   if (r.second - r.first > 1) return true;
-  descs()[att].gain = -0.001f;
+  descs()[att].gain = kNoGain;
   descs()[att].split_info = 0.0f;
   return false;
 }
 
 int _decision_node::split_post(table* t) {
   try {
-    // Only attributes of at least average gain compete on gain ratio. The fixed -0.001 and 0.001
-    // tolerances and the float sum are deliberate: they decide ties as the trees expect.
-    float sum = 0.0f;
-    unsigned long count = 0;
     std::vector<splitting_desc> const& all = get_split_descs();
-    for (auto const& d : all) {
-      if (d.gain > -0.001) {
-        sum += d.gain;
-        ++count;
-      }
-    }
-    float average = count > 0 ? sum / static_cast<float>(count) : 1000000.0f;
-    bool use_ratio = split_status_ == 1;
-    float best_score = -0.001f;
-    long best = -1;
-    for (std::size_t a = 0; a < all.size(); ++a) {
-      auto const& d = all[a];
-      if (!(d.gain > -0.001)) continue;
-      float score;
-      if (use_ratio) {
-        if (!(d.gain >= average - 0.001) || !(d.split_info > 0.001)) continue;
-        score = d.gain / d.split_info;
-      } else {
-        if (!(d.split_info > 0.0f)) continue;
-        score = d.gain;
-      }
-      if (score > best_score) {
-        best_score = score;
-        best = static_cast<long>(a);
-      }
-    }
+    long best = choose_split(all, split_status_ == 1);
     if (best >= 0) {
       leaf_or_att_ = static_cast<unsigned long>(best);
       status_ = SPLIT_NODE;
@@ -437,6 +412,33 @@ void _decision_node::print_att_gain(table* t, std::ostream& out) const {
 // ---------------------------------------------------------------- growing
 
 namespace {
+
+// Prepruning of one split node, the same step for a grown tree (preprune) and while growing depth
+// first: the bound its children's values are summed against, each child's own bound, and the
+// verdict once the sum reaches it or the children end. Deliberate: the margin, the early stop at
+// the bound and, for a kept subtree, the leaf error less the margin (not the subtree's sum) as its
+// value; the float and double steps are part of the result.
+struct preprune_step {
+  float leaf_error = 0.0f;
+  float bound = 0.0f;
+
+  preprune_step() = default;
+  preprune_step(float leaf, float father_bound)
+      : leaf_error(leaf),
+        bound(
+            static_cast<float>(std::min(static_cast<double>(father_bound), leaf - kPruneMargin))) {}
+
+  // Keeps the subtree, its error the children's sum, or collapses it into a leaf; returns the
+  // value the father sums.
+  float settle(_decision_tree& tree, float sum) const {
+    if (sum < leaf_error - kPruneMargin) {
+      tree.get_node()->set_error(sum);
+      return static_cast<float>(leaf_error - kPruneMargin);
+    }
+    tree.collapse(leaf_error);
+    return leaf_error;
+  }
+};
 
 // Copies of at least so many rows give their pages back when dropped.
 constexpr unsigned long kLocalReturn = 16384;
@@ -576,8 +578,7 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     bool prunable;       // pruning reaches its children
     bool counting;       // prepruning still sums its children's values
     unsigned long next;  // the next child to grow
-    float bound;         // prepruning's bound for the children
-    float leaf_error;
+    preprune_step step;
     float sum;
     float value;                             // prepruning's value of the subtree, for the father
     table* at = nullptr;                     // the table whose rows its children's cases number
@@ -595,15 +596,13 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     scratch.fit(node->get_cases_count());
     node->split(at, split_type, min_obj, opts, &scratch);
     tree->branch_out(at, opts, scratch, parts, shares, ranges);
-    frame f{tree, prunable && node->known_fract_ != 0.0f, false, 0, 0.0f, 0.0f, 0.0f, 0.0f};
+    frame f{tree, prunable && node->known_fract_ != 0.0f, false, 0, preprune_step(), 0.0f, 0.0f};
     f.at = at;
     f.local = std::move(local);
     if (node->status_ == _decision_node::LEAF_NODE) {
       f.value = node->error_;
     } else if (visit) {
-      // The same float and double steps as preprune.
-      f.leaf_error = node->get_leaf_error();
-      f.bound = static_cast<float>(std::min(static_cast<double>(bound), f.leaf_error - 0.001));
+      f.step = preprune_step(node->get_leaf_error(), bound);
       f.counting = true;
     }
     stack.push_back(std::move(f));
@@ -611,14 +610,7 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
   // Prepruning's verdict once its sum reaches the bound or the last child.
   auto settle = [](frame& f) {
     f.counting = false;
-    _decision_node* node = f.tree->get_node();
-    if (f.sum < f.leaf_error - 0.001) {
-      node->error_ = f.sum;
-      f.value = static_cast<float>(f.leaf_error - 0.001);
-    } else {
-      f.tree->collapse(f.leaf_error);  // children not yet grown go with it
-      f.value = f.leaf_error;
-    }
+    f.value = f.step.settle(*f.tree, f.sum);  // children not yet grown go with a collapse
   };
 
   grow(this, 1.0f, preprune, true, t);
@@ -626,7 +618,7 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     frame& f = stack.back();
     if (f.next < f.tree->get_no_childs()) {
       _decision_tree* child = f.tree->get_child(f.next++);
-      grow(child, f.bound, f.counting, f.prunable, f.at);  // f is not used past this point
+      grow(child, f.step.bound, f.counting, f.prunable, f.at);  // f is not used past this point
       continue;
     }
     if (f.counting) settle(f);
@@ -637,7 +629,7 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
     if (!stack.empty() && stack.back().counting) {
       frame& father = stack.back();
       father.sum += value;
-      if (father.sum >= father.bound) settle(father);
+      if (father.sum >= father.step.bound) settle(father);
     }
   }
 }
@@ -648,21 +640,13 @@ float _decision_tree::preprune(float bound) {
   if (n->status_ != _decision_node::SPLIT_NODE) {
     throw std::runtime_error("prepruning on an incomplete tree");
   }
-  float leaf_error = n->get_leaf_error();
-  // Deliberate: the -0.001 margin, the early stop at the bound and returning the leaf error less
-  // the margin (not the subtree's sum) for a kept subtree.
-  bound = static_cast<float>(std::min(static_cast<double>(bound), leaf_error - 0.001));
+  preprune_step step(n->get_leaf_error(), bound);
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i) {
-    sum += get_child(i)->preprune(bound);
-    if (sum >= bound) break;
+    sum += get_child(i)->preprune(step.bound);
+    if (sum >= step.bound) break;
   }
-  if (sum < leaf_error - 0.001) {
-    n->error_ = sum;
-    return static_cast<float>(leaf_error - 0.001);
-  }
-  collapse(leaf_error);
-  return leaf_error;
+  return step.settle(*this, sum);
 }
 
 void _decision_tree::collapse(float error) {

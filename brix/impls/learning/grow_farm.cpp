@@ -32,6 +32,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "brix/impls/learning/case_sort.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
 #include "farm/task_farm.h"

@@ -1,7 +1,7 @@
-// Split search: the quality of splitting a node's cases on one attribute, and
-// the distribution of the cases to the branches of the chosen split. Free
-// functions over a column's typed readers: the column only stores orders and
-// its value set, and the working tables belong to the grower that calls.
+// Split search: the quality of splitting a node's cases on one attribute. Free functions over a
+// column's typed readers: the column only stores orders and its value set, and the working tables
+// belong to the grower that calls. The sorts it needs are in case_sort.h, the distribution of the
+// cases to the branches of the chosen split in partition.h.
 #ifndef BRIX_IMPLS_SPLIT_SEARCH_H
 #define BRIX_IMPLS_SPLIT_SEARCH_H
 
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "brix/impls/learning/constants.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/w_sequence.h"
 
@@ -38,10 +39,14 @@ struct splitting_desc {
   unsigned long low = 0;
   unsigned long high = 0;
   column const* att = nullptr;
-  float gain = -0.001f;
+  float gain = kNoGain;
   float split_info = 0.0f;
   void set_partition_desc(partition_desc& desc) const;
 };
+
+// Tables up to this many entries stay from node to node whatever the nodes' sizes; larger ones
+// follow the nodes down.
+constexpr std::size_t kScratchKeep = std::size_t(1) << 16;
 
 // The working tables of one grower or worker, kept from node to node so that
 // a search allocates only when a node is larger than any before. A continuous
@@ -75,7 +80,7 @@ class split_scratch {
   std::vector<splitting_desc*> bit_descs;
 };
 
-// Scores the split of the cases on att into best; a gain of -0.001 means no
+// Scores the split of the cases on att into best; a gain of kNoGain means no
 // admissible split. Unless sort_copy, a continuous search leaves the cases in
 // its sorted order (and tells publish when they are).
 void score_split(column const& att, column const& cls, float total_weight, w_sequence& cases,
@@ -92,31 +97,6 @@ void score_bit_splits(std::vector<column const*> const& atts, column const& cls,
 
 // Whether score_split sorts the cases (a continuous search by sorting).
 bool search_sorts_cases(column const& att, std::size_t n_cases, order_range const& range);
-
-// Leaves the cases in the order score_split without sort_copy leaves them,
-// without scoring.
-void sort_as_search(column const& att, column const& cls, w_sequence& cases,
-                    order_range const& range, options const* opts, split_scratch& scratch);
-
-// The cases of one branch of a split on att.
-w_sequence* partition_branch(column const& att, w_case const* begin, w_case const* end,
-                             unsigned long branch, float total_weight, float& share,
-                             order_range& range, partition_desc const& desc);
-
-// The cases of every branch at once: two passes over the father's cases
-// instead of two per branch; children[i], shares[i] and ranges[i] are those
-// that partition_branch gives for branch i + 1.
-void partition_all(column const& att, w_case const* begin, w_case const* end, float total_weight,
-                   partition_desc const& desc, split_scratch& scratch,
-                   std::vector<w_sequence*>& children, std::vector<float>& shares,
-                   std::vector<order_range>& ranges);
-
-// partition_all with the branch shares given instead of taken from these cases: for cases split
-// over several tables, whose shares come from the weights of all of them.
-void partition_shared(column const& att, w_case const* begin, w_case const* end,
-                      partition_desc const& desc, std::vector<float> const& shares,
-                      split_scratch& scratch, std::vector<w_sequence*>& children,
-                      std::vector<order_range>& ranges);
 
 // The rows of an attribute's tallies over a node whose cases span range: none where it cannot
 // split the node.
@@ -146,10 +126,6 @@ struct tally_block {
 void score_tallies(column const& att, unsigned long classes, float total_weight,
                    std::size_t n_cases, order_range const& range, tally_block const& block,
                    float min_objects, options const* opts, split_scratch& s, splitting_desc& best);
-
-// Puts the cases in ascending row order (rows are distinct in a node), as
-// sort_by_row does, in the scratch's tables instead of a buffer of its own.
-void sort_by_row(w_sequence& cases, split_scratch& scratch);
 
 }  // namespace impls
 }  // namespace brix

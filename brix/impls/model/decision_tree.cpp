@@ -14,17 +14,13 @@
 namespace brix {
 namespace impls {
 
-decision_tree::decision_tree(std::string const& name) : options_(new options()), name_(name) {}
+decision_tree::decision_tree(std::string const& name) : name_(name) {}
 
 decision_tree::~decision_tree() = default;
 
 decision_tree* decision_tree::clone() const {
   auto* t = new decision_tree("my_decision_tree");
-  t->split_type_ = split_type_;
-  t->pruning_strategy_ = pruning_strategy_;
-  t->min_obj_ = min_obj_;
-  t->conf_level_ = conf_level_;
-  t->options_->flag = options_->flag;
+  t->settings_ = settings_;
   t->elapsed_ = elapsed_;
   if (meta_) t->meta_.reset(meta_->clone_metadata());
   if (training_) t->training_.reset(training_->clone());
@@ -42,30 +38,30 @@ decision_tree* decision_tree::clone() const {
 
 bool decision_tree::set_split_type(unsigned long t) {
   if (t > 1) return false;
-  split_type_ = static_cast<int>(t);
+  settings_.split_type = static_cast<int>(t);
   return true;
 }
 
 bool decision_tree::set_min_obj(float m) {
   if (!(m > 0.0f)) return false;
-  min_obj_ = m;
+  settings_.min_obj = m;
   return true;
 }
 
 bool decision_tree::set_conf_level(float c) {
   if (!(c >= 0.0f && c <= 1.0f)) return false;
-  conf_level_ = c;
+  settings_.conf_level = c;
   return true;
 }
 
 bool decision_tree::set_pruning_strategy(int p) {
-  pruning_strategy_ = p;
+  settings_.pruning_strategy = p;
   return true;
 }
 
 bool decision_tree::set_option(int o) {
-  if (o == 0) options_->flag = true;
-  if (o == 1) options_->flag = false;
+  if (o == COUNT_CASES) settings_.count_cases = true;
+  if (o == WEIGHT_CASES) settings_.count_cases = false;
   return true;
 }
 
@@ -121,40 +117,31 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   meta_.reset(t->clone_metadata());
   root_cases_.reset(cases ? new w_sequence(*cases) : t->get_wsubset_all());
 
+  // The build's own context: its tables live as long as this call.
   xlogx_table logs(integral_weight_bound(*root_cases_));
-  options_->logs = &logs;
-  options_->any_order = weights_stay_whole(t, *root_cases_);
-  options_->unit_weights =
-      options_->any_order && std::all_of(root_cases_->begin(), root_cases_->end(),
-                                         [](w_case const& c) { return c.second == 1.0f; });
   std::vector<char> one_bit(t->get_no_attributes());
   for (unsigned long a = 0; a < one_bit.size(); ++a) {
     column const* col = t->get_attribute(a);
     one_bit[a] = col->is_discrete() && col->get_storage() == storage_kind::bit;
   }
-  options_->one_bit = &one_bit;
+  options opts;
+  opts.flag = settings_.count_cases;
+  opts.logs = &logs;
+  opts.any_order = weights_stay_whole(t, *root_cases_);
+  opts.unit_weights =
+      opts.any_order && std::all_of(root_cases_->begin(), root_cases_->end(),
+                                    [](w_case const& c) { return c.second == 1.0f; });
+  opts.one_bit = &one_bit;
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
   // nothing left to change but stays the one definition of the pruned tree, and the one to
   // refuse a level out of range (only a damaged model file holds one).
+  float cf = settings_.conf_level;
   bool prune_online =
-      pruned && pruning_strategy_ == DT_PRUNING && conf_level_ >= 0.0f && conf_level_ <= 1.0f;
-  prune_params online{conf_level_,
-                      prune_online ? _decision_tree::CFCoefficient(conf_level_) : 0.0f};
-  try {
-    root_.reset(new _decision_tree());
-    root_->build(t, root_cases_.get(), split_type_, options_.get(), min_obj_, workers,
-                 prune_online ? &online : nullptr);
-  } catch (...) {
-    options_->logs = nullptr;
-    options_->any_order = false;
-    options_->unit_weights = false;
-    options_->one_bit = nullptr;
-    throw;
-  }
-  options_->logs = nullptr;
-  options_->any_order = false;
-  options_->unit_weights = false;
-  options_->one_bit = nullptr;
+      pruned && settings_.pruning_strategy == DT_PRUNING && cf >= 0.0f && cf <= 1.0f;
+  prune_params online{cf, prune_online ? _decision_tree::CFCoefficient(cf) : 0.0f};
+  root_.reset(new _decision_tree());
+  root_->build(t, root_cases_.get(), settings_.split_type, &opts, settings_.min_obj, workers,
+               prune_online ? &online : nullptr);
 
   if (pruned) {
     if (stage) stage("prune");
@@ -180,7 +167,7 @@ void decision_tree::adopt_grown(table* t, std::unique_ptr<_decision_tree> root) 
   zel::util::cronos timer;
   timer.start();
   if (t == nullptr) throw std::runtime_error("no table provided to prune_dt");
-  if (pruning_strategy_ == C45_PRUNING)
+  if (settings_.pruning_strategy == C45_PRUNING)
     throw std::invalid_argument(
         "subtree raising needs the cases of every node: not available here");
   forget_compiled();
@@ -205,10 +192,11 @@ void decision_tree::prune(table* t) {
   forget_compiled();
   zel::util::cronos timer;
   timer.start();
-  if (pruning_strategy_ == C45_PRUNING) {
-    root_->prune_c45(t, conf_level_, _decision_tree::CFCoefficient(conf_level_), true, false);
-  } else if (pruning_strategy_ == DT_PRUNING) {
-    root_->prune_dt(t, conf_level_, _decision_tree::CFCoefficient(conf_level_));
+  float cf = settings_.conf_level;
+  if (settings_.pruning_strategy == C45_PRUNING) {
+    root_->prune_c45(t, cf, _decision_tree::CFCoefficient(cf), true, false);
+  } else if (settings_.pruning_strategy == DT_PRUNING) {
+    root_->prune_dt(t, cf, _decision_tree::CFCoefficient(cf));
   }
   timer.stop();
   elapsed_ = timer.get_elapsed();

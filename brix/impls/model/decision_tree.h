@@ -11,7 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "brix/impls/learning/grow_options.h"
 #include "brix/impls/learning/split_search.h"
+#include "brix/impls/model/tree_settings.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/w_sequence.h"
 #include "zel/adt/basic_tree.h"
@@ -25,46 +27,7 @@ class table;
 class conf_matrix;
 class _decision_tree;
 
-class xlogx_table;
 class compiled_tree;
-
-// Options handed unchanged to the split measures: when flag is set, the
-// penalty of continuous cuts is divided by the number of cases instead of
-// their weight. The other fields are set by the grower for one build: logs is
-// its table of x·log2(x) (may be null); any_order says that every weight is
-// whole and no unknown value is shared out, so that each sum over the cases of
-// a node lighter than kExactWeight is exact in any order (see any_order_at).
-struct options {
-  bool flag = false;
-  xlogx_table const* logs = nullptr;
-  bool any_order = false;
-  // Every case weighs exactly 1, in every node: any_order, and 1 to start with.
-  bool unit_weights = false;
-  // Per attribute, whether it is discrete and stored a bit a row (may be null: then asked).
-  std::vector<char> const* one_bit = nullptr;
-  // A node of at least local_min_cases cases copies their orders into a table of its own when
-  // the table it reads keeps at least local_from_bytes of columns, at least kLocalSparsity times
-  // its cases: below that a node's rows lie scattered and each read touches a cache line of its
-  // own, while its subtree then reads them in sequence. Smaller nodes and tables fit in the cache.
-  unsigned long local_min_cases = 4096;
-  double local_from_bytes = 8 << 20;
-};
-
-// The largest share of its table's rows a node copies: the copy costs at most 1/kLocalSparsity
-// of the columns at each level of nesting, and nearer to the whole the rows are nearly in sequence.
-constexpr unsigned long kLocalSparsity = 8;
-
-// Whole numbers up to 2^24 add exactly in a float; past it, sums depend on the order of the
-// cases, which the trees deliberately keep.
-constexpr float kExactWeight = 16777216.0f;
-
-// Whether the sums over cases of this total weight are exact whatever their order. Such nodes
-// below the root keep their cases in row order, which reads the columns far faster, and their
-// searches sort copies; heavier nodes keep the order their father's last sort left. A float sum
-// of whole weights is below 2^24 exactly when the true sum is, so the node's own weight decides.
-inline bool any_order_at(options const* opts, float weight) {
-  return opts != nullptr && opts->any_order && weight < kExactWeight;
-}
 
 // The growing scratch of an activated node: the value range of every attribute among its cases
 // and the per-attribute split results. Freed when the node closes, so the records that stay in the
@@ -310,10 +273,10 @@ class decision_tree {
   unsigned long training_n_rows() const;
   double get_elapsed() const { return elapsed_; }
   std::string const& get_name() const { return name_; }
-  float get_conf_level() const { return conf_level_; }
-  float get_min_obj() const { return min_obj_; }
-  int get_split_type() const { return split_type_; }
-  int get_pruning_strategy() const { return pruning_strategy_; }
+  float get_conf_level() const { return settings_.conf_level; }
+  float get_min_obj() const { return settings_.min_obj; }
+  int get_split_type() const { return settings_.split_type; }
+  int get_pruning_strategy() const { return settings_.pruning_strategy; }
   _decision_tree* get_root() const { return root_.get(); }
   table* get_metadata() const { return meta_.get(); }
   conf_matrix* get_prediction() const { return training_.get(); }
@@ -351,11 +314,7 @@ class decision_tree {
   std::unique_ptr<_decision_tree> root_;
   std::unique_ptr<table> meta_;
   std::unique_ptr<conf_matrix> training_;
-  int split_type_ = GAIN_RATIO;
-  int pruning_strategy_ = DT_PRUNING;
-  float min_obj_ = 2.0f;
-  float conf_level_ = 0.25f;
-  std::unique_ptr<options> options_;
+  tree_settings settings_;
   double elapsed_ = 0.0;
   std::string name_;
   std::unique_ptr<w_sequence> root_cases_;  // the cases the root was grown from

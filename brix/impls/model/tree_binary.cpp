@@ -300,9 +300,9 @@ obinstream& operator<<(obinstream& out, decision_tree const& t) {
   out << static_cast<unsigned char>(has_tree ? 1 : 0);
   if (has_tree) write_tree(out, *t.root_);
   out << static_cast<table const*>(t.meta_.get())
-      << static_cast<conf_matrix const*>(t.training_.get()) << t.elapsed_ << t.conf_level_
-      << t.min_obj_ << static_cast<std::uint32_t>(t.split_type_) << t.name_
-      << static_cast<std::uint32_t>(t.pruning_strategy_);
+      << static_cast<conf_matrix const*>(t.training_.get()) << t.elapsed_ << t.settings_.conf_level
+      << t.settings_.min_obj << static_cast<std::uint32_t>(t.settings_.split_type) << t.name_
+      << static_cast<std::uint32_t>(t.settings_.pruning_strategy);
   return out;
 }
 
@@ -420,11 +420,11 @@ ibinstream& operator>>(ibinstream& in, decision_tree& t) {
   t.meta_ = std::move(meta);
   t.training_ = std::move(training);
   t.elapsed_ = elapsed;
-  t.conf_level_ = conf_level;
-  t.min_obj_ = min_obj;
-  t.split_type_ = static_cast<int>(split_type);
+  t.settings_.conf_level = conf_level;
+  t.settings_.min_obj = min_obj;
+  t.settings_.split_type = static_cast<int>(split_type);
   t.name_ = name;
-  t.pruning_strategy_ = static_cast<int>(pruning);
+  t.settings_.pruning_strategy = static_cast<int>(pruning);
   // The model owns the root's cases; the root only points to them.
   t.root_cases_.reset(t.root_ ? t.root_->get_node()->share_cases() : nullptr);
   return in;

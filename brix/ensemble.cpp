@@ -26,6 +26,21 @@
 //   class distributions. A model of one tree, or one with costs, whose expected costs need the
 //   shares of the classes, keeps the distributions.
 //
+// Variants measured against these rules and left out, none lowering the error on all seven
+// datasets (mean test error over them, 9.73 % with the rules above): the leaves' class
+// distributions as votes, 9.77 %; votes from the training error e, 10.01 %, also with the
+// multi-class term log(K-1) added; on e = 0 or e >= 0.5 after the first trial, weights drawn
+// afresh (exponential, a fixed seed) and the sequence continued, 10.18 % (only pima stops early,
+// and it lost); subtree raising in later trials, 9.75 %; later trials unpruned, 10.67 %, or at
+// confidence 0.1, 10.47 %, or 0.5, 10.15 %; a least weight of 0.5 % or 1 % of the total in later
+// trials, 11.5 %; weights capped at 1 to 4 times their start (noise-robust boosting), 10.0 to
+// 11.1 %; weights rounded to whole cases (resampling without chance), 10.5 %; the lightest cases
+// holding 1 % of the weight left out of a trial, 9.84 %. Each moved single datasets by a few test
+// cases either way: differences of that size are the test files' noise.
+//
+// With rules, each trial's tree is read off as a ruleset on the cases as the trial weighed them;
+// the ruleset classifies in the tree's place, both for reweighting and in the vote.
+//
 // Costs reweight the classes before growing (the instance weighting of Ting, 2002): with C(j)
 // the cost of misclassifying a case of class j summed over the other classes, N_j the training
 // weight of class j and N the total, each case of class j is multiplied by

@@ -510,7 +510,7 @@ std::unique_ptr<ensemble> ensemble::load(std::string const& path) {
       if (!in.good()) throw damaged("trial " + std::to_string(i + 1) + " without its ruleset");
       std::istringstream rs(text);
       rules = rule_model::read(rs, "File " + path + ", trial " + std::to_string(i + 1));
-      if (rules->classes().size() != k)
+      if (rs.peek() != std::char_traits<char>::eof() || rules->classes().size() != k)
         throw damaged("trial " + std::to_string(i + 1) +
                       " holds no ruleset of the model's classes");
     }

@@ -661,6 +661,7 @@ void ensemble::write_pmml(std::ostream& out) const {
 }
 
 void ensemble::write_dot(std::ostream& out, long max_depth) const {
+  if (has_rules()) bad("boosted rulesets show as text, json or pmml, not as graphs");
   for (trial_tree const& tr : trials_)
     tr.tree->write_dot(out, max_depth);
 }

@@ -105,7 +105,7 @@ class ensemble {
   // PMML 4.4: a MiningModel whose segments, one per trial, are TreeModels (or RuleSetModels)
   // weighted by their votes (costs are not expressed).
   void write_pmml(std::ostream& out) const;
-  // One Graphviz graph per trial.
+  // One Graphviz graph per trial; rulesets have none (std::invalid_argument).
   void write_dot(std::ostream& out, long max_depth = -1) const;
 
  private:

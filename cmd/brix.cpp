@@ -986,6 +986,8 @@ int show(settings const& s) {
   if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
   if (brix::ensemble::is_file(s.args[0])) {
     auto e = brix::ensemble::load(s.args[0]);
+    if (e->has_rules() && s.format == "dot")
+      throw usage_error("boosted rulesets show as text, json or pmml");
     if (s.format == "json")
       e->write_json(std::cout);
     else if (s.format == "pmml")

@@ -75,6 +75,7 @@ grep -q "<RuleSetModel" stdout && ! grep -q "<TreeModel" stdout || fail "segment
 if [ -f "$XSD" ] && command -v xmllint >/dev/null; then
   xmllint --noout --schema "$XSD" stdout 2>lint || fail "boosted rules PMML invalid: $(head -3 lint)"
 fi
+brix_expect 2 show rules.bm --format dot
 brix_expect 0 cv "$EX/iris" -k 3 --trials 3 --rules
 grep -q "^mean error " stdout || fail "cv of boosted rules"
 brix_expect 2 train "$EX/iris" --trials 3 --rules --costs costs.csv

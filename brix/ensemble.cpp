@@ -26,6 +26,22 @@
 //   class distributions. A model of one tree, or one with costs, whose expected costs need the
 //   shares of the classes, keeps the distributions.
 //
+// Variants measured against these rules and left out, none lowering the error on all seven
+// datasets (mean test error over them, 9.73 % with the rules above): the leaves' class
+// distributions as votes, 9.77 %; votes from the training error e, 10.01 %, also with the
+// multi-class term log(K-1) added; on e = 0 or e >= 0.5 after the first trial, weights drawn
+// afresh (exponential, a fixed seed) and the sequence continued, 10.18 % (only pima stops early,
+// and it lost); subtree raising in later trials, 9.75 %; later trials unpruned, 10.67 %, or at
+// confidence 0.1, 10.47 %, or 0.5, 10.15 %; a least weight of 0.5 % or 1 % of the total in later
+// trials, 11.5 %; weights capped at 1 to 4 times their start (noise-robust boosting), 10.1 to
+// 11.1 %; weights rounded to whole cases (resampling without chance), 10.5 %; the lightest cases
+// holding 1 % of the weight left out of a trial, 9.84 %; arc-x4's weights (1 + misses^4) with
+// equal votes, 10.84 %. Each moved single datasets by a few test
+// cases either way: differences of that size are the test files' noise.
+//
+// With rules, each trial's tree is read off as a ruleset on the cases as the trial weighed them;
+// the ruleset classifies in the tree's place, both for reweighting and in the vote.
+//
 // Costs reweight the classes before growing (the instance weighting of Ting, 2002): with C(j)
 // the cost of misclassifying a case of class j summed over the other classes, N_j the training
 // weight of class j and N the total, each case of class j is multiplied by
@@ -62,6 +78,8 @@ namespace {
 constexpr unsigned char kTag = 'E';
 constexpr char kMagic[] = "brix-ensemble";
 constexpr std::uint32_t kVersion = 1;
+// Each trial's tree followed by its ruleset's text.
+constexpr std::uint32_t kRulesVersion = 2;
 constexpr int kMaxTrials = 1000;
 // Trials after the first need this many times the least weight in two branches of a split.
 constexpr float kLaterMinimum = 2.5f;
@@ -171,6 +189,7 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
   for (cost_entry const& c : o.costs)
     e->costs_[class_index(c.predicted) * k + class_index(c.actual)] = c.cost;
   e->has_costs_ = !o.costs.empty();
+  if (o.rules && e->has_costs_) bad("rulesets are not read off trees grown with costs");
 
   // Case weights as doubles, in the order of the rows: the same sums on any machine.
   std::vector<double> w(rows->size());
@@ -213,14 +232,22 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
   tree_options later = o.tree;
   later.min_cases = o.tree.min_cases * kLaterMinimum;
   table::subset cases;
+  std::vector<float> case_weights(rows->size());
   for (int trial = 0; trial < o.trials; ++trial) {
     cases.resize(0);
     cases.reserve(rows->size());
-    for (std::size_t i = 0; i < rows->size(); ++i)
-      cases.push_back((*rows)[i], static_cast<float>(w[i]));
-    auto tree = tree_model::train_weighted(t, trial == 0 ? o.tree : later, cases);
+    for (std::size_t i = 0; i < rows->size(); ++i) {
+      case_weights[i] = static_cast<float>(w[i]);
+      cases.push_back((*rows)[i], case_weights[i]);
+    }
+    trial_tree grown{tree_model::train_weighted(t, trial == 0 ? o.tree : later, cases), 0.0, 0.0,
+                     nullptr};
+    if (o.rules) {
+      if (o.tree.stage) o.tree.stage("rules");
+      grown.rules = rule_model::from_tree(*grown.tree, t, *rows, case_weights);
+    }
     // Each trial classifies the whole table once; only the training rows count.
-    std::vector<double> p = tree->predict_proba(t);
+    std::vector<double> p = proba_of(grown, t);
     double missed = 0.0;
     for (std::size_t i = 0; i < rows->size(); ++i) {
       wrong[i] = first_max(p.data() + (*rows)[i] * k, k) != actual[i];
@@ -228,9 +255,13 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     }
     // Within rounding: the renormalised weights of a tie may sum to a hair under a half.
     double err = missed / start;
-    double estimate = estimated_errors(impl_of(*tree).get_root(), cf, coeff) / start;
+    // A ruleset votes with the estimate of the tree it was read from: generalising keeps each
+    // rule's pessimistic error rate from rising above its leaf's.
+    double estimate = estimated_errors(impl_of(*grown.tree).get_root(), cf, coeff) / start;
     auto keep = [&](double vote) {
-      e->trials_.push_back({std::move(tree), vote, err});
+      grown.vote = vote;
+      grown.error = err;
+      e->trials_.push_back(std::move(grown));
       if (proba == nullptr) return;
       if (e->has_costs_) {
         e->add_vote(vote, p, votes, false);
@@ -306,10 +337,14 @@ void ensemble::normalise(std::vector<double>& sum) const {
   }
 }
 
+std::vector<double> ensemble::proba_of(trial_tree const& tr, table const& t) {
+  return tr.rules ? tr.rules->predict_proba(t) : tr.tree->predict_proba(t);
+}
+
 std::vector<double> ensemble::predict_proba(table const& t) const {
   std::vector<double> sum;
   for (trial_tree const& tr : trials_)
-    add_vote(tr.vote, tr.tree->predict_proba(t), sum, hard_votes());
+    add_vote(tr.vote, proba_of(tr, t), sum, hard_votes());
   normalise(sum);
   return sum;
 }
@@ -411,12 +446,19 @@ void ensemble::save(std::string const& path) const {
       [&](std::string const& target) {
         try {
           writers::write_binary_file(target, [&](zel::inpout::obinstream& out) {
-            out << kTag << std::string(kMagic) << kVersion << static_cast<std::int32_t>(asked_)
-                << static_cast<std::uint8_t>(stopped_) << static_cast<std::uint8_t>(has_costs_)
-                << class_weights_ << costs_ << static_cast<std::uint32_t>(trials_.size());
-            for (trial_tree const& tr : trials_)
+            out << kTag << std::string(kMagic) << (has_rules() ? kRulesVersion : kVersion)
+                << static_cast<std::int32_t>(asked_) << static_cast<std::uint8_t>(stopped_)
+                << static_cast<std::uint8_t>(has_costs_) << class_weights_ << costs_
+                << static_cast<std::uint32_t>(trials_.size());
+            for (trial_tree const& tr : trials_) {
               out << tr.vote << tr.error << static_cast<unsigned char>(1)
                   << *tr.tree->facade().get_impl();
+              if (tr.rules) {
+                std::ostringstream text;
+                tr.rules->write(text);
+                out << text.str();
+              }
+            }
           });
         } catch (std::exception const&) {
           throw std::runtime_error("File " + path + ": error with binary output");
@@ -440,7 +482,8 @@ std::unique_ptr<ensemble> ensemble::load(std::string const& path) {
   std::unique_ptr<ensemble> e(new ensemble());
   in >> magic >> version >> asked >> stopped >> costs >> e->class_weights_ >> e->costs_ >> n;
   if (!in.good() || magic != kMagic) throw damaged("truncated or damaged model");
-  if (version != kVersion) throw damaged("model version " + std::to_string(version) + " unknown");
+  if (version != kVersion && version != kRulesVersion)
+    throw damaged("model version " + std::to_string(version) + " unknown");
   std::size_t k = e->class_weights_.size();
   if (asked < 1 || asked > kMaxTrials || stopped > 2 || costs > 1 || k == 0 ||
       e->costs_.size() != k * k || n == 0 || n > static_cast<std::uint32_t>(asked))
@@ -461,7 +504,19 @@ std::unique_ptr<ensemble> ensemble::load(std::string const& path) {
     impls::decision_tree const& t = *d->get_impl();
     if (!t.get_root() || !t.get_metadata() || t.get_n_classes() != k)
       throw damaged("trial " + std::to_string(i + 1) + " holds no tree of the model's classes");
-    e->trials_.push_back({std::unique_ptr<tree_model>(new tree_model(std::move(d))), vote, error});
+    std::unique_ptr<rule_model> rules;
+    if (version == kRulesVersion) {
+      std::string text;
+      in >> text;
+      if (!in.good()) throw damaged("trial " + std::to_string(i + 1) + " without its ruleset");
+      std::istringstream rs(text);
+      rules = rule_model::read(rs, "File " + path + ", trial " + std::to_string(i + 1));
+      if (rs.peek() != std::char_traits<char>::eof() || rules->classes().size() != k)
+        throw damaged("trial " + std::to_string(i + 1) +
+                      " holds no ruleset of the model's classes");
+    }
+    e->trials_.push_back(
+        {std::unique_ptr<tree_model>(new tree_model(std::move(d))), vote, error, std::move(rules)});
   }
   char c;
   if (in.get_ioconn()->read(&c, 1) != 0) throw damaged("unexpected data after the model");
@@ -484,7 +539,8 @@ char const* stop_text(ensemble::stop s) {
 }
 
 // A writer's whole document, without its final newline.
-std::string document(tree_model const& m, void (tree_model::*write)(std::ostream&) const) {
+template <class Model>
+std::string document(Model const& m, void (Model::*write)(std::ostream&) const) {
   std::ostringstream s;
   (m.*write)(s);
   std::string out = s.str();
@@ -512,8 +568,13 @@ void ensemble::write_text(std::ostream& out) const {
   }
   for (std::size_t i = 0; i < trials_.size(); ++i) {
     out << "\nTrial " << i + 1 << ": vote " << short_num(trials_[i].vote)
-        << ", weighted training error " << short_num(trials_[i].error * 100.0) << "%, size "
-        << trials_[i].tree->size() << "\n\n";
+        << ", weighted training error " << short_num(trials_[i].error * 100.0) << "%, ";
+    if (trials_[i].rules) {
+      out << "rules " << trials_[i].rules->size() << "\n\n";
+      trials_[i].rules->write_text(out);
+      continue;
+    }
+    out << "size " << trials_[i].tree->size() << "\n\n";
     trials_[i].tree->write_text(out);
   }
 }
@@ -548,7 +609,10 @@ void ensemble::write_json(std::ostream& out) const {
   for (std::size_t i = 0; i < trials_.size(); ++i)
     out << (i ? "," : "") << "{\"vote\":" << num(trials_[i].vote)
         << ",\"error\":" << num(trials_[i].error)
-        << ",\"tree\":" << document(*trials_[i].tree, &tree_model::write_json) << "}";
+        << (trials_[i].rules ? ",\"ruleset\":" : ",\"tree\":")
+        << (trials_[i].rules ? document(*trials_[i].rules, &rule_model::write_json)
+                             : document(*trials_[i].tree, &tree_model::write_json))
+        << "}";
   out << "]}\n";
 }
 
@@ -573,23 +637,32 @@ void ensemble::write_pmml(std::ostream& out) const {
     }
     return r;
   };
-  std::string first = document(*trials_.front().tree, &tree_model::write_pmml);
+  // Rulesets: each trial's RuleSetModel in place of its TreeModel.
+  auto pmml_of = [&](std::size_t i) {
+    return trials_[i].rules ? document(*trials_[i].rules, &rule_model::write_pmml)
+                            : document(*trials_[i].tree, &tree_model::write_pmml);
+  };
+  char const* model = has_rules() ? "RuleSetModel" : "TreeModel";
+  std::string first = pmml_of(0);
   std::size_t head_end = first.find("  <DataDictionary");
   if (head_end == std::string::npos) throw std::logic_error("tree PMML without a dictionary");
   out << first.substr(0, head_end) << cut(first, "<DataDictionary", "</DataDictionary>") << "\n";
   std::string schema = cut(first, "<MiningSchema>", "</MiningSchema>");
-  out << "  <MiningModel modelName=\"boosted trees\" functionName=\"classification\">\n"
+  out << "  <MiningModel modelName=\"" << (has_rules() ? "boosted rulesets" : "boosted trees")
+      << "\" functionName=\"classification\">\n"
       << indent(schema, "") << "    <Segmentation multipleModelMethod=\"weightedMajorityVote\">\n";
   for (std::size_t i = 0; i < trials_.size(); ++i) {
-    std::string doc = i == 0 ? first : document(*trials_[i].tree, &tree_model::write_pmml);
+    std::string doc = i == 0 ? first : pmml_of(i);
     out << "      <Segment id=\"" << i + 1 << "\" weight=\"" << num(trials_[i].vote) << "\">\n"
         << "        <True/>\n"
-        << indent(cut(doc, "<TreeModel", "</TreeModel>"), "      ") << "      </Segment>\n";
+        << indent(cut(doc, std::string("<") + model, std::string("</") + model + ">"), "      ")
+        << "      </Segment>\n";
   }
   out << "    </Segmentation>\n  </MiningModel>\n</PMML>\n";
 }
 
 void ensemble::write_dot(std::ostream& out, long max_depth) const {
+  if (has_rules()) bad("boosted rulesets show as text, json or pmml, not as graphs");
   for (trial_tree const& tr : trials_)
     tr.tree->write_dot(out, max_depth);
 }

@@ -12,6 +12,7 @@
 
 #include "brix/brix.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 
 namespace brix {
 
@@ -29,6 +30,9 @@ struct ensemble_options {
   tree_options tree;
   int trials = 1;                 // in [1, 1000]; 1: a single tree
   std::vector<cost_entry> costs;  // unlisted pairs cost 1 off the diagonal, 0 on it
+  // Each trial's tree read off as a ruleset on the trial's weighted cases; the rulesets classify
+  // (and reweight the cases for the next trial) in place of the trees. Not with costs.
+  bool rules = false;
 };
 
 class ensemble {
@@ -58,6 +62,9 @@ class ensemble {
   std::vector<std::string> attributes() const;
   std::size_t size() const { return trials_.size(); }  // trials kept
   tree_model const& trial(std::size_t i) const { return *trials_[i].tree; }
+  bool has_rules() const { return !trials_.empty() && trials_.front().rules != nullptr; }
+  // A trial's ruleset (has_rules()).
+  rule_model const& trial_rules(std::size_t i) const { return *trials_[i].rules; }
   double vote(std::size_t i) const { return trials_[i].vote; }
   // The trial's training error, each case weighed as that trial saw it.
   double trial_error(std::size_t i) const { return trials_[i].error; }
@@ -95,22 +102,24 @@ class ensemble {
   void write_text(std::ostream& out) const;
   // JSON: the trials with their votes and errors, each tree as tree_model writes it.
   void write_json(std::ostream& out) const;
-  // PMML 4.4: a MiningModel whose segments, one per trial, are TreeModels weighted by their
-  // votes (costs are not expressed).
+  // PMML 4.4: a MiningModel whose segments, one per trial, are TreeModels (or RuleSetModels)
+  // weighted by their votes (costs are not expressed).
   void write_pmml(std::ostream& out) const;
-  // One Graphviz graph per trial.
+  // One Graphviz graph per trial; rulesets have none (std::invalid_argument).
   void write_dot(std::ostream& out, long max_depth = -1) const;
 
  private:
   struct trial_tree {
     std::unique_ptr<tree_model> tree;
     double vote, error;
+    std::unique_ptr<rule_model> rules;  // with rules: what classifies, read off tree
   };
   ensemble() = default;
   std::size_t n_classes() const { return class_weights_.size(); }
   // Boosted trials without costs each vote for their class; one tree, or trials with costs,
   // vote with their class distributions, which the expected costs need.
   bool hard_votes() const { return trials_.size() > 1 && !has_costs_; }
+  static std::vector<double> proba_of(trial_tree const& tr, table const& t);
   // Adds a trial's vote for every row (p: its predict_proba) to sum; normalise turns the sums
   // into probabilities.
   void add_vote(double vote, std::vector<double> const& p, std::vector<double>& sum,

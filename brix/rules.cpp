@@ -532,18 +532,26 @@ std::unique_ptr<rule_model> rule_model::train(table& t, tree_options const& o,
 
 std::unique_ptr<rule_model> rule_model::from_tree(tree_model const& tm, table const& t,
                                                   std::vector<unsigned long> const* rows) {
-  return read_off(tm, t, rows, nullptr);
+  return read_off(tm, t, rows, nullptr, nullptr);
+}
+
+std::unique_ptr<rule_model> rule_model::from_tree(tree_model const& tm, table const& t,
+                                                  std::vector<unsigned long> const& rows,
+                                                  std::vector<float> const& weights) {
+  if (weights.size() != rows.size()) bad("one weight a row wanted");
+  return read_off(tm, t, &rows, &weights, nullptr);
 }
 
 std::vector<rule> rule_model::generalised(tree_model const& tree, table const& t,
                                           std::vector<unsigned long> const* rows) {
   std::vector<rule> out;
-  read_off(tree, t, rows, &out);
+  read_off(tree, t, rows, nullptr, &out);
   return out;
 }
 
 std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table const& t,
                                                  std::vector<unsigned long> const* rows,
+                                                 std::vector<float> const* row_weight,
                                                  std::vector<rule>* generalised) {
   impls::decision_tree const& tree = *tm.facade().get_impl();
   impls::table const& meta = *tree.get_metadata();
@@ -595,15 +603,17 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
   cases cs;
   cs.per_class.assign(k, 0.0);
   std::vector<unsigned long> kept;  // table rows of the cases
-  for (unsigned long r : *rows) {
+  for (std::size_t i = 0; i < rows->size(); ++i) {
+    unsigned long r = (*rows)[i];
     if (r >= tab.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
     unsigned long c = to_class[cls_col->get_row_index(r)];
+    float w = row_weight != nullptr ? (*row_weight)[i] : weights[r];
     if (c == 0) continue;  // an unknown class teaches the rules nothing
     kept.push_back(r);
-    cs.w.push_back(weights[r]);
+    cs.w.push_back(w);
     cs.cls.push_back(c - 1);
-    cs.total += weights[r];
-    cs.per_class[c - 1] += weights[r];
+    cs.total += w;
+    cs.per_class[c - 1] += w;
   }
   cs.orders.resize(m->attributes_.size());
   std::vector<column const*> cols(m->attributes_.size(), nullptr);
@@ -910,43 +920,47 @@ bool rule_model::is_rules_file(std::string const& path) {
   return in && std::getline(in, first) && first == kRulesHeader;
 }
 
+void rule_model::write(std::ostream& out) const {
+  out << kRulesHeader << "\n"
+      << "name\t" << escaped(name_) << "\n"
+      << "class\t" << escaped(class_name_) << "\n"
+      << "confidence\t" << exact(confidence_level_) << "\n"
+      << "leaves\t" << leaves_ << "\n"
+      << "classes\t" << classes_.size();
+  for (auto const& c : classes_)
+    out << "\t" << escaped(c);
+  out << "\n";
+  for (attribute const& a : attributes_) {
+    out << "attribute\t" << escaped(a.name) << "\t" << (a.continuous ? "c" : "d") << "\t"
+        << a.datatype << "\t" << a.values.size();
+    for (auto const& v : a.values)
+      out << "\t" << escaped(v);
+    out << "\n";
+  }
+  out << "order";
+  for (unsigned long c : class_order_)
+    out << "\t" << c;
+  out << "\ndefault\t" << default_;
+  for (double p : default_dist_)
+    out << "\t" << exact(p);
+  out << "\n";
+  for (rule const& r : rules_) {
+    out << "rule\t" << r.cls << "\t" << exact(r.cases) << "\t" << exact(r.errors) << "\t"
+        << exact(r.confidence) << "\t" << exact(r.lift) << "\t" << r.conditions.size();
+    for (rule_condition const& c : r.conditions)
+      out << "\t" << c.attribute << "\t" << op_text(c.test) << "\t" << escaped(c.value);
+    out << "\n";
+  }
+  out << "end\n";
+}
+
 void rule_model::save(std::string const& path) const {
   write_replacing(
       path,
       [&](std::string const& target) {
         std::ofstream out(target, std::ios::binary);
         if (!out) throw std::runtime_error("File " + path + ": cannot be opened for writing");
-        out << kRulesHeader << "\n"
-            << "name\t" << escaped(name_) << "\n"
-            << "class\t" << escaped(class_name_) << "\n"
-            << "confidence\t" << exact(confidence_level_) << "\n"
-            << "leaves\t" << leaves_ << "\n"
-            << "classes\t" << classes_.size();
-        for (auto const& c : classes_)
-          out << "\t" << escaped(c);
-        out << "\n";
-        for (attribute const& a : attributes_) {
-          out << "attribute\t" << escaped(a.name) << "\t" << (a.continuous ? "c" : "d") << "\t"
-              << a.datatype << "\t" << a.values.size();
-          for (auto const& v : a.values)
-            out << "\t" << escaped(v);
-          out << "\n";
-        }
-        out << "order";
-        for (unsigned long c : class_order_)
-          out << "\t" << c;
-        out << "\ndefault\t" << default_;
-        for (double p : default_dist_)
-          out << "\t" << exact(p);
-        out << "\n";
-        for (rule const& r : rules_) {
-          out << "rule\t" << r.cls << "\t" << exact(r.cases) << "\t" << exact(r.errors) << "\t"
-              << exact(r.confidence) << "\t" << exact(r.lift) << "\t" << r.conditions.size();
-          for (rule_condition const& c : r.conditions)
-            out << "\t" << c.attribute << "\t" << op_text(c.test) << "\t" << escaped(c.value);
-          out << "\n";
-        }
-        out << "end\n";
+        write(out);
         if (!out.flush()) throw std::runtime_error("File " + path + ": error writing output");
       },
       "cannot be written");
@@ -955,11 +969,18 @@ void rule_model::save(std::string const& path) const {
 std::unique_ptr<rule_model> rule_model::load(std::string const& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("File " + path + ": cannot be opened");
+  std::unique_ptr<rule_model> m = read(in, "File " + path);
+  if (in.peek() != std::char_traits<char>::eof())
+    throw std::runtime_error("File " + path + ": damaged ruleset file (text after its end)");
+  return m;
+}
+
+std::unique_ptr<rule_model> rule_model::read(std::istream& in, std::string const& what) {
   std::string line;
   if (!std::getline(in, line) || line != kRulesHeader)
-    throw std::runtime_error("File " + path + ": not a ruleset file");
+    throw std::runtime_error(what + ": not a ruleset file");
   auto damaged = [&](std::string const& why) {
-    throw std::runtime_error("File " + path + ": damaged ruleset file (" + why + ")");
+    throw std::runtime_error(what + ": damaged ruleset file (" + why + ")");
   };
   auto whole = [&](std::string const& s, unsigned long limit) {
     char* end = nullptr;
@@ -1051,7 +1072,6 @@ std::unique_ptr<rule_model> rule_model::load(std::string const& path) {
     }
   }
   if (!ended) damaged("cut short");
-  if (in.peek() != std::char_traits<char>::eof()) damaged("text after its end");
   if (m->classes_.empty()) damaged("no classes");
   if (m->class_order_.size() != m->classes_.size()) damaged("class order");
   if (m->default_dist_.size() != m->classes_.size()) damaged("default distribution");

@@ -69,6 +69,11 @@ class rule_model {
   // without the tree's columns or class, or bad rows.
   static std::unique_ptr<rule_model> from_tree(tree_model const& tree, table const& t,
                                                std::vector<unsigned long> const* rows = nullptr);
+  // The same on the given rows with the weights given (one per row) instead of the table's: the
+  // cases of a boosting trial, weighted as its tree was grown on them.
+  static std::unique_ptr<rule_model> from_tree(tree_model const& tree, table const& t,
+                                               std::vector<unsigned long> const& rows,
+                                               std::vector<float> const& weights);
   // Each leaf's rule once generalised, in the tree's order, before duplicates and subsumed rules
   // are dropped and the classes' subsets chosen (lift left 0): what selection chooses from.
   static std::vector<rule> generalised(tree_model const& tree, table const& t,
@@ -82,6 +87,10 @@ class rule_model {
   static constexpr char const* kRulesHeader = "brix ruleset 1";
   static bool is_rules_file(std::string const& path);
   static std::unique_ptr<rule_model> load(std::string const& path);
+  // The file's text on a stream, and back (what names the source in load's messages): how a
+  // file of boosted rulesets keeps each trial's.
+  void write(std::ostream& out) const;
+  static std::unique_ptr<rule_model> read(std::istream& in, std::string const& what);
   // Written to a temporary file beside path and renamed when complete.
   void save(std::string const& path) const;
 
@@ -117,6 +126,7 @@ class rule_model {
   // The ruleset, or with generalised given, only the generalised rules (into it; null returned).
   static std::unique_ptr<rule_model> read_off(tree_model const& tree, table const& t,
                                               std::vector<unsigned long> const* rows,
+                                              std::vector<float> const* weights,
                                               std::vector<rule>* generalised);
 
   std::string name_, class_name_;

@@ -536,23 +536,25 @@ bool ensemble_asked(settings const& s) {
   return s.trials > 1 || !s.costs.empty();
 }
 
-void refuse_rules_with_trials(settings const& s) {
-  if (s.rules && ensemble_asked(s))
-    throw usage_error("--rules reads one tree: not with --trials or --costs");
+void refuse_rules_with_costs(settings const& s) {
+  if (s.rules && !s.costs.empty())
+    throw usage_error("--rules is not read off trees grown with --costs");
 }
 
 brix::ensemble_options ensemble_options_of(settings const& s) {
   brix::ensemble_options o;
   o.tree = s.tree;
   o.trials = s.trials;
+  o.rules = s.rules;
   if (!s.costs.empty()) o.costs = brix::read_costs(s.costs);
   return o;
 }
 
+// The trials' tree sizes, or with rulesets their rules.
 std::size_t total_size(brix::ensemble const& m) {
   std::size_t n = 0;
   for (std::size_t i = 0; i < m.size(); ++i)
-    n += m.trial(i).size();
+    n += m.has_rules() ? m.trial_rules(i).size() : m.trial(i).size();
   return n;
 }
 
@@ -611,7 +613,8 @@ int train_ensemble(settings const& s) {
   progress.end();
   std::ostream& out = std::cout;
   if (s.report == "json") {
-    out << "{\"trials\":" << m->size() << ",\"size\":" << total_size(*m);
+    out << "{\"trials\":" << m->size() << (m->has_rules() ? ",\"rules\":" : ",\"size\":")
+        << total_size(*m);
     auto with_cost = [&](char const* name, brix::conf_matrix const& c) {
       json_matrix(out, name, c);
       out << ",\"" << name << "_average_cost\":" << json_number(m->average_cost(c));
@@ -626,7 +629,8 @@ int train_ensemble(settings const& s) {
   }
   out << brix::get_copyright() << std::endl
       << std::endl
-      << "TRIALS: " << m->size() << ", TOTAL TREE SIZE: " << total_size(*m) << std::endl
+      << "TRIALS: " << m->size() << (m->has_rules() ? ", TOTAL RULES: " : ", TOTAL TREE SIZE: ")
+      << total_size(*m) << std::endl
       << std::endl;
   report_matrices(out, *training, test.get(), holdout.get(), [&](brix::conf_matrix const& c) {
     out << "AVERAGE COST: " << m->average_cost(c) << std::endl;
@@ -644,9 +648,9 @@ int train(settings const& s) {
   std::vector<std::string> read = inputs(s.args[0], s.test);
   if (!s.costs.empty()) read.push_back(s.costs);
   refuse_same(s.model, read);
-  refuse_rules_with_trials(s);
-  if (s.rules) return train_rules(s);
+  refuse_rules_with_costs(s);
   if (ensemble_asked(s)) return train_ensemble(s);
+  if (s.rules) return train_rules(s);
   auto t = load(s.args[0], s, true);
   warn_past_exact(*t, s);
   brix::tree_options opts = s.tree;
@@ -890,7 +894,7 @@ int cv(settings const& s) {
   if (s.report != "text") throw usage_error("cv has a text report only (--report is for train)");
   if (!s.test.empty() || s.test_fraction > 0)
     throw usage_error("cv tests on its folds (--test and --test-fraction are for train)");
-  refuse_rules_with_trials(s);
+  refuse_rules_with_costs(s);
   auto t = load(s.args[0], s, true);
   if (s.folds > t->get_no_rows()) throw usage_error("-k is larger than the number of rows");
   warn_past_exact(*t, s);
@@ -982,6 +986,8 @@ int show(settings const& s) {
   if (s.args.size() != 1) throw usage_error("show takes one MODEL argument");
   if (brix::ensemble::is_file(s.args[0])) {
     auto e = brix::ensemble::load(s.args[0]);
+    if (e->has_rules() && s.format == "dot")
+      throw usage_error("boosted rulesets show as text, json or pmml");
     if (s.format == "json")
       e->write_json(std::cout);
     else if (s.format == "pmml")
@@ -1059,7 +1065,7 @@ char const* const kTrainingOptions =
     "  --pruning P          error (default), full (also raise subtrees) or none\n"
     "  --threads N          grow on N threads (the same tree)\n"
     "  --trials N           boost: up to N trees, each on the cases weighted up where the last\n"
-    "                       erred; they vote\n"
+    "                       erred; they vote (with --rules: each tree's ruleset)\n"
     "  --costs FILE         misclassification costs, CSV predicted,actual,cost (unlisted pairs:\n"
     "                       1 off the diagonal, 0 on it); reports the average cost\n"
     "  --rules              read the pruned tree off as a ruleset (train: its report and --model\n"

@@ -219,11 +219,10 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         _warn_past_exact(total)
         table = self._table(X, codes, sample_weight, fitting=True)
         if self.trials > 1:
-            if self._native is not _core.Model:
-                raise ValueError(f"{type(self).__name__} grows one tree: trials must be 1")
             self._model = _core.Ensemble.train(table, float(self.confidence),
                                                float(self.min_cases), self.pruning,
-                                               int(self.n_jobs), int(self.trials))
+                                               int(self.n_jobs), int(self.trials),
+                                               self._native is _core.RuleModel)
         else:
             self._model = self._native.train(table, float(self.confidence),
                                              float(self.min_cases), self.pruning, int(self.n_jobs))
@@ -360,7 +359,9 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         clf._model = model
         if desc.get("format") == "brix-ensemble":
             clf.trials = int(desc["trials_asked"])
-            desc = dict(desc["trials"][0]["tree"], classes=desc["classes"])
+            first = desc["trials"][0]
+            desc = dict(first["ruleset"] if "ruleset" in first else first["tree"],
+                        classes=desc["classes"])
         texts = list(desc["classes"])
         labels = _labels_from_texts(texts)
         clf._label_text = dict(zip(labels, texts))
@@ -414,10 +415,15 @@ def _warn_past_exact(total):
 
 
 def _load(path, native):
-    """A tree file or a file of boosted trials; a ruleset file for a ruleset classifier."""
-    if native is not _core.Model:
+    """A tree file or a file of boosted trials; for a ruleset classifier, a ruleset file or a
+    file of boosted rulesets."""
+    if not _core.Ensemble.is_file(path):
         return native.load(path)
-    return _core.Ensemble.load(path) if _core.Ensemble.is_file(path) else _core.Model.load(path)
+    model = _core.Ensemble.load(path)
+    if model.has_rules != (native is _core.RuleModel):
+        raise ValueError(f"{path}: a file of boosted " +
+                         ("rulesets, not trees" if model.has_rules else "trees, not rulesets"))
+    return model
 
 
 class RulesClassifier(TreeClassifier):
@@ -431,6 +437,10 @@ class RulesClassifier(TreeClassifier):
     fires. A value unknown to a rule's condition does not satisfy it. save writes the ruleset
     file, which load reads back; export_text, to_json and export_pmml (a RuleSetModel) describe
     the rules. The tree's own shape (depth, leaves, paths, importances, DOT) is not kept.
+
+    trials above 1 boosts: each trial's tree, grown on the samples reweighted after the last
+    trial's ruleset, is read off as a ruleset on those weights; the rulesets vote for their
+    classes with their trials' confidence, as TreeClassifier's trees do.
     """
 
     _native = _core.RuleModel
@@ -438,6 +448,8 @@ class RulesClassifier(TreeClassifier):
     @property
     def n_rules_(self):
         check_is_fitted(self, "_model")
+        if isinstance(self._model, _core.Ensemble):
+            return int(self._model.rules)
         return int(self._model.size)
 
 

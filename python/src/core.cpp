@@ -344,18 +344,31 @@ PYBIND11_MODULE(_core, m) {
   // Boosted trials over the same trees; its file is not a tree file (is_file tells).
   py::class_<brix::ensemble, std::shared_ptr<brix::ensemble>> ensemble(m, "Ensemble");
   model_members(ensemble)
-      .def_static("train",
-                  [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
-                     int threads, int trials) {
-                    brix::ensemble_options o;
-                    o.tree = tree_options_of(confidence, min_cases, pruning, threads);
-                    o.trials = trials;
-                    py::gil_scoped_release release;
-                    return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
-                  })
+      .def_static(
+          "train",
+          [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
+             int threads, int trials, bool rules) {
+            brix::ensemble_options o;
+            o.tree = tree_options_of(confidence, min_cases, pruning, threads);
+            o.trials = trials;
+            o.rules = rules;
+            py::gil_scoped_release release;
+            return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
+          },
+          py::arg("table"), py::arg("confidence"), py::arg("min_cases"), py::arg("pruning"),
+          py::arg("threads"), py::arg("trials"), py::arg("rules") = false)
       .def_static("is_file", &brix::ensemble::is_file)
       .def_property_readonly("attributes", &brix::ensemble::attributes)
       .def_property_readonly("trials", &brix::ensemble::size)
+      .def_property_readonly("has_rules", &brix::ensemble::has_rules)
+      // The trials' rules, 0 for trials of trees.
+      .def_property_readonly("rules",
+                             [](brix::ensemble const& e) {
+                               unsigned long n = 0;
+                               for (std::size_t i = 0; e.has_rules() && i < e.size(); ++i)
+                                 n += e.trial_rules(i).size();
+                               return n;
+                             })
       .def(
           "export",
           [](brix::ensemble const& model, std::string const& format, long max_depth) {

@@ -82,6 +82,60 @@ TEST_F(Ensemble, BoostingWorkedByHand) {
   EXPECT_NEAR(2.0 / 7, e->evaluate(*t, seen)->mis_perc(), 1e-6);
 }
 
+// The worked run above with rulesets. Trial 1's weights are the table's: its rules A = p -> a
+// (4 cases, none wrong) and A = q -> b (3, 1 wrong), the first dropped as needless once a is the
+// default, classify as its tree does. Trial 2's tree is one leaf, read off as no rule and the
+// default a with the weights it grew on: Laplace (35/6 + 1) / (7 + 2) = 41/54 for a (5 cases of
+// 7 would give 6/9). The same errors, votes and end as the trees.
+TEST_F(Ensemble, BoostedRulesWorkedByHand) {
+  auto t = table("p,a\np,a\np,a\np,a\nq,a\nq,b\nq,b\n");
+  brix::ensemble_options o;
+  o.trials = 5;
+  o.rules = true;
+  o.tree.prune = brix::pruning::none;
+  std::vector<double> seen;
+  auto e = brix::ensemble::train(*t, o, nullptr, &seen);
+  ASSERT_TRUE(e->has_rules());
+  ASSERT_EQ(2u, e->size());
+  EXPECT_EQ(brix::ensemble::stop::half_error, e->stopped());
+  EXPECT_NEAR(1.0 / 7, e->trial_error(0), 1e-7);
+  EXPECT_NEAR(0.1554915, e->vote(0), 1e-5);
+  EXPECT_NEAR(1.0 / 6, e->trial_error(1), 1e-6);
+  EXPECT_NEAR(0.5578988, e->vote(1), 1e-5);
+  brix::rule_model const& first = e->trial_rules(0);
+  ASSERT_EQ(1u, first.size());
+  brix::rule const& r = first.rules()[0];
+  ASSERT_EQ(1u, r.conditions.size());
+  EXPECT_EQ("q", r.conditions[0].value);
+  EXPECT_EQ(1u, r.cls);
+  EXPECT_DOUBLE_EQ(3.0, r.cases);
+  EXPECT_DOUBLE_EQ(1.0, r.errors);
+  EXPECT_EQ(0u, first.default_class());
+  brix::rule_model const& second = e->trial_rules(1);
+  EXPECT_EQ(0u, second.size());
+  EXPECT_EQ(0u, second.default_class());
+  EXPECT_NEAR(41.0 / 54, second.predict_proba(*t)[0], 1e-6);
+  std::vector<double> p = e->predict_proba(*t);
+  EXPECT_EQ(p, seen);
+  EXPECT_NEAR(0.7820387, p[10], 1e-5);
+
+  // The file keeps each trial's ruleset; the JSON and PMML hold rulesets, not trees.
+  std::string path = file("r.bm");
+  e->save(path);
+  auto back = brix::ensemble::load(path);
+  ASSERT_TRUE(back->has_rules());
+  EXPECT_EQ(json(*e), json(*back));
+  EXPECT_EQ(p, back->predict_proba(*t));
+  EXPECT_NE(std::string::npos, json(*e).find("\"ruleset\":{\"kind\":\"ruleset\""));
+  std::ostringstream pmml;
+  e->write_pmml(pmml);
+  EXPECT_EQ(std::string::npos, pmml.str().find("<TreeModel"));
+  EXPECT_NE(std::string::npos, pmml.str().find("<Segment id=\"2\""));
+
+  o.costs = {{"a", "b", 2}};
+  EXPECT_THROW(brix::ensemble::train(*t, o), std::invalid_argument);
+}
+
 // The ends of the sequence: a first trial with no error is the model alone; one trial is the
 // single tree, whatever its error.
 TEST_F(Ensemble, SequenceEnds) {

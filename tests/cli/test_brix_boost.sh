@@ -59,6 +59,27 @@ brix_expect 0 cv "$EX/iris" -k 3 --trials 3
 head -1 stdout | grep -qxF "$(printf 'fold\terror %%\tsize\ttest cases\taverage cost')" || fail "cv heading"
 grep -q "^mean average cost " stdout || fail "no mean average cost"
 
+# Boosted rulesets: a ruleset per trial, the same on any thread count, read back by predict
+# and show; a valid PMML of RuleSetModels; cv counts their rules; not with costs.
+brix_expect 0 train "$EX/votes" --trials 4 --rules --threads 1 --report json --model rules.bm
+cp stdout rules1.json
+brix_expect 0 train "$EX/votes" --trials 4 --rules --threads 2 --report json
+expect_output_file rules1.json
+python3 -c 'import json,sys; j=json.load(open(sys.argv[1])); t=j["model"]["trials"]
+assert j["rules"] == sum(len(x["ruleset"]["rules"]) for x in t) and "tree" not in t[0]' rules1.json ||
+  fail "the boosted rules JSON"
+brix_expect 0 predict rules.bm "$EX/votes"
+expect_line_count 291
+brix_expect 0 show rules.bm --format pmml
+grep -q "<RuleSetModel" stdout && ! grep -q "<TreeModel" stdout || fail "segments are not rulesets"
+if [ -f "$XSD" ] && command -v xmllint >/dev/null; then
+  xmllint --noout --schema "$XSD" stdout 2>lint || fail "boosted rules PMML invalid: $(head -3 lint)"
+fi
+brix_expect 2 show rules.bm --format dot
+brix_expect 0 cv "$EX/iris" -k 3 --trials 3 --rules
+grep -q "^mean error " stdout || fail "cv of boosted rules"
+brix_expect 2 train "$EX/iris" --trials 3 --rules --costs costs.csv
+
 # Refusals: usage errors (2) and data errors (1), nothing written.
 brix_expect 2 train "$EX/iris" --trials 0
 printf 'setosa,virginica,2\n' >unknown.csv

@@ -1356,6 +1356,13 @@ std::unique_ptr<table> read_stem_on(std::string const& path, std::string const& 
     impls::load_problems names = sink(path + ".names", "Reading metadata: ", opts.column_lines);
     impl.load_meta_data(zel::inpout::stream::FROM_FILE(path + ".names", sep), true, &names);
     impls::load_problems data = sink(rows, "Reading training data: ", opts.row_lines);
+    std::vector<std::string> texts;
+    if (opts.rows_left_out)
+      data.left_out = [&](unsigned long line, char const* const* fields,
+                          std::vector<bool> const& refused) {
+        texts.assign(fields, fields + refused.size());
+        opts.rows_left_out(line, texts, refused);
+      };
     impl.load_data(zel::inpout::stream::FROM_FILE(rows, sep), "?", true, &data);
   } catch (std::runtime_error const& e) {
     throw std::runtime_error(cut(e.what()));

@@ -54,6 +54,11 @@ struct read_options {
   std::vector<std::size_t>* row_lines = nullptr;
   // Stems, with problems: where set, receives the .names line each column is declared on.
   std::vector<std::size_t>* column_lines = nullptr;
+  // Stems, with problems: where set, receives each row left out for values its columns refuse:
+  // its line, its field texts and which of them were refused.
+  std::function<void(std::size_t line, std::vector<std::string> const& fields,
+                     std::vector<bool> const& refused)>
+      rows_left_out;
   // Stems: the file of rows; empty: STEM.data, or STEM.data.gz where only that is there.
   std::string rows_file;
 };

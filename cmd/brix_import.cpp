@@ -549,6 +549,14 @@ bool is_number(std::string_view v, double& d) {
   return r.ec == std::errc() && r.ptr == v.data() + v.size() && b != r.ptr && !std::isnan(d);
 }
 
+// Whether a value differs from the column's first. Numbers of a numeric column are compared as
+// such: a row the reader left out gives its text as written, a row kept the table's.
+bool differ(column_check const& c, std::string_view v) {
+  double a = 0, b = 0;
+  if (c.numeric_type() && is_number(v, a) && is_number(c.one, b)) return a != b;
+  return v != c.one;
+}
+
 class value_checks {
  public:
   std::vector<column_check> columns;
@@ -585,7 +593,7 @@ class value_checks {
     if (!c.any) {
       c.any = true;
       c.one = value;
-    } else if (!c.several && v != c.one) {
+    } else if (!c.several && differ(c, v)) {
       c.several = true;
     }
     if (c.tracking && !c.numeric_type() && c.seen.find(v) == c.seen.end()) {
@@ -735,11 +743,36 @@ void check_header(problems& p, std::size_t f, value_checks& checks) {
   }
 }
 
-// The values of a table, row by row on the lines they came from. A stem's columns are of the
-// types its .names declares; a CSV file's are inferred.
+// A row the reader left out for values its columns refuse.
+struct left_row {
+  std::size_t line;
+  std::vector<std::string> fields;
+  std::vector<bool> refused;
+};
+
+// The values of a row left out: those refused are counted as such (an unknown class or weight,
+// or a text where a number is due), the others looked at as those of the rows kept.
+void see_left_out(left_row const& row, bool training, value_checks& checks) {
+  for (std::size_t j = 0; j < checks.columns.size() && j < row.fields.size(); ++j) {
+    column_check& c = checks.columns[j];
+    std::string const& v = row.fields[j];
+    if (row.refused[j] && v == "?") {
+      c.unknown.see(row.line, v);
+      continue;
+    }
+    // A text where a number is due is a value of the column all the same: one among others.
+    if (row.refused[j] && c.numeric_type()) c.unreadable.see(row.line, v);
+    if (!c.ignored) checks.see(j, v, row.line, v == "?", training);
+  }
+}
+
+// The values of a table, row by row on the lines they came from, with the rows the reader left
+// out in between. A stem's columns are of the types its .names declares (types, where given); a
+// CSV file's are inferred.
 void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
                   std::set<std::string> const& dates, bool stem, bool training,
-                  value_checks& checks) {
+                  value_checks& checks, std::vector<left_row> const& left = {},
+                  std::vector<std::string> const* types = nullptr) {
   std::vector<brix::column_info> const info = brix::table_columns(t);
   std::size_t k = info.size();
   std::vector<std::vector<std::string>> texts(k);
@@ -753,7 +786,7 @@ void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
     bool ignored = c.kind == brix::column_kind::ignore;
     // The reader takes a first column without a name for row names and ignores it.
     col.ignored = ignored;
-    if (stem) col.type = c.datatype;
+    if (stem) col.type = types != nullptr ? (*types)[j] : c.datatype;
     checks.columns.push_back(std::move(col));
     if (!ignored) {
       texts[j] = {"?"};
@@ -761,12 +794,18 @@ void check_values(brix::table const& t, std::vector<std::size_t> const& lines,
       texts[j].insert(texts[j].end(), known.begin(), known.end());
     }
   }
-  for (unsigned long r = 0; r < t.get_no_rows(); ++r)
+  auto next = left.begin();
+  for (unsigned long r = 0; r < t.get_no_rows(); ++r) {
+    for (; next != left.end() && next->line < lines[r]; ++next)
+      see_left_out(*next, training, checks);
     for (std::size_t j = 0; j < k; ++j) {
       if (checks.columns[j].ignored) continue;
       unsigned long o = brix::value_code(t, j, r);
       checks.see(j, texts[j][o], lines[r], o == 0, training);
     }
+  }
+  for (; next != left.end(); ++next)
+    see_left_out(*next, training, checks);
   // Dates are read as days: an ID they are not.
   for (auto& c : checks.columns)
     if (dates.count(c.name)) c.dates = true;
@@ -847,6 +886,8 @@ struct stem_read {
   std::unique_ptr<brix::table> table;
   std::vector<brix::read_problem> problems;
   std::vector<std::size_t> rows, columns;  // the line of each row, of each column
+  std::vector<left_row> left;              // rows left out for values refused
+  std::string names;                       // the .names file
 };
 
 // Thrown from the reader's problem sink: the separator tried does not split the first
@@ -860,7 +901,11 @@ stem_read read_stem(std::string const& stem, std::string const& rows, char sep, 
   o.rows_file = rows;
   o.row_lines = &r.rows;
   o.column_lines = &r.columns;
-  std::string const names = stem + ".names";
+  o.rows_left_out = [&r](std::size_t line, std::vector<std::string> const& fields,
+                         std::vector<bool> const& refused) {
+    r.left.push_back({line, fields, refused});
+  };
+  std::string const names = r.names = stem + ".names";
   o.problems = [&](brix::read_problem const& q) {
     auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
     if (trying && q.file == names && q.line == 1 &&
@@ -921,13 +966,11 @@ void names_problem(problems& p, std::size_t f, brix::read_problem const& q, char
 }
 
 // What the .names declares as a whole and the names of its columns, on the lines they are
-// declared on. reported: whether the reader reported problems with it; refused_weights: weights
-// columns whose declarations it refused (they stand in as discrete ones).
-void check_declarations(problems& p, std::size_t f, stem_read const& r, bool reported,
-                        std::size_t refused_weights) {
+// declared on. reported: whether the reader reported problems with it.
+void check_declarations(problems& p, std::size_t f, stem_read const& r, bool reported) {
   std::vector<brix::column_info> const info = brix::table_columns(*r.table);
   if (info.empty() && !reported) return p.add(f, 0, "empty");
-  std::size_t classes = 0, weights = refused_weights;
+  std::size_t classes = 0, weights = 0;
   std::map<std::string, std::size_t> named;
   for (std::size_t j = 0; j < info.size(); ++j) {
     std::string const& name = info[j].name;
@@ -952,17 +995,10 @@ void check_declarations(problems& p, std::size_t f, stem_read const& r, bool rep
 }
 
 // A problem of a file of rows, in the check's words; values a column refuses are counted with
-// the column's other findings. Returns false for a file that is not text.
+// the column's other findings, from the rows left out. Returns false for a file that is not text.
 bool rows_problem(problems& p, std::size_t f, brix::read_problem const& q, char sep,
-                  value_checks& checks) {
+                  std::size_t k) {
   auto has = [&q](char const* s) { return q.message.find(s) != std::string::npos; };
-  std::size_t k = checks.columns.size();
-  // Of columns of the same name, the first that can refuse the value: a class or weights
-  // column an unknown value, a numeric one a text.
-  bool unknown = has("unadmitted null value");
-  auto column = std::find_if(checks.columns.begin(), checks.columns.end(), [&](auto const& c) {
-    return c.name == q.column && (unknown ? c.is_class || c.weights : c.numeric_type());
-  });
   if (has("NUL bytes")) {
     p.not_text(f, q.line);
     return false;
@@ -977,11 +1013,29 @@ bool rows_problem(problems& p, std::size_t f, brix::read_problem const& q, char 
     p.row(f, q.line, "rows of the wrong length",
           std::to_string(fields_in(q.value, sep)) + " fields, the .names declares " +
               std::to_string(k));
-  else if (!q.column.empty() && column != checks.columns.end())
-    (unknown ? column->unknown : column->unreadable).see(q.line, q.value);
+  else if (!q.column.empty())
+    return true;                   // a value refused, counted with its column's findings
   else if (!has("there must be"))  // one class, one weights column at most: the .names's
     p.add(f, q.line, without_place(q.message, q.file, q.line));
   return true;
+}
+
+// The type each column is declared with, also where the declaration was refused and a column of
+// another type stands in for it.
+std::vector<std::string> declared_types(stem_read const& r) {
+  std::vector<brix::column_info> const info = brix::table_columns(*r.table);
+  std::vector<std::string> types;
+  for (std::size_t j = 0; j < info.size(); ++j) {
+    types.push_back(info[j].datatype);
+    for (auto const& q : r.problems)
+      if (q.file == r.names && q.line == r.columns[j] && !q.column.empty() &&
+          (q.message.find("invalid o_set type") != std::string::npos ||
+           q.message.find("requires a non-negative") != std::string::npos)) {
+        types.back() = q.value;
+        break;
+      }
+  }
+  return types;
 }
 
 // A file of rows of the stem: its problems, then its values. Returns its number of rows.
@@ -989,12 +1043,14 @@ std::size_t check_rows(problems& p, std::string const& path, stem_read const& r,
                        bool training) {
   std::size_t f = p.file(path);
   value_checks checks;
-  check_values(*r.table, r.rows, {}, true, training, checks);
+  std::vector<std::string> types = declared_types(r);
+  check_values(*r.table, r.rows, {}, true, training, checks, r.left, &types);
   bool text = true;
   for (auto const& q : r.problems)
-    if (q.file == path && text) text = rows_problem(p, f, q, sep, checks);
+    if (q.file == path && text) text = rows_problem(p, f, q, sep, checks.columns.size());
   if (!text) return 0;
-  std::size_t rows = r.table->get_no_rows();
+  // As brixcmd counts them: the rows left out for a value refused too.
+  std::size_t rows = r.table->get_no_rows() + r.left.size();
   if (rows == 0 && training) p.add(f, 0, "no rows");
   checks.report(p, f, rows, training);
   return rows;
@@ -1002,16 +1058,15 @@ std::size_t check_rows(problems& p, std::string const& path, stem_read const& r,
 
 // The .names: the reader's problems with it, then what it declares.
 void check_names(problems& p, std::string const& names, stem_read const& r, char sep) {
-  std::size_t f = p.file(names), refused_weights = 0;
+  std::size_t f = p.file(names);
   bool reported = false;
   for (auto const& q : r.problems) {
     if (q.file != names) continue;
     reported = true;
     names_problem(p, f, q, sep);
     if (q.message.find("NUL bytes") != std::string::npos) return;  // no text: nothing else
-    refused_weights += q.message.find("requires a non-negative") != std::string::npos;
   }
-  check_declarations(p, f, r, reported, refused_weights);
+  check_declarations(p, f, r, reported);
 }
 
 int check_stem(std::string const& stem, char given, problems& p) {

@@ -327,6 +327,15 @@ TEST_F(CsvFiles, StemSinkReportsEveryFaultAndReadsTheRest) {
        {1, 2},
        {1}},
       {nac, std::string("x,1,yes\ny,\0,no\nz,3,no\n", 22), nullptr, {"d2"}, {1}, {1, 2, 3}},
+      // A NUL as the last byte of a file without a final line feed.
+      {nac, std::string("x,1,yes\ny,2,no\0", 15), nullptr, {"d2"}, {1}, {1, 2, 3}},
+      // A weights column refused for its type stands in as one of floats: it still refuses '?'.
+      {"a,string,discrete\nw,strng,weights\nc,string,class\n",
+       "x,1,yes\ny,?,no\n",
+       "Reading metadata: invalid o_set type = strng",
+       {"n2 w=strng", "d2 w=?"},
+       {1},
+       {1, 2, 3}},
       // A .names that is no text declares nothing: its rows then have too many fields.
       {std::string("a,string,discrete\nc,str\0ing,class\n", 34),
        "x,yes\n",
@@ -359,6 +368,26 @@ TEST_F(CsvFiles, StemSinkReportsEveryFaultAndReadsTheRest) {
       EXPECT_EQ(messages.at(0), c.thrown) << c.data;
     }
   }
+}
+
+// The rows left out for values refused are handed over whole, with the values at fault marked
+// by position (two columns may share a name); a header row or a row of the wrong length is not.
+TEST_F(CsvFiles, StemSinkHandsOverTheRowsLeftOut) {
+  std::ofstream(file("s.names")) << "n,integer,continuous\nn,integer,continuous\nc,string,class\n";
+  std::ofstream(file("s.data")) << "n,n,c\n1,b,?\n2,2,no\n3\nx,3,yes\n";
+  std::vector<std::string> left;
+  brix::read_options o;
+  o.problems = [](brix::read_problem const&) {};
+  o.rows_left_out = [&](std::size_t line, std::vector<std::string> const& fields,
+                        std::vector<bool> const& refused) {
+    std::string row = std::to_string(line);
+    for (std::size_t j = 0; j < fields.size(); ++j)
+      row += " " + fields[j] + (refused.at(j) ? "!" : "");
+    left.push_back(row);
+  };
+  auto t = brix::read_table(file("s"), o);
+  EXPECT_EQ(left, (std::vector<std::string>{"2 1 b! ?!", "5 x! 3 yes"}));
+  EXPECT_EQ(t->get_no_rows(), 1u);
 }
 
 }  // namespace

@@ -161,6 +161,7 @@ long long stream::size() const {
 }
 
 void stream::take_line(char* end, int len, bool has_lf) {
+  had_lf_ = has_lf;
   if (has_lf) {
     // CR LF loses both; a lone LF is replaced in place.
     if (len > 1 && end[-1] == '\r')

@@ -39,6 +39,8 @@ class stream {
   // The line and the tokenizer are reset to it and stay valid until the next call that moves.
   virtual bool read_line();
   virtual char* get_line() const { return line_; }
+  // Whether the current line ended at a LF (a last line may not).
+  bool line_had_lf() const { return had_lf_; }
   // The connection's position, ahead of the current line by what is buffered.
   virtual long long tell() const;
   // Bytes handed out as lines since open, rewind or seek: the offset of the next line.
@@ -69,6 +71,7 @@ class stream {
   int unread_;
   unsigned long long consumed_;
   bool owns_;
+  bool had_lf_ = false;
   char delim_;
   // Line feed bits of the 64 bytes at mask_base_ (null: none kept).
   char* mask_base_;

@@ -68,6 +68,7 @@ class line_fields {
     if (trailing_ != nullptr) *trailing_ = sep_;
   }
   char const* operator[](unsigned long j) const { return fields_[j]; }
+  char const* const* data() const { return fields_.data(); }
 
  private:
   std::vector<char*> fields_;

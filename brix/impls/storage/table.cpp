@@ -321,10 +321,11 @@ void table::load_from(Advance&& advance, PutRow&& put_row, std::string const& nu
 namespace {
 
 // Whether the line just read, size bytes with its end of line, holds a NUL byte: its text then
-// ends before the end of line does (whose LF, or the CR before it, is now the terminator). A NUL
-// ending a last line without LF goes unseen.
-bool holds_nul(char const* line, unsigned long long size) {
+// ends before the end of line does (whose LF, or the CR before it, is now the terminator; a last
+// line without LF has none).
+bool holds_nul(char const* line, unsigned long long size, bool lf) {
   std::size_t n = std::strlen(line);
+  if (!lf) return n < size;
   return n + 1 < size && !(n + 2 == size && line[n + 1] == '\n');
 }
 
@@ -336,7 +337,7 @@ char* line_reading_on(zel::inpout::stream& source, unsigned long line, load_prob
   unsigned long long before = source.tell2();
   if (!source.read_line()) return nullptr;
   char* s = source.get_line();
-  if (holds_nul(s, source.tell2() - before)) {
+  if (holds_nul(s, source.tell2() - before, source.line_had_lf())) {
     p.report(line, "", "", "NUL bytes: not a text file");
     text = false;
     return nullptr;
@@ -410,7 +411,11 @@ void table::declare_or_stand_in(char const* name, char const* type, char const* 
     }
   }
   if (!null_rule.empty()) refused(type, null_rule);
-  if (!declared) {
+  if (!declared && kind_known && k == column::WEIGHTS) {
+    // One of floats, whatever the type declared: its unknown values are still refused and
+    // reported, as they would be once the declaration is right.
+    push_back(name, "float", "weights");
+  } else if (!declared) {
     bool typed = type_known && std::strcmp(type, "null") != 0;
     push_back(name, typed ? type : "string",
               kind_known && k == column::CLASS ? "class" : "discrete");
@@ -429,6 +434,7 @@ void table::load_reading_on(zel::inpout::stream& source, std::string const& null
   line_fields fields;
   unsigned long line = 0, first = loaded_, k = columns_.size() - first;
   bool is_text = true;
+  std::vector<bool> refused(k);
   // The first row is the column names, written by mistake: reported, not read as data.
   auto header = [&]() {
     for (unsigned long j = 0; j < k; ++j)
@@ -443,9 +449,12 @@ void table::load_reading_on(zel::inpout::stream& source, std::string const& null
           if (fields.split_all(text, sep) != k) {
             fields.restore();
             p.report(line, "", text, "bad row format (row " + std::to_string(line) + "): " + text);
-          } else if (!(line == 1 && header()) && row_reads(fields, line, p)) {
-            if (p.lines != nullptr) p.lines->push_back(line);
-            return true;
+          } else if (!(line == 1 && header())) {
+            if (row_reads(fields, line, p, refused)) {
+              if (p.lines != nullptr) p.lines->push_back(line);
+              return true;
+            }
+            if (p.left_out) p.left_out(line, fields.data(), refused);
           }
         }
         return false;
@@ -457,12 +466,15 @@ void table::load_reading_on(zel::inpout::stream& source, std::string const& null
       null);
 }
 
-// Whether every value of the row is one its column takes; those that are not are reported.
-bool table::row_reads(line_fields const& fields, unsigned long line, load_problems const& p) const {
+// Whether every value of the row is one its column takes; those that are not are reported and
+// marked in refused.
+bool table::row_reads(line_fields const& fields, unsigned long line, load_problems const& p,
+                      std::vector<bool>& refused) const {
   bool reads = true;
   for (unsigned long j = loaded_; j < columns_.size(); ++j) {
     char const* text = fields[j - loaded_];
     std::string why = columns_[j]->get_o_set()->refusal(text);
+    refused[j - loaded_] = !why.empty();
     if (why.empty()) continue;
     p.report(line, columns_[j]->get_name(), text, why);
     reads = false;

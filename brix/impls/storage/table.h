@@ -18,11 +18,16 @@ namespace impls {
 // each problem that would throw goes to report (the line, 0 for none; the column's name and the
 // value at fault, where there are; the message as it would be thrown) and the line at fault is
 // left out. lines, where set, receives the line each column (row) loaded was read from.
+// left_out, where set, receives each row left out for values its columns refuse: its line, its
+// field texts (one per column loaded) and which of them were refused; a check looks at the rest.
 struct load_problems {
   std::function<void(unsigned long line, std::string const& column, std::string const& value,
                      std::string const& message)>
       report;
   std::vector<std::size_t>* lines = nullptr;
+  std::function<void(unsigned long line, char const* const* fields,
+                     std::vector<bool> const& refused)>
+      left_out;
 };
 
 class line_fields;
@@ -36,7 +41,8 @@ class table {
 
   // Reads one column per line of the source; deletes the source when owns. With problems, a
   // declaration refused is reported and a stand-in takes its place (a discrete column of its type,
-  // of strings where the type is unknown, or a class column of strings) so that rows still line up.
+  // of strings where the type is unknown, a class column of strings or a weights column of floats)
+  // so that rows still line up.
   void load_meta_data(zel::inpout::stream* source, bool owns,
                       load_problems const* problems = nullptr);
   void push_back(std::string const& name, std::string const& datatype, std::string const& kind);
@@ -113,7 +119,8 @@ class table {
                            load_problems const& p);
   void load_reading_on(zel::inpout::stream& source, std::string const& null,
                        load_problems const& p);
-  bool row_reads(line_fields const& fields, unsigned long line, load_problems const& p) const;
+  bool row_reads(line_fields const& fields, unsigned long line, load_problems const& p,
+                 std::vector<bool>& refused) const;
   template <class Advance, class PutRow>
   void load_from(Advance&& advance, PutRow&& put_row, std::string const& null);
 

@@ -1644,77 +1644,88 @@ table_builder& table_builder::keep_texts(std::string const& name, std::vector<st
   return *this;
 }
 
-std::unique_ptr<table> table_builder::build(bool require_class) {
-  auto bad = [](std::string const& what) {
-    throw std::invalid_argument("[brix::table_builder] " + what);
-  };
-  if (columns_.empty()) bad("no columns");
-  std::size_t rows = columns_[0].size();
-  std::set<std::string> names;
+namespace {
+[[noreturn]] void bad_build(std::string const& what) {
+  throw std::invalid_argument("[brix::table_builder] " + what);
+}
+
+// Refuses columns of unequal lengths, a name given twice and unknown classes; returns whether a
+// class column is among them.
+template <class Columns>
+bool checked_columns(Columns const& columns, std::set<std::string>& names) {
+  std::size_t rows = columns[0].size();
   bool has_class = false;
-  for (auto const& c : columns_) {
+  for (auto const& c : columns) {
     if (c.size() != rows)
-      bad("column '" + c.name + "' has " + std::to_string(c.size()) + " values, column '" +
-          columns_[0].name + "' " + std::to_string(rows));
-    if (!names.insert(c.name).second) bad("column '" + c.name + "' given twice");
+      bad_build("column '" + c.name + "' has " + std::to_string(c.size()) + " values, column '" +
+                columns[0].name + "' " + std::to_string(rows));
+    if (!names.insert(c.name).second) bad_build("column '" + c.name + "' given twice");
     has_class |= c.kind == column_kind::class_label;
     if (c.kind == column_kind::class_label) {
       std::size_t unknown = 0;
       for (std::size_t r = 0; r < c.size(); ++r)
         unknown += c.unknown_at(r);
       if (unknown > 0)
-        bad("class column '" + c.name + "': " + std::to_string(unknown) + " unknown value" +
-            (unknown == 1 ? "" : "s") + "; a row to learn from needs its class");
+        bad_build("class column '" + c.name + "': " + std::to_string(unknown) + " unknown value" +
+                  (unknown == 1 ? "" : "s") + "; a row to learn from needs its class");
     }
   }
+  return has_class;
+}
+
+using value_feed = std::function<void(impls::value_loader&, std::size_t)>;
+
+// What hands row r of a given column to the loader.
+template <class Column>
+value_feed feed_of(Column const* v) {
+  switch (v->from) {
+    case source::texts:
+      return [v](impls::value_loader& l, std::size_t r) {
+        bool known = v->known.empty() || v->known[r];
+        l.add(known ? v->texts[r].c_str() : "?");
+      };
+    case source::numbers:
+      return [v](impls::value_loader& l, std::size_t r) {
+        l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
+      };
+    case source::f64:
+      return number_feed<double>(v->data, v->mask);
+    case source::f32:
+      return number_feed<float>(v->data, v->mask);
+    case source::i64:
+      return number_feed<std::int64_t>(v->data, v->mask);
+    case source::i32:
+      return number_feed<std::int32_t>(v->data, v->mask);
+    case source::c8:
+      return code_feed<std::int8_t>(v->data, v->categories, v->name);
+    case source::c16:
+      return code_feed<std::int16_t>(v->data, v->categories, v->name);
+    case source::c32:
+      return code_feed<std::int32_t>(v->data, v->categories, v->name);
+    case source::c64:
+      return code_feed<std::int64_t>(v->data, v->categories, v->name);
+  }
+  return {};
+}
+}  // namespace
+
+std::unique_ptr<table> table_builder::build(bool require_class) {
+  auto bad = bad_build;
+  if (columns_.empty()) bad("no columns");
+  std::size_t rows = columns_[0].size();
+  std::set<std::string> names;
+  bool has_class = checked_columns(columns_, names);
   if (rows == 0) bad("no rows");
   if (require_class && !has_class) bad("no class column");
   auto impl = std::make_unique<impls::table>(name_, has_class);
-  std::vector<std::function<void(impls::value_loader&, std::size_t)>> put;
+  std::vector<value_feed> put;
   for (auto const& c : columns_) {
     try {
       impl->push_back(c.name, keyword(c.type), keyword(c.kind));
     } catch (std::runtime_error const& e) {
       bad("column '" + c.name + "': " + e.what());
     }
-    column_values const* v = &c;
-    switch (c.from) {
-      case source::texts:
-        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-          bool known = v->known.empty() || v->known[r];
-          l.add(known ? v->texts[r].c_str() : "?");
-        });
-        break;
-      case source::numbers:
-        put.emplace_back([v](impls::value_loader& l, std::size_t r) {
-          l.add_number(v->numbers[r], v->known.empty() || v->known[r]);
-        });
-        break;
-      case source::f64:
-        put.push_back(number_feed<double>(c.data, c.mask));
-        break;
-      case source::f32:
-        put.push_back(number_feed<float>(c.data, c.mask));
-        break;
-      case source::i64:
-        put.push_back(number_feed<std::int64_t>(c.data, c.mask));
-        break;
-      case source::i32:
-        put.push_back(number_feed<std::int32_t>(c.data, c.mask));
-        break;
-      case source::c8:
-        put.push_back(code_feed<std::int8_t>(c.data, c.categories, c.name));
-        break;
-      case source::c16:
-        put.push_back(code_feed<std::int16_t>(c.data, c.categories, c.name));
-        break;
-      case source::c32:
-        put.push_back(code_feed<std::int32_t>(c.data, c.categories, c.name));
-        break;
-      case source::c64:
-        put.push_back(code_feed<std::int64_t>(c.data, c.categories, c.name));
-        break;
-    }
+    put.push_back(feed_of(&c));
   }
   // Kept values go in rows of their own after the given ones; other columns repeat row 0 there.
   std::size_t extra = 0;

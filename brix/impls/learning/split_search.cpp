@@ -534,11 +534,6 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 
 }  // namespace
 
-void splitting_desc::set_partition_desc(partition_desc& desc) const {
-  desc.threshold = att->find_threshold(low, high);
-  desc.branches = branches;
-}
-
 void split_scratch::release() {
   std::vector<std::uint64_t>().swap(packed);
   std::vector<w_case>().swap(spare);

@@ -29,30 +29,6 @@ class _decision_tree;
 
 class compiled_tree;
 
-// The growing scratch of an activated node: the value range of every attribute among its cases
-// and the per-attribute split results. Freed when the node closes, so the records that stay in the
-// tree carry only what prediction, pruning, output and the tree file read.
-// A child shares its father's ranges, narrowed in one attribute, until it is split itself: the
-// nodes waiting in the growing queue then hold no copy of them.
-struct _node_work {
-  static constexpr unsigned long kNone = ~0UL;
-  std::shared_ptr<std::vector<order_range>> ranges;  // null: none
-  unsigned long narrowed = kNone;  // the attribute whose range differs from *ranges
-  order_range narrow;
-  std::vector<splitting_desc> descs;
-
-  // The node's own ranges, the narrowing applied; null when there are none.
-  std::vector<order_range>* own() {
-    if (ranges && narrowed != kNone) {
-      auto mine = std::make_shared<std::vector<order_range>>(*ranges);
-      (*mine)[narrowed] = narrow;
-      ranges = std::move(mine);
-      narrowed = kNone;
-    }
-    return ranges.get();
-  }
-};
-
 class _decision_node {
  public:
   enum node_status : std::uint8_t { UNDEFINED_NODE = 0, LEAF_NODE = 1, SPLIT_NODE = 2 };

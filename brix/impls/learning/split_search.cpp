@@ -14,7 +14,7 @@
 #include "brix/impls/learning/case_sort.h"
 #include "brix/impls/learning/constants.h"
 #include "brix/impls/learning/entropy.h"
-#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/learning/grow_options.h"
 #include "brix/impls/storage/column_typed.h"
 
 namespace brix {

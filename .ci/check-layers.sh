@@ -2,7 +2,8 @@
 # Fails on an #include that runs from a lower layer up to a higher one. The layers, lowest first
 # (docs/architecture.md draws them):
 #   engine      brix/impls, zel, farm      storage, loading, growing, pruning, prediction;
-#               within it storage/ (tables, loading) sits beneath learning/ and model/
+#               within it storage/ (tables, loading) sits beneath model/ (the node record,
+#               prediction, the tree file), and model/ beneath learning/ (growing, pruning)
 #   writers     brix/writers               output formats, on the engine's types
 #   public API  brix/*.h, brix/*.cpp       what commands, Python and library users include
 #   front ends  cmd, python                commands and the Python extension
@@ -39,6 +40,7 @@ refuse "the engine includes no writer, public header or front end" \
   '^(brix/[^/]+$|brix/writers/|cmd/|python/)' brix/impls zel farm
 refuse "storage includes nothing of learning or the model" \
   '^brix/impls/(learning|model)/' brix/impls/storage
+refuse "the model includes nothing of learning" '^brix/impls/learning/' brix/impls/model
 refuse "a writer includes no public model header or front end" \
   '^(brix/(model|data|ensemble|rules)\.h$|cmd/|python/)' brix/writers
 refuse "the public API includes no front end" '^(cmd/|python/)' $(ls brix/*.h brix/*.cpp 2>/dev/null)

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "brix/impls/learning/grower.h"
 #include "brix/impls/learning/partition.h"
 #include "brix/impls/learning/split_search.h"
 #include "brix/impls/model/conf_matrix.h"
@@ -19,6 +20,7 @@ namespace brix {
 
 namespace {
 
+using impls::grower;
 using impls::order_range;
 
 // Floats of one open node's tallies over the given ranges.
@@ -367,8 +369,8 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
       blocks[b].orders = orders[b].empty() ? nullptr : orders[b].data();
       blocks[b].rows = orders[b].size();
     }
-    node->activate_from(classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
-    node->split_tallies(t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
+    grower::activate_from(*node, classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
+    grower::split_tallies(*node, t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
     std::int64_t att = -1;
     if (node->get_node_status() == impls::_decision_node::SPLIT_NODE &&
         node->get_no_of_splits() >= 1) {
@@ -376,7 +378,7 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
     }
     if (att < 0) {
       d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
-      node->disactivate();
+      grower::disactivate(*node);
       continue;
     }
     // The chosen attribute's tallies.
@@ -427,9 +429,9 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
         at = cut(lo1, hi2, w1, w2);
       }
       if (at == 0) {
-        node->set_as_leaf();
+        grower::set_as_leaf(*node);
         d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
-        node->disactivate();
+        grower::disactivate(*node);
         continue;
       }
       unsigned long lo2 = at;
@@ -457,7 +459,7 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
       r[att] = child_ranges[b];
       next.push_back({g.next++, sub, shares[b], std::move(r)});
     }
-    node->disactivate();
+    grower::disactivate(*node);
   }
   g.open = std::move(next);
   return d;

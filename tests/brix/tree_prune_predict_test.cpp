@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "brix/impls/learning/grower.h"
 #include "brix/impls/model/conf_matrix.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
@@ -22,6 +23,7 @@
 using brix::impls::_decision_node;
 using brix::impls::_decision_tree;
 using brix::impls::decision_tree;
+using brix::impls::grower;
 using brix::impls::table;
 using brix::impls::w_sequence;
 
@@ -218,9 +220,9 @@ TEST(TreePrune, PrepruneDropsSplitsThatDoNotLowerTheError) {
   auto same = files.loaded("x,string,discrete\nc,string,class\n", "u,p\nu,p\nu,q\nv,p\nv,p\n");
   std::unique_ptr<w_sequence> all(same->get_wsubset_all());
   _decision_node node(all.get());
-  node.activate(same.get());
+  grower::activate(node, same.get());
   brix::impls::options opts;
-  EXPECT_EQ(node.split(same.get(), 1, 2.0f, &opts), _decision_node::SPLIT_NODE);
+  EXPECT_EQ(grower::split(node, same.get(), 1, 2.0f, &opts), _decision_node::SPLIT_NODE);
   decision_tree dt("t");
   dt.build_unpruned(same.get(), nullptr, false);
   EXPECT_EQ(dt.size(), 1u);
@@ -357,9 +359,9 @@ TEST(TreeGolf, UnknownValuesAreSharedOut) {
   t->load_data(zel::inpout::stream::FROM_FILE(stem + ".data", ','), "?", true);
   std::unique_ptr<w_sequence> all(t->get_wsubset_all());
   _decision_node root(all.get());
-  root.activate(t.get());
+  grower::activate(root, t.get());
   brix::impls::options opts;
-  root.split(t.get(), decision_tree::GAIN_RATIO, 2.0f, &opts);
+  grower::split(root, t.get(), decision_tree::GAIN_RATIO, 2.0f, &opts);
   // outlook known on 13 cases (8y 5n): gain (I(5,8) − 2·I(2,3))/13 · 13/14 = (12.496072 −
   // 9.709506)/14 = 0.199040; the unknown case is a fourth part: split I(1,3,5,5)/14 = 1.809200.
   EXPECT_NEAR(root.get_split_descs()[0].gain, 0.199040f, 2e-6);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "brix/impls/learning/entropy.h"
+#include "brix/impls/learning/grower.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
 #include "tests/brix/table_files.h"
@@ -21,6 +22,7 @@ using brix::impls::_decision_node;
 using brix::impls::_decision_tree;
 using brix::impls::column;
 using brix::impls::decision_tree;
+using brix::impls::grower;
 using brix::impls::options;
 using brix::impls::order_range;
 using brix::impls::split_scratch;
@@ -36,9 +38,9 @@ namespace {
 // The attribute a root node grown from these cases splits on (-1: a leaf).
 long chosen_attribute(table* t, w_sequence& cases, int split_type = decision_tree::GAIN_RATIO) {
   _decision_node node(&cases);
-  node.activate(t);
+  grower::activate(node, t);
   options opts;
-  int status = node.split(t, split_type, 2.0f, &opts);
+  int status = grower::split(node, t, split_type, 2.0f, &opts);
   return status == _decision_node::SPLIT_NODE ? static_cast<long>(node.get_split_attribute_index())
                                               : -1;
 }
@@ -85,9 +87,9 @@ TEST(TreeSplit, RatioCountsOnlyAtOrAboveTheAverageGain) {
   auto two = files.loaded(filter_names(0), filter_data(0));
   w_sequence cases = filter_cases(10.0f);
   _decision_node node(&cases);
-  node.activate(two.get());
+  grower::activate(node, two.get());
   options opts;
-  node.split(two.get(), decision_tree::GAIN_RATIO, 2.0f, &opts);
+  grower::split(node, two.get(), decision_tree::GAIN_RATIO, 2.0f, &opts);
   auto const& d = node.get_split_descs();
   EXPECT_NEAR(d[0].gain, 0.170951f, 2e-6);
   EXPECT_NEAR(d[0].split_info, 0.721928f, 2e-6);

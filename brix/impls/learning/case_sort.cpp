@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/learning/grow_options.h"
 #include "brix/impls/storage/column_typed.h"
 #include "zel/adt/radix_sort.h"
 

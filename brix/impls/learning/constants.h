@@ -2,12 +2,10 @@
 #ifndef BRIX_IMPLS_CONSTANTS_H
 #define BRIX_IMPLS_CONSTANTS_H
 
+#include "brix/impls/model/split_record.h"  // kNoGain, which the records start from
+
 namespace brix {
 namespace impls {
-
-// The gain of an attribute that has no admissible split. Deliberately -0.001, not 0: an
-// attribute competes only with a gain above it, so a split of gain 0 still stands against none.
-constexpr float kNoGain = -0.001f;
 
 // The tolerance of the split choice: an attribute's gain may fall this far below the average
 // gain, and its split information must exceed it. Compared in double, as the trees expect.

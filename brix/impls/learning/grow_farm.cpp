@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "brix/impls/learning/case_sort.h"
+#include "brix/impls/learning/grower.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
 #include "farm/task_farm.h"
@@ -162,7 +163,7 @@ class _ff_worker : public farm::node {
       } else if (k->kind == SUBTREE_TASK) {
         k->subtree->grow_depth(table_, split_type_, min_obj_, opts_, nullptr, false, scratch_);
       } else {
-        n->split(table_, split_type_, min_obj_, opts_, &scratch_);
+        grower::split(*n, table_, split_type_, min_obj_, opts_, &scratch_);
       }
     } catch (...) {
       fail(signal_);
@@ -181,7 +182,7 @@ class _ff_worker : public farm::node {
 
   void evaluate_attribute(_decision_node* n, ff_task* k) {
     if (k->chain == nullptr) {
-      n->split_att(table_, min_obj_, opts_, k->attribute, true, scratch_);
+      grower::split_att(*n, table_, min_obj_, opts_, k->attribute, true, scratch_);
       return;
     }
     std::shared_ptr<w_sequence> in = k->chain->take(k->position);
@@ -193,10 +194,10 @@ class _ff_worker : public farm::node {
       pub.cases = std::make_shared<w_sequence>(*in);
       in.reset();
       w_sequence* mine = pub.cases.get();
-      n->split_att_on(table_, min_obj_, opts_, k->attribute, mine, scratch_, &pub);
+      grower::split_att_on(*n, table_, min_obj_, opts_, k->attribute, mine, scratch_, &pub);
     } else {
       k->chain->publish(k->position + 1, in);
-      n->split_att_on(table_, min_obj_, opts_, k->attribute, in.get(), scratch_, nullptr);
+      grower::split_att_on(*n, table_, min_obj_, opts_, k->attribute, in.get(), scratch_, nullptr);
     }
   }
 
@@ -265,7 +266,7 @@ class _ff_emitter : public farm::node {
         if (last.get() != node->get_all_cases()) node->get_all_cases()->cases().swap(last->cases());
       }
       counters_.erase(k->subtree);
-      node->split_post(table_);
+      grower::split_post(*node, table_);
       bool root = k->subtree == tree_ && order_.cases;
       void* next = expand(k->subtree, sent, k);
       // Distributed from its first order, the root's children are already in row order.
@@ -284,14 +285,14 @@ class _ff_emitter : public farm::node {
 
   void* start() {
     _decision_node* root = tree_->get_node();
-    if (root->split_pre(table_, split_type_, min_obj_)) {
-      root->disactivate();
+    if (grower::split_pre(*root, table_, split_type_, min_obj_)) {
+      grower::disactivate(*root);
       return farm::EOS;
     }
     unsigned long sent = send_attribute_tasks(tree_, nullptr);
     if (sent == 0) {
       // Nothing to evaluate: the root decides on what it has.
-      root->split_post(table_);
+      grower::split_post(*root, table_);
       return expand(tree_, 0, nullptr);
     }
     return farm::GO_ON;
@@ -312,9 +313,9 @@ class _ff_emitter : public farm::node {
     for (_decision_tree* ct : kids) {
       _decision_node* child = ct->get_node();
       unsigned long c = child->get_cases_count();
-      if (child->split_pre(table_, split_type_, min_obj_)) {
+      if (grower::split_pre(*child, table_, split_type_, min_obj_)) {
         // Already a leaf: no worker needs to see it.
-        child->disactivate();
+        grower::disactivate(*child);
       } else if (c <= subtree_rows_) {
         send(ct, SUBTREE_TASK, 0, reuse);
         reuse = nullptr;
@@ -326,8 +327,8 @@ class _ff_emitter : public farm::node {
         if (sent > 0) {
           reuse = nullptr;
         } else {
-          child->split_post(table_);
-          child->disactivate();
+          grower::split_post(*child, table_);
+          grower::disactivate(*child);
         }
       }
     }
@@ -342,7 +343,7 @@ class _ff_emitter : public farm::node {
     _decision_node* node = sub->get_node();
     std::vector<unsigned long> worth;
     for (unsigned long a = 0; a < n_attributes_; ++a) {
-      if (node->split_att_worth(a)) worth.push_back(a);
+      if (grower::split_att_worth(*node, a)) worth.push_back(a);
     }
     if (worth.empty()) return 0;
     counters& c = counters_[sub];
@@ -454,7 +455,7 @@ class _ff_emitter : public farm::node {
 
 void _decision_tree::build_ff(table* t, int split_type, float min_obj, options const* opts,
                               int nworkers) {
-  get_node()->activate(t);
+  grower::activate(*get_node(), t);
   chain_signal signal;
   ff_balancer lb;
   farm::task_farm f(&lb, kInputQueuePerWorker * static_cast<std::size_t>(nworkers), kOutputQueue);

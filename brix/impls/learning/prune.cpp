@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "brix/impls/learning/grower.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
 
@@ -96,19 +97,19 @@ std::pair<float, float> _decision_tree::prune_c45(table* t, float cf, float coef
     n = copy.get();
   }
   if (substitute_father) {
-    n->activate_substitute_father(t);
+    grower::activate_substitute_father(*n, t);
   } else {
-    n->activate(t);
+    grower::activate(*n, t);
   }
   float known = n->known_fract_;
   if (known == 0.0f) {
-    n->disactivate();
+    grower::disactivate(*n);
     return {0.0f, 0.0f};
   }
   float leaf = n->get_leaf_error();
   float estimate = leaf + add_errs(cf, coeff, n->cases_weight_, leaf);
   if (n->status_ == _decision_node::LEAF_NODE) {
-    n->disactivate();
+    grower::disactivate(*n);
     if (update) n->error_ = estimate;
     return {known, estimate};
   }
@@ -129,26 +130,26 @@ std::pair<float, float> _decision_tree::prune_c45(table* t, float cf, float coef
     }
   }
   if (!update) {
-    n->disactivate();
+    grower::disactivate(*n);
     return {known, sum};
   }
 
   _decision_tree* branch = get_child(largest);
   float raised = branch->prune_c45(t, cf, coeff, false, true).second;
   if (estimate <= raised + kPruneSlack && estimate <= sum + kPruneSlack) {
-    n->disactivate();
+    grower::disactivate(*n);
     collapse(estimate);
     return {known, estimate};
   }
   if (raised <= sum + kPruneSlack) {
     std::pair<float, float> r = branch->prune_c45(t, cf, coeff, true, true);
     _decision_node* grand = n->father_;
-    n->disactivate();
+    grower::disactivate(*n);
     replace_with_son(largest);
     get_node()->father_ = grand;
     return r;
   }
-  n->disactivate();
+  grower::disactivate(*n);
   n->error_ = sum;
   return {known, sum};
 }

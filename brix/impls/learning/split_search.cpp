@@ -14,7 +14,7 @@
 #include "brix/impls/learning/case_sort.h"
 #include "brix/impls/learning/constants.h"
 #include "brix/impls/learning/entropy.h"
-#include "brix/impls/model/decision_tree.h"
+#include "brix/impls/learning/grow_options.h"
 #include "brix/impls/storage/column_typed.h"
 
 namespace brix {
@@ -533,11 +533,6 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
 }
 
 }  // namespace
-
-void splitting_desc::set_partition_desc(partition_desc& desc) const {
-  desc.threshold = att->find_threshold(low, high);
-  desc.branches = branches;
-}
 
 void split_scratch::release() {
   std::vector<std::uint64_t>().swap(packed);

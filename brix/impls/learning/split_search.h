@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "brix/impls/learning/constants.h"
+#include "brix/impls/model/split_record.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/w_sequence.h"
 
@@ -25,23 +26,6 @@ struct options;
 struct order_publisher {
   virtual ~order_publisher() = default;
   virtual void sorted(w_sequence* cases) = 0;
-};
-
-// The threshold text and branch count that a split node keeps.
-struct partition_desc {
-  std::string threshold;
-  unsigned long branches = 0;
-};
-
-// The best split of one attribute in one node.
-struct splitting_desc {
-  unsigned long branches = 0;
-  unsigned long low = 0;
-  unsigned long high = 0;
-  column const* att = nullptr;
-  float gain = kNoGain;
-  float split_info = 0.0f;
-  void set_partition_desc(partition_desc& desc) const;
 };
 
 // Tables up to this many entries stay from node to node whatever the nodes' sizes; larger ones

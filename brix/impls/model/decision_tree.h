@@ -11,8 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "brix/impls/learning/grow_options.h"
-#include "brix/impls/learning/split_search.h"
+#include "brix/impls/model/split_record.h"
 #include "brix/impls/model/tree_settings.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/w_sequence.h"
@@ -28,30 +27,9 @@ class conf_matrix;
 class _decision_tree;
 
 class compiled_tree;
-
-// The growing scratch of an activated node: the value range of every attribute among its cases
-// and the per-attribute split results. Freed when the node closes, so the records that stay in the
-// tree carry only what prediction, pruning, output and the tree file read.
-// A child shares its father's ranges, narrowed in one attribute, until it is split itself: the
-// nodes waiting in the growing queue then hold no copy of them.
-struct _node_work {
-  static constexpr unsigned long kNone = ~0UL;
-  std::shared_ptr<std::vector<order_range>> ranges;  // null: none
-  unsigned long narrowed = kNone;  // the attribute whose range differs from *ranges
-  order_range narrow;
-  std::vector<splitting_desc> descs;
-
-  // The node's own ranges, the narrowing applied; null when there are none.
-  std::vector<order_range>* own() {
-    if (ranges && narrowed != kNone) {
-      auto mine = std::make_shared<std::vector<order_range>>(*ranges);
-      (*mine)[narrowed] = narrow;
-      ranges = std::move(mine);
-      narrowed = kNone;
-    }
-    return ranges.get();
-  }
-};
+class grower;
+class split_scratch;
+struct options;
 
 class _decision_node {
  public:
@@ -66,44 +44,6 @@ class _decision_node {
   // A copy of every field, vectors deep-copied; the cases pointer is shared
   // for the root and copied otherwise.
   _decision_node* clone() const;
-
-  void activate(table* t);
-  void activate_root(table* t);
-  void activate_node(table* t);
-  // Stands in for the father: its index, its known fraction and a copy of
-  // all its cases.
-  void activate_substitute_father(table* t);
-  // Activation with cases already distributed by the father.
-  void activate_with(table* t, w_sequence* cases, float known_fraction, order_range att_range);
-  void compute_statistics(table* t);
-  // Activation from statistics gathered elsewhere, with no cases: the class weights (one per
-  // class value, index 0 unknown) summed in case order, the number of cases and the ranges.
-  void activate_from(std::vector<float> const& class_weights, unsigned long count,
-                     float known_fraction, std::vector<order_range> const& ranges);
-  void disactivate();
-
-  // Without a scratch, the search works in tables of its own.
-  int split(table* t, int split_type, float min_obj, options const* opts,
-            split_scratch* scratch = nullptr);
-  int split_gain(table* t, bool use_ratio, float min_obj, options const* opts,
-                 split_scratch* scratch = nullptr);
-  bool split_pre(table* t, int split_type, float min_obj);
-  void split_att(table* t, float min_obj, options const* opts, unsigned long att, bool sort_copy,
-                 split_scratch& scratch);
-  // Scores one attribute on the given cases (the node's, or an order of them).
-  void split_att_on(table* t, float min_obj, options const* opts, unsigned long att,
-                    w_sequence* cases, split_scratch& scratch, order_publisher* publish);
-  int split_post(table* t);
-  // split_gain's decision from tallies summed elsewhere over the node's cases, one block per
-  // attribute (unread where tally_rows gives none).
-  int split_tallies(table* t, int split_type, float min_obj, options const* opts,
-                    std::vector<tally_block> const& tallies, split_scratch& scratch);
-  bool split_att_worth(unsigned long att);
-  void set_as_leaf();
-  // Distributes the cases to every branch of the split at once. Returns false, and turns the
-  // node into a leaf, when no threshold can separate its cases.
-  bool distribute(table* t, std::vector<w_sequence*>& children, std::vector<float>& shares,
-                  std::vector<order_range>& ranges, options const* opts, split_scratch& scratch);
 
   node_status get_node_status() const { return status_; }
   void set_node_status(node_status s) { status_ = s; }
@@ -129,8 +69,6 @@ class _decision_node {
   std::vector<splitting_desc> const& get_split_descs() const;
   std::vector<order_range> const* get_att_ranges() const { return work_ ? work_->own() : nullptr; }
 
-  // Collapses the node into a leaf with the given error.
-  void make_leaf(float error);
   // Hands owned cases over to the caller; the node keeps pointing to them.
   w_sequence* share_cases();
 
@@ -140,16 +78,13 @@ class _decision_node {
   // Fields restored by the binary tree reader.
   friend zel::inpout::ibinstream& operator>>(zel::inpout::ibinstream& in, _decision_node& n);
   friend zel::inpout::obinstream& operator<<(zel::inpout::obinstream& out, _decision_node const& n);
+  friend class grower;
   friend class _decision_tree;
   friend class decision_tree;
   friend class ::brix::tally_grower;
 
  private:
   void reset_partition() { partition_ = partition_desc(); }
-  // The cases weight and the most frequent class, from the class distribution.
-  void settle_statistics();
-  bool holds_all(std::vector<w_sequence*> const& children) const;
-  static void drop(std::vector<w_sequence*>& children);
   // The node's ranges, replaced by a copy of the given ones (or the empty set).
   std::vector<order_range>& reset_ranges(std::vector<order_range> const* from);
   std::vector<order_range>& ranges() const { return *work_->own(); }

@@ -26,7 +26,7 @@ __all__ = ["TreeClassifier", "HAND_OFF_CASES"]
 # attribute, per worker) cost more than moving the node's rows to one worker and growing them
 # there, and 200,000 rows of a few dozen columns stay a few tens of MB on that worker. Measured
 # with bench/dask.sh on agrawal F2 1M over 2 workers (see docs/distributed.md).
-HAND_OFF_CASES = 200000
+HAND_OFF_CASES = 1000000
 
 
 def _is_dask_collection(X):
@@ -316,7 +316,9 @@ class TreeClassifier(_LocalTreeClassifier):
                 encoder._array_discrete = probe._array_discrete
             # Every partition a table on its worker (persisted there); the client keeps only
             # one of no cases, for the value sets.
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, keep)
+            # The value sets go to each worker once, not with every partition's task.
+            [shared_keep] = client.scatter([keep], broadcast=True, hash=False)
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, shared_keep)
                                       for a, b, c, d in zip(xs, ys, ws, described)
                                       if d["n"] > 0])
             # One row of values every column holds (class and values are kept anyway).

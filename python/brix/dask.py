@@ -22,11 +22,12 @@ from . import _core, _text, _warn_past_exact
 __all__ = ["TreeClassifier", "HAND_OFF_CASES"]
 
 # A node of at most this many cases is grown whole on one worker by the ordinary grower instead of
-# level by level: below it a level's round trip and tallies (every occupied value of every
-# attribute, per worker) cost more than moving the node's rows to one worker and growing them
-# there, and 200,000 rows of a few dozen columns stay a few tens of MB on that worker. Measured
-# with bench/dask.sh on agrawal F2 1M over 2 workers (see docs/distributed.md).
-HAND_OFF_CASES = 1000000
+# level by level: above a few hundred thousand cases a tallied level (every occupied value of
+# every attribute, per partition, summed and decided on the client) costs more than moving the
+# node's rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in
+# transit and half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers
+# (see docs/distributed.md): at 20M rows 4,000,000 took 8 x brixcmd's time, 1,000,000 15 x.
+HAND_OFF_CASES = 4000000
 
 
 def _is_dask_collection(X):

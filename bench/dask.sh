@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # The tree grown over a Dask LocalCluster of 2 worker processes (brix.dask) against brixcmd -ff 2
-# on the same rows: wall, the client's peak memory, tallies moved per level, and whether the trees
-# are the same. ROWS=20m also runs the 20M-row table when bench/agrawal builds it (slow).
-# Usage: bash bench/dask.sh build/brixcmd
+# on the same rows: wall, the client's peak memory, what moved per level, and whether the trees
+# are the same. The machine's load (uptime) is printed beside each run.
+# --20m also runs a 20M-row table made by bench/agrawal in a temporary folder (several minutes,
+# a few GB of memory and disk).
+# Usage: bash bench/dask.sh build/brixcmd [--20m]
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-brixcmd=${1:?usage: bench/dask.sh path/to/brixcmd}
+brixcmd=${1:?usage: bench/dask.sh path/to/brixcmd [--20m]}
+big=${2:-}
 build=$(cd "$(dirname "$brixcmd")" && pwd)
 data=${BRIX_SHARED_DATA:-$here/../../shared/data}
 stem=$data/syn_agrawal_f2_1m
@@ -16,20 +19,41 @@ fi
 [ -f "$stem.names" ] || { echo "no $stem.names: skipped"; exit 0; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# Eight chunks the workers read themselves: no row passes through the client.
-zcat "$stem.data.gz" > "$work/all"
-split -n l/8 -d --additional-suffix=.csv "$work/all" "$work/part-"
-rm "$work/all"
-start=$(date +%s.%N)
-"$brixcmd" -fm "$stem.names" -fd "$stem.data.gz" -ff 2 -tstd > "$work/brixcmd.txt"
-end=$(date +%s.%N)
-echo "brixcmd -ff 2: wall $(echo "$end - $start" | bc) s"
-PYTHONPATH=$build/python /usr/bin/python3 "$here/dask_fit.py" "$stem" "$work"
-if /usr/bin/python3 - "$work" <<'PY'
+
+# One table: its rows in eight CSV chunks that the workers read themselves (no row passes through
+# the client), brixcmd -ff 2 on the whole file, then the fit.
+run() {
+  local names=$1 rows=$2 dir=$3
+  echo "== $(basename "$names" .names): $(uptime)"
+  split -n l/8 -d --additional-suffix=.csv "$rows" "$dir/part-"
+  local start end
+  start=$(date +%s.%N)
+  "$brixcmd" -fm "$names" -fd "$rows" -ff 2 -tstd > "$dir/brixcmd.txt"
+  end=$(date +%s.%N)
+  echo "brixcmd -ff 2: wall $(echo "$end - $start" | bc) s"
+  rm "$rows"
+  PYTHONPATH=$build/python /usr/bin/python3 "$here/dask_fit.py" "${names%.names}" "$dir"
+  echo "after: $(uptime)"
+  if /usr/bin/python3 - "$dir" <<'PY'
 import sys
 work = sys.argv[1]
 cmd = open(work + "/brixcmd.txt").read().split("Decision Tree\n\n", 1)[1]
 ours = open(work + "/tree.txt").read()[:-1]
 sys.exit(0 if ours == cmd else 1)
 PY
-then echo "same tree as brixcmd: yes"; else echo "same tree as brixcmd: NO"; fi
+  then echo "same tree as brixcmd: yes"; else echo "same tree as brixcmd: NO"; fi
+}
+
+mkdir "$work/1m"
+zcat "$stem.data.gz" > "$work/1m/all.data"
+run "$stem.names" "$work/1m/all.data" "$work/1m"
+rm -rf "$work/1m"
+
+if [ "$big" = "--20m" ]; then
+  generator=$build/bench/agrawal
+  [ -x "$generator" ] || { echo "no $generator: build the agrawal target"; exit 1; }
+  mkdir "$work/20m"
+  "$generator" 20000000 "$work/20m/agr20m" > /dev/null
+  rm -f "$work/20m/agr20m.test"
+  run "$work/20m/agr20m.names" "$work/20m/agr20m.data" "$work/20m"
+fi

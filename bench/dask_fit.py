@@ -1,6 +1,6 @@
 """Grows the tree of a .names/.data pair, split into CSV chunks that the workers read, on a
 LocalCluster of two worker processes, and prints wall, the client's peak memory and the bytes
-that moved per level. Usage: dask_fit.py STEM CHUNK_DIR"""
+that moved per level. Usage: dask_fit.py STEM CHUNK_DIR [HAND_OFF_CASES]"""
 import glob
 import os
 import resource
@@ -13,7 +13,7 @@ import distributed
 import brix.dask
 
 
-def main(stem, chunks):
+def main(stem, chunks, hand_off=None):
     names = [line.strip().split(",") for line in open(stem + ".names") if line.strip()]
     dtypes = {n: (str if k in ("discrete", "class") else "float64" if t == "float" else "int64")
               for n, t, k in (x[:3] for x in names)}
@@ -29,18 +29,24 @@ def main(stem, chunks):
                 df[n[0]] = df[n[0]].astype("category")
         X, y = df.drop(columns=[cls]), df[cls]
         start = time.time()
-        clf = brix.dask.TreeClassifier(client=client).fit(X, y)
+        clf = brix.dask.TreeClassifier(client=client, hand_off_cases=hand_off).fit(X, y)
         wall = time.time() - start
         levels = clf.fit_levels_
         peak = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
-        print(f"partitions {len(files)}  wall {wall:.1f} s  client peak RSS {peak:.0f} MB  "
-              f"levels {len(levels)}  nodes {sum(v['open_nodes'] for v in levels)}")
+        limit = brix.dask.HAND_OFF_CASES if hand_off is None else hand_off
+        print(f"partitions {len(files)}  hand-off at {limit} cases  wall {wall:.1f} s  "
+              f"client peak RSS {peak:.0f} MB  levels {len(levels)}  "
+              f"nodes {sum(v['open_nodes'] for v in levels)}")
         for i, v in enumerate(levels):
-            per = v["tally_bytes"] / max(v["open_nodes"], 1)
-            print(f"  level {i:2d}: open {v['open_nodes']:5d}  tallies {v['tally_bytes']:11d} B "
-                  f"({per:9.0f} B a node)  decisions {v['decision_bytes']:7d} B")
+            tallied = v["open_nodes"] - v["handed_nodes"]
+            per = v["tally_bytes"] / max(tallied, 1)
+            print(f"  level {i:2d}: open {v['open_nodes']:5d}  tallied {tallied:5d}  tallies "
+                  f"{v['tally_bytes']:10d} B ({per:9.0f} B a node)  decisions "
+                  f"{v['decision_bytes']:6d} B  handed {v['handed_nodes']:3d} nodes "
+                  f"{v['handed_cases']:8d} cases  rows moved {v['handed_row_bytes']:10d} B  "
+                  f"subtrees {v['subtree_bytes']:8d} B  {v['seconds']:5.2f} s")
         print(clf.export_text(), file=open(os.path.join(chunks, "tree.txt"), "w"))
 
 
 if __name__ == "__main__":
-    main(sys.argv[1], sys.argv[2])
+    main(sys.argv[1], sys.argv[2], int(sys.argv[3]) if len(sys.argv) > 3 else None)

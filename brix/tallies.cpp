@@ -4,9 +4,12 @@
 #include "brix/tallies.h"
 
 #include <algorithm>
+#include <cmath>
+#include <map>
 #include <stdexcept>
 #include <unordered_map>
 
+#include "brix/impls/learning/entropy.h"
 #include "brix/impls/learning/grower.h"
 #include "brix/impls/learning/partition.h"
 #include "brix/impls/learning/split_search.h"
@@ -15,6 +18,7 @@
 #include "brix/impls/storage/column_typed.h"
 #include "brix/impls/storage/table.h"
 #include "brix/impls/storage/w_sequence.h"
+#include "zel/inpout/binstream.h"
 
 namespace brix {
 
@@ -221,6 +225,51 @@ std::size_t tally_worker::held() const {
   return n;
 }
 
+void tally_worker::counts(std::vector<std::int64_t>& nodes,
+                          std::vector<std::int64_t>& counts) const {
+  for (auto const& c : impl_->cases) {
+    nodes.push_back(c.first);
+    counts.push_back(static_cast<std::int64_t>(c.second->size()));
+  }
+}
+
+void tally_worker::rows_of(std::vector<std::int64_t> const& nodes, tally_rows& out) const {
+  impls::table const* t = impl_->t;
+  unsigned long cols = t->get_loaded_columns();
+  std::vector<impls::w_sequence const*> seqs;
+  std::size_t n = 0;
+  for (std::int64_t id : nodes) {
+    auto it = impl_->cases.find(id);
+    seqs.push_back(it == impl_->cases.end() ? nullptr : it->second.get());
+    if (seqs.back() != nullptr) n += seqs.back()->size();
+  }
+  out.nodes.reserve(out.nodes.size() + n);
+  out.weights.reserve(out.weights.size() + n);
+  std::size_t first = out.orders.size() / std::max<unsigned long>(cols, 1);
+  for (std::size_t k = 0; k < seqs.size(); ++k) {
+    if (seqs[k] == nullptr) continue;
+    for (impls::w_case const& w : *seqs[k]) {
+      out.nodes.push_back(nodes[k]);
+      out.weights.push_back(w.second);
+    }
+  }
+  out.orders.resize((first + n) * cols, 0);
+  for (unsigned long c = 0; c < cols; ++c) {
+    impls::column const* col = t->get_column(c);
+    if (col->get_storage() == impls::storage_kind::none || col->is_weights()) continue;
+    col->visit([&](auto rd) {
+      std::uint32_t* o = out.orders.data() + first * cols + c;
+      for (impls::w_sequence const* s : seqs) {
+        if (s == nullptr) continue;
+        for (impls::w_case const& w : *s) {
+          *o = static_cast<std::uint32_t>(rd(w.first));
+          o += cols;
+        }
+      }
+    });
+  }
+}
+
 std::vector<float> tally_worker::evaluate(tree_model const& model) const {
   impls::decision_tree const* tree = model.facade().get_impl();
   if (tree->get_root() == nullptr) throw std::invalid_argument("no tree");
@@ -245,6 +294,7 @@ struct tally_grower::impl {
     std::vector<order_range> ranges;
   };
   std::vector<pending> open;
+  std::map<std::int64_t, pending> taken;  // handed out, awaiting their subtrees
   std::int64_t next = 1;
   impls::split_scratch scratch;
 };
@@ -274,7 +324,242 @@ tally_grower::tally_grower(table const& meta, tree_options const& o) : impl_(new
 tally_grower::~tally_grower() = default;
 
 bool tally_grower::done() const {
-  return impl_->open.empty();
+  return impl_->open.empty() && impl_->taken.empty();
+}
+
+std::vector<std::int64_t> tally_grower::open_ids() const {
+  std::vector<std::int64_t> out;
+  for (auto const& p : impl_->open)
+    out.push_back(p.id);
+  return out;
+}
+
+tally_handoff tally_grower::hand_off(std::vector<std::int64_t> const& ids) {
+  impl& g = *impl_;
+  std::unordered_map<std::int64_t, std::size_t> at;
+  for (std::size_t i = 0; i < g.open.size(); ++i)
+    at[g.open[i].id] = i;
+  std::vector<char> gone(g.open.size(), 0);
+  tally_handoff h;
+  for (std::int64_t id : ids) {
+    auto it = at.find(id);
+    if (it == at.end() || gone[it->second])
+      throw std::invalid_argument("hand_off: not an open node");
+    gone[it->second] = 1;
+    impl::pending& p = g.open[it->second];
+    impls::_decision_node const* node = p.tree->get_node();
+    impls::_decision_node const* father = node->get_father();
+    h.nodes.push_back(p.id);
+    h.nodes.push_back(static_cast<std::int64_t>(node->get_index()));
+    h.nodes.push_back(
+        father != nullptr ? static_cast<std::int64_t>(father->get_most_frequent_class()) : -1);
+    for (order_range const& r : p.ranges) {
+      h.nodes.push_back(static_cast<std::int64_t>(r.first));
+      h.nodes.push_back(static_cast<std::int64_t>(r.second));
+    }
+    h.known.push_back(p.known);
+  }
+  std::vector<impl::pending> left;
+  for (std::size_t i = 0; i < g.open.size(); ++i) {
+    if (gone[i])
+      g.taken.emplace(g.open[i].id, std::move(g.open[i]));
+    else
+      left.push_back(std::move(g.open[i]));
+  }
+  g.open = std::move(left);
+  return h;
+}
+
+void tally_grower::graft(std::int64_t id, std::string const& path) {
+  auto it = impl_->taken.find(id);
+  if (it == impl_->taken.end()) throw std::invalid_argument("graft: not a node handed out");
+  impls::_decision_tree* tree = it->second.tree;
+  impls::_decision_node* father = tree->get_node()->get_father();
+  unsigned long index = tree->get_node()->get_index();
+  {
+    zel::inpout::ibinstream in(path, false);
+    tree->load_bin(in, father);
+  }
+  if (tree->get_node()->get_index() != index)
+    throw std::invalid_argument("graft: the subtree of another node");
+  impl_->taken.erase(it);
+}
+
+namespace {
+
+// A subtree as the tree file holds one, for _decision_tree::load_bin.
+void write_subtree(zel::inpout::obinstream& out, impls::_decision_tree const& root) {
+  struct frame {
+    impls::_decision_tree const* tree;
+    unsigned long next;
+  };
+  std::vector<frame> stack;
+  auto open = [&](impls::_decision_tree const* t) {
+    out << *t->get_node() << static_cast<std::uint64_t>(t->get_no_childs());
+    stack.push_back({t, 0});
+  };
+  open(&root);
+  while (!stack.empty()) {
+    frame& f = stack.back();
+    if (f.next == f.tree->get_no_childs()) {
+      stack.pop_back();
+      continue;
+    }
+    impls::_decision_tree const* child = f.tree->get_child(f.next++);
+    if (child == nullptr || child->get_node() == nullptr) {
+      out << static_cast<unsigned char>(0);
+    } else {
+      out << static_cast<unsigned char>(1);
+      open(child);
+    }
+  }
+}
+
+// Column c of the gathered rows: orders of the cases of one holder (stride: its columns) into the
+// rows given, of a column of the same value set and storage with n rows.
+void put_orders(impls::column& to, std::size_t n, std::uint32_t const* orders, std::size_t stride,
+                std::vector<std::uint32_t> const& rows) {
+  auto fill = [&](auto& v) {
+    v.resize(n);
+    for (std::size_t i = 0; i < rows.size(); ++i)
+      v[rows[i]] = static_cast<std::remove_reference_t<decltype(v[0])>>(orders[i * stride]);
+  };
+  switch (to.get_storage()) {
+    case impls::storage_kind::bit: {
+      zel::adt::bitmap& bits = static_cast<impls::column_bool&>(to).bits();
+      if (bits.size() != n) bits.resize(n);  // fresh bits read 0: only the second value's are set
+      std::uint32_t* words = bits.words();
+      for (std::size_t i = 0; i < rows.size(); ++i)
+        words[rows[i] >> 5] |= (orders[i * stride] - 1u) << (rows[i] & 31);
+      break;
+    }
+    case impls::storage_kind::u8:
+      fill(static_cast<impls::column_typed<std::uint8_t>&>(to).rows());
+      break;
+    case impls::storage_kind::u16:
+      fill(static_cast<impls::column_typed<std::uint16_t>&>(to).rows());
+      break;
+    case impls::storage_kind::u32:
+      fill(static_cast<impls::column_typed<std::uint32_t>&>(to).rows());
+      break;
+    case impls::storage_kind::u64:
+      fill(static_cast<impls::column_typed<unsigned long long>&>(to).rows());
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+void tally_grower::grow_handed(table const& like, tally_handoff const& h,
+                               std::vector<tally_rows const*> const& parts, tree_options const& o,
+                               bool whole, bool unit, std::vector<std::string> const& paths) {
+  impls::table const* lt = like.get_impl();
+  if (lt->get_class() == nullptr || !lt->is_for_tree())
+    throw std::invalid_argument("the table has no class column");
+  unsigned long atts = lt->get_no_attributes();
+  std::size_t cols = lt->get_loaded_columns();
+  std::size_t rec = 3 + 2 * atts;
+  std::size_t k_nodes = h.known.size();
+  if (h.nodes.size() != k_nodes * rec || paths.size() != k_nodes)
+    throw std::invalid_argument("handed nodes: short or long list");
+  std::unordered_map<std::int64_t, std::size_t> slot;
+  for (std::size_t k = 0; k < k_nodes; ++k)
+    slot[h.nodes[k * rec]] = k;
+  // Each node's cases take consecutive rows, holder after holder: ascending rows in the order
+  // one table of all the rows would hold them.
+  std::vector<std::size_t> next(k_nodes + 1, 0);
+  std::vector<std::vector<std::uint32_t>> rows(parts.size());
+  for (tally_rows const* part : parts) {
+    if (part->weights.size() != part->nodes.size() ||
+        part->orders.size() != part->nodes.size() * cols)
+      throw std::invalid_argument("handed rows: not those of this table");
+    for (std::int64_t id : part->nodes) {
+      auto it = slot.find(id);
+      if (it == slot.end()) throw std::invalid_argument("handed rows: of a node not handed");
+      ++next[it->second + 1];
+    }
+  }
+  for (std::size_t k = 0; k < k_nodes; ++k)
+    next[k + 1] += next[k];
+  std::size_t n = next[k_nodes];
+  if (n > 0xFFFFFFFFull) throw std::invalid_argument("handed rows: more than 2^32");
+  std::vector<impls::w_sequence> cases(k_nodes);
+  for (std::size_t k = 0; k < k_nodes; ++k)
+    cases[k].reserve(next[k + 1] - next[k]);
+  for (std::size_t p = 0; p < parts.size(); ++p) {
+    rows[p].reserve(parts[p]->nodes.size());
+    for (std::size_t i = 0; i < parts[p]->nodes.size(); ++i) {
+      std::size_t k = slot[parts[p]->nodes[i]];
+      auto r = static_cast<std::uint32_t>(next[k]++);
+      rows[p].push_back(r);
+      cases[k].push_back(r, parts[p]->weights[i]);
+    }
+  }
+  std::unique_ptr<impls::table> t(lt->clone_metadata());
+  t->set_state(n, cols, lt->get_class_index(), lt->get_weights_index(), lt->get_verbosity(),
+               lt->is_for_tree());
+  for (std::size_t c = 0; c < cols; ++c) {
+    impls::column* col = t->get_column(c);
+    if (col->get_storage() == impls::storage_kind::none || col->is_weights()) continue;
+    for (std::size_t p = 0; p < parts.size(); ++p)
+      put_orders(*col, n, parts[p]->orders.data() + c, cols, rows[p]);
+    if (parts.empty()) put_orders(*col, n, nullptr, cols, {});
+  }
+  rows.clear();
+  // The options a single table's growing sets.
+  bool any_order = whole;
+  std::vector<char> one_bit(atts);
+  for (unsigned long a = 0; a < atts; ++a) {
+    impls::column const* col = t->get_attribute(a);
+    if ((col->is_discrete() || col->is_continuous()) && col->get_o_set()->contains_null())
+      any_order = false;
+    one_bit[a] = col->is_discrete() && col->get_storage() == impls::storage_kind::bit;
+  }
+  for (std::size_t k = 0; k < k_nodes; ++k) {
+    std::int64_t const* r = h.nodes.data() + k * rec;
+    impls::w_sequence& c = cases[k];
+    double total = 0.0;
+    for (impls::w_case const& w : c)
+      total += w.second;
+    double cap = 64.0 * static_cast<double>(c.size()) + 4096.0;
+    impls::xlogx_table logs(whole ? static_cast<std::uint64_t>(std::min(total, cap)) : 0);
+    impls::options opts;
+    opts.logs = &logs;
+    opts.any_order = any_order;
+    opts.unit_weights = any_order && unit;
+    opts.one_bit = &one_bit;
+    impls::_decision_node father(static_cast<impls::w_sequence*>(nullptr));
+    impls::_decision_tree tree;
+    if (r[2] < 0) {
+      // The root, activated as growing on one table activates it.
+      tree.set_node(new impls::_decision_node(&c));
+      grower::activate(*tree.get_node(), t.get());
+    } else {
+      father.most_frequent_ = static_cast<std::uint32_t>(r[2]);
+      auto* node = new impls::_decision_node(&father, static_cast<unsigned long>(r[1]));
+      tree.set_node(node);
+      std::vector<order_range> ranges(atts);
+      for (unsigned long a = 0; a < atts; ++a)
+        ranges[a] = order_range(static_cast<unsigned long>(r[3 + 2 * a]),
+                                static_cast<unsigned long>(r[4 + 2 * a]));
+      node->reset_ranges(&ranges);
+      node->all_cases_ = new impls::w_sequence(std::move(c));
+      node->owns_cases_ = true;
+      node->known_fract_ = h.known[k];
+      grower::compute_statistics(*node, t.get());
+      node->activated_ = true;
+    }
+    impls::split_scratch scratch;
+    tree.grow_depth(t.get(), 1, o.min_cases, &opts, nullptr, false, scratch);
+    tree.get_node()->all_cases_ = nullptr;  // a root's cases are the caller's: not sent
+    tree.get_node()->owns_cases_ = false;
+    zel::inpout::obinstream out(paths[k], false, 0);
+    write_subtree(out, tree);
+    if (!out.finish()) throw std::runtime_error("could not write " + paths[k]);
+    c = impls::w_sequence();
+  }
 }
 
 std::vector<std::int64_t> tally_grower::open() const {

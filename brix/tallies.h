@@ -16,6 +16,11 @@
 // - the decisions: per open node (node, attribute or -1 for a leaf, first child, branches), the
 //   thresholds of the split nodes (as the tree keeps them), the children's shares of the cases
 //   whose split value is unknown.
+//
+// A node whose cases are few is better grown whole in one place by the ordinary grower: the
+// holders give its cases with their rows' value orders (tally_worker::rows_of), one process
+// gathers them from every holder in table order and grows the node's subtree unpruned
+// (tally_grower::grow_handed), and the deciding grower grafts the subtree in its place.
 #ifndef BRIX_TALLIES_H
 #define BRIX_TALLIES_H
 
@@ -33,6 +38,23 @@ struct tally_decisions {
   std::vector<std::int64_t> nodes;  // 4 a node: node, attribute (-1: leaf), first child, branches
   std::vector<std::string> thresholds;  // one a split node
   std::vector<float> shares;            // branches a split node
+};
+
+// Cases of some open nodes with their rows' value orders, to grow the nodes elsewhere: per case
+// its node and weight, and one order per loaded column of its table (0 for columns that store
+// none, and for the weights, which the cases carry).
+struct tally_rows {
+  std::vector<std::int64_t> nodes;
+  std::vector<float> weights;
+  std::vector<std::uint32_t> orders;  // cases x loaded columns
+};
+
+// Open nodes handed out to be grown whole: per node its number, its branch of its father (0 for
+// the root), its father's most frequent class (-1 for the root), then (first, second) of each
+// attribute's range; and per node its known fraction.
+struct tally_handoff {
+  std::vector<std::int64_t> nodes;
+  std::vector<float> known;
 };
 
 // One table's share of the cases. The table must outlive it.
@@ -64,6 +86,10 @@ class tally_worker {
                std::vector<std::uint32_t> const& rows, std::vector<float> const& weights);
   // Cases held, over all open nodes.
   std::size_t held() const;
+  // The open nodes held and their case counts.
+  void counts(std::vector<std::int64_t>& nodes, std::vector<std::int64_t>& counts) const;
+  // The cases of the given nodes, node by node in the order given, each node's in the order held.
+  void rows_of(std::vector<std::int64_t> const& nodes, tally_rows& out) const;
   // Confusion matrix of the root's cases by a tree grown with these value sets, flat
   // [predicted][actual], (classes + 1)^2.
   std::vector<float> evaluate(tree_model const& model) const;
@@ -85,8 +111,23 @@ class tally_grower {
   tally_grower(tally_grower const&) = delete;
   tally_grower& operator=(tally_grower const&) = delete;
 
+  // No node open and none handed out.
   bool done() const;
   std::vector<std::int64_t> open() const;
+  // The numbers of the open nodes.
+  std::vector<std::int64_t> open_ids() const;
+  // Takes the given open nodes out of the open ones, to be grown whole elsewhere and grafted.
+  tally_handoff hand_off(std::vector<std::int64_t> const& ids);
+  // Puts the subtree grown for a handed node (a file grow_handed wrote) in the node's place.
+  void graft(std::int64_t id, std::string const& path);
+  // Grows every node of h on the cases of parts (the holders' rows_of, in table order: each
+  // node's cases then come in the order one table of all the rows holds them), unpruned and not
+  // prepruned, on the ordinary grower with the options a single table's growing sets: whole says
+  // that every case weight of the table is whole, unit that each is 1. like: any table with the
+  // value sets (its rows are not read). The subtree of node i goes to the file paths[i].
+  static void grow_handed(table const& like, tally_handoff const& h,
+                          std::vector<tally_rows const*> const& parts, tree_options const& o,
+                          bool whole, bool unit, std::vector<std::string> const& paths);
   // Floats of the open nodes' tallies.
   std::size_t tally_size() const;
   // Decides every open node from the summed sparse tallies (offsets ascending, each once); the

@@ -5,18 +5,29 @@ Each partition becomes a Brix table on its worker, with the value sets of all th
 gathers them), so that value orders mean the same everywhere. Then, level by level, every worker
 tallies the class weights of its own cases per attribute value for each open node, the tallies
 are added up in a tree reduction, the client chooses every split with the engine's own split
-search, and the workers share their cases out to the children. Rows never reach the client. With
+search, and the workers share their cases out to the children. A node of few cases is instead
+grown whole on one worker by the ordinary grower (its rows move there from the other workers) and
+its subtree grafted in. Rows never reach the client. With
 whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
 """
 import os
 import tempfile
+import time
 
 import numpy as np
 
 from . import TreeClassifier as _LocalTreeClassifier
 from . import _core, _text, _warn_past_exact
 
-__all__ = ["TreeClassifier"]
+__all__ = ["TreeClassifier", "HAND_OFF_CASES"]
+
+# A node of at most this many cases is grown whole on one worker by the ordinary grower instead of
+# level by level: above a few hundred thousand cases a tallied level (every occupied value of
+# every attribute, per partition, summed and decided on the client) costs more than moving the
+# node's rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in
+# transit and half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers
+# (see docs/distributed.md): at 20M rows 4,000,000 took 8 x brixcmd's time, 1,000,000 15 x.
+HAND_OFF_CASES = 4000000
 
 
 def _is_dask_collection(X):
@@ -90,6 +101,9 @@ def _describe(est, X, y, w):
     out["labels"] = pd.unique(yv) if len(yv) else yv
     out["unknown_labels"] = int(np.sum(pd.isna(yv))) if yv.dtype.kind in "fOMm" else 0
     out["weight"] = float(np.asarray(w, dtype=float).sum()) if w is not None else float(len(yv))
+    wv = np.asarray(w, dtype=float) if w is not None else np.ones(0)
+    out["whole"] = bool(np.all((wv >= 0) & (wv == np.floor(wv))))
+    out["unit"] = bool(np.all(wv == 1.0))
     return out
 
 
@@ -108,17 +122,44 @@ def _tallies(holder, open_nodes, cols):
 
 def _add(a, b):
     """Two sparse tallies summed: rows at the same offset added (in float32, as the grower's
-    own sums are), the offsets kept ascending."""
+    own sums are), the offsets kept ascending. Each side's offsets are ascending and distinct, so
+    a stable sort merges two runs and an offset occurs at most twice, a's row first."""
     at = np.concatenate([a[0], b[0]])
-    rows = np.concatenate([a[1], b[1]])
-    keys, where = np.unique(at, return_inverse=True)
-    out = np.zeros((len(keys), rows.shape[1]), dtype=np.float32)
-    np.add.at(out, where, rows)
-    return keys, out, a[2] + b[2]
+    order = np.argsort(at, kind="stable")
+    at = at[order]
+    rows = np.concatenate([a[1], b[1]])[order]
+    first = np.ones(len(at), dtype=bool)
+    first[1:] = at[1:] != at[:-1]
+    out = rows[first]
+    again = ~first
+    out[np.cumsum(first)[again] - 1] += rows[again]
+    return at[first], out, a[2] + b[2]
 
 
 def _applied(holder, decisions):
     return _Holder(holder.worker.applied(*decisions))
+
+
+def _counts(holder):
+    return holder.worker.counts()
+
+
+def _rows_of(holder, ids):
+    return holder.worker.rows_of(ids)
+
+
+def _grow_handed(anchor, nodes, known, min_cases, whole, unit, *parts):
+    """The subtrees of the handed nodes, grown on the rows the holders gave (in table order), as
+    the bytes of their files, in the nodes' order."""
+    with tempfile.TemporaryDirectory() as d:
+        paths = [os.path.join(d, f"{i}.tree") for i in range(len(known))]
+        _core.TallyGrower.grow_handed(anchor.worker.table, nodes, known, list(parts), min_cases,
+                                      whole, unit, paths)
+        out = []
+        for p in paths:
+            with open(p, "rb") as f:
+                out.append(f.read())
+    return out
 
 
 def _evaluate(holder, model_bytes):
@@ -145,16 +186,20 @@ class TreeClassifier(_LocalTreeClassifier):
     Dask DataFrames partition by partition (anything else as brix.TreeClassifier does).
 
     client: the distributed.Client to run on; None: the current one.
+    hand_off_cases: a node of at most this many cases (over all partitions) has its rows moved to
+    one worker and is grown whole there; None: HAND_OFF_CASES; 0: every node level by level.
     pruning "full" (raising subtrees) needs every node's cases in one place and is refused.
-    After fit, fit_levels_ lists per level the open nodes and the bytes of tallies and decisions
-    that moved.
+    After fit, fit_levels_ lists per level the open nodes, the bytes of tallies and decisions
+    that moved, the nodes and cases handed to one worker, the bytes of their rows that moved
+    between workers and of their subtrees sent to the client, and the seconds the level took.
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
-                 categorical_features=None, client=None):
+                 categorical_features=None, client=None, hand_off_cases=None):
         super().__init__(confidence=confidence, min_cases=min_cases, pruning=pruning,
                          n_jobs=n_jobs, categorical_features=categorical_features)
         self.client = client
+        self.hand_off_cases = hand_off_cases
 
     def __getstate__(self):
         state = super().__getstate__()
@@ -272,7 +317,9 @@ class TreeClassifier(_LocalTreeClassifier):
                 encoder._array_discrete = probe._array_discrete
             # Every partition a table on its worker (persisted there); the client keeps only
             # one of no cases, for the value sets.
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, keep)
+            # The value sets go to each worker once, not with every partition's task.
+            [shared_keep] = client.scatter([keep], broadcast=True, hash=False)
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, shared_keep)
                                       for a, b, c, d in zip(xs, ys, ws, described)
                                       if d["n"] > 0])
             # One row of values every column holds (class and values are kept anyway).
@@ -282,29 +329,44 @@ class TreeClassifier(_LocalTreeClassifier):
             meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
                                        float(self.min_cases), self.pruning)
+            limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
+            flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
+            held = _results(client, client.map(_counts, holders, pure=False))
             while not grower.done:
-                open_nodes = grower.open()
-                tallies = client.map(_tallies, holders, open_nodes=open_nodes,
-                                     cols=len(classes) + 1, pure=False)
-                sizes = _results(client, client.map(_nbytes, tallies, pure=False))
-                while len(tallies) > 1:
-                    paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
-                              for i in range(0, len(tallies) - 1, 2)]
-                    if len(tallies) % 2:
-                        paired.append(tallies[-1])
-                    tallies = paired
-                at, rows, counts = _results(client, tallies)[0]
-                decisions = grower.decide(at, rows.reshape(-1), counts)
-                self.fit_levels_.append({
-                    "open_nodes": int(len(counts)),
-                    "tally_bytes": int(sum(sizes)),
-                    "decision_bytes": int(decisions[0].nbytes + decisions[2].nbytes +
-                                          sum(len(t) for t in decisions[1])),
-                })
-                if not grower.done:
+                total = {}
+                for nodes, counts in held:
+                    for i, c in zip(nodes.tolist(), counts.tolist()):
+                        total[i] = total.get(i, 0) + c
+                level = {"open_nodes": int(len(grower.open_ids())), "tally_bytes": 0,
+                         "decision_bytes": 0, "handed_nodes": 0, "handed_cases": 0,
+                         "handed_row_bytes": 0, "subtree_bytes": 0}
+                small = [i for i in grower.open_ids().tolist() if 0 < total.get(i, 0) <= limit]
+                t0 = time.perf_counter()
+                grown = self._hand_off(client, grower, holders, held, small, total, flags, level)
+                decisions = None
+                if len(grower.open_ids()):
+                    open_nodes = grower.open()
+                    tallies = client.map(_tallies, holders, open_nodes=open_nodes,
+                                         cols=len(classes) + 1, pure=False)
+                    sizes = _results(client, client.map(_nbytes, tallies, pure=False))
+                    while len(tallies) > 1:
+                        paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
+                                  for i in range(0, len(tallies) - 1, 2)]
+                        if len(tallies) % 2:
+                            paired.append(tallies[-1])
+                        tallies = paired
+                    at, rows, counts = _results(client, tallies)[0]
+                    decisions = grower.decide(at, rows.reshape(-1), counts)
+                    level["tally_bytes"] = int(sum(sizes))
+                    level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
+                                                  sum(len(t) for t in decisions[1]))
+                self._graft(client, grower, grown, level)
+                self.fit_levels_.append(level)
+                if decisions is not None and not grower.done:
                     holders = client.map(_applied, holders, decisions=decisions, pure=False)
-                    _results(client, holders, fetch=False)
+                    held = _results(client, client.map(_counts, holders, pure=False))
+                level["seconds"] = time.perf_counter() - t0
             model = grower.finish()
             self._model = model
             blob = self.__getstate__()["_model"]
@@ -321,6 +383,54 @@ class TreeClassifier(_LocalTreeClassifier):
             raise RuntimeError(f"fit failed: the cluster cancelled its work ({e}); was the "
                                "client closed or the scheduler lost?") from e
         return self
+
+    def _hand_off(self, client, grower, holders, held, small, total, flags, level):
+        """Hands the small open nodes out to the workers, largest first to the least loaded, one
+        growing task a worker; each holder sends its cases of a worker's nodes straight there.
+        The (node numbers, future of their subtrees) of each task."""
+        if not small:
+            return []
+        who = client.who_has(holders)
+        place = [tuple(who.get(h.key, ())) for h in holders]
+        workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
+        load = {w: 0 for w in workers}
+        mine = {w: [] for w in workers}
+        for i in sorted(small, key=lambda i: (-total[i], i)):
+            w = min(workers, key=lambda w: (load[w], w))
+            load[w] += total[i]
+            mine[w].append(i)
+        holds = [set(nodes.tolist()) for nodes, _ in held]
+        out = []
+        for w in workers:
+            ids = mine[w]
+            if not ids:
+                continue
+            nodes, known = grower.hand_off(ids)
+            # In table order, so that each node's cases come as one table would hold them.
+            sources = [(h, p) for h, p, has in zip(holders, place, holds)
+                       if not has.isdisjoint(ids)]
+            parts = [client.submit(_rows_of, h, ids, pure=False) for h, _ in sources]
+            away = [part for part, (_, p) in zip(parts, sources) if w not in p]
+            anchor = next((h for h, p in zip(holders, place) if w in p), holders[0])
+            grown = client.submit(_grow_handed, anchor, nodes, known, float(self.min_cases),
+                                  flags[0], flags[1], *parts, workers=[w],
+                                  allow_other_workers=True, pure=False)
+            out.append((ids, grown, client.map(_nbytes, away, pure=False)))
+            level["handed_nodes"] += len(ids)
+            level["handed_cases"] += int(sum(total[i] for i in ids))
+        return out
+
+    def _graft(self, client, grower, grown, level):
+        for ids, subtrees, sizes in grown:
+            blobs = _results(client, [subtrees])[0]
+            level["handed_row_bytes"] += int(sum(_results(client, sizes)))
+            with tempfile.TemporaryDirectory() as d:
+                p = os.path.join(d, "subtree.tree")
+                for i, blob in zip(ids, blobs):
+                    level["subtree_bytes"] += len(blob)
+                    with open(p, "wb") as f:
+                        f.write(blob)
+                    grower.graft(i, p)
 
     def predict_proba(self, X):
         if not _is_dask_collection(X):

@@ -171,6 +171,13 @@ py::array_t<T> to_array(std::vector<T> const& v) {
   return a;
 }
 
+template <class T>
+std::vector<T> from_array(py::handle h) {
+  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
+  if (!a) throw std::invalid_argument("expected an array of numbers");
+  return std::vector<T>(a.data(), a.data() + a.size());
+}
+
 // Model and RuleModel grow from the tree options alone.
 template <class M>
 std::shared_ptr<M> train_of(brix::table& t, float confidence, float min_cases,
@@ -276,6 +283,21 @@ PYBIND11_MODULE(_core, m) {
              w.w->cases(nodes, rows, weights);
              return py::make_tuple(to_array(nodes), to_array(rows), to_array(weights));
            })
+      .def("counts",
+           [](worker_state const& w) {
+             std::vector<std::int64_t> nodes, counts;
+             w.w->counts(nodes, counts);
+             return py::make_tuple(to_array(nodes), to_array(counts));
+           })
+      .def("rows_of",
+           [](worker_state const& w, std::vector<std::int64_t> const& nodes) {
+             brix::tally_rows r;
+             {
+               py::gil_scoped_release release;
+               w.w->rows_of(nodes, r);
+             }
+             return py::make_tuple(to_array(r.nodes), to_array(r.weights), to_array(r.orders));
+           })
       .def("evaluate", [](worker_state const& w, brix::tree_model const& model) {
         return to_array(w.w->evaluate(model));
       });
@@ -290,6 +312,34 @@ PYBIND11_MODULE(_core, m) {
            py::keep_alive<1, 2>())
       .def_property_readonly("done", &brix::tally_grower::done)
       .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
+      .def("open_ids", [](brix::tally_grower const& g) { return to_array(g.open_ids()); })
+      .def("hand_off",
+           [](brix::tally_grower& g, std::vector<std::int64_t> const& ids) {
+             brix::tally_handoff h = g.hand_off(ids);
+             return py::make_tuple(to_array(h.nodes), to_array(h.known));
+           })
+      .def("graft", &brix::tally_grower::graft)
+      .def_static("grow_handed",
+                  [](brix::table const& like, std::vector<std::int64_t> nodes,
+                     std::vector<float> known, py::list parts, float min_cases, bool whole,
+                     bool unit, std::vector<std::string> const& paths) {
+                    brix::tally_handoff h{std::move(nodes), std::move(known)};
+                    // (nodes, weights, orders) of each holder, in table order.
+                    std::vector<brix::tally_rows> rows(parts.size());
+                    for (std::size_t i = 0; i < rows.size(); ++i) {
+                      py::tuple t = parts[i].cast<py::tuple>();
+                      rows[i].nodes = from_array<std::int64_t>(t[0]);
+                      rows[i].weights = from_array<float>(t[1]);
+                      rows[i].orders = from_array<std::uint32_t>(t[2]);
+                    }
+                    std::vector<brix::tally_rows const*> ptrs;
+                    for (auto const& r : rows)
+                      ptrs.push_back(&r);
+                    brix::tree_options o;
+                    o.min_cases = min_cases;
+                    py::gil_scoped_release release;
+                    brix::tally_grower::grow_handed(like, h, ptrs, o, whole, unit, paths);
+                  })
       .def_property_readonly("tally_size", &brix::tally_grower::tally_size)
       .def("decide",
            [](brix::tally_grower& g, std::vector<std::int64_t> const& at,

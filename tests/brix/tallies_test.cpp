@@ -2,7 +2,10 @@
 // tables built from parts of the rows with kept values share the whole table's orders.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdio>
 #include <map>
 #include <random>
 #include <sstream>
@@ -29,9 +32,45 @@ std::vector<std::vector<float>> training_of(brix::tree_model const& m) {
   return m.facade().get_impl()->get_prediction()->cells();
 }
 
+// Open nodes of at most hand_off cases grown whole from the holders' rows, as one process would
+// grow them, and grafted.
+void hand_off_small(brix::table& t, brix::tally_grower& grower,
+                    std::vector<std::unique_ptr<brix::tally_worker>> const& workers,
+                    brix::tree_options const& o, std::size_t hand_off, bool whole, bool unit) {
+  std::map<std::int64_t, std::int64_t> total;
+  for (auto const& w : workers) {
+    std::vector<std::int64_t> nodes, counts;
+    w->counts(nodes, counts);
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+      total[nodes[i]] += counts[i];
+  }
+  std::vector<std::int64_t> small;
+  for (std::int64_t id : grower.open_ids())
+    if (total[id] > 0 && static_cast<std::size_t>(total[id]) <= hand_off) small.push_back(id);
+  if (small.empty()) return;
+  brix::tally_handoff h = grower.hand_off(small);
+  std::vector<brix::tally_rows> rows(workers.size());
+  std::vector<brix::tally_rows const*> parts;
+  for (std::size_t i = 0; i < workers.size(); ++i) {
+    workers[i]->rows_of(small, rows[i]);
+    parts.push_back(&rows[i]);
+  }
+  std::vector<std::string> paths;
+  for (std::size_t i = 0; i < small.size(); ++i)
+    paths.push_back(testing::TempDir() + "handed_" + std::to_string(getpid()) + "_" +
+                    std::to_string(i));
+  brix::tally_grower::grow_handed(t, h, parts, o, whole, unit, paths);
+  for (std::size_t i = 0; i < small.size(); ++i) {
+    grower.graft(small[i], paths[i]);
+    std::remove(paths[i].c_str());
+  }
+}
+
 // Rows dealt out to k holders, in blocks or one by one.
 std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
-                                                 brix::tree_options const& o, bool dealt) {
+                                                 brix::tree_options const& o, bool dealt,
+                                                 std::size_t hand_off = 0, bool unit = true,
+                                                 bool whole = true) {
   unsigned long n = t.get_no_rows();
   std::vector<std::vector<unsigned long>> parts(k);
   for (unsigned long r = 0; r < n; ++r)
@@ -41,6 +80,8 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
     workers.emplace_back(new brix::tally_worker(t, p));
   brix::tally_grower grower(t, o);
   while (!grower.done()) {
+    hand_off_small(t, grower, workers, o, hand_off, whole, unit);
+    if (grower.open_ids().empty()) break;
     std::vector<std::int64_t> open = grower.open();
     std::map<std::int64_t, std::vector<float>> sums;
     std::vector<std::int64_t> counts;
@@ -94,21 +135,29 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   return model;
 }
 
-void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string const& what) {
+// Level by level to the leaves, with small nodes handed off, and the root itself handed off.
+void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string const& what,
+                      bool unit = true) {
   auto whole = brix::tree_model::train(t, o);
-  for (unsigned k : {1u, 2u, 7u, 16u}) {
-    for (bool dealt : {false, k == 7}) {
-      auto parts = grown_in_parts(t, k, o, dealt);
-      EXPECT_EQ(text_of(*parts), text_of(*whole))
-          << what << " in " << k << (dealt ? " dealt" : " block") << " parts";
-      EXPECT_EQ(training_of(*parts), training_of(*whole)) << what << " in " << k << " parts";
+  for (std::size_t hand_off : {std::size_t(0), t.get_no_rows() / 10, t.get_no_rows()}) {
+    for (unsigned k : {1u, 2u, 7u, 16u}) {
+      for (bool dealt : {false, k == 7}) {
+        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit);
+        std::string where = what + " in " + std::to_string(k) + (dealt ? " dealt" : " block") +
+                            " parts, hand-off at " + std::to_string(hand_off);
+        EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
+        EXPECT_EQ(training_of(*parts), training_of(*whole)) << where;
+      }
     }
   }
 }
 
 // A seeded table: discrete attributes, continuous ones of few values (tallied) and of many
 // (sorted), whole weights, classes that depend on them with noise.
-std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights) {
+// unknown: a twentieth of the wide values unknown and weights of thirds, so that cases are
+// shared out with fractional weights.
+std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights,
+                                    bool unknown = false) {
   std::mt19937 gen(seed);
   std::vector<std::string> colour(n), cls(n);
   std::vector<double> small(n), wide(n), w(n);
@@ -121,6 +170,10 @@ std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights
     if (gen() % 10 == 0) yes = !yes;
     cls[i] = yes ? "yes" : (gen() % 3 == 0 ? "maybe" : "no");
     w[i] = 1 + gen() % 3;
+    if (unknown) {
+      w[i] = w[i] / 3.0;
+      if (gen() % 20 == 0) wide[i] = std::nan("");
+    }
   }
   brix::table_builder b("seeded");
   b.add_strings("colour", brix::column_kind::discrete, colour)
@@ -151,8 +204,57 @@ TEST(TallyGrowing, SeededTablesInAnyPartsGrowTheWholeTablesTree) {
     brix::tree_options o;
     o.min_cases = c.min_cases;
     o.prune = c.prune;
-    expect_same_tree(*t, o, "seed " + std::to_string(c.seed));
+    expect_same_tree(*t, o, "seed " + std::to_string(c.seed), !c.weights);
   }
+}
+
+TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
+  // Unknown values and weights of thirds: the root handed out whole is grown as on one table.
+  for (unsigned seed : {6u, 8u}) {
+    auto t = seeded(seed, 4000, true, true);
+    brix::tree_options o;
+    auto whole = brix::tree_model::train(*t, o);
+    for (unsigned k : {1u, 3u, 7u}) {
+      auto parts = grown_in_parts(*t, k, o, false, t->get_no_rows(), false, false);
+      std::string where = "seed " + std::to_string(seed) + ", " + std::to_string(k) + " parts";
+      EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
+      // The training matrix adds each holder's evaluation: sums of fractions in another order.
+      auto a = training_of(*parts), b = training_of(*whole);
+      ASSERT_EQ(a.size(), b.size());
+      for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a[i].size(); ++j)
+          EXPECT_NEAR(a[i][j], b[i][j], 1e-5 * (1 + std::fabs(b[i][j]))) << where;
+    }
+  }
+}
+
+TEST(TallyGrowing, HandedRowsOfOtherNodesOrTablesAreRefused) {
+  auto t = seeded(7, 200, false);
+  brix::tally_grower g(*t, brix::tree_options{});
+  brix::tally_handoff h = g.hand_off({0});
+  brix::tally_worker w(*t, t->get_no_rows());
+  brix::tally_rows rows;
+  w.rows_of({0}, rows);
+  ASSERT_EQ(rows.nodes.size(), 200u);
+  std::string path = testing::TempDir() + "refused_" + std::to_string(getpid());
+  brix::tally_rows other = rows;
+  other.nodes[5] = 9;  // a node not handed out
+  EXPECT_THROW(
+      brix::tally_grower::grow_handed(*t, h, {&other}, brix::tree_options{}, true, true, {path}),
+      std::invalid_argument);
+  brix::tally_rows short_rows = rows;
+  short_rows.orders.pop_back();
+  EXPECT_THROW(brix::tally_grower::grow_handed(*t, h, {&short_rows}, brix::tree_options{}, true,
+                                               true, {path}),
+               std::invalid_argument);
+  EXPECT_THROW(
+      brix::tally_grower::grow_handed(*t, h, {&rows}, brix::tree_options{}, true, true, {}),
+      std::invalid_argument);
+  brix::tally_grower::grow_handed(*t, h, {&rows}, brix::tree_options{}, true, true, {path});
+  g.graft(0, path);
+  std::remove(path.c_str());
+  EXPECT_TRUE(g.done());
+  EXPECT_EQ(text_of(*g.finish()), text_of(*brix::tree_model::train(*t, brix::tree_options{})));
 }
 
 TEST(TallyGrowing, SharedDatasetsGrowBrixcmdsTree) {
@@ -172,6 +274,11 @@ TEST(TallyGrowing, RefusesSubtreeRaisingAndForeignTallies) {
   EXPECT_THROW(g.decide({1}, std::vector<float>(4), std::vector<std::int64_t>(1)),
                std::invalid_argument);
   EXPECT_THROW(g.finish(), std::logic_error);
+  EXPECT_THROW(g.hand_off({5}), std::invalid_argument);
+  g.hand_off({0});
+  EXPECT_FALSE(g.done());  // handed out, not yet grafted
+  EXPECT_THROW(g.hand_off({0}), std::invalid_argument);
+  EXPECT_THROW(g.graft(3, "/nonexistent"), std::invalid_argument);
 }
 
 TEST(TableBuilderKeptValues, PartsShareTheWholeTablesOrders) {

@@ -84,22 +84,35 @@ def shared_stems():
                   if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
 
 
+@pytest.mark.parametrize("hand_off", ["root", "mixed", 0])
 @pytest.mark.parametrize("stem", ["golf", "votes"] + shared_stems())
-def test_shared_datasets_grow_brixcmds_tree(client, stem):
+def test_shared_datasets_grow_brixcmds_tree(client, stem, hand_off):
     path = os.path.join(ROOT, "examples", stem) if stem in ("golf", "votes") else \
         os.path.join(SHARED, stem)
     X, y, w = read_stem(path)
-    clf, _ = fit_dask(client, X, y, 3, w)
+    # The root on one worker, nodes of a tenth of the rows and less there, or none.
+    limit = {"root": len(X), "mixed": len(X) // 10}.get(hand_off, hand_off)
+    clf, _ = fit_dask(client, X, y, 3, w, hand_off_cases=limit)
     assert clf.export_text() == tree_of(brixcmd("-f", path, "-tstd"))
+    handed = [v["handed_nodes"] for v in clf.fit_levels_]
+    if hand_off == "root":
+        assert handed == [1]
+    elif hand_off == 0:
+        assert not any(handed)
 
 
 @pytest.mark.parametrize("parts", [1, 2, 7, 16])
 def test_agrawal_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts, tmp_path):
     X, y = agrawal_like(20000, 7)
     expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
-    clf, dX = fit_dask(client, X, y, parts)
+    clf, dX = fit_dask(client, X, y, parts, hand_off_cases=1500)
     assert clf.export_text() == expected
-    assert len(clf.fit_levels_) >= 3 and clf.fit_levels_[0]["open_nodes"] == 1
+    levels = clf.fit_levels_
+    assert len(levels) >= 3 and levels[0]["open_nodes"] == 1
+    # Some level both tallies nodes and hands others out.
+    assert any(0 < v["handed_nodes"] < v["open_nodes"] for v in levels)
+    if parts > 1:
+        assert sum(v["handed_row_bytes"] for v in levels) > 0
     # An ordinary model: predictions per partition are the local ones.
     local = brix.TreeClassifier().fit(X, y)
     np.testing.assert_array_equal(clf.predict(dX).compute(), local.predict(X))
@@ -113,7 +126,7 @@ def fit_while(client, action, n=60000):
     X, y = agrawal_like(n, 3)
     dX = dd.from_pandas(X, npartitions=4, sort=False)
     dy = dd.from_pandas(y, npartitions=4, sort=False)
-    clf = brix.dask.TreeClassifier(client=client)
+    clf = brix.dask.TreeClassifier(client=client, hand_off_cases=5000)
     result = {}
 
     def run():

@@ -32,6 +32,8 @@ class grower {
   static void activate_from(_decision_node& n, std::vector<float> const& class_weights,
                             unsigned long count, float known_fraction,
                             std::vector<order_range> const& ranges);
+  // The class statistics of a node whose cases the caller set (a node grown away from its tree).
+  static void compute_statistics(_decision_node& n, table* t);
   // Frees the node's own cases and its growing scratch.
   static void disactivate(_decision_node& n);
 
@@ -71,7 +73,6 @@ class grower {
  private:
   static void activate_root(_decision_node& n, table* t);
   static void activate_node(_decision_node& n, table* t);
-  static void compute_statistics(_decision_node& n, table* t);
   // The cases weight and the most frequent class, from the class distribution.
   static void settle_statistics(_decision_node& n);
   static int split_gain(_decision_node& n, table* t, bool use_ratio, float min_obj,

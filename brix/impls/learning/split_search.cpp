@@ -396,7 +396,7 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
     scan_sorted(sorted, packed.data(), n, classes, total_weight, min_objects, opts, s, best);
   };
   if (!sort_copy) {
-    sort_cases_in_place(att, cls, cases, range, opts != nullptr && opts->unit_weights, s);
+    sort_cases_in_place(att, cls, cases, range, opts, s);
     if (publish != nullptr) publish->sorted(&node_cases);
     return scan(sorted_in_place{packed.data(), cases.data()});
   }
@@ -412,7 +412,8 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
         false, false);
     return scan_sorted_whole(packed.data(), n, classes, total_weight, min_objects, opts, s, best);
   }
-  std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, false);
+  std::vector<w_case> const& copy =
+      sort_copied(att, cls, cases, range, s, false, opts != nullptr && opts->stable_order);
   scan(sorted_copied{packed.data(), copy.data()});
 }
 

@@ -266,15 +266,15 @@ struct float_sides {
 
 // float_sides for two classes, the sums in registers instead of a table each move would load and
 // store: each class's sums take the same weights in the same order, a case of the other class
-// adding +0, which leaves any sum of positive weights as it is. The same bits, without a store
-// and reload on every case.
+// adding w * 0 = +0, which leaves any sum of positive weights as it is (w * 1 is w). The same
+// bits, without a store and reload on every case.
 struct two_class_sides {
   float left1 = 0.0f, left2 = 0.0f, right1, right2;
   float weight = 0.0f;
 
   two_class_sides(float r1, float r2) : right1(r1), right2(r2) {}
   void move(std::uint32_t c, float w) {
-    float w1 = c == 1 ? w : 0.0f, w2 = c == 2 ? w : 0.0f;
+    float w1 = w * static_cast<float>(c == 1), w2 = w * static_cast<float>(c == 2);
     right1 -= w1;
     left1 += w1;
     right2 -= w2;
@@ -370,8 +370,8 @@ void scan_sorted(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsi
     for (std::size_t i = first; i < n; ++i) {
       std::uint32_t c = class_of(i);
       float w = weight_of(i);
-      right1 += c == 1 ? w : 0.0f;
-      right2 += c == 2 ? w : 0.0f;
+      right1 += w * static_cast<float>(c == 1);  // products, not branches on the class
+      right2 += w * static_cast<float>(c == 2);
     }
     return scan_cuts(two_class_sides(right1, right2), unknown, first, n, classes, total_weight,
                      min_objects, opts, order_of, class_of, weight_of, best);

@@ -240,8 +240,10 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
       case_weights[i] = static_cast<float>(w[i]);
       cases.push_back((*rows)[i], case_weights[i]);
     }
-    trial_tree grown{tree_model::train_weighted(t, trial == 0 ? o.tree : later, cases), 0.0, 0.0,
-                     nullptr};
+    // Later trials' fractional weights have no earlier tree to reproduce: their searches sort
+    // stably, radix where large, instead of in the single tree's permutation.
+    trial_tree grown{tree_model::train_weighted(t, trial == 0 ? o.tree : later, cases, trial > 0),
+                     0.0, 0.0, nullptr};
     if (o.rules) {
       if (o.tree.stage) o.tree.stage("rules");
       grown.rules = rule_model::from_tree(*grown.tree, t, *rows, case_weights);

@@ -110,6 +110,12 @@ std::unique_ptr<tree_model> tree_model::train(table& t, tree_options const& o,
 
 std::unique_ptr<tree_model> tree_model::train_weighted(table& t, tree_options const& o,
                                                        table::subset const& cases) {
+  return train_weighted(t, o, cases, false);
+}
+
+std::unique_ptr<tree_model> tree_model::train_weighted(table& t, tree_options const& o,
+                                                       table::subset const& cases,
+                                                       bool stable_order) {
   if (!(o.confidence > 0.0f && o.confidence <= 1.0f)) bad("confidence must be in (0,1]");
   if (!(o.min_cases > 1.0f)) bad("min_cases must be > 1");
   if (o.threads < 1 || o.threads > 64) bad("threads must be in [1,64]");
@@ -118,12 +124,14 @@ std::unique_ptr<tree_model> tree_model::train_weighted(table& t, tree_options co
   for (unsigned long i = 0; i < cases.size(); ++i)
     if (cases.get(i) >= t.get_no_rows())
       bad("row " + std::to_string(cases.get(i)) + " is not in the table");
-  return grow(t, o, cases.get_impl(), false);
+  return grow(t, o, cases.get_impl(), false, stable_order);
 }
 
 std::unique_ptr<tree_model> tree_model::grow(table& t, tree_options const& o,
-                                             impls::w_sequence* cases, bool evaluate) {
+                                             impls::w_sequence* cases, bool evaluate,
+                                             bool stable_order) {
   auto tree = std::make_unique<dtree>(t.get_name());
+  impl(*tree).set_stable_order(stable_order);
   tree->set_conf_level(o.confidence);
   tree->set_min_obj(o.min_cases);
   tree->set_pruning_strategy(o.prune == pruning::none   ? dtree::NO_PRUNING

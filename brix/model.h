@@ -114,8 +114,12 @@ class tree_model {
   friend class ensemble;  // reads and writes its trees inside a file of its own
   explicit tree_model(std::unique_ptr<dtree> tree);
   // The options already checked; null cases: every row with the table's weights.
+  // stable_order: the searches' sorts keep equal values in case order (later boosting trials).
   static std::unique_ptr<tree_model> grow(table& t, tree_options const& o, impls::w_sequence* cases,
-                                          bool evaluate = true);
+                                          bool evaluate = true, bool stable_order = false);
+  // train_weighted, choosing the sorts' order as grow does.
+  static std::unique_ptr<tree_model> train_weighted(table& t, tree_options const& o,
+                                                    table::subset const& cases, bool stable_order);
   friend class tally_grower;
   // The table's column for each attribute, matched by name once per call.
   std::vector<impls::column const*> columns_of(table const& t) const;

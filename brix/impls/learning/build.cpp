@@ -86,6 +86,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
       opts.any_order && std::all_of(root_cases_->begin(), root_cases_->end(),
                                     [](w_case const& c) { return c.second == 1.0f; });
   opts.one_bit = &one_bit;
+  opts.stable_order = stable_order_;
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
   // nothing left to change but stays the one definition of the pruned tree, and the one to
   // refuse a level out of range (only a damaged model file holds one).

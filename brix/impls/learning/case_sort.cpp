@@ -81,10 +81,7 @@ void sort_as_search(column const& att, column const& cls, w_sequence& cases,
                     order_range const& range, options const* opts, split_scratch& scratch) {
   if (!search_sorts_cases(att, cases.size(), range)) return;
   cls.visit([&](auto c) {
-    att.visit([&](auto a) {
-      sort_cases_in_place(a, c, cases.cases(), range, opts != nullptr && opts->unit_weights,
-                          scratch);
-    });
+    att.visit([&](auto a) { sort_cases_in_place(a, c, cases.cases(), range, opts, scratch); });
   });
 }
 

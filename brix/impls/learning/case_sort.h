@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "brix/impls/learning/grow_options.h"
 #include "brix/impls/learning/split_search.h"
 #include "brix/impls/storage/column.h"
 #include "brix/impls/storage/w_sequence.h"
@@ -111,13 +112,16 @@ constexpr std::uint64_t kHigh = ~std::uint64_t(0xFFFFFFFF);
 
 // Sorts the cases by the attribute's order into packed (order << 32 | class)
 // and copies them, in that order, into the scratch's spare table (8 bytes a
-// case more).
+// case more). With stable_order, equal orders keep their case order: the payload, the case's
+// position, then orders them, so the unstable sorts (radix where large) are stable here.
 template <class Att, class Cls>
 std::vector<w_case> const& sort_copied(Att att, Cls cls, std::vector<w_case> const& cases,
-                                       order_range const& range, split_scratch& s, bool keep_keys) {
+                                       order_range const& range, split_scratch& s, bool keep_keys,
+                                       bool stable_order) {
   std::vector<std::uint64_t>& packed = s.packed;
   sort_by_order(
-      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, keep_keys);
+      att, cases, range, s, [](std::size_t i) { return static_cast<std::uint32_t>(i); }, keep_keys,
+      !stable_order);
   std::vector<w_case>& copy = s.spare;
   copy.resize(cases.size());
   for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -133,7 +137,9 @@ std::vector<w_case> const& sort_copied(Att att, Cls cls, std::vector<w_case> con
 // sort and the cases are rewritten from it; other weights are copied back.
 template <class Att, class Cls>
 void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_range const& range,
-                         bool unit_weights, split_scratch& s) {
+                         options const* opts, split_scratch& s) {
+  bool unit_weights = opts != nullptr && opts->unit_weights;
+  bool stable_order = opts != nullptr && opts->stable_order;
   std::vector<std::uint64_t>& packed = s.packed;
   std::size_t n = cases.size();
   if (unit_weights) {
@@ -146,7 +152,7 @@ void sort_cases_in_place(Att att, Cls cls, std::vector<w_case>& cases, order_ran
     }
     return;
   }
-  std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, true);
+  std::vector<w_case> const& copy = sort_copied(att, cls, cases, range, s, true, stable_order);
   std::copy(copy.begin(), copy.end(), cases.begin());
 }
 

@@ -20,6 +20,10 @@ struct options {
   bool any_order = false;
   // Every case weighs exactly 1, in every node: any_order, and 1 to start with.
   bool unit_weights = false;
+  // The continuous searches' sorts keep cases of equal orders in the order they come in (a stable
+  // sort, radix where large), instead of the permutation single trees have always had. Set for
+  // the trees of later boosting trials, which have no earlier output to reproduce.
+  bool stable_order = false;
   // Per attribute, whether it is discrete and stored a bit a row (may be null: then asked).
   std::vector<char> const* one_bit = nullptr;
   // A node of at least local_min_cases cases copies their orders into a table of its own when

@@ -188,6 +188,8 @@ class decision_tree {
   bool set_conf_level(float c);
   bool set_pruning_strategy(int p);
   bool set_option(int o);
+  // Later boosting trials only: see options::stable_order. Not kept with the model.
+  void set_stable_order(bool on) { stable_order_ = on; }
 
   void build_unpruned(table* t, w_sequence* cases, bool evaluate);
   // stage, when given, is told "prune" and "evaluate" as growing hands over to them.
@@ -251,6 +253,7 @@ class decision_tree {
   std::unique_ptr<conf_matrix> training_;
   tree_settings settings_;
   double elapsed_ = 0.0;
+  bool stable_order_ = false;
   std::string name_;
   std::unique_ptr<w_sequence> root_cases_;  // the cases the root was grown from
   mutable std::mutex compiled_mutex_;

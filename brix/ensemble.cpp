@@ -55,6 +55,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -129,6 +130,85 @@ double estimated_errors(impls::_decision_tree* t, float cf, float coeff) {
   return leaf + impls::_decision_tree::add_errs(cf, coeff, n_cases, leaf);
 }
 
+// The rows to train on: the given ones, checked, or every row of t (kept in all).
+std::vector<unsigned long> const* training_rows(table const& t,
+                                                std::vector<unsigned long> const* rows,
+                                                std::vector<unsigned long>& all) {
+  if (t.get_no_rows() == 0) bad("the table has no rows");
+  if (rows == nullptr) {
+    all.resize(t.get_no_rows());
+    for (unsigned long r = 0; r < all.size(); ++r)
+      all[r] = r;
+    rows = &all;
+  }
+  if (rows->empty()) bad("no rows to train on");
+  for (unsigned long r : *rows)
+    if (r >= t.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+  return rows;
+}
+
+// The k x k costs, predicted class major: unlisted pairs cost 1 off the diagonal, 0 on it.
+std::vector<double> cost_matrix(impls::column const* cls, std::vector<cost_entry> const& given) {
+  std::size_t k = cls->get_distinct();
+  auto class_index = [&](std::string const& name) {
+    unsigned long i = cls->get_index(name.c_str());
+    if (i == 0) bad("the cost matrix names '" + name + "', not a class");
+    return static_cast<std::size_t>(i - 1);
+  };
+  std::vector<double> costs(k * k, 1.0);
+  for (std::size_t c = 0; c < k; ++c)
+    costs[c * k + c] = 0.0;
+  for (cost_entry const& c : given)
+    costs[class_index(c.predicted) * k + class_index(c.actual)] = c.cost;
+  return costs;
+}
+
+// Growing's class weights under costs: each class weighted by what misclassifying it costs in
+// all, scaled so that the total weight of the cases stays what it was.
+std::vector<double> cost_class_weights(impls::column const* cls, std::vector<double> const& costs,
+                                       std::vector<double> const& class_total) {
+  std::size_t k = class_total.size();
+  double total = 0.0, weighted = 0.0;
+  std::vector<double> miss(k, 0.0), weights(k, 1.0);
+  for (std::size_t a = 0; a < k; ++a) {
+    for (std::size_t p = 0; p < k; ++p)
+      if (p != a) miss[a] += costs[p * k + a];
+    if (!(miss[a] > 0.0))
+      bad("misclassifying class '" + cls->get_o_set()->get_value(a + 1) + "' costs nothing");
+    total += class_total[a];
+    weighted += miss[a] * class_total[a];
+  }
+  if (weighted > 0.0)
+    for (std::size_t a = 0; a < k; ++a)
+      weights[a] = miss[a] * total / weighted;
+  return weights;
+}
+
+// The weight of the training rows the trial's class probabilities p (k a row of t) get wrong,
+// marked in wrong.
+double missed_weight(std::vector<double> const& p, std::size_t k,
+                     std::vector<unsigned long> const& rows, std::vector<std::size_t> const& actual,
+                     std::vector<double> const& w, std::vector<char>& wrong) {
+  double missed = 0.0;
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    wrong[i] = first_max(p.data() + rows[i] * k, k) != actual[i];
+    if (wrong[i]) missed += w[i];
+  }
+  return missed;
+}
+
+// The next trial's weights: the cases got wrong share half the weight, the others the other
+// half, renormalised to the starting total.
+void reweight(std::vector<double>& w, std::vector<char> const& wrong, double err, double start) {
+  double up = 0.5 / err, down = 0.5 / (1.0 - err), sum = 0.0;
+  for (std::size_t i = 0; i < w.size(); ++i) {
+    w[i] *= wrong[i] ? up : down;
+    sum += w[i];
+  }
+  for (double& v : w)
+    v *= start / sum;
+}
+
 }  // namespace
 
 std::vector<cost_entry> read_costs(std::string const& path) {
@@ -163,31 +243,13 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     bad("trials must be in [1," + std::to_string(kMaxTrials) + "]");
   impls::column const* cls = t.get_impl()->get_class();
   if (cls == nullptr) bad("the table has no class column");
-  if (t.get_no_rows() == 0) bad("the table has no rows");
   std::vector<unsigned long> all;
-  if (rows == nullptr) {
-    all.resize(t.get_no_rows());
-    for (unsigned long r = 0; r < all.size(); ++r)
-      all[r] = r;
-    rows = &all;
-  }
-  if (rows->empty()) bad("no rows to train on");
-  for (unsigned long r : *rows)
-    if (r >= t.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
+  rows = training_rows(t, rows, all);
 
   std::unique_ptr<ensemble> e(new ensemble());
   e->asked_ = o.trials;
   std::size_t k = cls->get_distinct();
-  auto class_index = [&](std::string const& name) {
-    unsigned long i = cls->get_index(name.c_str());
-    if (i == 0) bad("the cost matrix names '" + name + "', not a class");
-    return static_cast<std::size_t>(i - 1);
-  };
-  e->costs_.assign(k * k, 1.0);
-  for (std::size_t c = 0; c < k; ++c)
-    e->costs_[c * k + c] = 0.0;
-  for (cost_entry const& c : o.costs)
-    e->costs_[class_index(c.predicted) * k + class_index(c.actual)] = c.cost;
+  e->costs_ = cost_matrix(cls, o.costs);
   e->has_costs_ = !o.costs.empty();
   if (o.rules && e->has_costs_) bad("rulesets are not read off trees grown with costs");
 
@@ -203,25 +265,11 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
   }
   e->class_weights_.assign(k, 1.0);
   if (e->has_costs_) {
-    double total = 0.0, weighted = 0.0;
-    std::vector<double> miss(k, 0.0);
-    for (std::size_t a = 0; a < k; ++a) {
-      for (std::size_t p = 0; p < k; ++p)
-        if (p != a) miss[a] += e->cost(p, a);
-      if (!(miss[a] > 0.0))
-        bad("misclassifying class '" + cls->get_o_set()->get_value(a + 1) + "' costs nothing");
-      total += class_total[a];
-      weighted += miss[a] * class_total[a];
-    }
-    if (weighted > 0.0)
-      for (std::size_t a = 0; a < k; ++a)
-        e->class_weights_[a] = miss[a] * total / weighted;
+    e->class_weights_ = cost_class_weights(cls, e->costs_, class_total);
     for (std::size_t i = 0; i < w.size(); ++i)
       if (actual[i] < k) w[i] *= e->class_weights_[actual[i]];
   }
-  double start = 0.0;
-  for (double v : w)
-    start += v;
+  double start = std::accumulate(w.begin(), w.end(), 0.0);
 
   float const cf = o.tree.confidence;
   float const coeff = impls::_decision_tree::CFCoefficient(cf);
@@ -250,13 +298,8 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     }
     // Each trial classifies the whole table once; only the training rows count.
     std::vector<double> p = proba_of(grown, t);
-    double missed = 0.0;
-    for (std::size_t i = 0; i < rows->size(); ++i) {
-      wrong[i] = first_max(p.data() + (*rows)[i] * k, k) != actual[i];
-      if (wrong[i]) missed += w[i];
-    }
     // Within rounding: the renormalised weights of a tie may sum to a hair under a half.
-    double err = missed / start;
+    double err = missed_weight(p, k, *rows, actual, w, wrong) / start;
     // A ruleset votes with the estimate of the tree it was read from: generalising keeps each
     // rule's pessimistic error rate from rising above its leaf's.
     double estimate = estimated_errors(impl_of(*grown.tree).get_root(), cf, coeff) / start;
@@ -286,13 +329,7 @@ std::unique_ptr<ensemble> ensemble::train(table& t, ensemble_options const& o,
     }
     keep(std::log((1.0 - estimate) / estimate));
     if (trial + 1 == o.trials) break;
-    double up = 0.5 / err, down = 0.5 / (1.0 - err), sum = 0.0;
-    for (std::size_t i = 0; i < w.size(); ++i) {
-      w[i] *= wrong[i] ? up : down;
-      sum += w[i];
-    }
-    for (double& v : w)
-      v *= start / sum;
+    reweight(w, wrong, err, start);
   }
   if (proba != nullptr) {
     // One trial votes 1: its distribution is the sum, to the bit.

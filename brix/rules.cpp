@@ -316,16 +316,103 @@ class subset_coder {
     }
     theory_ += adding ? bits_[r] : -bits_[r];
     in_[r] = adding;
+    if (!tracking_) return;
+    // Other rules' deltas change only through the cases whose count left or reached 0 or 1.
+    for (std::uint32_t i : rules_[r]->covered) {
+      unsigned now = count_[i], was = adding ? now - 1 : now + 1;
+      bool zero = (now == 0) != (was == 0), one = (now == 1) != (was == 1);
+      if (!zero && !one) continue;
+      double w = static_cast<double>(cs_.w[i]);
+      bool mine = cs_.cls[i] == cls_;
+      for (std::uint32_t k = by_case_at_[i]; k < by_case_at_[i + 1]; ++k) {
+        std::uint32_t q = by_case_[k];
+        if (q == r) continue;
+        // What case i adds to q's toggle: its weight when q is out and nothing covers it, less
+        // its weight when q is in and covers it alone.
+        double d;
+        if (in_[q]) {
+          if (!one) continue;
+          d = now == 1 ? -w : w;
+        } else {
+          if (!zero) continue;
+          d = now == 0 ? w : -w;
+        }
+        delta_[q].cov += d;
+        if (mine)
+          delta_[q].fn -= d;
+        else
+          delta_[q].fp += d;
+        if (++delta_[q].ops > 2 * rules_[q]->covered.size() + 32) refresh(q);
+      }
+    }
+    refresh(r);
   }
   bool in(std::size_t r) const { return in_[r]; }
   double false_positives() const { return fp_; }
 
+  // Keeps, per rule, what toggling it changes (covered weight, false positives and negatives),
+  // updated at each toggle through the cases that change, so that the climb can rank every rule
+  // without a pass over its cases.
+  void track() {
+    tracking_ = true;
+    by_case_at_.assign(cs_.w.size() + 1, 0);
+    for (general const* g : rules_)
+      for (std::uint32_t i : g->covered)
+        ++by_case_at_[i + 1];
+    for (std::size_t i = 1; i < by_case_at_.size(); ++i)
+      by_case_at_[i] += by_case_at_[i - 1];
+    by_case_.resize(by_case_at_.back());
+    std::vector<std::uint32_t> at(by_case_at_.begin(), by_case_at_.end() - 1);
+    for (std::size_t q = 0; q < rules_.size(); ++q)
+      for (std::uint32_t i : rules_[q]->covered)
+        by_case_[at[i]++] = static_cast<std::uint32_t>(q);
+    double most = 0;
+    for (float w : cs_.w)
+      most += std::fabs(static_cast<double>(w));
+    // Rounding: each sum here and in cost_toggled errs by at most an epsilon of twice the total
+    // weight a term; the bits move by at most lipschitz_ per unit of weight.
+    unit_ = 2 * most * std::numeric_limits<double>::epsilon();
+    lipschitz_ = 8 * (std::log(most + 1) + 1) / std::log(2.0);
+    slack_ = 1e-6 + 1e-9 * most * std::log2(most + 2);
+    delta_.assign(rules_.size(), {});
+    for (std::size_t q = 0; q < rules_.size(); ++q)
+      refresh(q);
+  }
+  // cost_toggled(r) from the kept deltas, and a bound on how far from it that can be.
+  double estimate(std::size_t r) const {
+    double theory = theory_ + (in_[r] ? -bits_[r] : bits_[r]);
+    return theory * kTheoryWeight +
+           exceptions(covered_ + delta_[r].cov, fp_ + delta_[r].fp, fn_ + delta_[r].fn);
+  }
+  double margin(std::size_t r) const {
+    double terms = static_cast<double>(delta_[r].ops + 2 * rules_[r]->covered.size() + 8);
+    return lipschitz_ * unit_ * terms + slack_;
+  }
+
  private:
+  void refresh(std::size_t q) {
+    delta d;
+    bool adding = !in_[q];
+    for (std::uint32_t i : rules_[q]->covered) {
+      if (count_[i] != (adding ? 0u : 1u)) continue;
+      double w = (adding ? 1 : -1) * static_cast<double>(cs_.w[i]);
+      d.cov += w;
+      if (cs_.cls[i] == cls_)
+        d.fn -= w;
+      else
+        d.fp += w;
+    }
+    delta_[q] = d;
+  }
   double exceptions(double cov, double fp, double fn) const {
     cov = std::max(cov, 0.0);
     double unc = std::max(cs_.total - cov, 0.0);
     return log2_binomial(cov, std::max(fp, 0.0)) + log2_binomial(unc, std::max(fn, 0.0));
   }
+  struct delta {
+    double cov = 0, fp = 0, fn = 0;
+    std::size_t ops = 0;  // updates since the last recount
+  };
   cases const& cs_;
   unsigned long cls_;
   std::vector<general const*> const& rules_;
@@ -333,6 +420,10 @@ class subset_coder {
   std::vector<unsigned> count_;
   std::vector<bool> in_ = std::vector<bool>(rules_.size(), false);
   double covered_ = 0, fp_ = 0, fn_ = 0, theory_ = 0;
+  bool tracking_ = false;
+  std::vector<std::uint32_t> by_case_at_, by_case_;  // per case, the rules covering it
+  std::vector<delta> delta_;
+  double unit_ = 0, lipschitz_ = 0, slack_ = 0;
 };
 
 // Classes with at most this many rules try every subset; larger ones climb greedily from none,
@@ -361,11 +452,23 @@ std::vector<bool> choose_subset(subset_coder& coder, std::size_t n_rules) {
     for (std::size_t r = 0; r < n_rules; ++r)
       if (coder.in(r) != ((best_mask >> r & 1) != 0)) coder.toggle(r);
   } else {
+    coder.track();
+    std::vector<double> low(n_rules), high(n_rules);
     double now = coder.cost();
     for (;;) {
+      // The estimates rule out every rule that cannot be the cheapest; the rest are costed
+      // exactly, in order, so that the choice is the one a full recount would make.
+      double ceiling = std::numeric_limits<double>::infinity();
+      for (std::size_t r = 0; r < n_rules; ++r) {
+        double e = coder.estimate(r), m = coder.margin(r);
+        low[r] = e - m;
+        high[r] = e + m;
+        ceiling = std::min(ceiling, high[r]);
+      }
       std::size_t best = n_rules;
       double best_cost = now - 1e-9;
       for (std::size_t r = 0; r < n_rules; ++r) {
+        if (low[r] > ceiling || low[r] >= best_cost) continue;
         double c = coder.cost_toggled(r);
         if (c < best_cost) {
           best = r;

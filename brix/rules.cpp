@@ -176,8 +176,9 @@ struct general {
 // long as that rate is no higher than the rule's with it. Each case keeps a bit per condition it
 // fails, so a pass over the cases tallies what dropping each condition would add. Conditions past
 // the 64th are kept as they are (deliberately: paths that long do not occur in pruned trees).
-general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
-                   unsigned long cls, cases const& cs, float cf, float coeff) {
+general generalise_wide(std::vector<rule_condition> const& conds,
+                        std::vector<order_range> const& bound, unsigned long cls, cases const& cs,
+                        float cf, float coeff) {
   std::size_t m = conds.size(), n_cases = cs.w.size();
   std::size_t free = std::min<std::size_t>(m, 64);
   std::vector<std::uint64_t> fails(n_cases, 0);
@@ -269,6 +270,181 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
     if (j >= free || (active >> j & 1)) g.conditions.push_back(conds[j]);
   for (std::size_t i = 0; i < n_cases; ++i)
     if (!out[i] && (fails[i] & active) == 0) g.covered.push_back(static_cast<std::uint32_t>(i));
+  return g;
+}
+
+// The cases failing each condition, a bit a case, kept for the conditions of the last rules:
+// leaves read in tree order share most of their paths, so most conditions come from here.
+class fail_sets {
+ public:
+  explicit fail_sets(std::size_t n_cases)
+      : n_(n_cases), words_((n_cases + 63) / 64), slots_(kSlots), bits_(kSlots * words_, 0) {}
+  std::size_t words() const { return words_; }
+  // The set of condition b; sets handed out since the last next_rule() stay valid.
+  std::uint64_t const* of(order_range const& b, cases const& cs) {
+    auto lo = static_cast<std::uint32_t>(b.lo), hi = static_cast<std::uint32_t>(b.hi);
+    bool none = hi < lo || lo == 0;
+    key k{none ? ~0ul : b.att, none ? 0u : lo, none ? 0u : hi};
+    std::size_t victim = 0;
+    for (std::size_t s = 0; s < kSlots; ++s) {
+      if (slots_[s].used && slots_[s].k == k) {
+        slots_[s].stamp = rule_;
+        return &bits_[s * words_];
+      }
+      if (slots_[s].stamp < slots_[victim].stamp) victim = s;
+    }
+    slot& v = slots_[victim];
+    v = {k, rule_, true};
+    std::uint64_t* out = &bits_[victim * words_];
+    std::fill(out, out + words_, 0);
+    if (none) {
+      for (std::size_t i = 0; i < n_; ++i)
+        out[i >> 6] |= std::uint64_t{1} << (i & 63);
+    } else {
+      // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+      std::uint32_t const* ord = cs.orders[b.att].data();
+      std::uint32_t span = hi - lo;
+      for (std::size_t w = 0; w < words_; ++w) {
+        std::uint64_t word = 0;
+        std::size_t from = w * 64, to = std::min(n_, from + 64);
+        for (std::size_t i = from; i < to; ++i)
+          word |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(ord[i] - lo) > span)
+                  << (i - from);
+        out[w] = word;
+      }
+    }
+    return out;
+  }
+  void next_rule() { ++rule_; }
+
+ private:
+  // More than the conditions of any rule generalised this way, so a rule's own sets stay.
+  static constexpr std::size_t kSlots = 160;
+  struct key {
+    unsigned long att;
+    std::uint32_t lo, hi;
+    bool operator==(key const& o) const { return att == o.att && lo == o.lo && hi == o.hi; }
+  };
+  struct slot {
+    key k{0, 0, 0};
+    std::uint64_t stamp = 0;
+    bool used = false;
+  };
+  std::size_t n_, words_;
+  std::vector<slot> slots_;
+  std::vector<std::uint64_t> bits_;
+  std::uint64_t rule_ = 1;
+};
+
+// generalise_wide's result, without a pass over every case per condition: each condition's
+// failing cases come as a bitset, a bit-sliced count per case of the conditions it fails is
+// summed over them a word at a time, and the cases failing k conditions are listed only when a
+// pass first reads them (pass t reads those failing at most t + 1), in the order the wide form
+// reads them, so that every sum is the same.
+general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
+                   unsigned long cls, cases const& cs, float cf, float coeff, fail_sets& sets) {
+  std::size_t m = conds.size(), n_cases = cs.w.size();
+  if (m > 64) return generalise_wide(conds, bound, cls, cs, cf, coeff);
+  sets.next_rule();
+  std::size_t words = sets.words();
+  std::vector<std::uint64_t const*> fail(m);
+  for (std::size_t j = 0; j < m; ++j)
+    fail[j] = sets.of(bound[j], cs);
+  std::size_t planes = 1;
+  while ((std::size_t{1} << planes) <= m)
+    ++planes;
+  std::vector<std::uint64_t> count(planes * words, 0);  // plane p of word w at p * words + w
+  for (std::size_t j = 0; j < m; ++j)
+    for (std::size_t w = 0; w < words; ++w) {
+      std::uint64_t carry = fail[j][w];
+      for (std::size_t p = 0; p < planes && carry != 0; ++p) {
+        std::uint64_t& c = count[p * words + w];
+        std::uint64_t next = c & carry;
+        c ^= carry;
+        carry = next;
+      }
+    }
+  struct failing {
+    std::uint64_t mask;
+    float w;
+    bool wrong;
+    std::uint32_t i;
+  };
+  std::vector<failing> failed;
+  std::vector<std::uint32_t> none_failed;
+  std::size_t listed = 0;  // the counts listed so far: 0 .. listed - 1
+  auto list_upto = [&](std::size_t most) {
+    for (; listed <= std::min(most, m); ++listed) {
+      std::size_t k = listed;
+      for (std::size_t w = 0; w < words; ++w) {
+        std::uint64_t word = w + 1 == words && n_cases % 64 != 0
+                                 ? (std::uint64_t{1} << (n_cases % 64)) - 1
+                                 : ~std::uint64_t{0};
+        for (std::size_t p = 0; p < planes; ++p)
+          word &= (k >> p & 1) ? count[p * words + w] : ~count[p * words + w];
+        for (; word != 0; word &= word - 1) {
+          auto i =
+              static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word)));
+          if (k == 0) {
+            none_failed.push_back(i);
+            continue;
+          }
+          std::uint64_t mask = 0;
+          std::size_t bit = i & 63;
+          for (std::size_t j = 0; j < m; ++j)
+            mask |= (fail[j][w] >> bit & 1) << j;
+          failed.push_back({mask, cs.w[i], cs.cls[i] != cls, i});
+        }
+      }
+    }
+  };
+  list_upto(1);
+  double n = 0, e = 0;
+  for (std::uint32_t i : none_failed) {
+    n += cs.w[i];
+    if (cs.cls[i] != cls) e += cs.w[i];
+  }
+  if (n <= 0) return general{};
+  std::uint64_t active = m == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m) - 1;
+  std::vector<double> nj(m), ej(m);
+  std::size_t drops = 0;
+  for (; (active & (active - 1)) != 0; ++drops) {
+    list_upto(drops + 1);
+    std::fill(nj.begin(), nj.end(), 0.0);
+    std::fill(ej.begin(), ej.end(), 0.0);
+    for (failing const& f : failed) {
+      std::uint64_t a = f.mask & active;
+      if (a == 0 || (a & (a - 1)) != 0) continue;
+      auto j = static_cast<std::size_t>(__builtin_ctzll(a));
+      nj[j] += f.w;
+      if (f.wrong) ej[j] += f.w;
+    }
+    double now = pessimistic(cf, coeff, n, e), best_rate = now;
+    std::size_t best = m;
+    for (std::size_t j = 0; j < m; ++j) {
+      if (!(active >> j & 1)) continue;
+      double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
+      if (r <= best_rate && (best == m || r < best_rate)) {
+        best = j;
+        best_rate = r;
+      }
+    }
+    if (best == m) break;
+    active &= ~(std::uint64_t{1} << best);
+    n += nj[best];
+    e += ej[best];
+  }
+  // A case covered now fails only dropped conditions: at most as many as were dropped.
+  list_upto(drops);
+  general g;
+  g.n = n;
+  g.e = e;
+  for (std::size_t j = 0; j < m; ++j)
+    if (active >> j & 1) g.conditions.push_back(conds[j]);
+  g.covered = std::move(none_failed);
+  for (failing const& f : failed)
+    if ((f.mask & active) == 0) g.covered.push_back(f.i);
+  std::sort(g.covered.begin(), g.covered.end());
   return g;
 }
 
@@ -736,11 +912,12 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
   float cf = m->confidence_level_, coeff = _decision_tree::CFCoefficient(cf);
   std::vector<general> gen;
   std::vector<unsigned long> gen_cls;
+  fail_sets sets(cs.w.size());
   for (candidate const& l : leaves) {
     std::vector<order_range> b;
     for (rule_condition const& c : l.conds)
       b.push_back(bind_condition(c, *cmp[c.attribute], cols[c.attribute]));
-    general g = generalise(l.conds, b, l.cls, cs, cf, coeff);
+    general g = generalise(l.conds, b, l.cls, cs, cf, coeff, sets);
     if (g.n <= 0) continue;
     gen.push_back(std::move(g));
     gen_cls.push_back(l.cls);

@@ -336,11 +336,10 @@ class fail_sets {
   std::uint64_t rule_ = 1;
 };
 
-// generalise_wide's result, without a pass over every case per condition: each condition's
-// failing cases come as a bitset, a bit-sliced count per case of the conditions it fails is
-// summed over them a word at a time, and the cases failing k conditions are listed only when a
-// pass first reads them (pass t reads those failing at most t + 1), in the order the wide form
-// reads them, so that every sum is the same.
+// generalise_wide's result without a pass over every case per condition: each condition's
+// failing cases come as a bitset, and a pass finds, a word at a time, the cases failing exactly
+// one condition still kept. Each condition's sums are taken in the order the wide form takes
+// them (by the number of conditions a case fails, then by case), so that every figure is the same.
 general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
                    unsigned long cls, cases const& cs, float cf, float coeff, fail_sets& sets) {
   std::size_t m = conds.size(), n_cases = cs.w.size();
@@ -350,79 +349,65 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   std::vector<std::uint64_t const*> fail(m);
   for (std::size_t j = 0; j < m; ++j)
     fail[j] = sets.of(bound[j], cs);
-  std::size_t planes = 1;
-  while ((std::size_t{1} << planes) <= m)
-    ++planes;
-  std::vector<std::uint64_t> count(planes * words, 0);  // plane p of word w at p * words + w
-  for (std::size_t j = 0; j < m; ++j)
+  auto valid = [&](std::size_t w) {
+    return w + 1 == words && n_cases % 64 != 0 ? (std::uint64_t{1} << (n_cases % 64)) - 1
+                                               : ~std::uint64_t{0};
+  };
+  std::uint64_t active = m == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m) - 1;
+  // Calls each case failing no kept condition, in order.
+  auto each_passing = [&](auto const& take) {
     for (std::size_t w = 0; w < words; ++w) {
-      std::uint64_t carry = fail[j][w];
-      for (std::size_t p = 0; p < planes && carry != 0; ++p) {
-        std::uint64_t& c = count[p * words + w];
-        std::uint64_t next = c & carry;
-        c ^= carry;
-        carry = next;
-      }
-    }
-  struct failing {
-    std::uint64_t mask;
-    float w;
-    bool wrong;
-    std::uint32_t i;
-  };
-  std::vector<failing> failed;
-  std::vector<std::uint32_t> none_failed;
-  std::size_t listed = 0;  // the counts listed so far: 0 .. listed - 1
-  auto list_upto = [&](std::size_t most) {
-    for (; listed <= std::min(most, m); ++listed) {
-      std::size_t k = listed;
-      for (std::size_t w = 0; w < words; ++w) {
-        std::uint64_t word = w + 1 == words && n_cases % 64 != 0
-                                 ? (std::uint64_t{1} << (n_cases % 64)) - 1
-                                 : ~std::uint64_t{0};
-        for (std::size_t p = 0; p < planes; ++p)
-          word &= (k >> p & 1) ? count[p * words + w] : ~count[p * words + w];
-        for (; word != 0; word &= word - 1) {
-          auto i =
-              static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word)));
-          if (k == 0) {
-            none_failed.push_back(i);
-            continue;
-          }
-          std::uint64_t mask = 0;
-          std::size_t bit = i & 63;
-          for (std::size_t j = 0; j < m; ++j)
-            mask |= (fail[j][w] >> bit & 1) << j;
-          failed.push_back({mask, cs.w[i], cs.cls[i] != cls, i});
-        }
-      }
+      std::uint64_t any = 0;
+      for (std::size_t j = 0; j < m; ++j)
+        if (active >> j & 1) any |= fail[j][w];
+      for (std::uint64_t word = valid(w) & ~any; word != 0; word &= word - 1)
+        take(static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word))));
     }
   };
-  list_upto(1);
   double n = 0, e = 0;
-  for (std::uint32_t i : none_failed) {
+  each_passing([&](std::uint32_t i) {
     n += cs.w[i];
     if (cs.cls[i] != cls) e += cs.w[i];
-  }
+  });
+  // A leaf that covers no case (an empty branch, or rows other than the tree's) has no evidence
+  // to generalise from: its rule goes.
   if (n <= 0) return general{};
-  std::uint64_t active = m == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m) - 1;
   std::vector<double> nj(m), ej(m);
-  std::size_t drops = 0;
-  for (; (active & (active - 1)) != 0; ++drops) {
-    list_upto(drops + 1);
-    std::fill(nj.begin(), nj.end(), 0.0);
-    std::fill(ej.begin(), ej.end(), 0.0);
-    for (failing const& f : failed) {
-      std::uint64_t a = f.mask & active;
-      if (a == 0 || (a & (a - 1)) != 0) continue;
-      auto j = static_cast<std::size_t>(__builtin_ctzll(a));
-      nj[j] += f.w;
-      if (f.wrong) ej[j] += f.w;
+  std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> only_j(m);
+  // The last condition stays: a rule without any would stand for the default class.
+  while ((active & (active - 1)) != 0) {
+    for (auto& o : only_j)
+      o.clear();
+    for (std::size_t w = 0; w < words; ++w) {
+      std::uint64_t once = 0, twice = 0;
+      for (std::size_t j = 0; j < m; ++j)
+        if (active >> j & 1) {
+          twice |= once & fail[j][w];
+          once |= fail[j][w];
+        }
+      once &= ~twice;
+      if (once == 0) continue;
+      for (std::size_t j = 0; j < m; ++j) {
+        if (!(active >> j & 1)) continue;
+        for (std::uint64_t hit = fail[j][w] & once; hit != 0; hit &= hit - 1) {
+          auto bit = static_cast<std::size_t>(__builtin_ctzll(hit));
+          std::uint32_t failed = 0;
+          for (std::size_t q = 0; q < m; ++q)
+            failed += static_cast<std::uint32_t>(fail[q][w] >> bit & 1);
+          only_j[j].emplace_back(failed, static_cast<std::uint32_t>(w * 64 + bit));
+        }
+      }
     }
     double now = pessimistic(cf, coeff, n, e), best_rate = now;
     std::size_t best = m;
     for (std::size_t j = 0; j < m; ++j) {
       if (!(active >> j & 1)) continue;
+      std::sort(only_j[j].begin(), only_j[j].end());
+      nj[j] = ej[j] = 0;
+      for (auto const& c : only_j[j]) {
+        nj[j] += cs.w[c.second];
+        if (cs.cls[c.second] != cls) ej[j] += cs.w[c.second];
+      }
       double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
       if (r <= best_rate && (best == m || r < best_rate)) {
         best = j;
@@ -434,17 +419,12 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
     n += nj[best];
     e += ej[best];
   }
-  // A case covered now fails only dropped conditions: at most as many as were dropped.
-  list_upto(drops);
   general g;
   g.n = n;
   g.e = e;
   for (std::size_t j = 0; j < m; ++j)
     if (active >> j & 1) g.conditions.push_back(conds[j]);
-  g.covered = std::move(none_failed);
-  for (failing const& f : failed)
-    if ((f.mask & active) == 0) g.covered.push_back(f.i);
-  std::sort(g.covered.begin(), g.covered.end());
+  each_passing([&](std::uint32_t i) { g.covered.push_back(i); });
   return g;
 }
 

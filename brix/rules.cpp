@@ -374,6 +374,8 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   if (n <= 0) return general{};
   std::vector<double> nj(m), ej(m);
   std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> only_j(m);
+  std::vector<std::size_t> at(m + 2);
+  std::vector<std::uint32_t> order;
   // The last condition stays: a rule without any would stand for the default class.
   while ((active & (active - 1)) != 0) {
     for (auto& o : only_j)
@@ -402,11 +404,19 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
     std::size_t best = m;
     for (std::size_t j = 0; j < m; ++j) {
       if (!(active >> j & 1)) continue;
-      std::sort(only_j[j].begin(), only_j[j].end());
+      // By conditions failed, then by case: the cases came in order, so a stable count sort.
+      std::fill(at.begin(), at.end(), 0);
+      for (auto const& c : only_j[j])
+        ++at[c.first + 1];
+      for (std::size_t k = 1; k < at.size(); ++k)
+        at[k] += at[k - 1];
+      order.resize(only_j[j].size());
+      for (auto const& c : only_j[j])
+        order[at[c.first]++] = c.second;
       nj[j] = ej[j] = 0;
-      for (auto const& c : only_j[j]) {
-        nj[j] += cs.w[c.second];
-        if (cs.cls[c.second] != cls) ej[j] += cs.w[c.second];
+      for (std::uint32_t i : order) {
+        nj[j] += cs.w[i];
+        if (cs.cls[i] != cls) ej[j] += cs.w[i];
       }
       double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
       if (r <= best_rate && (best == m || r < best_rate)) {
@@ -664,22 +674,58 @@ void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases cons
     return n_rules;
   };
   auto class_of = [&](std::size_t k) { return k == n_rules ? default_ : rules_[k].cls; };
-  std::vector<double> delta(n_rules);
-  for (;;) {
-    std::fill(delta.begin(), delta.end(), 0.0);
-    for (std::size_t i = 0; i < cs.w.size(); ++i) {
-      std::size_t first = decider(i, n_rules);
-      if (first == n_rules) continue;
-      std::size_t next = decider(i, first);
-      double was = class_of(first) != cs.cls[i], now = class_of(next) != cs.cls[i];
-      delta[first] += cs.w[i] * (now - was);
+  // Per rule, the cases it decides, in order, and what its loss would add to the errors: summed
+  // over those cases in order, recounted only for the rules a loss touches.
+  std::vector<std::vector<std::uint32_t>> decides(n_rules);
+  for (std::size_t i = 0; i < cs.w.size(); ++i) {
+    std::size_t first = decider(i, n_rules);
+    if (first != n_rules) decides[first].push_back(static_cast<std::uint32_t>(i));
+  }
+  std::vector<double> delta(n_rules, 0.0);
+  auto recount = [&](std::size_t k) {
+    double d = 0;
+    for (std::uint32_t i : decides[k]) {
+      std::size_t next = decider(i, k);
+      double was = class_of(k) != cs.cls[i], now = class_of(next) != cs.cls[i];
+      d += cs.w[i] * (now - was);
     }
+    delta[k] = d;
+  };
+  for (std::size_t k = 0; k < n_rules; ++k)
+    recount(k);
+  std::vector<char> touched(n_rules, 0), grown(n_rules, 0);
+  std::vector<std::size_t> touched_list;
+  for (;;) {
     std::size_t best = n_rules;
     for (std::size_t k = n_rules; k-- > 0;)
       if (!gone[k] && delta[k] <= 1e-9 && (best == n_rules || delta[k] < delta[best] - 1e-9))
         best = k;
     if (best == n_rules) break;
     gone[best] = true;
+    auto touch = [&](std::size_t k) {
+      if (!touched[k]) touched_list.push_back(k);
+      touched[k] = 1;
+    };
+    // Its cases go to the next rule firing on them; the rules deciding the cases where it came
+    // second lose their fallback.
+    for (std::uint32_t i : decides[best]) {
+      std::size_t first = decider(i, n_rules);
+      if (first == n_rules) continue;
+      decides[first].push_back(i);
+      grown[first] = 1;
+      touch(first);
+    }
+    std::vector<std::uint32_t>().swap(decides[best]);
+    for (std::uint32_t i : *coverage[best]) {
+      std::size_t first = decider(i, n_rules);
+      if (first != n_rules) touch(first);
+    }
+    for (std::size_t k : touched_list) {
+      if (grown[k]) std::sort(decides[k].begin(), decides[k].end());
+      recount(k);
+      touched[k] = grown[k] = 0;
+    }
+    touched_list.clear();
   }
   std::vector<rule> kept;
   std::vector<std::vector<std::uint32_t> const*> kept_coverage;

@@ -969,10 +969,18 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
       if (!implied(c, b.conditions, *cmp[c.attribute])) return false;
     return true;
   };
+  // A rule subsumes another only if each of its attribute-and-test pairs is among the other's:
+  // a bit per pair (hashed) rules most pairs of rules out before a threshold is compared.
+  std::vector<std::uint64_t> pairs(gen.size(), 0);
+  for (std::size_t i = 0; i < gen.size(); ++i)
+    for (rule_condition const& c : gen[i].conditions)
+      pairs[i] |= std::uint64_t{1} << ((c.attribute * 3 + static_cast<unsigned long>(c.test)) % 64);
   std::vector<bool> dropped(gen.size(), false);
   for (std::size_t i = 0; i < gen.size(); ++i)
     for (std::size_t j = 0; j < gen.size() && !dropped[i]; ++j) {
-      if (i == j || gen_cls[i] != gen_cls[j] || !subsumes(gen[j], gen[i])) continue;
+      if (i == j || gen_cls[i] != gen_cls[j] || (pairs[j] & ~pairs[i]) != 0 ||
+          !subsumes(gen[j], gen[i]))
+        continue;
       // A subsumed rule more confident than its subsumer stays: it decides where both fire.
       if (laplace(gen[i]) > laplace(gen[j])) continue;
       if (j < i || !subsumes(gen[i], gen[j])) dropped[i] = true;

@@ -1093,27 +1093,63 @@ template <class Row>
 static void scan_rows(table const& t, std::vector<column const*> const& cols,
                       std::vector<std::vector<order_range>> const& rules, Row const& row) {
   unsigned long n = t.get_no_rows();
+  constexpr unsigned long kWords = kBlock / 64;
   std::vector<std::vector<std::uint32_t>> orders(cols.size());
-  std::vector<char> fires(rules.size());
+  // Per rule, a bit per row of the block that it fires on; then per row, the rules firing.
+  std::vector<std::uint64_t> fires(rules.size() * kWords);
+  std::vector<std::uint32_t> at(kBlock + 1), firing;
   for (unsigned long from = 0; from < n; from += kBlock) {
-    unsigned long to = std::min(n, from + kBlock);
+    unsigned long to = std::min(n, from + kBlock), rows = to - from, words = (rows + 63) / 64;
     for (std::size_t a = 0; a < cols.size(); ++a) {
       if (cols[a] == nullptr) continue;
-      orders[a].resize(to - from);
+      orders[a].resize(rows);
       for (unsigned long r = from; r < to; ++r)
         orders[a][r - from] = static_cast<std::uint32_t>(cols[a]->get_row_index(r));
     }
-    for (unsigned long r = from; r < to; ++r) {
-      for (std::size_t k = 0; k < rules.size(); ++k) {
-        bool all = true;
-        for (order_range const& c : rules[k])
-          if (!c.holds(orders[c.att][r - from])) {
-            all = false;
-            break;
-          }
-        fires[k] = all;
+    for (std::size_t k = 0; k < rules.size(); ++k) {
+      std::uint64_t* f = &fires[k * kWords];
+      for (unsigned long w = 0; w < words; ++w)
+        f[w] = w + 1 == words && rows % 64 != 0 ? (std::uint64_t{1} << (rows % 64)) - 1
+                                                : ~std::uint64_t{0};
+      for (order_range const& c : rules[k]) {
+        if (c.lo == 0 || c.hi < c.lo) {
+          std::fill(f, f + words, 0);
+          break;
+        }
+        // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+        auto lo = static_cast<std::uint32_t>(c.lo);
+        auto span = static_cast<std::uint32_t>(c.hi - c.lo);
+        std::uint32_t const* ord = orders[c.att].data();
+        bool any = false;
+        for (unsigned long w = 0; w < words; ++w) {
+          if (f[w] == 0) continue;
+          std::uint64_t pass = 0;
+          unsigned long end = std::min(rows, w * 64 + 64);
+          for (unsigned long r = w * 64; r < end; ++r)
+            pass |= static_cast<std::uint64_t>(ord[r] - lo <= span) << (r - w * 64);
+          f[w] &= pass;
+          any |= f[w] != 0;
+        }
+        if (!any) break;
       }
-      row(r, fires);
+    }
+    std::fill(at.begin(), at.end(), 0);
+    for (std::size_t k = 0; k < rules.size(); ++k)
+      for (unsigned long w = 0; w < words; ++w)
+        for (std::uint64_t bits = fires[k * kWords + w]; bits != 0; bits &= bits - 1)
+          ++at[w * 64 + static_cast<unsigned long>(__builtin_ctzll(bits)) + 1];
+    for (unsigned long r = 0; r < rows; ++r)
+      at[r + 1] += at[r];
+    firing.resize(at[rows]);
+    for (std::size_t k = 0; k < rules.size(); ++k)
+      for (unsigned long w = 0; w < words; ++w)
+        for (std::uint64_t bits = fires[k * kWords + w]; bits != 0; bits &= bits - 1)
+          firing[at[w * 64 + static_cast<unsigned long>(__builtin_ctzll(bits))]++] =
+              static_cast<std::uint32_t>(k);
+    // at[r] now ends row r's rules; row r's begin where row r - 1's end.
+    for (unsigned long r = 0; r < rows; ++r) {
+      std::uint32_t begin = r == 0 ? 0 : at[r - 1];
+      row(from + r, firing.data() + begin, firing.data() + at[r]);
     }
   }
 }
@@ -1123,35 +1159,37 @@ void rule_model::classify(table const& t, std::vector<unsigned long>& cls,
   bound b = bind(t);
   cls.assign(t.get_no_rows(), default_);
   if (by_rule) by_rule->assign(t.get_no_rows(), size());
-  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
-    std::size_t best = rules_.size();
-    for (std::size_t k = 0; k < rules_.size(); ++k)
-      if (fires[k] && (best == rules_.size() || decides_over(rules_[k], rules_[best]))) best = k;
-    if (best == rules_.size()) return;
-    cls[r] = rules_[best].cls;
+  scan_rows(t, b.cols, b.rules,
+            [&](unsigned long r, std::uint32_t const* k, std::uint32_t const* end) {
+              std::size_t best = rules_.size();
+              for (; k != end; ++k)
+                if (best == rules_.size() || decides_over(rules_[*k], rules_[best])) best = *k;
+              if (best == rules_.size()) return;
+              cls[r] = rules_[best].cls;
 
-    if (by_rule) (*by_rule)[r] = best;
-  });
+              if (by_rule) (*by_rule)[r] = best;
+            });
 }
 
 std::vector<double> rule_model::predict_proba(table const& t) const {
   bound b = bind(t);
   std::size_t k = classes_.size();
   std::vector<double> out(t.get_no_rows() * k, 0.0);
-  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
-    double* p = out.data() + r * k;
-    double sum = 0;
-    for (std::size_t i = 0; i < rules_.size(); ++i)
-      if (fires[i]) p[rules_[i].cls] = std::max(p[rules_[i].cls], rules_[i].confidence);
-    for (std::size_t c = 0; c < k; ++c)
-      sum += p[c];
-    if (sum > 0) {
-      for (std::size_t c = 0; c < k; ++c)
-        p[c] /= sum;
-    } else {
-      std::copy(default_dist_.begin(), default_dist_.end(), p);
-    }
-  });
+  scan_rows(t, b.cols, b.rules,
+            [&](unsigned long r, std::uint32_t const* i, std::uint32_t const* end) {
+              double* p = out.data() + r * k;
+              double sum = 0;
+              for (; i != end; ++i)
+                p[rules_[*i].cls] = std::max(p[rules_[*i].cls], rules_[*i].confidence);
+              for (std::size_t c = 0; c < k; ++c)
+                sum += p[c];
+              if (sum > 0) {
+                for (std::size_t c = 0; c < k; ++c)
+                  p[c] /= sum;
+              } else {
+                std::copy(default_dist_.begin(), default_dist_.end(), p);
+              }
+            });
   return out;
 }
 

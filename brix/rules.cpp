@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <ostream>
@@ -273,6 +274,22 @@ general generalise_wide(std::vector<rule_condition> const& conds,
   return g;
 }
 
+// A bit per order of a full word of 64 whose value lies outside [lo, lo + span] (0, unknown,
+// wraps past the span): compared a byte each (a loop the compiler vectorises), then packed eight
+// bytes of 0 or 1 at a time by a multiply that gathers byte i's low bit into bit i.
+std::uint64_t outside64(std::uint32_t const* ord, std::uint32_t lo, std::uint32_t span) {
+  unsigned char b[64];
+  for (std::size_t i = 0; i < 64; ++i)
+    b[i] = static_cast<unsigned char>(static_cast<std::uint32_t>(ord[i] - lo) > span);
+  std::uint64_t word = 0;
+  for (std::size_t k = 0; k < 8; ++k) {
+    std::uint64_t x;
+    std::memcpy(&x, b + 8 * k, 8);
+    word |= ((x * 0x0102040810204080ull) >> 56) << (8 * k);
+  }
+  return word;
+}
+
 // The cases failing each condition, a bit a case, kept for the conditions of the last rules:
 // leaves read in tree order share most of their paths, so most conditions come from here.
 class fail_sets {
@@ -305,6 +322,10 @@ class fail_sets {
       std::uint32_t const* ord = cs.orders[b.att].data();
       std::uint32_t span = hi - lo;
       for (std::size_t w = 0; w < words_; ++w) {
+        if (w * 64 + 64 <= n_) {
+          out[w] = outside64(ord + w * 64, lo, span);
+          continue;
+        }
         std::uint64_t word = 0;
         std::size_t from = w * 64, to = std::min(n_, from + 64);
         for (std::size_t i = from; i < to; ++i)
@@ -1123,6 +1144,11 @@ static void scan_rows(table const& t, std::vector<column const*> const& cols,
         bool any = false;
         for (unsigned long w = 0; w < words; ++w) {
           if (f[w] == 0) continue;
+          if (w * 64 + 64 <= rows) {
+            f[w] &= ~outside64(ord + w * 64, lo, span);
+            any |= f[w] != 0;
+            continue;
+          }
           std::uint64_t pass = 0;
           unsigned long end = std::min(rows, w * 64 + 64);
           for (unsigned long r = w * 64; r < end; ++r)

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <ostream>
@@ -176,8 +177,9 @@ struct general {
 // long as that rate is no higher than the rule's with it. Each case keeps a bit per condition it
 // fails, so a pass over the cases tallies what dropping each condition would add. Conditions past
 // the 64th are kept as they are (deliberately: paths that long do not occur in pruned trees).
-general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
-                   unsigned long cls, cases const& cs, float cf, float coeff) {
+general generalise_wide(std::vector<rule_condition> const& conds,
+                        std::vector<order_range> const& bound, unsigned long cls, cases const& cs,
+                        float cf, float coeff) {
   std::size_t m = conds.size(), n_cases = cs.w.size();
   std::size_t free = std::min<std::size_t>(m, 64);
   std::vector<std::uint64_t> fails(n_cases, 0);
@@ -272,6 +274,191 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   return g;
 }
 
+// A bit per order of a full word of 64 whose value lies outside [lo, lo + span] (0, unknown,
+// wraps past the span): compared a byte each (a loop the compiler vectorises), then packed eight
+// bytes of 0 or 1 at a time by a multiply that gathers byte i's low bit into bit i.
+std::uint64_t outside64(std::uint32_t const* ord, std::uint32_t lo, std::uint32_t span) {
+  unsigned char b[64];
+  for (std::size_t i = 0; i < 64; ++i)
+    b[i] = static_cast<unsigned char>(static_cast<std::uint32_t>(ord[i] - lo) > span);
+  std::uint64_t word = 0;
+  for (std::size_t k = 0; k < 8; ++k) {
+    std::uint64_t x;
+    std::memcpy(&x, b + 8 * k, 8);
+    word |= ((x * 0x0102040810204080ull) >> 56) << (8 * k);
+  }
+  return word;
+}
+
+// The cases failing each condition, a bit a case, kept for the conditions of the last rules:
+// leaves read in tree order share most of their paths, so most conditions come from here.
+class fail_sets {
+ public:
+  explicit fail_sets(std::size_t n_cases)
+      : n_(n_cases), words_((n_cases + 63) / 64), slots_(kSlots), bits_(kSlots * words_, 0) {}
+  std::size_t words() const { return words_; }
+  // The set of condition b; sets handed out since the last next_rule() stay valid.
+  std::uint64_t const* of(order_range const& b, cases const& cs) {
+    auto lo = static_cast<std::uint32_t>(b.lo), hi = static_cast<std::uint32_t>(b.hi);
+    bool none = hi < lo || lo == 0;
+    key k{none ? ~0ul : b.att, none ? 0u : lo, none ? 0u : hi};
+    std::size_t victim = 0;
+    for (std::size_t s = 0; s < kSlots; ++s) {
+      if (slots_[s].used && slots_[s].k == k) {
+        slots_[s].stamp = rule_;
+        return &bits_[s * words_];
+      }
+      if (slots_[s].stamp < slots_[victim].stamp) victim = s;
+    }
+    slot& v = slots_[victim];
+    v = {k, rule_, true};
+    std::uint64_t* out = &bits_[victim * words_];
+    std::fill(out, out + words_, 0);
+    if (none) {
+      for (std::size_t i = 0; i < n_; ++i)
+        out[i >> 6] |= std::uint64_t{1} << (i & 63);
+    } else {
+      // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+      std::uint32_t const* ord = cs.orders[b.att].data();
+      std::uint32_t span = hi - lo;
+      for (std::size_t w = 0; w < words_; ++w) {
+        if (w * 64 + 64 <= n_) {
+          out[w] = outside64(ord + w * 64, lo, span);
+          continue;
+        }
+        std::uint64_t word = 0;
+        std::size_t from = w * 64, to = std::min(n_, from + 64);
+        for (std::size_t i = from; i < to; ++i)
+          word |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(ord[i] - lo) > span)
+                  << (i - from);
+        out[w] = word;
+      }
+    }
+    return out;
+  }
+  void next_rule() { ++rule_; }
+
+ private:
+  // More than the conditions of any rule generalised this way, so a rule's own sets stay.
+  static constexpr std::size_t kSlots = 160;
+  struct key {
+    unsigned long att;
+    std::uint32_t lo, hi;
+    bool operator==(key const& o) const { return att == o.att && lo == o.lo && hi == o.hi; }
+  };
+  struct slot {
+    key k{0, 0, 0};
+    std::uint64_t stamp = 0;
+    bool used = false;
+  };
+  std::size_t n_, words_;
+  std::vector<slot> slots_;
+  std::vector<std::uint64_t> bits_;
+  std::uint64_t rule_ = 1;
+};
+
+// generalise_wide's result without a pass over every case per condition: each condition's
+// failing cases come as a bitset, and a pass finds, a word at a time, the cases failing exactly
+// one condition still kept. Each condition's sums are taken in the order the wide form takes
+// them (by the number of conditions a case fails, then by case), so that every figure is the same.
+general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
+                   unsigned long cls, cases const& cs, float cf, float coeff, fail_sets& sets) {
+  std::size_t m = conds.size(), n_cases = cs.w.size();
+  if (m > 64) return generalise_wide(conds, bound, cls, cs, cf, coeff);
+  sets.next_rule();
+  std::size_t words = sets.words();
+  std::vector<std::uint64_t const*> fail(m);
+  for (std::size_t j = 0; j < m; ++j)
+    fail[j] = sets.of(bound[j], cs);
+  auto valid = [&](std::size_t w) {
+    return w + 1 == words && n_cases % 64 != 0 ? (std::uint64_t{1} << (n_cases % 64)) - 1
+                                               : ~std::uint64_t{0};
+  };
+  std::uint64_t active = m == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m) - 1;
+  // Calls each case failing no kept condition, in order.
+  auto each_passing = [&](auto const& take) {
+    for (std::size_t w = 0; w < words; ++w) {
+      std::uint64_t any = 0;
+      for (std::size_t j = 0; j < m; ++j)
+        if (active >> j & 1) any |= fail[j][w];
+      for (std::uint64_t word = valid(w) & ~any; word != 0; word &= word - 1)
+        take(static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word))));
+    }
+  };
+  double n = 0, e = 0;
+  each_passing([&](std::uint32_t i) {
+    n += cs.w[i];
+    if (cs.cls[i] != cls) e += cs.w[i];
+  });
+  // A leaf that covers no case (an empty branch, or rows other than the tree's) has no evidence
+  // to generalise from: its rule goes.
+  if (n <= 0) return general{};
+  std::vector<double> nj(m), ej(m);
+  std::vector<std::vector<std::pair<std::uint32_t, std::uint32_t>>> only_j(m);
+  std::vector<std::size_t> at(m + 2);
+  std::vector<std::uint32_t> order;
+  // The last condition stays: a rule without any would stand for the default class.
+  while ((active & (active - 1)) != 0) {
+    for (auto& o : only_j)
+      o.clear();
+    for (std::size_t w = 0; w < words; ++w) {
+      std::uint64_t once = 0, twice = 0;
+      for (std::size_t j = 0; j < m; ++j)
+        if (active >> j & 1) {
+          twice |= once & fail[j][w];
+          once |= fail[j][w];
+        }
+      once &= ~twice;
+      if (once == 0) continue;
+      for (std::size_t j = 0; j < m; ++j) {
+        if (!(active >> j & 1)) continue;
+        for (std::uint64_t hit = fail[j][w] & once; hit != 0; hit &= hit - 1) {
+          auto bit = static_cast<std::size_t>(__builtin_ctzll(hit));
+          std::uint32_t failed = 0;
+          for (std::size_t q = 0; q < m; ++q)
+            failed += static_cast<std::uint32_t>(fail[q][w] >> bit & 1);
+          only_j[j].emplace_back(failed, static_cast<std::uint32_t>(w * 64 + bit));
+        }
+      }
+    }
+    double now = pessimistic(cf, coeff, n, e), best_rate = now;
+    std::size_t best = m;
+    for (std::size_t j = 0; j < m; ++j) {
+      if (!(active >> j & 1)) continue;
+      // By conditions failed, then by case: the cases came in order, so a stable count sort.
+      std::fill(at.begin(), at.end(), 0);
+      for (auto const& c : only_j[j])
+        ++at[c.first + 1];
+      for (std::size_t k = 1; k < at.size(); ++k)
+        at[k] += at[k - 1];
+      order.resize(only_j[j].size());
+      for (auto const& c : only_j[j])
+        order[at[c.first]++] = c.second;
+      nj[j] = ej[j] = 0;
+      for (std::uint32_t i : order) {
+        nj[j] += cs.w[i];
+        if (cs.cls[i] != cls) ej[j] += cs.w[i];
+      }
+      double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
+      if (r <= best_rate && (best == m || r < best_rate)) {
+        best = j;
+        best_rate = r;
+      }
+    }
+    if (best == m) break;
+    active &= ~(std::uint64_t{1} << best);
+    n += nj[best];
+    e += ej[best];
+  }
+  general g;
+  g.n = n;
+  g.e = e;
+  for (std::size_t j = 0; j < m; ++j)
+    if (active >> j & 1) g.conditions.push_back(conds[j]);
+  each_passing([&](std::uint32_t i) { g.covered.push_back(i); });
+  return g;
+}
+
 // The bits that code a subset of one class's rules plus the bits that code its exceptions (the
 // covered cases of other classes among all covered, the uncovered cases of the class among all
 // uncovered). The theory is halved: the conditions of a rule, and the rules of a class, are far
@@ -316,16 +503,103 @@ class subset_coder {
     }
     theory_ += adding ? bits_[r] : -bits_[r];
     in_[r] = adding;
+    if (!tracking_) return;
+    // Other rules' deltas change only through the cases whose count left or reached 0 or 1.
+    for (std::uint32_t i : rules_[r]->covered) {
+      unsigned now = count_[i], was = adding ? now - 1 : now + 1;
+      bool zero = (now == 0) != (was == 0), one = (now == 1) != (was == 1);
+      if (!zero && !one) continue;
+      double w = static_cast<double>(cs_.w[i]);
+      bool mine = cs_.cls[i] == cls_;
+      for (std::uint32_t k = by_case_at_[i]; k < by_case_at_[i + 1]; ++k) {
+        std::uint32_t q = by_case_[k];
+        if (q == r) continue;
+        // What case i adds to q's toggle: its weight when q is out and nothing covers it, less
+        // its weight when q is in and covers it alone.
+        double d;
+        if (in_[q]) {
+          if (!one) continue;
+          d = now == 1 ? -w : w;
+        } else {
+          if (!zero) continue;
+          d = now == 0 ? w : -w;
+        }
+        delta_[q].cov += d;
+        if (mine)
+          delta_[q].fn -= d;
+        else
+          delta_[q].fp += d;
+        if (++delta_[q].ops > 2 * rules_[q]->covered.size() + 32) refresh(q);
+      }
+    }
+    refresh(r);
   }
   bool in(std::size_t r) const { return in_[r]; }
   double false_positives() const { return fp_; }
 
+  // Keeps, per rule, what toggling it changes (covered weight, false positives and negatives),
+  // updated at each toggle through the cases that change, so that the climb can rank every rule
+  // without a pass over its cases.
+  void track() {
+    tracking_ = true;
+    by_case_at_.assign(cs_.w.size() + 1, 0);
+    for (general const* g : rules_)
+      for (std::uint32_t i : g->covered)
+        ++by_case_at_[i + 1];
+    for (std::size_t i = 1; i < by_case_at_.size(); ++i)
+      by_case_at_[i] += by_case_at_[i - 1];
+    by_case_.resize(by_case_at_.back());
+    std::vector<std::uint32_t> at(by_case_at_.begin(), by_case_at_.end() - 1);
+    for (std::size_t q = 0; q < rules_.size(); ++q)
+      for (std::uint32_t i : rules_[q]->covered)
+        by_case_[at[i]++] = static_cast<std::uint32_t>(q);
+    double most = 0;
+    for (float w : cs_.w)
+      most += std::fabs(static_cast<double>(w));
+    // Rounding: each sum here and in cost_toggled errs by at most an epsilon of twice the total
+    // weight a term; the bits move by at most lipschitz_ per unit of weight.
+    unit_ = 2 * most * std::numeric_limits<double>::epsilon();
+    lipschitz_ = 8 * (std::log(most + 1) + 1) / std::log(2.0);
+    slack_ = 1e-6 + 1e-9 * most * std::log2(most + 2);
+    delta_.assign(rules_.size(), {});
+    for (std::size_t q = 0; q < rules_.size(); ++q)
+      refresh(q);
+  }
+  // cost_toggled(r) from the kept deltas, and a bound on how far from it that can be.
+  double estimate(std::size_t r) const {
+    double theory = theory_ + (in_[r] ? -bits_[r] : bits_[r]);
+    return theory * kTheoryWeight +
+           exceptions(covered_ + delta_[r].cov, fp_ + delta_[r].fp, fn_ + delta_[r].fn);
+  }
+  double margin(std::size_t r) const {
+    double terms = static_cast<double>(delta_[r].ops + 2 * rules_[r]->covered.size() + 8);
+    return lipschitz_ * unit_ * terms + slack_;
+  }
+
  private:
+  void refresh(std::size_t q) {
+    delta d;
+    bool adding = !in_[q];
+    for (std::uint32_t i : rules_[q]->covered) {
+      if (count_[i] != (adding ? 0u : 1u)) continue;
+      double w = (adding ? 1 : -1) * static_cast<double>(cs_.w[i]);
+      d.cov += w;
+      if (cs_.cls[i] == cls_)
+        d.fn -= w;
+      else
+        d.fp += w;
+    }
+    delta_[q] = d;
+  }
   double exceptions(double cov, double fp, double fn) const {
     cov = std::max(cov, 0.0);
     double unc = std::max(cs_.total - cov, 0.0);
     return log2_binomial(cov, std::max(fp, 0.0)) + log2_binomial(unc, std::max(fn, 0.0));
   }
+  struct delta {
+    double cov = 0, fp = 0, fn = 0;
+    std::size_t ops = 0;  // updates since the last recount
+  };
   cases const& cs_;
   unsigned long cls_;
   std::vector<general const*> const& rules_;
@@ -333,6 +607,10 @@ class subset_coder {
   std::vector<unsigned> count_;
   std::vector<bool> in_ = std::vector<bool>(rules_.size(), false);
   double covered_ = 0, fp_ = 0, fn_ = 0, theory_ = 0;
+  bool tracking_ = false;
+  std::vector<std::uint32_t> by_case_at_, by_case_;  // per case, the rules covering it
+  std::vector<delta> delta_;
+  double unit_ = 0, lipschitz_ = 0, slack_ = 0;
 };
 
 // Classes with at most this many rules try every subset; larger ones climb greedily from none,
@@ -361,11 +639,23 @@ std::vector<bool> choose_subset(subset_coder& coder, std::size_t n_rules) {
     for (std::size_t r = 0; r < n_rules; ++r)
       if (coder.in(r) != ((best_mask >> r & 1) != 0)) coder.toggle(r);
   } else {
+    coder.track();
+    std::vector<double> low(n_rules), high(n_rules);
     double now = coder.cost();
     for (;;) {
+      // The estimates rule out every rule that cannot be the cheapest; the rest are costed
+      // exactly, in order, so that the choice is the one a full recount would make.
+      double ceiling = std::numeric_limits<double>::infinity();
+      for (std::size_t r = 0; r < n_rules; ++r) {
+        double e = coder.estimate(r), m = coder.margin(r);
+        low[r] = e - m;
+        high[r] = e + m;
+        ceiling = std::min(ceiling, high[r]);
+      }
       std::size_t best = n_rules;
       double best_cost = now - 1e-9;
       for (std::size_t r = 0; r < n_rules; ++r) {
+        if (low[r] > ceiling || low[r] >= best_cost) continue;
         double c = coder.cost_toggled(r);
         if (c < best_cost) {
           best = r;
@@ -405,22 +695,58 @@ void drop_needless(std::vector<rule>& rules_, unsigned long default_, cases cons
     return n_rules;
   };
   auto class_of = [&](std::size_t k) { return k == n_rules ? default_ : rules_[k].cls; };
-  std::vector<double> delta(n_rules);
-  for (;;) {
-    std::fill(delta.begin(), delta.end(), 0.0);
-    for (std::size_t i = 0; i < cs.w.size(); ++i) {
-      std::size_t first = decider(i, n_rules);
-      if (first == n_rules) continue;
-      std::size_t next = decider(i, first);
-      double was = class_of(first) != cs.cls[i], now = class_of(next) != cs.cls[i];
-      delta[first] += cs.w[i] * (now - was);
+  // Per rule, the cases it decides, in order, and what its loss would add to the errors: summed
+  // over those cases in order, recounted only for the rules a loss touches.
+  std::vector<std::vector<std::uint32_t>> decides(n_rules);
+  for (std::size_t i = 0; i < cs.w.size(); ++i) {
+    std::size_t first = decider(i, n_rules);
+    if (first != n_rules) decides[first].push_back(static_cast<std::uint32_t>(i));
+  }
+  std::vector<double> delta(n_rules, 0.0);
+  auto recount = [&](std::size_t k) {
+    double d = 0;
+    for (std::uint32_t i : decides[k]) {
+      std::size_t next = decider(i, k);
+      double was = class_of(k) != cs.cls[i], now = class_of(next) != cs.cls[i];
+      d += cs.w[i] * (now - was);
     }
+    delta[k] = d;
+  };
+  for (std::size_t k = 0; k < n_rules; ++k)
+    recount(k);
+  std::vector<char> touched(n_rules, 0), grown(n_rules, 0);
+  std::vector<std::size_t> touched_list;
+  for (;;) {
     std::size_t best = n_rules;
     for (std::size_t k = n_rules; k-- > 0;)
       if (!gone[k] && delta[k] <= 1e-9 && (best == n_rules || delta[k] < delta[best] - 1e-9))
         best = k;
     if (best == n_rules) break;
     gone[best] = true;
+    auto touch = [&](std::size_t k) {
+      if (!touched[k]) touched_list.push_back(k);
+      touched[k] = 1;
+    };
+    // Its cases go to the next rule firing on them; the rules deciding the cases where it came
+    // second lose their fallback.
+    for (std::uint32_t i : decides[best]) {
+      std::size_t first = decider(i, n_rules);
+      if (first == n_rules) continue;
+      decides[first].push_back(i);
+      grown[first] = 1;
+      touch(first);
+    }
+    std::vector<std::uint32_t>().swap(decides[best]);
+    for (std::uint32_t i : *coverage[best]) {
+      std::size_t first = decider(i, n_rules);
+      if (first != n_rules) touch(first);
+    }
+    for (std::size_t k : touched_list) {
+      if (grown[k]) std::sort(decides[k].begin(), decides[k].end());
+      recount(k);
+      touched[k] = grown[k] = 0;
+    }
+    touched_list.clear();
   }
   std::vector<rule> kept;
   std::vector<std::vector<std::uint32_t> const*> kept_coverage;
@@ -633,11 +959,12 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
   float cf = m->confidence_level_, coeff = _decision_tree::CFCoefficient(cf);
   std::vector<general> gen;
   std::vector<unsigned long> gen_cls;
+  fail_sets sets(cs.w.size());
   for (candidate const& l : leaves) {
     std::vector<order_range> b;
     for (rule_condition const& c : l.conds)
       b.push_back(bind_condition(c, *cmp[c.attribute], cols[c.attribute]));
-    general g = generalise(l.conds, b, l.cls, cs, cf, coeff);
+    general g = generalise(l.conds, b, l.cls, cs, cf, coeff, sets);
     if (g.n <= 0) continue;
     gen.push_back(std::move(g));
     gen_cls.push_back(l.cls);
@@ -663,10 +990,18 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
       if (!implied(c, b.conditions, *cmp[c.attribute])) return false;
     return true;
   };
+  // A rule subsumes another only if each of its attribute-and-test pairs is among the other's:
+  // a bit per pair (hashed) rules most pairs of rules out before a threshold is compared.
+  std::vector<std::uint64_t> pairs(gen.size(), 0);
+  for (std::size_t i = 0; i < gen.size(); ++i)
+    for (rule_condition const& c : gen[i].conditions)
+      pairs[i] |= std::uint64_t{1} << ((c.attribute * 3 + static_cast<unsigned long>(c.test)) % 64);
   std::vector<bool> dropped(gen.size(), false);
   for (std::size_t i = 0; i < gen.size(); ++i)
     for (std::size_t j = 0; j < gen.size() && !dropped[i]; ++j) {
-      if (i == j || gen_cls[i] != gen_cls[j] || !subsumes(gen[j], gen[i])) continue;
+      if (i == j || gen_cls[i] != gen_cls[j] || (pairs[j] & ~pairs[i]) != 0 ||
+          !subsumes(gen[j], gen[i]))
+        continue;
       // A subsumed rule more confident than its subsumer stays: it decides where both fire.
       if (laplace(gen[i]) > laplace(gen[j])) continue;
       if (j < i || !subsumes(gen[i], gen[j])) dropped[i] = true;
@@ -779,27 +1114,68 @@ template <class Row>
 static void scan_rows(table const& t, std::vector<column const*> const& cols,
                       std::vector<std::vector<order_range>> const& rules, Row const& row) {
   unsigned long n = t.get_no_rows();
+  constexpr unsigned long kWords = kBlock / 64;
   std::vector<std::vector<std::uint32_t>> orders(cols.size());
-  std::vector<char> fires(rules.size());
+  // Per rule, a bit per row of the block that it fires on; then per row, the rules firing.
+  std::vector<std::uint64_t> fires(rules.size() * kWords);
+  std::vector<std::uint32_t> at(kBlock + 1), firing;
   for (unsigned long from = 0; from < n; from += kBlock) {
-    unsigned long to = std::min(n, from + kBlock);
+    unsigned long to = std::min(n, from + kBlock), rows = to - from, words = (rows + 63) / 64;
     for (std::size_t a = 0; a < cols.size(); ++a) {
       if (cols[a] == nullptr) continue;
-      orders[a].resize(to - from);
+      orders[a].resize(rows);
       for (unsigned long r = from; r < to; ++r)
         orders[a][r - from] = static_cast<std::uint32_t>(cols[a]->get_row_index(r));
     }
-    for (unsigned long r = from; r < to; ++r) {
-      for (std::size_t k = 0; k < rules.size(); ++k) {
-        bool all = true;
-        for (order_range const& c : rules[k])
-          if (!c.holds(orders[c.att][r - from])) {
-            all = false;
-            break;
+    for (std::size_t k = 0; k < rules.size(); ++k) {
+      std::uint64_t* f = &fires[k * kWords];
+      for (unsigned long w = 0; w < words; ++w)
+        f[w] = w + 1 == words && rows % 64 != 0 ? (std::uint64_t{1} << (rows % 64)) - 1
+                                                : ~std::uint64_t{0};
+      for (order_range const& c : rules[k]) {
+        if (c.lo == 0 || c.hi < c.lo) {
+          std::fill(f, f + words, 0);
+          break;
+        }
+        // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+        auto lo = static_cast<std::uint32_t>(c.lo);
+        auto span = static_cast<std::uint32_t>(c.hi - c.lo);
+        std::uint32_t const* ord = orders[c.att].data();
+        bool any = false;
+        for (unsigned long w = 0; w < words; ++w) {
+          if (f[w] == 0) continue;
+          if (w * 64 + 64 <= rows) {
+            f[w] &= ~outside64(ord + w * 64, lo, span);
+            any |= f[w] != 0;
+            continue;
           }
-        fires[k] = all;
+          std::uint64_t pass = 0;
+          unsigned long end = std::min(rows, w * 64 + 64);
+          for (unsigned long r = w * 64; r < end; ++r)
+            pass |= static_cast<std::uint64_t>(ord[r] - lo <= span) << (r - w * 64);
+          f[w] &= pass;
+          any |= f[w] != 0;
+        }
+        if (!any) break;
       }
-      row(r, fires);
+    }
+    std::fill(at.begin(), at.end(), 0);
+    for (std::size_t k = 0; k < rules.size(); ++k)
+      for (unsigned long w = 0; w < words; ++w)
+        for (std::uint64_t bits = fires[k * kWords + w]; bits != 0; bits &= bits - 1)
+          ++at[w * 64 + static_cast<unsigned long>(__builtin_ctzll(bits)) + 1];
+    for (unsigned long r = 0; r < rows; ++r)
+      at[r + 1] += at[r];
+    firing.resize(at[rows]);
+    for (std::size_t k = 0; k < rules.size(); ++k)
+      for (unsigned long w = 0; w < words; ++w)
+        for (std::uint64_t bits = fires[k * kWords + w]; bits != 0; bits &= bits - 1)
+          firing[at[w * 64 + static_cast<unsigned long>(__builtin_ctzll(bits))]++] =
+              static_cast<std::uint32_t>(k);
+    // at[r] now ends row r's rules; row r's begin where row r - 1's end.
+    for (unsigned long r = 0; r < rows; ++r) {
+      std::uint32_t begin = r == 0 ? 0 : at[r - 1];
+      row(from + r, firing.data() + begin, firing.data() + at[r]);
     }
   }
 }
@@ -809,35 +1185,37 @@ void rule_model::classify(table const& t, std::vector<unsigned long>& cls,
   bound b = bind(t);
   cls.assign(t.get_no_rows(), default_);
   if (by_rule) by_rule->assign(t.get_no_rows(), size());
-  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
-    std::size_t best = rules_.size();
-    for (std::size_t k = 0; k < rules_.size(); ++k)
-      if (fires[k] && (best == rules_.size() || decides_over(rules_[k], rules_[best]))) best = k;
-    if (best == rules_.size()) return;
-    cls[r] = rules_[best].cls;
+  scan_rows(t, b.cols, b.rules,
+            [&](unsigned long r, std::uint32_t const* k, std::uint32_t const* end) {
+              std::size_t best = rules_.size();
+              for (; k != end; ++k)
+                if (best == rules_.size() || decides_over(rules_[*k], rules_[best])) best = *k;
+              if (best == rules_.size()) return;
+              cls[r] = rules_[best].cls;
 
-    if (by_rule) (*by_rule)[r] = best;
-  });
+              if (by_rule) (*by_rule)[r] = best;
+            });
 }
 
 std::vector<double> rule_model::predict_proba(table const& t) const {
   bound b = bind(t);
   std::size_t k = classes_.size();
   std::vector<double> out(t.get_no_rows() * k, 0.0);
-  scan_rows(t, b.cols, b.rules, [&](unsigned long r, std::vector<char> const& fires) {
-    double* p = out.data() + r * k;
-    double sum = 0;
-    for (std::size_t i = 0; i < rules_.size(); ++i)
-      if (fires[i]) p[rules_[i].cls] = std::max(p[rules_[i].cls], rules_[i].confidence);
-    for (std::size_t c = 0; c < k; ++c)
-      sum += p[c];
-    if (sum > 0) {
-      for (std::size_t c = 0; c < k; ++c)
-        p[c] /= sum;
-    } else {
-      std::copy(default_dist_.begin(), default_dist_.end(), p);
-    }
-  });
+  scan_rows(t, b.cols, b.rules,
+            [&](unsigned long r, std::uint32_t const* i, std::uint32_t const* end) {
+              double* p = out.data() + r * k;
+              double sum = 0;
+              for (; i != end; ++i)
+                p[rules_[*i].cls] = std::max(p[rules_[*i].cls], rules_[*i].confidence);
+              for (std::size_t c = 0; c < k; ++c)
+                sum += p[c];
+              if (sum > 0) {
+                for (std::size_t c = 0; c < k; ++c)
+                  p[c] /= sum;
+              } else {
+                std::copy(default_dist_.begin(), default_dist_.end(), p);
+              }
+            });
   return out;
 }
 

@@ -875,46 +875,46 @@ std::vector<rule> rule_model::generalised(tree_model const& tree, table const& t
   return out;
 }
 
-std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table const& t,
-                                                 std::vector<unsigned long> const* rows,
-                                                 std::vector<float> const* row_weight,
-                                                 std::vector<rule>* generalised) {
-  impls::decision_tree const& tree = *tm.facade().get_impl();
-  impls::table const& meta = *tree.get_metadata();
-  impls::table const& tab = *t.get_impl();
-  std::unique_ptr<rule_model> m(new rule_model());
-  m->name_ = tree.get_name();
-  m->class_name_ = meta.get_class()->get_name();
-  m->confidence_level_ = tree.get_conf_level();
-  m->classes_ = tm.classes();
+namespace {
+
+std::vector<rule_model::attribute> attributes_of(impls::table const& meta) {
+  std::vector<rule_model::attribute> out;
   for (unsigned long a = 0; a < meta.get_no_attributes(); ++a) {
     column const* c = meta.get_attribute(a);
-    attribute att;
+    rule_model::attribute att;
     att.name = c->get_name();
     att.continuous = c->is_continuous();
     att.datatype = c->get_o_set()->get_datatype();
     if (!att.continuous)
       for (unsigned long o = 1; o <= c->get_distinct(); ++o)
         att.values.push_back(c->get_o_set()->get_value(o));
-    m->attributes_.push_back(std::move(att));
+    out.push_back(std::move(att));
   }
-  auto cmp = comparers(m->attributes_);
-  std::size_t k = m->classes_.size();
+  return out;
+}
 
-  // One rule a leaf.
-  struct candidate {
-    std::vector<rule_condition> conds;
-    unsigned long cls;
-  };
+// A leaf's rule: its path's conditions, merged, and its class (an index, from 0).
+struct candidate {
+  std::vector<rule_condition> conds;
+  unsigned long cls;
+};
+
+std::vector<candidate> leaf_rules(impls::decision_tree const& tree, impls::table const& meta,
+                                  std::vector<std::unique_ptr<o_set>> const& cmp, std::size_t k) {
   std::vector<candidate> leaves;
   std::vector<rule_condition> path;
   each_leaf(tree.get_root(), meta, path, [&](_decision_node const& n, auto const& p) {
     unsigned long c = n.get_leaf();
     if (c >= 1 && c <= k) leaves.push_back({merged(p, cmp), c - 1});
   });
-  m->leaves_ = static_cast<unsigned long>(leaves.size());
+  return leaves;
+}
 
-  // The training cases.
+// The training cases: every row of the table, or the rows given, with the table's weights or the
+// ones given; kept gets the table row of each case.
+cases training_cases(impls::table const& tab, std::vector<unsigned long> const* rows,
+                     std::vector<float> const* row_weight, std::vector<std::string> const& classes,
+                     std::vector<unsigned long>& kept) {
   column const* cls_col = tab.get_class();
   if (cls_col == nullptr) bad("the table has no class column");
   std::vector<unsigned long> all;
@@ -925,10 +925,9 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     rows = &all;
   }
   std::vector<float> weights = row_weights(tab);
-  std::vector<unsigned long> to_class = class_map(cls_col, m->classes_);
+  std::vector<unsigned long> to_class = class_map(cls_col, classes);
   cases cs;
-  cs.per_class.assign(k, 0.0);
-  std::vector<unsigned long> kept;  // table rows of the cases
+  cs.per_class.assign(classes.size(), 0.0);
   for (std::size_t i = 0; i < rows->size(); ++i) {
     unsigned long r = (*rows)[i];
     if (r >= tab.get_no_rows()) bad("row " + std::to_string(r) + " is not in the table");
@@ -941,49 +940,46 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     cs.total += w;
     cs.per_class[c - 1] += w;
   }
-  cs.orders.resize(m->attributes_.size());
-  std::vector<column const*> cols(m->attributes_.size(), nullptr);
+  return cs;
+}
+
+// The columns of the attributes the leaves test (null for the others), each one's orders of the
+// kept rows put in cs.
+std::vector<column const*> tested_columns(impls::table const& tab,
+                                          std::vector<rule_model::attribute> const& atts,
+                                          std::vector<candidate> const& leaves,
+                                          std::vector<unsigned long> const& kept, cases& cs) {
+  cs.orders.resize(atts.size());
+  std::vector<column const*> cols(atts.size(), nullptr);
   for (candidate const& l : leaves)
     for (rule_condition const& c : l.conds) {
       if (cols[c.attribute] != nullptr) continue;
-      cols[c.attribute] = column_named(tab, m->attributes_[c.attribute].name);
+      cols[c.attribute] = column_named(tab, atts[c.attribute].name);
       if (cols[c.attribute] == nullptr)
-        bad("the table has no column '" + m->attributes_[c.attribute].name + "'");
+        bad("the table has no column '" + atts[c.attribute].name + "'");
       auto& ord = cs.orders[c.attribute];
       ord.resize(kept.size());
       for (std::size_t i = 0; i < kept.size(); ++i)
         ord[i] = static_cast<std::uint32_t>(cols[c.attribute]->get_row_index(kept[i]));
     }
+  return cols;
+}
 
-  // Generalised, rules covering nothing dropped.
-  float cf = m->confidence_level_, coeff = _decision_tree::CFCoefficient(cf);
-  std::vector<general> gen;
-  std::vector<unsigned long> gen_cls;
-  fail_sets sets(cs.w.size());
-  for (candidate const& l : leaves) {
-    std::vector<order_range> b;
-    for (rule_condition const& c : l.conds)
-      b.push_back(bind_condition(c, *cmp[c.attribute], cols[c.attribute]));
-    general g = generalise(l.conds, b, l.cls, cs, cf, coeff, sets);
-    if (g.n <= 0) continue;
-    gen.push_back(std::move(g));
-    gen_cls.push_back(l.cls);
-  }
-  if (generalised != nullptr) {
-    for (std::size_t i = 0; i < gen.size(); ++i) {
-      rule r;
-      r.conditions = gen[i].conditions;
-      r.cls = gen_cls[i];
-      r.cases = gen[i].n;
-      r.errors = gen[i].e;
-      r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
-      generalised->push_back(std::move(r));
-    }
-    return nullptr;
-  }
+rule rule_of(general const& g, unsigned long cls) {
+  rule r;
+  r.conditions = g.conditions;
+  r.cls = cls;
+  r.cases = g.n;
+  r.errors = g.e;
+  r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
+  return r;
+}
 
-  // Duplicates and rules subsumed by a rule of their class dropped (of two equal rules, the
-  // later one).
+// Duplicates and rules subsumed by a rule of their class, marked (of two equal rules, the later
+// one).
+std::vector<bool> subsumed(std::vector<general> const& gen,
+                           std::vector<unsigned long> const& gen_cls,
+                           std::vector<std::unique_ptr<o_set>> const& cmp) {
   auto laplace = [](general const& g) { return (g.n - g.e + 1) / (g.n + 2); };
   auto subsumes = [&](general const& a, general const& b) {
     for (rule_condition const& c : a.conditions)
@@ -1006,21 +1002,31 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
       if (laplace(gen[i]) > laplace(gen[j])) continue;
       if (j < i || !subsumes(gen[i], gen[j])) dropped[i] = true;
     }
+  return dropped;
+}
 
-  // The bits of a condition: its attribute, then a discrete one's value, or a continuous one's
-  // side and threshold (the tree's own, so one bit names it).
-  std::vector<double> att_bits(m->attributes_.size());
-  double choose_att = std::log2(std::max<double>(2, static_cast<double>(m->attributes_.size())));
+// The bits of a condition: its attribute, then a discrete one's value, or a continuous one's
+// side and threshold (the tree's own, so one bit names it).
+std::vector<double> condition_bits(impls::table const& meta,
+                                   std::vector<rule_model::attribute> const& atts) {
+  std::vector<double> att_bits(atts.size());
+  double choose_att = std::log2(std::max<double>(2, static_cast<double>(atts.size())));
   for (std::size_t a = 0; a < att_bits.size(); ++a) {
     double values = static_cast<double>(meta.get_attribute(a)->get_distinct());
-    att_bits[a] =
-        choose_att + (m->attributes_[a].continuous ? 2.0 : std::log2(std::max(2.0, values)));
+    att_bits[a] = choose_att + (atts[a].continuous ? 2.0 : std::log2(std::max(2.0, values)));
   }
+  return att_bits;
+}
 
-  // Per class: the subset of fewest bits.
+// Per class: the subset of fewest bits among the rules not dropped; false_pos gets each class's
+// false positives.
+std::vector<bool> chosen_rules(std::vector<general> const& gen,
+                               std::vector<unsigned long> const& gen_cls,
+                               std::vector<bool> const& dropped,
+                               std::vector<double> const& att_bits, cases const& cs,
+                               std::vector<double>& false_pos) {
   std::vector<bool> chosen(gen.size(), false);
-  std::vector<double> false_pos(k, 0.0);
-  for (unsigned long c = 0; c < k; ++c) {
+  for (unsigned long c = 0; c < false_pos.size(); ++c) {
     std::vector<general const*> mine;
     std::vector<std::size_t> where;
     std::vector<double> bits;
@@ -1041,6 +1047,82 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     for (std::size_t r = 0; r < mine.size(); ++r)
       if (pick[r]) chosen[where[r]] = true;
   }
+  return chosen;
+}
+
+// The default: the majority class of the cases no rule covers (of all cases when every case is
+// covered), ties to the first class, and its distribution.
+unsigned long default_of(std::vector<std::vector<std::uint32_t> const*> const& coverage,
+                         cases const& cs, std::vector<double>& dist) {
+  std::size_t k = cs.per_class.size();
+  std::vector<char> covered(cs.w.size(), 0);
+  for (auto const* cov : coverage)
+    for (std::uint32_t c : *cov)
+      covered[c] = 1;
+  std::vector<double> left(k, 0.0);
+  double left_total = 0;
+  for (std::size_t i = 0; i < cs.w.size(); ++i)
+    if (!covered[i]) {
+      left[cs.cls[i]] += cs.w[i];
+      left_total += cs.w[i];
+    }
+  if (left_total <= 0) {
+    left = cs.per_class;
+    left_total = cs.total;
+  }
+  dist.clear();
+  for (unsigned long c = 0; c < k; ++c)
+    dist.push_back((left[c] + 1) / (left_total + static_cast<double>(k)));
+  return static_cast<unsigned long>(std::max_element(left.begin(), left.end()) - left.begin());
+}
+
+}  // namespace
+
+std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table const& t,
+                                                 std::vector<unsigned long> const* rows,
+                                                 std::vector<float> const* row_weight,
+                                                 std::vector<rule>* generalised) {
+  impls::decision_tree const& tree = *tm.facade().get_impl();
+  impls::table const& meta = *tree.get_metadata();
+  impls::table const& tab = *t.get_impl();
+  std::unique_ptr<rule_model> m(new rule_model());
+  m->name_ = tree.get_name();
+  m->class_name_ = meta.get_class()->get_name();
+  m->confidence_level_ = tree.get_conf_level();
+  m->classes_ = tm.classes();
+  m->attributes_ = attributes_of(meta);
+  auto cmp = comparers(m->attributes_);
+  std::size_t k = m->classes_.size();
+  std::vector<candidate> leaves = leaf_rules(tree, meta, cmp, k);
+  m->leaves_ = static_cast<unsigned long>(leaves.size());
+  std::vector<unsigned long> kept;  // table rows of the cases
+  cases cs = training_cases(tab, rows, row_weight, m->classes_, kept);
+  std::vector<column const*> cols = tested_columns(tab, m->attributes_, leaves, kept, cs);
+
+  // Generalised, rules covering nothing dropped.
+  float cf = m->confidence_level_, coeff = _decision_tree::CFCoefficient(cf);
+  std::vector<general> gen;
+  std::vector<unsigned long> gen_cls;
+  fail_sets sets(cs.w.size());
+  for (candidate const& l : leaves) {
+    std::vector<order_range> b;
+    for (rule_condition const& c : l.conds)
+      b.push_back(bind_condition(c, *cmp[c.attribute], cols[c.attribute]));
+    general g = generalise(l.conds, b, l.cls, cs, cf, coeff, sets);
+    if (g.n <= 0) continue;
+    gen.push_back(std::move(g));
+    gen_cls.push_back(l.cls);
+  }
+  if (generalised != nullptr) {
+    for (std::size_t i = 0; i < gen.size(); ++i)
+      generalised->push_back(rule_of(gen[i], gen_cls[i]));
+    return nullptr;
+  }
+
+  std::vector<bool> dropped = subsumed(gen, gen_cls, cmp);
+  std::vector<double> false_pos(k, 0.0);
+  std::vector<bool> chosen =
+      chosen_rules(gen, gen_cls, dropped, condition_bits(meta, m->attributes_), cs, false_pos);
 
   // Classes by false positives, fewest first; each class's rules by confidence.
   for (unsigned long c = 0; c < k; ++c)
@@ -1052,12 +1134,7 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     std::vector<std::pair<rule, std::size_t>> mine;
     for (std::size_t i = 0; i < gen.size(); ++i) {
       if (!chosen[i] || gen_cls[i] != c) continue;
-      rule r;
-      r.conditions = gen[i].conditions;
-      r.cls = c;
-      r.cases = gen[i].n;
-      r.errors = gen[i].e;
-      r.confidence = (r.cases - r.errors + 1) / (r.cases + 2);
+      rule r = rule_of(gen[i], c);
       double share = cs.total > 0 ? cs.per_class[c] / cs.total : 0;
       r.lift = share > 0 ? r.confidence / share : 0;
       mine.emplace_back(std::move(r), i);
@@ -1071,34 +1148,10 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
     }
   }
 
-  // The default: the majority class of the cases no rule covers (of all cases when every case is
-  // covered), ties to the first class; set for the chosen rules, and again once needless rules
-  // are gone.
-  auto set_default = [&] {
-    std::vector<char> covered(cs.w.size(), 0);
-    for (auto const* cov : coverage)
-      for (std::uint32_t c : *cov)
-        covered[c] = 1;
-    std::vector<double> left(k, 0.0);
-    double left_total = 0;
-    for (std::size_t i = 0; i < cs.w.size(); ++i)
-      if (!covered[i]) {
-        left[cs.cls[i]] += cs.w[i];
-        left_total += cs.w[i];
-      }
-    if (left_total <= 0) {
-      left = cs.per_class;
-      left_total = cs.total;
-    }
-    m->default_ =
-        static_cast<unsigned long>(std::max_element(left.begin(), left.end()) - left.begin());
-    m->default_dist_.clear();
-    for (unsigned long c = 0; c < k; ++c)
-      m->default_dist_.push_back((left[c] + 1) / (left_total + static_cast<double>(k)));
-  };
-  set_default();
+  // The default is set for the chosen rules, and again once needless rules are gone.
+  m->default_ = default_of(coverage, cs, m->default_dist_);
   drop_needless(m->rules_, m->default_, cs, coverage);
-  set_default();
+  m->default_ = default_of(coverage, cs, m->default_dist_);
   return m;
 }
 
@@ -1353,106 +1406,126 @@ std::unique_ptr<rule_model> rule_model::load(std::string const& path) {
   return m;
 }
 
-std::unique_ptr<rule_model> rule_model::read(std::istream& in, std::string const& what) {
-  std::string line;
-  if (!std::getline(in, line) || line != kRulesHeader)
-    throw std::runtime_error(what + ": not a ruleset file");
-  auto damaged = [&](std::string const& why) {
+namespace {
+
+// The checks of a ruleset file's fields; what names the source in the messages.
+struct ruleset_fields {
+  std::string const& what;
+
+  [[noreturn]] void damaged(std::string const& why) const {
     throw std::runtime_error(what + ": damaged ruleset file (" + why + ")");
-  };
-  auto whole = [&](std::string const& s, unsigned long limit) {
+  }
+  unsigned long whole(std::string const& s, unsigned long limit) const {
     char* end = nullptr;
     unsigned long v = std::strtoul(s.c_str(), &end, 10);
     if (s.empty() || *end != '\0' || v >= limit) damaged("bad index '" + s + "'");
     return v;
-  };
-  auto real = [&](std::string const& s) {
+  }
+  double real(std::string const& s) const {
     char* end = nullptr;
     double v = std::strtod(s.c_str(), &end);
     if (s.empty() || *end != '\0' || !std::isfinite(v)) damaged("bad number '" + s + "'");
     return v;
-  };
+  }
+  void need(std::vector<std::string> const& f, std::size_t n) const {
+    if (f.size() != n) damaged("a '" + f[0] + "' line of " + std::to_string(f.size()) + " fields");
+  }
+
+  rule_model::attribute attribute(std::vector<std::string> const& f) const {
+    if (f.size() < 5) damaged("a short attribute");
+    rule_model::attribute a;
+    a.name = f[1];
+    a.continuous = f[2] == "c";
+    a.datatype = f[3];
+    if (a.datatype != "integer" && a.datatype != "uinteger" && a.datatype != "float" &&
+        a.datatype != "double" && a.datatype != "string")
+      damaged("data type '" + a.datatype + "'");
+    need(f, 5 + whole(f[4], std::numeric_limits<unsigned long>::max()));
+    a.values.assign(f.begin() + 5, f.end());
+    return a;
+  }
+
+  rule rule_line(std::vector<std::string> const& f, std::size_t classes,
+                 std::vector<rule_model::attribute> const& atts) const {
+    if (f.size() < 7) damaged("a short rule");
+    rule r;
+    r.cls = whole(f[1], classes);
+    r.cases = real(f[2]);
+    r.errors = real(f[3]);
+    r.confidence = real(f[4]);
+    r.lift = real(f[5]);
+    unsigned long n = whole(f[6], std::numeric_limits<unsigned long>::max() / 4);
+    need(f, 7 + 3 * n);
+    for (unsigned long i = 0; i < n; ++i) {
+      rule_condition c;
+      c.attribute = whole(f[7 + 3 * i], atts.size());
+      std::string const& op = f[8 + 3 * i];
+      c.test = op == "="    ? rule_condition::equal
+               : op == "<=" ? rule_condition::not_above
+               : op == ">"  ? rule_condition::above
+                            : (damaged("test '" + op + "'"), rule_condition::equal);
+      if ((c.test == rule_condition::equal) == atts[c.attribute].continuous)
+        damaged("test '" + op + "' on attribute '" + atts[c.attribute].name + "'");
+      c.value = f[9 + 3 * i];
+      r.conditions.push_back(std::move(c));
+    }
+    return r;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<rule_model> rule_model::read(std::istream& in, std::string const& what) {
+  std::string line;
+  if (!std::getline(in, line) || line != kRulesHeader)
+    throw std::runtime_error(what + ": not a ruleset file");
+  ruleset_fields check{what};
   std::unique_ptr<rule_model> m(new rule_model());
   bool ended = false;
   auto const big = std::numeric_limits<unsigned long>::max();
   while (std::getline(in, line)) {
     std::vector<std::string> f = fields(line);
     std::string const& key = f[0];
-    auto need = [&](std::size_t n) {
-      if (f.size() != n) damaged("a '" + key + "' line of " + std::to_string(f.size()) + " fields");
-    };
     if (key == "name") {
-      need(2);
+      check.need(f, 2);
       m->name_ = f[1];
     } else if (key == "class") {
-      need(2);
+      check.need(f, 2);
       m->class_name_ = f[1];
     } else if (key == "confidence") {
-      need(2);
-      m->confidence_level_ = static_cast<float>(real(f[1]));
+      check.need(f, 2);
+      m->confidence_level_ = static_cast<float>(check.real(f[1]));
     } else if (key == "leaves") {
-      need(2);
-      m->leaves_ = whole(f[1], big);
+      check.need(f, 2);
+      m->leaves_ = check.whole(f[1], big);
     } else if (key == "classes") {
-      if (f.size() < 2) damaged("no class count");
-      need(2 + whole(f[1], big));
+      if (f.size() < 2) check.damaged("no class count");
+      check.need(f, 2 + check.whole(f[1], big));
       m->classes_.assign(f.begin() + 2, f.end());
     } else if (key == "attribute") {
-      if (f.size() < 5) damaged("a short attribute");
-      attribute a;
-      a.name = f[1];
-      a.continuous = f[2] == "c";
-      a.datatype = f[3];
-      if (a.datatype != "integer" && a.datatype != "uinteger" && a.datatype != "float" &&
-          a.datatype != "double" && a.datatype != "string")
-        damaged("data type '" + a.datatype + "'");
-      need(5 + whole(f[4], big));
-      a.values.assign(f.begin() + 5, f.end());
-      m->attributes_.push_back(std::move(a));
+      m->attributes_.push_back(check.attribute(f));
     } else if (key == "order") {
       for (std::size_t i = 1; i < f.size(); ++i)
-        m->class_order_.push_back(whole(f[i], m->classes_.size()));
+        m->class_order_.push_back(check.whole(f[i], m->classes_.size()));
     } else if (key == "default") {
-      need(2 + m->classes_.size());
-      m->default_ = whole(f[1], m->classes_.size());
+      check.need(f, 2 + m->classes_.size());
+      m->default_ = check.whole(f[1], m->classes_.size());
       for (std::size_t i = 2; i < f.size(); ++i)
-        m->default_dist_.push_back(real(f[i]));
+        m->default_dist_.push_back(check.real(f[i]));
     } else if (key == "rule") {
-      if (f.size() < 7) damaged("a short rule");
-      rule r;
-      r.cls = whole(f[1], m->classes_.size());
-      r.cases = real(f[2]);
-      r.errors = real(f[3]);
-      r.confidence = real(f[4]);
-      r.lift = real(f[5]);
-      unsigned long n = whole(f[6], big / 4);
-      need(7 + 3 * n);
-      for (unsigned long i = 0; i < n; ++i) {
-        rule_condition c;
-        c.attribute = whole(f[7 + 3 * i], m->attributes_.size());
-        std::string const& op = f[8 + 3 * i];
-        c.test = op == "="    ? rule_condition::equal
-                 : op == "<=" ? rule_condition::not_above
-                 : op == ">"  ? rule_condition::above
-                              : (damaged("test '" + op + "'"), rule_condition::equal);
-        if ((c.test == rule_condition::equal) == m->attributes_[c.attribute].continuous)
-          damaged("test '" + op + "' on attribute '" + m->attributes_[c.attribute].name + "'");
-        c.value = f[9 + 3 * i];
-        r.conditions.push_back(std::move(c));
-      }
-      m->rules_.push_back(std::move(r));
+      m->rules_.push_back(check.rule_line(f, m->classes_.size(), m->attributes_));
     } else if (key == "end") {
-      need(1);
+      check.need(f, 1);
       ended = true;
       break;
     } else {
-      damaged("unknown line '" + key + "'");
+      check.damaged("unknown line '" + key + "'");
     }
   }
-  if (!ended) damaged("cut short");
-  if (m->classes_.empty()) damaged("no classes");
-  if (m->class_order_.size() != m->classes_.size()) damaged("class order");
-  if (m->default_dist_.size() != m->classes_.size()) damaged("default distribution");
+  if (!ended) check.damaged("cut short");
+  if (m->classes_.empty()) check.damaged("no classes");
+  if (m->class_order_.size() != m->classes_.size()) check.damaged("class order");
+  if (m->default_dist_.size() != m->classes_.size()) check.damaged("default distribution");
   return m;
 }
 

@@ -450,25 +450,17 @@ void put_orders(impls::column& to, std::size_t n, std::uint32_t const* orders, s
   }
 }
 
-}  // namespace
-
-void tally_grower::grow_handed(table const& like, tally_handoff const& h,
-                               std::vector<tally_rows const*> const& parts, tree_options const& o,
-                               bool whole, bool unit, std::vector<std::string> const& paths) {
-  impls::table const* lt = like.get_impl();
-  if (lt->get_class() == nullptr || !lt->is_for_tree())
-    throw std::invalid_argument("the table has no class column");
-  unsigned long atts = lt->get_no_attributes();
-  std::size_t cols = lt->get_loaded_columns();
-  std::size_t rec = 3 + 2 * atts;
+// One table of the rows handed for the nodes (rec numbers a node): each node's cases take
+// consecutive rows, holder after holder, ascending rows in the order one table of all the rows
+// would hold them; cases gets each node's.
+std::unique_ptr<impls::table> handed_table(impls::table const& lt, tally_handoff const& h,
+                                           std::vector<tally_rows const*> const& parts,
+                                           std::size_t rec, std::vector<impls::w_sequence>& cases) {
+  std::size_t cols = lt.get_loaded_columns();
   std::size_t k_nodes = h.known.size();
-  if (h.nodes.size() != k_nodes * rec || paths.size() != k_nodes)
-    throw std::invalid_argument("handed nodes: short or long list");
   std::unordered_map<std::int64_t, std::size_t> slot;
   for (std::size_t k = 0; k < k_nodes; ++k)
     slot[h.nodes[k * rec]] = k;
-  // Each node's cases take consecutive rows, holder after holder: ascending rows in the order
-  // one table of all the rows would hold them.
   std::vector<std::size_t> next(k_nodes + 1, 0);
   std::vector<std::vector<std::uint32_t>> rows(parts.size());
   for (tally_rows const* part : parts) {
@@ -485,7 +477,7 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
     next[k + 1] += next[k];
   std::size_t n = next[k_nodes];
   if (n > 0xFFFFFFFFull) throw std::invalid_argument("handed rows: more than 2^32");
-  std::vector<impls::w_sequence> cases(k_nodes);
+  cases.resize(k_nodes);
   for (std::size_t k = 0; k < k_nodes; ++k)
     cases[k].reserve(next[k + 1] - next[k]);
   for (std::size_t p = 0; p < parts.size(); ++p) {
@@ -497,9 +489,9 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
       cases[k].push_back(r, parts[p]->weights[i]);
     }
   }
-  std::unique_ptr<impls::table> t(lt->clone_metadata());
-  t->set_state(n, cols, lt->get_class_index(), lt->get_weights_index(), lt->get_verbosity(),
-               lt->is_for_tree());
+  std::unique_ptr<impls::table> t(lt.clone_metadata());
+  t->set_state(n, cols, lt.get_class_index(), lt.get_weights_index(), lt.get_verbosity(),
+               lt.is_for_tree());
   for (std::size_t c = 0; c < cols; ++c) {
     impls::column* col = t->get_column(c);
     if (col->get_storage() == impls::storage_kind::none || col->is_weights()) continue;
@@ -507,7 +499,24 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
       put_orders(*col, n, parts[p]->orders.data() + c, cols, rows[p]);
     if (parts.empty()) put_orders(*col, n, nullptr, cols, {});
   }
-  rows.clear();
+  return t;
+}
+
+}  // namespace
+
+void tally_grower::grow_handed(table const& like, tally_handoff const& h,
+                               std::vector<tally_rows const*> const& parts, tree_options const& o,
+                               bool whole, bool unit, std::vector<std::string> const& paths) {
+  impls::table const* lt = like.get_impl();
+  if (lt->get_class() == nullptr || !lt->is_for_tree())
+    throw std::invalid_argument("the table has no class column");
+  unsigned long atts = lt->get_no_attributes();
+  std::size_t rec = 3 + 2 * atts;
+  std::size_t k_nodes = h.known.size();
+  if (h.nodes.size() != k_nodes * rec || paths.size() != k_nodes)
+    throw std::invalid_argument("handed nodes: short or long list");
+  std::vector<impls::w_sequence> cases;
+  std::unique_ptr<impls::table> t = handed_table(*lt, h, parts, rec, cases);
   // The options a single table's growing sets.
   bool any_order = whole;
   std::vector<char> one_bit(atts);
@@ -581,25 +590,127 @@ std::size_t tally_grower::tally_size() const {
   return n;
 }
 
-tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
-                                     std::vector<float> const& rows,
-                                     std::vector<std::int64_t> const& counts) {
-  impl& g = *impl_;
-  impls::table* t = g.t;
-  std::size_t cols = t->get_class()->get_distinct() + 1;
-  auto total = static_cast<std::int64_t>(tally_size());
-  if (counts.size() != g.open.size() || rows.size() != at.size() * cols)
+namespace {
+
+// Entries at ascending offsets, whole rows of cols, inside the open nodes' total.
+void check_tallies(std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                   std::vector<std::int64_t> const& counts, std::size_t n_open, std::size_t cols,
+                   std::int64_t total) {
+  if (counts.size() != n_open || rows.size() != at.size() * cols)
     throw std::invalid_argument("tallies: not those of the open nodes");
   for (std::size_t i = 0; i < at.size(); ++i) {
     if (at[i] < 0 || at[i] + static_cast<std::int64_t>(cols) > total ||
         at[i] % static_cast<std::int64_t>(cols) != 0 || (i > 0 && at[i] <= at[i - 1]))
       throw std::invalid_argument("tallies: not those of the open nodes");
   }
+}
+
+// One node's tallies, those from off on: its class weights into classes, each attribute's into
+// freq (discrete attributes dense, continuous ones compacted to the rows that hold a weight, with
+// their orders: a deep node holds few of an attribute's values) and blocks. entry moves past the
+// node's entries; returned: the offset past its tallies.
+std::int64_t node_tallies(impls::table const& t, std::vector<order_range> const& ranges,
+                          std::size_t cols, std::int64_t off, std::vector<std::int64_t> const& at,
+                          std::vector<float> const& rows, std::size_t& entry,
+                          std::vector<std::vector<float>>& freq,
+                          std::vector<std::vector<std::uint32_t>>& orders,
+                          std::vector<impls::tally_block>& blocks, std::vector<float>& classes) {
+  unsigned long atts = t.get_no_attributes();
+  std::fill(classes.begin(), classes.end(), 0.0f);
+  std::vector<std::int64_t> start(atts + 1);
+  std::int64_t pos = off + static_cast<std::int64_t>(cols);
+  for (unsigned long a = 0; a < atts; ++a) {
+    impls::column const* col = t.get_attribute(a);
+    std::size_t n = impls::tally_rows(*col, ranges[a]);
+    start[a] = pos;
+    pos += static_cast<std::int64_t>(n * cols);
+    freq[a].clear();
+    orders[a].clear();
+    if (n == 0) continue;
+    if (col->is_continuous()) {
+      freq[a].assign(cols, 0.0f);  // row 0: the unknown value
+      orders[a].push_back(0);
+    } else {
+      freq[a].assign(n * cols, 0.0f);
+    }
+  }
+  start[atts] = pos;
+  unsigned long a = 0;
+  for (; entry < at.size() && at[entry] < pos; ++entry) {
+    auto row = rows.begin() + static_cast<std::ptrdiff_t>(entry * cols);
+    if (at[entry] < off + static_cast<std::int64_t>(cols)) {
+      std::copy(row, row + static_cast<std::ptrdiff_t>(cols), classes.begin());
+      continue;
+    }
+    while (at[entry] >= start[a + 1])
+      ++a;
+    auto r = static_cast<std::size_t>((at[entry] - start[a]) / static_cast<std::int64_t>(cols));
+    if (orders[a].empty()) {
+      std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin() + r * cols);
+    } else if (r == 0) {
+      std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin());
+    } else {
+      unsigned long base = std::max<unsigned long>(ranges[a].first, 1) - 1;
+      freq[a].insert(freq[a].end(), row, row + static_cast<std::ptrdiff_t>(cols));
+      orders[a].push_back(static_cast<std::uint32_t>(base + r));
+    }
+  }
+  for (unsigned long b = 0; b < atts; ++b) {
+    blocks[b].freq = freq[b].data();
+    blocks[b].orders = orders[b].empty() ? nullptr : orders[b].data();
+    blocks[b].rows = orders[b].size();
+  }
+  return pos;
+}
+
+// The weight of row r of an attribute's tallies.
+float row_weight(float const* f, std::size_t cols, std::size_t r) {
+  float s = 0.0f;
+  for (std::size_t k = 0; k < cols; ++k)
+    s += f[r * cols + k];
+  return s;
+}
+
+// A continuous attribute's tallies (f, the rows' orders ord) cut at order at: below, the lowest
+// order lo1 and the weight w1 (the unknown's included); above, the highest order hi2 and the
+// weight w2. Returned: at when both sides hold a weight, else 0.
+unsigned long cut_at(unsigned long at, float const* f, std::vector<std::uint32_t> const& ord,
+                     std::size_t cols, float unknown, unsigned long& lo1, unsigned long& hi2,
+                     float& w1, float& w2) {
+  lo1 = at;
+  hi2 = at;
+  w1 = unknown;
+  w2 = 0.0f;
+  bool below = false, above = false;
+  for (std::size_t r = 1; r < ord.size(); ++r) {
+    float w = row_weight(f, cols, r);
+    if (w == 0.0f) continue;
+    unsigned long order = ord[r];
+    if (order <= at) {
+      below = true;
+      lo1 = std::min(lo1, order);
+      w1 += w;
+    } else {
+      above = true;
+      hi2 = std::max(hi2, order);
+      w2 += w;
+    }
+  }
+  return below && above ? at : 0UL;
+}
+
+}  // namespace
+
+tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
+                                     std::vector<float> const& rows,
+                                     std::vector<std::int64_t> const& counts) {
+  impl& g = *impl_;
+  impls::table* t = g.t;
+  std::size_t cols = t->get_class()->get_distinct() + 1;
+  check_tallies(at, rows, counts, g.open.size(), cols, static_cast<std::int64_t>(tally_size()));
   tally_decisions d;
   std::vector<impl::pending> next;
   unsigned long atts = t->get_no_attributes();
-  // One node's tallies: discrete attributes dense, continuous ones compacted to the rows that
-  // hold a weight (a deep node holds few of an attribute's values).
   std::vector<std::vector<float>> freq(atts);
   std::vector<std::vector<std::uint32_t>> orders(atts);
   std::vector<impls::tally_block> blocks(atts);
@@ -609,51 +720,7 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
   for (std::size_t i = 0; i < g.open.size(); ++i) {
     impl::pending& p = g.open[i];
     impls::_decision_node* node = p.tree->get_node();
-    std::fill(classes.begin(), classes.end(), 0.0f);
-    std::vector<std::int64_t> start(atts + 1);
-    std::int64_t pos = off + static_cast<std::int64_t>(cols);
-    for (unsigned long a = 0; a < atts; ++a) {
-      impls::column const* col = t->get_attribute(a);
-      std::size_t n = impls::tally_rows(*col, p.ranges[a]);
-      start[a] = pos;
-      pos += static_cast<std::int64_t>(n * cols);
-      freq[a].clear();
-      orders[a].clear();
-      if (n == 0) continue;
-      if (col->is_continuous()) {
-        freq[a].assign(cols, 0.0f);  // row 0: the unknown value
-        orders[a].push_back(0);
-      } else {
-        freq[a].assign(n * cols, 0.0f);
-      }
-    }
-    start[atts] = pos;
-    unsigned long a = 0;
-    for (; entry < at.size() && at[entry] < pos; ++entry) {
-      auto row = rows.begin() + static_cast<std::ptrdiff_t>(entry * cols);
-      if (at[entry] < off + static_cast<std::int64_t>(cols)) {
-        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), classes.begin());
-        continue;
-      }
-      while (at[entry] >= start[a + 1])
-        ++a;
-      auto r = static_cast<std::size_t>((at[entry] - start[a]) / static_cast<std::int64_t>(cols));
-      if (orders[a].empty()) {
-        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin() + r * cols);
-      } else if (r == 0) {
-        std::copy(row, row + static_cast<std::ptrdiff_t>(cols), freq[a].begin());
-      } else {
-        unsigned long base = std::max<unsigned long>(p.ranges[a].first, 1) - 1;
-        freq[a].insert(freq[a].end(), row, row + static_cast<std::ptrdiff_t>(cols));
-        orders[a].push_back(static_cast<std::uint32_t>(base + r));
-      }
-    }
-    off = pos;
-    for (unsigned long b = 0; b < atts; ++b) {
-      blocks[b].freq = freq[b].data();
-      blocks[b].orders = orders[b].empty() ? nullptr : orders[b].data();
-      blocks[b].rows = orders[b].size();
-    }
+    off = node_tallies(*t, p.ranges, cols, off, at, rows, entry, freq, orders, blocks, classes);
     grower::activate_from(*node, classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
     grower::split_tallies(*node, t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
     std::int64_t att = -1;
@@ -669,13 +736,6 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
     // The chosen attribute's tallies.
     float const* f = freq[att].data();
     impls::column const* col = t->get_attribute(att);
-    std::size_t n_rows = col->is_continuous() ? orders[att].size() : freq[att].size() / cols;
-    auto weight = [&](std::size_t r) {
-      float s = 0.0f;
-      for (std::size_t k = 0; k < cols; ++k)
-        s += f[r * cols + k];
-      return s;
-    };
     float unknown = f[0];
     float total = node->get_cases_weight();
     std::vector<float> shares;
@@ -683,35 +743,14 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
     if (col->is_continuous()) {
       // As the grower distributes: a cut that leaves one side empty (the midpoint rounded onto
       // the higher value) takes the lower value; one that still does makes a leaf.
-      auto cut = [&](unsigned long& lo1, unsigned long& hi2, float& w1, float& w2) {
-        unsigned long at = col->get_index(node->partition_.threshold.c_str());
-        lo1 = at;
-        hi2 = at;
-        w1 = unknown;
-        w2 = 0.0f;
-        bool below = false, above = false;
-        for (std::size_t r = 1; r < n_rows; ++r) {
-          float w = weight(r);
-          if (w == 0.0f) continue;
-          unsigned long order = orders[att][r];
-          if (order <= at) {
-            below = true;
-            lo1 = std::min(lo1, order);
-            w1 += w;
-          } else {
-            above = true;
-            hi2 = std::max(hi2, order);
-            w2 += w;
-          }
-        }
-        return below && above ? at : 0UL;
-      };
-      unsigned long lo1, hi2, at;
+      unsigned long lo1, hi2;
       float w1, w2;
-      at = cut(lo1, hi2, w1, w2);
+      unsigned long at = cut_at(col->get_index(node->partition_.threshold.c_str()), f, orders[att],
+                                cols, unknown, lo1, hi2, w1, w2);
       if (at == 0) {
         node->partition_.threshold = col->get_o_set()->get_value(node->get_split_descs()[att].low);
-        at = cut(lo1, hi2, w1, w2);
+        at = cut_at(col->get_index(node->partition_.threshold.c_str()), f, orders[att], cols,
+                    unknown, lo1, hi2, w1, w2);
       }
       if (at == 0) {
         grower::set_as_leaf(*node);
@@ -727,7 +766,7 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
       std::size_t k = col->get_distinct();
       float known = total - unknown;
       for (std::size_t v = 1; v <= k; ++v) {
-        shares.push_back(weight(v) / known);
+        shares.push_back(row_weight(f, cols, v) / known);
         child_ranges.push_back(order_range(v, v + 1));
       }
     }

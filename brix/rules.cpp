@@ -121,6 +121,12 @@ double pessimistic(float cf, float coeff, double n, double e) {
          n;
 }
 
+// Whether dropping a condition with pessimistic rate r is the pass's choice so far: the rate must
+// not rise above the rule's (best_rate starts there), and among drops the first of the lowest wins.
+bool drop_wins(double r, double best_rate, bool none_yet) {
+  return r <= best_rate && (none_yet || r < best_rate);
+}
+
 double log2_binomial(double n, double k) {
   if (k <= 0 || k >= n) return 0.0;
   return (std::lgamma(n + 1) - std::lgamma(k + 1) - std::lgamma(n - k + 1)) / std::log(2.0);
@@ -254,7 +260,7 @@ general generalise_wide(std::vector<rule_condition> const& conds,
     for (std::size_t j = 0; j < free; ++j) {
       if (!(active >> j & 1)) continue;
       double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
-      if (r <= best_rate && (best == free || r < best_rate)) {
+      if (drop_wins(r, best_rate, best == free)) {
         best = j;
         best_rate = r;
       }
@@ -440,7 +446,7 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
         if (cs.cls[i] != cls) ej[j] += cs.w[i];
       }
       double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
-      if (r <= best_rate && (best == m || r < best_rate)) {
+      if (drop_wins(r, best_rate, best == m)) {
         best = j;
         best_rate = r;
       }

@@ -387,34 +387,6 @@ void tally_grower::graft(std::int64_t id, std::string const& path) {
 
 namespace {
 
-// A subtree as the tree file holds one, for _decision_tree::load_bin.
-void write_subtree(zel::inpout::obinstream& out, impls::_decision_tree const& root) {
-  struct frame {
-    impls::_decision_tree const* tree;
-    unsigned long next;
-  };
-  std::vector<frame> stack;
-  auto open = [&](impls::_decision_tree const* t) {
-    out << *t->get_node() << static_cast<std::uint64_t>(t->get_no_childs());
-    stack.push_back({t, 0});
-  };
-  open(&root);
-  while (!stack.empty()) {
-    frame& f = stack.back();
-    if (f.next == f.tree->get_no_childs()) {
-      stack.pop_back();
-      continue;
-    }
-    impls::_decision_tree const* child = f.tree->get_child(f.next++);
-    if (child == nullptr || child->get_node() == nullptr) {
-      out << static_cast<unsigned char>(0);
-    } else {
-      out << static_cast<unsigned char>(1);
-      open(child);
-    }
-  }
-}
-
 // Column c of the gathered rows: orders of the cases of one holder (stride: its columns) into the
 // rows given, of a column of the same value set and storage with n rows.
 void put_orders(impls::column& to, std::size_t n, std::uint32_t const* orders, std::size_t stride,
@@ -565,7 +537,7 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
     tree.get_node()->all_cases_ = nullptr;  // a root's cases are the caller's: not sent
     tree.get_node()->owns_cases_ = false;
     zel::inpout::obinstream out(paths[k], false, 0);
-    write_subtree(out, tree);
+    tree.save_bin(out);
     if (!out.finish()) throw std::runtime_error("could not write " + paths[k]);
     c = impls::w_sequence();
   }

@@ -165,6 +165,8 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
   // Replaces this tree by the subtree record read from in. Throws
   // std::runtime_error on a short read or a shape no writer produces.
   void load_bin(zel::inpout::ibinstream& in, _decision_node* father);
+  // The subtree as the tree file holds it, for load_bin.
+  void save_bin(zel::inpout::obinstream& out) const;
 
   // Drops the children and turns the node into a leaf with the given error.
   void collapse(float error);

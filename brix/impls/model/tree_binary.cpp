@@ -189,9 +189,8 @@ w_sequence* _decision_node::share_cases() {
 
 // ---------------------------------------------------------------- subtrees
 
-namespace {
-
-void write_tree(obinstream& out, _decision_tree const& root) {
+// Iterative, as load_bin reads: the subtree's nodes depth first, pre-order.
+void _decision_tree::save_bin(obinstream& out) const {
   struct frame {
     _decision_tree const* tree;
     unsigned long next;
@@ -201,7 +200,7 @@ void write_tree(obinstream& out, _decision_tree const& root) {
     out << *t->get_node() << static_cast<std::uint64_t>(t->get_no_childs());
     stack.push_back({t, 0});
   };
-  open(&root);
+  open(this);
   while (!stack.empty()) {
     frame& f = stack.back();
     if (f.next == f.tree->get_no_childs()) {
@@ -217,8 +216,6 @@ void write_tree(obinstream& out, _decision_tree const& root) {
     }
   }
 }
-
-}  // namespace
 
 // Iterative, so that a file can not exhaust the stack; the depth is bounded
 // for the recursive readers of the tree.
@@ -298,7 +295,7 @@ ibinstream& operator>>(ibinstream& in, conf_matrix*& m) {
 obinstream& operator<<(obinstream& out, decision_tree const& t) {
   bool has_tree = t.root_ && t.root_->get_node();
   out << static_cast<unsigned char>(has_tree ? 1 : 0);
-  if (has_tree) write_tree(out, *t.root_);
+  if (has_tree) t.root_->save_bin(out);
   out << static_cast<table const*>(t.meta_.get())
       << static_cast<conf_matrix const*>(t.training_.get()) << t.elapsed_ << t.settings_.conf_level
       << t.settings_.min_obj << static_cast<std::uint32_t>(t.settings_.split_type) << t.name_

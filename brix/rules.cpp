@@ -179,107 +179,6 @@ struct general {
   double n = 0, e = 0;
 };
 
-// Drops, one at a time, the condition whose loss gives the lowest pessimistic error rate, as
-// long as that rate is no higher than the rule's with it. Each case keeps a bit per condition it
-// fails, so a pass over the cases tallies what dropping each condition would add. Conditions past
-// the 64th are kept as they are (deliberately: paths that long do not occur in pruned trees).
-general generalise_wide(std::vector<rule_condition> const& conds,
-                        std::vector<order_range> const& bound, unsigned long cls, cases const& cs,
-                        float cf, float coeff) {
-  std::size_t m = conds.size(), n_cases = cs.w.size();
-  std::size_t free = std::min<std::size_t>(m, 64);
-  std::vector<std::uint64_t> fails(n_cases, 0);
-  std::vector<char> out(n_cases, 0);
-  for (std::size_t j = 0; j < m; ++j) {
-    std::uint32_t const* ord = cs.orders[bound[j].att].data();
-    // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
-    auto lo = static_cast<std::uint32_t>(bound[j].lo), hi = static_cast<std::uint32_t>(bound[j].hi);
-    std::uint32_t span = hi >= lo ? hi - lo : 0;
-    bool none = hi < lo || lo == 0;
-    if (j < free) {
-      std::uint64_t bit = std::uint64_t{1} << j;
-      if (none) {
-        for (std::size_t i = 0; i < n_cases; ++i)
-          fails[i] |= bit;
-      } else {
-        for (std::size_t i = 0; i < n_cases; ++i)
-          fails[i] |= static_cast<std::uint32_t>(ord[i] - lo) > span ? bit : 0;
-      }
-    } else {
-      for (std::size_t i = 0; i < n_cases; ++i)
-        out[i] |= none || static_cast<std::uint32_t>(ord[i] - lo) > span;
-    }
-  }
-  std::uint64_t active = free == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << free) - 1;
-  double n = 0, e = 0;
-  // The cases failing a condition, fewest failures first: after t drops, a case that failed more
-  // than t + 1 conditions still fails two, so each pass reads only a prefix of them.
-  struct failing {
-    std::uint64_t mask;
-    float w;
-    bool wrong;
-  };
-  std::vector<std::size_t> upto(66, 0);  // upto[k + 1]: the cases failing at most k conditions
-  for (std::size_t i = 0; i < n_cases; ++i) {
-    if (out[i]) continue;
-    if (fails[i] == 0) {
-      n += cs.w[i];
-      if (cs.cls[i] != cls) e += cs.w[i];
-    } else {
-      ++upto[static_cast<std::size_t>(__builtin_popcountll(fails[i])) + 1];
-    }
-  }
-  for (std::size_t k = 1; k < upto.size(); ++k)
-    upto[k] += upto[k - 1];
-  std::vector<failing> failed(upto.back());
-  {
-    std::vector<std::size_t> at(upto.begin(), upto.end() - 1);
-    for (std::size_t i = 0; i < n_cases; ++i)
-      if (!out[i] && fails[i] != 0)
-        failed[at[static_cast<std::size_t>(__builtin_popcountll(fails[i]))]++] = {fails[i], cs.w[i],
-                                                                                  cs.cls[i] != cls};
-  }
-  std::vector<double> nj(free), ej(free);
-  // A leaf that covers no case (an empty branch, or rows other than the tree's) has no evidence
-  // to generalise from: its rule goes.
-  if (n <= 0) return general{};
-  // The last condition stays: a rule without any would stand for the default class.
-  for (std::size_t drops = 0; (active & (active - 1)) != 0 || (free < m && active != 0); ++drops) {
-    std::fill(nj.begin(), nj.end(), 0.0);
-    std::fill(ej.begin(), ej.end(), 0.0);
-    std::size_t end = upto[std::min<std::size_t>(drops + 2, 65)];
-    for (std::size_t i = 0; i < end; ++i) {
-      std::uint64_t f = failed[i].mask & active;
-      if (f == 0 || (f & (f - 1)) != 0) continue;
-      auto j = static_cast<std::size_t>(__builtin_ctzll(f));
-      nj[j] += failed[i].w;
-      if (failed[i].wrong) ej[j] += failed[i].w;
-    }
-    double now = pessimistic(cf, coeff, n, e), best_rate = now;
-    std::size_t best = free;
-    for (std::size_t j = 0; j < free; ++j) {
-      if (!(active >> j & 1)) continue;
-      double r = pessimistic(cf, coeff, n + nj[j], e + ej[j]);
-      if (drop_wins(r, best_rate, best == free)) {
-        best = j;
-        best_rate = r;
-      }
-    }
-    if (best == free) break;
-    active &= ~(std::uint64_t{1} << best);
-    n += nj[best];
-    e += ej[best];
-  }
-  general g;
-  g.n = n;
-  g.e = e;
-  for (std::size_t j = 0; j < m; ++j)
-    if (j >= free || (active >> j & 1)) g.conditions.push_back(conds[j]);
-  for (std::size_t i = 0; i < n_cases; ++i)
-    if (!out[i] && (fails[i] & active) == 0) g.covered.push_back(static_cast<std::uint32_t>(i));
-  return g;
-}
-
 // A bit per order of a full word of 64 whose value lies outside [lo, lo + span] (0, unknown,
 // wraps past the span): compared a byte each (a loop the compiler vectorises), then packed eight
 // bytes of 0 or 1 at a time by a multiply that gathers byte i's low bit into bit i.
@@ -320,32 +219,37 @@ class fail_sets {
     v = {k, rule_, true};
     std::uint64_t* out = &bits_[victim * words_];
     std::fill(out, out + words_, 0);
-    if (none) {
+    add_failing(b, cs, out);
+    return out;
+  }
+  // Adds to out (words() words) the cases failing condition b.
+  void add_failing(order_range const& b, cases const& cs, std::uint64_t* out) const {
+    auto lo = static_cast<std::uint32_t>(b.lo), hi = static_cast<std::uint32_t>(b.hi);
+    if (hi < lo || lo == 0) {
       for (std::size_t i = 0; i < n_; ++i)
         out[i >> 6] |= std::uint64_t{1} << (i & 63);
-    } else {
-      // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
-      std::uint32_t const* ord = cs.orders[b.att].data();
-      std::uint32_t span = hi - lo;
-      for (std::size_t w = 0; w < words_; ++w) {
-        if (w * 64 + 64 <= n_) {
-          out[w] = outside64(ord + w * 64, lo, span);
-          continue;
-        }
-        std::uint64_t word = 0;
-        std::size_t from = w * 64, to = std::min(n_, from + 64);
-        for (std::size_t i = from; i < to; ++i)
-          word |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(ord[i] - lo) > span)
-                  << (i - from);
-        out[w] = word;
-      }
+      return;
     }
-    return out;
+    // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
+    std::uint32_t const* ord = cs.orders[b.att].data();
+    std::uint32_t span = hi - lo;
+    for (std::size_t w = 0; w < words_; ++w) {
+      if (w * 64 + 64 <= n_) {
+        out[w] |= outside64(ord + w * 64, lo, span);
+        continue;
+      }
+      std::uint64_t word = 0;
+      std::size_t from = w * 64, to = std::min(n_, from + 64);
+      for (std::size_t i = from; i < to; ++i)
+        word |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(ord[i] - lo) > span)
+                << (i - from);
+      out[w] |= word;
+    }
   }
   void next_rule() { ++rule_; }
 
  private:
-  // More than the conditions of any rule generalised this way, so a rule's own sets stay.
+  // More than the 64 conditions a rule takes from here, so a rule's own sets stay.
   static constexpr std::size_t kSlots = 160;
   struct key {
     unsigned long att;
@@ -363,22 +267,29 @@ class fail_sets {
   std::uint64_t rule_ = 1;
 };
 
-// generalise_wide's result without a pass over every case per condition: each condition's
-// failing cases come as a bitset, and a pass finds, a word at a time, the cases failing exactly
-// one condition still kept. Each condition's sums are taken in the order the wide form takes
-// them (by the number of conditions a case fails, then by case), so that every figure is the same.
+// Drops, one at a time, the condition whose loss gives the lowest pessimistic error rate, as
+// long as that rate is no higher than the rule's with it. Each condition's failing cases come as
+// a bitset, and a pass finds, a word at a time, the cases failing exactly one condition still
+// kept. Each condition's sums are taken by the number of conditions a case fails, then by case.
+// Conditions past the 64th are kept as they are (deliberately: paths that long do not occur in
+// pruned trees): the cases failing them are out of every sum.
 general generalise(std::vector<rule_condition> const& conds, std::vector<order_range> const& bound,
                    unsigned long cls, cases const& cs, float cf, float coeff, fail_sets& sets) {
-  std::size_t m = conds.size(), n_cases = cs.w.size();
-  if (m > 64) return generalise_wide(conds, bound, cls, cs, cf, coeff);
+  std::size_t const n_cases = cs.w.size(), m = std::min<std::size_t>(conds.size(), 64);
+  bool const fixed = conds.size() > m;
   sets.next_rule();
   std::size_t words = sets.words();
+  std::vector<std::uint64_t> out(fixed ? words : 0, 0);
+  for (std::size_t j = m; j < conds.size(); ++j)
+    sets.add_failing(bound[j], cs, out.data());
   std::vector<std::uint64_t const*> fail(m);
   for (std::size_t j = 0; j < m; ++j)
     fail[j] = sets.of(bound[j], cs);
   auto valid = [&](std::size_t w) {
-    return w + 1 == words && n_cases % 64 != 0 ? (std::uint64_t{1} << (n_cases % 64)) - 1
-                                               : ~std::uint64_t{0};
+    std::uint64_t in = w + 1 == words && n_cases % 64 != 0
+                           ? (std::uint64_t{1} << (n_cases % 64)) - 1
+                           : ~std::uint64_t{0};
+    return fixed ? in & ~out[w] : in;
   };
   std::uint64_t active = m == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m) - 1;
   // Calls each case failing no kept condition, in order.
@@ -404,7 +315,7 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   std::vector<std::size_t> at(m + 2);
   std::vector<std::uint32_t> order;
   // The last condition stays: a rule without any would stand for the default class.
-  while ((active & (active - 1)) != 0) {
+  while ((active & (active - 1)) != 0 || (fixed && active != 0)) {
     for (auto& o : only_j)
       o.clear();
     for (std::size_t w = 0; w < words; ++w) {
@@ -414,7 +325,7 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
           twice |= once & fail[j][w];
           once |= fail[j][w];
         }
-      once &= ~twice;
+      once &= ~twice & valid(w);
       if (once == 0) continue;
       for (std::size_t j = 0; j < m; ++j) {
         if (!(active >> j & 1)) continue;
@@ -459,8 +370,8 @@ general generalise(std::vector<rule_condition> const& conds, std::vector<order_r
   general g;
   g.n = n;
   g.e = e;
-  for (std::size_t j = 0; j < m; ++j)
-    if (active >> j & 1) g.conditions.push_back(conds[j]);
+  for (std::size_t j = 0; j < conds.size(); ++j)
+    if (j >= m || (active >> j & 1)) g.conditions.push_back(conds[j]);
   each_passing([&](std::uint32_t i) { g.covered.push_back(i); });
   return g;
 }

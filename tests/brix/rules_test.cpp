@@ -325,3 +325,51 @@ TEST(Rules, FiguresAndFiringMatchADirectRecount) {
 }
 
 }  // namespace
+
+// A decision list of 72 yes/no attributes: case group j has a_j = n (class b) and every other
+// attribute y; the rest are all y (class a). The unpruned tree is a chain 72 deep, so leaves past
+// the 64th give rules of more than 64 conditions, whose conditions past the 64th are kept as they
+// are. a_j = n alone covers group j exactly, so every free a_i = y goes; leaf j > 64 keeps
+// a_64 .. a_(j-1) = y, deliberately. The rule of class a needs every condition (each covers a
+// group of b).
+TEST(Rules, ConditionsPastTheSixtyFourthStayFixed) {
+  std::size_t const k = 72;
+  std::vector<std::vector<std::string>> cols(k);
+  std::vector<std::string> cls;
+  auto add_row = [&](std::size_t off, char const* c) {
+    for (std::size_t a = 0; a < k; ++a)
+      cols[a].push_back(a == off ? "n" : "y");
+    cls.push_back(c);
+  };
+  for (std::size_t j = 0; j < k; ++j)
+    for (int r = 0; r < 3; ++r)
+      add_row(j, "b");
+  for (int r = 0; r < 216; ++r)
+    add_row(k, "a");
+  brix::table_builder b("chain");
+  for (std::size_t a = 0; a < k; ++a)
+    b.add_strings("a" + std::to_string(a), brix::column_kind::discrete, cols[a]);
+  auto t = b.add_strings("cls", brix::column_kind::class_label, cls).build();
+  brix::tree_options o;
+  o.prune = brix::pruning::none;
+  auto tree = brix::tree_model::train(*t, o);
+  ASSERT_EQ(tree->size(), 2 * k + 1);
+  auto m = brix::rule_model::from_tree(*tree, *t);
+  std::vector<rule> g = brix::rule_model::generalised(*tree, *t);
+  ASSERT_EQ(g.size(), k + 1);
+  for (rule const& r : g) {
+    if (m->classes()[r.cls] == "a") {
+      EXPECT_EQ(r.conditions.size(), k);
+      EXPECT_EQ(r.cases, 216);
+      EXPECT_EQ(r.errors, 0);
+      continue;
+    }
+    ASSERT_FALSE(r.conditions.empty());
+    rule_condition const& last = r.conditions.back();
+    std::size_t j = std::stoul(m->attributes()[last.attribute].name.substr(1));
+    EXPECT_EQ(last.value, "n");
+    EXPECT_EQ(r.conditions.size(), j <= 64 ? 1 : j - 64 + 1) << "leaf of a" << j;
+    EXPECT_EQ(r.cases, 3);
+    EXPECT_EQ(r.errors, 0);
+  }
+}

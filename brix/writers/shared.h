@@ -10,6 +10,7 @@
 #include "zel/inpout/fwd.h"
 
 namespace brix {
+class dtree;
 namespace impls {
 class table;
 class conf_matrix;
@@ -27,6 +28,13 @@ void xml_data_dictionary(impls::table const& meta, std::ostream& out);
 void xml_mining_schema(impls::table const& meta, std::ostream& out);
 // The matrix as the element X-ConfusionMatrix + name.
 void xml_matrix(impls::conf_matrix const& m, std::string const& name, std::ostream& out);
+
+// The first byte of a tree file whose tree splits on groups of values, in place of the model's
+// presence flag (1): brixcmd's format cannot hold such splits, and its reader refuses the file.
+constexpr unsigned char kGroupsTag = 'S';
+// The tree file at path (the binary format, or, with groups, one that starts with kGroupsTag).
+// Throws std::runtime_error naming what the file holds when it is not such a tree.
+dtree* read_tree_file(std::string const& file, bool groups);
 
 // A gzip file at level 1 holding what write puts in; on any failure a partial regular file is
 // removed, so that nothing is left that looks complete.

@@ -1089,6 +1089,9 @@ std::unique_ptr<rule_model> rule_model::read_off(tree_model const& tm, table con
                                                  std::vector<float> const* row_weight,
                                                  std::vector<rule>* generalised) {
   impls::decision_tree const& tree = *tm.facade().get_impl();
+  // A condition is one range of value orders; a group of values need not be one.
+  if (tree.has_value_groups())
+    bad("rulesets are not read off trees split on groups of values (subsets)");
   impls::table const& meta = *tree.get_metadata();
   impls::table const& tab = *t.get_impl();
   std::unique_ptr<rule_model> m(new rule_model());

@@ -37,10 +37,6 @@ std::string xml_escape(std::string const& s) {
   return out;
 }
 
-namespace {
-
-// A branch of a split on groups of values: its values as an array of strings, each quoted, a
-// quote or backslash inside escaped with a backslash.
 std::string set_predicate(std::string const& field, std::vector<std::string> const& values) {
   std::string array;
   for (std::string const& value : values) {
@@ -52,10 +48,12 @@ std::string set_predicate(std::string const& field, std::vector<std::string> con
     }
     array += '"';
   }
-  return "<SimpleSetPredicate field=\"" + field + "\" booleanOperator=\"isIn\"><Array n=\"" +
-         std::to_string(values.size()) + "\" type=\"string\">" + xml_escape(array) +
-         "</Array></SimpleSetPredicate>";
+  return "<SimpleSetPredicate field=\"" + xml_escape(field) +
+         "\" booleanOperator=\"isIn\"><Array n=\"" + std::to_string(values.size()) +
+         "\" type=\"string\">" + xml_escape(array) + "</Array></SimpleSetPredicate>";
 }
+
+namespace {
 
 void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
                std::string const& pred, unsigned long& id, int depth) {
@@ -73,8 +71,8 @@ void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
     for (unsigned long i = 0; i < t.get_no_childs(); ++i) {
       if (t.get_child(i) == nullptr || t.get_child(i)->get_node() == nullptr) continue;
       if (n.get_value_groups() != nullptr) {
-        pmml_node(v, *t.get_child(i), out, set_predicate(field, v.branch_values(n, i)), id,
-                  depth + 1);
+        pmml_node(v, *t.get_child(i), out,
+                  set_predicate(v.att(n)->get_name(), v.branch_values(n, i)), id, depth + 1);
         continue;
       }
       auto b = v.branch(n, i);

@@ -1,5 +1,5 @@
 """TreeClassifier(subsets=True): categorical columns split on groups of values, the model file
-round trip, and the estimators that refuse the option."""
+round trip, rulesets, and the Dask estimator that refuses the option."""
 import numpy as np
 import pandas as pd
 import pytest
@@ -26,9 +26,17 @@ def test_groups_of_values_and_round_trip(tmp_path):
     assert back.predict_proba(unseen)[0][1] == pytest.approx(8 / 17, abs=1e-6)
 
 
-def test_refused_where_unsupported():
-    with pytest.raises(ValueError, match="groups of values"):
-        brix.RulesClassifier(subsets=True).fit(MAKES, LABELS)
+def test_rules_test_groups(tmp_path):
+    rules = brix.RulesClassifier(pruning="none", subsets=True).fit(MAKES, LABELS)
+    assert "make in {a, b}" in rules.export_text() or "make in {c, d}" in rules.export_text()
+    np.testing.assert_array_equal(rules.predict(MAKES), LABELS)
+    path = tmp_path / "grouped.rules"
+    rules.save(str(path))
+    back = brix.RulesClassifier.load(str(path))
+    assert back.export_text() == rules.export_text()
+
+
+def test_dask_collections_refuse_subsets():
     dd = pytest.importorskip("dask.dataframe")
     from brix import dask as brix_dask
     frame = dd.from_pandas(MAKES, npartitions=1)

@@ -14,6 +14,7 @@
 #include "brix/impls/learning/entropy.h"
 #include "brix/impls/learning/value_subsets.h"
 #include "brix/model.h"
+#include "brix/rules.h"
 #include "brix/tree_writer.h"
 
 namespace {
@@ -97,8 +98,8 @@ TEST(ValueSubsets, RefusedOrLeftToTheOrdinarySplit) {
   tallies few;
   for (int v = 0; v < 4; ++v)
     few.add(v % 2 ? 0 : 2, v % 2 ? 2 : 0);
-  ASSERT_TRUE(score_value_groups(few.freq.data(), few.rows(), 3, 0, 4, few.total.data(), 0.0f,
-                                 8.0f, 5.0f, logs, d));
+  ASSERT_TRUE(score_value_groups(few.freq.data(), few.rows(), 3, 0, 4, few.total.data(), 0.0f, 8.0f,
+                                 5.0f, logs, d));
   EXPECT_EQ(brix::impls::kNoGain, d.gain);
   EXPECT_FALSE(d.groups);
   // One value with cases: nothing to split.
@@ -106,8 +107,8 @@ TEST(ValueSubsets, RefusedOrLeftToTheOrdinarySplit) {
   one.add(3, 4);
   one.add(0, 0);
   one.add(0, 0);
-  ASSERT_TRUE(score_value_groups(one.freq.data(), one.rows(), 3, 0, 3, one.total.data(), 0.0f,
-                                 7.0f, 2.0f, logs, d));
+  ASSERT_TRUE(score_value_groups(one.freq.data(), one.rows(), 3, 0, 3, one.total.data(), 0.0f, 7.0f,
+                                 2.0f, logs, d));
   EXPECT_EQ(brix::impls::kNoGain, d.gain);
   // Three values, every one present, classes x y z: a 4 x 1 y, b 4 y 1 z, c 4 z 1 x. One branch
   // a value: gain log2(3) - H(4,1) = 0.863, ratio 0.544; any merge, say a and b (4 x 5 y 1 z):
@@ -115,8 +116,8 @@ TEST(ValueSubsets, RefusedOrLeftToTheOrdinarySplit) {
   // caller's.
   std::vector<float> freq{0, 0, 0, 0, 0, 4, 1, 0, 0, 0, 4, 1, 0, 1, 0, 4};
   std::vector<float> total{0, 5, 5, 5};
-  EXPECT_FALSE(score_value_groups(freq.data(), 4, 4, 0, 3, total.data(), 0.0f, 15.0f, 2.0f, logs,
-                                  d));
+  EXPECT_FALSE(
+      score_value_groups(freq.data(), 4, 4, 0, 3, total.data(), 0.0f, 15.0f, 2.0f, logs, d));
 }
 
 std::unique_ptr<brix::table> makes() {
@@ -184,6 +185,36 @@ TEST(ValueSubsets, GroupedTreeRoutesSavesAndLoads) {
             pmml.str().find("<SimpleSetPredicate field=\"make\" booleanOperator=\"isIn\"><Array "
                             "n=\"2\" type=\"string\">&quot;c&quot; &quot;d&quot;</Array>"))
       << pmml.str();
+}
+
+// A ruleset read off the grouped tree tests the groups, and its file keeps them.
+TEST(ValueSubsets, RulesTestGroupsOfValues) {
+  auto t = makes();
+  brix::tree_options o;
+  o.prune = brix::pruning::none;
+  o.subsets = true;
+  auto rules = brix::rule_model::train(*t, o);
+  bool grouped = false;
+  for (brix::rule const& r : rules->rules())
+    for (brix::rule_condition const& c : r.conditions)
+      if (c.test == brix::rule_condition::in) {
+        grouped = true;
+        EXPECT_EQ(2u, c.values.size());
+        EXPECT_EQ("{" + c.values[0] + ", " + c.values[1] + "}", c.value);
+      }
+  EXPECT_TRUE(grouped);
+  std::vector<std::string> want(8, "y");
+  want.resize(17, "n");
+  EXPECT_EQ(want, rules->predict(*t));
+
+  std::string path = ::testing::TempDir() + "grouped.rules";
+  rules->save(path);
+  auto back = brix::rule_model::load(path);
+  std::remove(path.c_str());
+  ASSERT_EQ(rules->rules().size(), back->rules().size());
+  for (std::size_t i = 0; i < rules->rules().size(); ++i)
+    EXPECT_EQ(rules->rules()[i].conditions, back->rules()[i].conditions) << i;
+  EXPECT_EQ(want, back->predict(*t));
 }
 
 }  // namespace

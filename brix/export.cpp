@@ -68,6 +68,10 @@ void dtree::toBinary(std::string const& file) const {
 }
 
 dtree* dtree::fromBinary(std::string const& file) {
+  return writers::read_tree_file(file, false);
+}
+
+dtree* writers::read_tree_file(std::string const& file, bool groups) {
   zel::inpout::ibinstream in(file, true);
   std::unique_ptr<dtree> tree(new dtree("my_decision_tree"));
   unsigned char present = 2;
@@ -76,6 +80,11 @@ dtree* dtree::fromBinary(std::string const& file) {
   if (in.good() && present == 'E')
     throw std::runtime_error(
         "Binary tree: the file holds boosted or cost-sensitive trees, not one tree");
+  if (in.good() && present == kGroupsTag && !groups)
+    throw std::runtime_error(
+        "Binary tree: the file holds a tree split on groups of values (brix train --subsets), "
+        "which this format cannot hold; read it with brix or the Python package");
+  if (in.good() && present == kGroupsTag) present = 1;
   if (!in.good() || present > 1) {
     if (rule_model::is_rules_file(file))
       throw std::runtime_error("Binary tree: the file holds a ruleset, not a tree");
@@ -84,9 +93,9 @@ dtree* dtree::fromBinary(std::string const& file) {
   // The loaded model is there to test and score: it needs its tree, its
   // metadata and its training matrix.
   if (present == 0) throw std::runtime_error("Binary tree: the file holds no model");
-  in >> *tree->impl_;
+  in >> *tree->get_impl();
   check_end(in, "Binary tree");
-  impls::decision_tree const& t = *tree->impl_;
+  impls::decision_tree const& t = *tree->get_impl();
   if (!t.get_root() || !t.get_metadata() || !t.get_prediction()) {
     throw std::runtime_error("Binary tree: the model holds no grown tree");
   }

@@ -16,6 +16,7 @@
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/table.h"
 #include "brix/tree_writer.h"
+#include "brix/writers/shared.h"
 #include "zel/inpout/stream.h"
 
 namespace brix {
@@ -132,6 +133,7 @@ std::unique_ptr<tree_model> tree_model::grow(table& t, tree_options const& o,
                                              bool stable_order) {
   auto tree = std::make_unique<dtree>(t.get_name());
   impl(*tree).set_stable_order(stable_order);
+  impl(*tree).set_subsets(o.subsets);
   tree->set_conf_level(o.confidence);
   tree->set_min_obj(o.min_cases);
   tree->set_pruning_strategy(o.prune == pruning::none   ? dtree::NO_PRUNING
@@ -149,7 +151,7 @@ std::unique_ptr<tree_model> tree_model::load(std::string const& path) {
     std::fclose(f);
   else
     throw std::runtime_error("File " + path + ": cannot be opened (" + std::strerror(errno) + ")");
-  std::unique_ptr<dtree> tree(dtree::fromBinary(path));
+  std::unique_ptr<dtree> tree(writers::read_tree_file(path, true));
   if (impl(*tree).get_metadata() == nullptr || impl(*tree).get_root() == nullptr)
     throw std::runtime_error("File " + path + ": holds no tree");
   // A tree grown from text that is not UTF-8 (brixcmd takes any bytes) would make malformed

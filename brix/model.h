@@ -31,6 +31,9 @@ struct tree_options {
   float min_cases = 2.0f;    // > 1
   pruning prune = pruning::error;
   int threads = 1;  // above 1: grown on that many worker threads, to the same tree
+  // Discrete attributes of more than two values split on groups of their values instead of a
+  // branch per value. Such a tree's file is not brixcmd's: brixcmd refuses it.
+  bool subsets = false;
   // Told each stage as it starts: "grow", "prune", "evaluate"; for progress and timings.
   std::function<void(char const*)> stage;
 };

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -43,8 +44,28 @@ bool decides_over(rule const& a, rule const& b) {
 struct order_range {
   unsigned long att = 0;
   unsigned long lo = 1, hi = 0;
-  bool holds(unsigned long o) const { return o != 0 && o >= lo && o <= hi; }
+  // A test of value one of several: per order of the column, whether it passes (order 0, the
+  // unknown value, does not); lo and hi then span every known order. Null for a range.
+  std::shared_ptr<std::vector<char> const> set;
+  bool holds(unsigned long o) const {
+    return o != 0 && o >= lo && o <= hi && (!set || (o < set->size() && (*set)[o] != 0));
+  }
 };
+
+// Whether a condition of values one of a set fails each of n cases of orders ord: into out (1:
+// fails).
+template <class Out>
+void set_fails(std::vector<char> const& set, std::uint32_t const* ord, std::size_t n, Out out) {
+  for (std::size_t i = 0; i < n; ++i)
+    out(i, ord[i] >= set.size() || set[ord[i]] == 0);
+}
+
+std::string braced(std::vector<std::string> const& values) {
+  std::string s = "{";
+  for (std::size_t i = 0; i < values.size(); ++i)
+    s += (i ? ", " : "") + values[i];
+  return s + "}";
+}
 
 // The count of a value set's known orders whose values are not above text, compared as cmp's
 // data type reads them; the orders ascend with the values.
@@ -79,6 +100,20 @@ order_range bind_condition(rule_condition const& c, o_set& cmp, column const* co
       r.lo = not_above_count(cmp, values, c.value) + 1;
       r.hi = values->size_of_known();
       break;
+    case rule_condition::in: {
+      auto set = std::make_shared<std::vector<char>>(values->size_of_known() + 1, 0);
+      bool any = false;
+      for (std::string const& v : c.values) {
+        unsigned long o = col->get_index(v.c_str());
+        if (o != 0 && o < set->size()) any = (*set)[o] = 1;
+      }
+      if (any) {
+        r.lo = 1;
+        r.hi = values->size_of_known();
+        r.set = std::move(set);
+      }
+      break;
+    }
   }
   return r;
 }
@@ -147,13 +182,22 @@ bool implied(rule_condition const& c, std::vector<rule_condition> const& tight, 
       case rule_condition::above:  // t.value >= c.value
         if (cmp.leq(c.value, t.value) != 1) return true;
         break;
+      case rule_condition::in:  // t.values within c.values
+        if (std::all_of(t.values.begin(), t.values.end(), [&](std::string const& v) {
+              return std::find(c.values.begin(), c.values.end(), v) != c.values.end();
+            }))
+          return true;
+        break;
     }
   }
   return false;
 }
 
 char const* op_text(rule_condition::kind k) {
-  return k == rule_condition::equal ? "=" : k == rule_condition::not_above ? "<=" : ">";
+  return k == rule_condition::equal       ? "="
+         : k == rule_condition::not_above ? "<="
+         : k == rule_condition::above     ? ">"
+                                          : "in";
 }
 
 std::string num(double v) {
@@ -206,7 +250,8 @@ class fail_sets {
   std::uint64_t const* of(order_range const& b, cases const& cs) {
     auto lo = static_cast<std::uint32_t>(b.lo), hi = static_cast<std::uint32_t>(b.hi);
     bool none = hi < lo || lo == 0;
-    key k{none ? ~0ul : b.att, none ? 0u : lo, none ? 0u : hi};
+    key k{none ? ~0ul : b.att, none ? 0u : lo, none ? 0u : hi,
+          b.set && !none ? *b.set : std::vector<char>()};
     std::size_t victim = 0;
     for (std::size_t s = 0; s < kSlots; ++s) {
       if (slots_[s].used && slots_[s].k == k) {
@@ -228,6 +273,12 @@ class fail_sets {
     if (hi < lo || lo == 0) {
       for (std::size_t i = 0; i < n_; ++i)
         out[i >> 6] |= std::uint64_t{1} << (i & 63);
+      return;
+    }
+    if (b.set) {
+      set_fails(*b.set, cs.orders[b.att].data(), n_, [out](std::size_t i, bool f) {
+        out[i >> 6] |= static_cast<std::uint64_t>(f) << (i & 63);
+      });
       return;
     }
     // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
@@ -254,10 +305,13 @@ class fail_sets {
   struct key {
     unsigned long att;
     std::uint32_t lo, hi;
-    bool operator==(key const& o) const { return att == o.att && lo == o.lo && hi == o.hi; }
+    std::vector<char> set;  // a condition of values one of a set; empty for a range
+    bool operator==(key const& o) const {
+      return att == o.att && lo == o.lo && hi == o.hi && set == o.set;
+    }
   };
   struct slot {
-    key k{0, 0, 0};
+    key k{0, 0, 0, {}};
     std::uint64_t stamp = 0;
     bool used = false;
   };
@@ -695,6 +749,10 @@ void each_leaf(_decision_tree const* t, impls::table const& meta, std::vector<ru
     if (c->is_continuous()) {
       cond.test = i == 0 ? rule_condition::not_above : rule_condition::above;
       cond.value = n->get_threshold();
+    } else if (impls::value_groups const* g = n->get_value_groups()) {
+      cond.test = rule_condition::in;
+      cond.values = impls::group_values(c, *g, i);
+      cond.value = braced(cond.values);
     } else {
       cond.test = rule_condition::equal;
       cond.value = c->get_o_set()->get_value(i + 1);
@@ -718,12 +776,30 @@ std::vector<rule_condition> merged(std::vector<rule_condition> const& path,
       out.push_back(c);
     } else if (c.test == rule_condition::equal) {
       same->value = c.value;
+    } else if (c.test == rule_condition::in) {
+      // Both hold on the path: the values of both.
+      std::vector<std::string> both;
+      for (std::string const& v : same->values)
+        if (std::find(c.values.begin(), c.values.end(), v) != c.values.end()) both.push_back(v);
+      same->values = std::move(both);
+      same->value = braced(same->values);
     } else {
       int c_above = cmp[c.attribute]->leq(c.value, same->value);
       if ((c.test == rule_condition::not_above && c_above == 0) ||
           (c.test == rule_condition::above && c_above == 1))
         same->value = c.value;
     }
+  }
+  // A set of one value is a test of that value, unless the path tests one already.
+  for (rule_condition& c : out) {
+    if (c.test != rule_condition::in || c.values.size() != 1) continue;
+    bool equal_too = std::any_of(out.begin(), out.end(), [&](rule_condition const& o) {
+      return o.attribute == c.attribute && o.test == rule_condition::equal;
+    });
+    if (equal_too) continue;
+    c.test = rule_condition::equal;
+    c.value = c.values[0];
+    c.values.clear();
   }
   std::sort(out.begin(), out.end(), [](rule_condition const& a, rule_condition const& b) {
     return a.attribute != b.attribute ? a.attribute < b.attribute : a.test < b.test;
@@ -1107,6 +1183,16 @@ static void scan_rows(table const& t, std::vector<column const*> const& cols,
           std::fill(f, f + words, 0);
           break;
         }
+        if (c.set) {
+          bool any = false;
+          set_fails(*c.set, orders[c.att].data(), rows, [&](std::size_t r, bool fail) {
+            f[r >> 6] &= ~(static_cast<std::uint64_t>(fail) << (r & 63));
+          });
+          for (unsigned long w = 0; w < words; ++w)
+            any |= f[w] != 0;
+          if (!any) break;
+          continue;
+        }
         // Known orders in [lo, hi]: o - lo wraps past the span for 0 and for orders below lo.
         auto lo = static_cast<std::uint32_t>(c.lo);
         auto span = static_cast<std::uint32_t>(c.hi - c.lo);
@@ -1295,8 +1381,17 @@ void rule_model::write(std::ostream& out) const {
   for (rule const& r : rules_) {
     out << "rule\t" << r.cls << "\t" << exact(r.cases) << "\t" << exact(r.errors) << "\t"
         << exact(r.confidence) << "\t" << exact(r.lift) << "\t" << r.conditions.size();
-    for (rule_condition const& c : r.conditions)
-      out << "\t" << c.attribute << "\t" << op_text(c.test) << "\t" << escaped(c.value);
+    for (rule_condition const& c : r.conditions) {
+      out << "\t" << c.attribute << "\t" << op_text(c.test) << "\t";
+      if (c.test != rule_condition::in) {
+        out << escaped(c.value);
+        continue;
+      }
+      // in: the number of values, then each.
+      out << c.values.size();
+      for (std::string const& v : c.values)
+        out << "\t" << escaped(v);
+    }
     out << "\n";
   }
   out << "end\n";
@@ -1372,20 +1467,39 @@ struct ruleset_fields {
     r.confidence = real(f[4]);
     r.lift = real(f[5]);
     unsigned long n = whole(f[6], std::numeric_limits<unsigned long>::max() / 4);
-    need(f, 7 + 3 * n);
+    // Three fields a condition, and for a test of values one of a set its values too.
+    auto at_least = [&](std::size_t k) {
+      if (f.size() < k) need(f, k);
+    };
+    at_least(7 + 3 * n);
+    std::size_t at = 7;
     for (unsigned long i = 0; i < n; ++i) {
+      at_least(at + 3);
       rule_condition c;
-      c.attribute = whole(f[7 + 3 * i], atts.size());
-      std::string const& op = f[8 + 3 * i];
+      c.attribute = whole(f[at], atts.size());
+      std::string const& op = f[at + 1];
       c.test = op == "="    ? rule_condition::equal
                : op == "<=" ? rule_condition::not_above
                : op == ">"  ? rule_condition::above
+               : op == "in" ? rule_condition::in
                             : (damaged("test '" + op + "'"), rule_condition::equal);
-      if ((c.test == rule_condition::equal) == atts[c.attribute].continuous)
+      bool discrete = c.test == rule_condition::equal || c.test == rule_condition::in;
+      if (discrete == atts[c.attribute].continuous)
         damaged("test '" + op + "' on attribute '" + atts[c.attribute].name + "'");
-      c.value = f[9 + 3 * i];
+      if (c.test == rule_condition::in) {
+        unsigned long k = whole(f[at + 2], f.size());
+        at_least(at + 3 + k);
+        c.values.assign(f.begin() + static_cast<long>(at + 3),
+                        f.begin() + static_cast<long>(at + 3 + k));
+        c.value = braced(c.values);
+        at += 3 + k;
+      } else {
+        c.value = f[at + 2];
+        at += 3;
+      }
       r.conditions.push_back(std::move(c));
     }
+    need(f, at);
     return r;
   }
 };
@@ -1489,7 +1603,15 @@ void rule_model::write_json(std::ostream& out) const {
     for (std::size_t j = 0; j < r.conditions.size(); ++j) {
       rule_condition const& c = r.conditions[j];
       out << (j ? "," : "") << "{\"attribute\":" << json_string(attributes_[c.attribute].name)
-          << ",\"test\":\"" << op_text(c.test) << "\",\"value\":" << json_string(c.value) << "}";
+          << ",\"test\":\"" << op_text(c.test) << "\",";
+      if (c.test == rule_condition::in) {
+        out << "\"values\":[";
+        for (std::size_t v = 0; v < c.values.size(); ++v)
+          out << (v ? "," : "") << json_string(c.values[v]);
+        out << "]}";
+      } else {
+        out << "\"value\":" << json_string(c.value) << "}";
+      }
     }
     out << "]}";
   }
@@ -1546,6 +1668,10 @@ void rule_model::write_pmml(std::ostream& out) const {
         << "\" nbCorrect=\"" << num(r.cases - r.errors) << "\" confidence=\"" << num(r.confidence)
         << "\" weight=\"" << num(r.confidence) << "\">\n";
     auto simple = [&](rule_condition const& c, char const* pad) {
+      if (c.test == rule_condition::in) {
+        out << pad << writers::set_predicate(attributes_[c.attribute].name, c.values) << "\n";
+        return;
+      }
       char const* op = c.test == rule_condition::equal       ? "equal"
                        : c.test == rule_condition::not_above ? "lessOrEqual"
                                                              : "greaterThan";

@@ -33,12 +33,15 @@
 namespace brix {
 
 struct rule_condition {
-  enum kind { equal, not_above, above };  // value == text, value <= text, value > text
-  unsigned long attribute = 0;            // index into rule_model::attributes()
+  // value == text, value <= text, value > text, value one of values (a tree split on groups of
+  // values)
+  enum kind { equal, not_above, above, in };
+  unsigned long attribute = 0;  // index into rule_model::attributes()
   kind test = equal;
-  std::string value;
+  std::string value;                // in: the values as the text report shows them, "{a, b}"
+  std::vector<std::string> values;  // in: the values, in the tree's value order
   bool operator==(rule_condition const& o) const {
-    return attribute == o.attribute && test == o.test && value == o.value;
+    return attribute == o.attribute && test == o.test && value == o.value && values == o.values;
   }
 };
 

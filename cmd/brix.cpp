@@ -162,6 +162,7 @@ std::vector<option> growth_options() {
        }},
       {"--costs", true, [](settings& s, std::string const& v) { s.costs = v; }},
       {"--rules", false, [](settings& s, std::string const&) { s.rules = true; }},
+      {"--subsets", false, [](settings& s, std::string const&) { s.tree.subsets = true; }},
   };
 }
 
@@ -1069,7 +1070,10 @@ char const* const kTrainingOptions =
     "  --costs FILE         misclassification costs, CSV predicted,actual,cost (unlisted pairs:\n"
     "                       1 off the diagonal, 0 on it); reports the average cost\n"
     "  --rules              read the pruned tree off as a ruleset (train: its report and --model\n"
-    "                       file; cv: its errors and rule counts)\n";
+    "                       file; cv: its errors and rule counts)\n"
+    "  --subsets            split discrete attributes of more than two values on groups of\n"
+    "                       values (\"make in {a, b}\") instead of a branch per value; the\n"
+    "                       model file is then brix's own (brixcmd -bt refuses it)\n";
 
 struct command {
   int (*run)(settings const&);

@@ -21,8 +21,9 @@ class binary_writer : public tree_writer {
   // A failed write leaves no partial regular file behind.
   void write(tree_output const& src, std::string const& path) const override {
     write_binary_file(path, [&](zel::inpout::obinstream& out) {
-      // The presence flag of the model: a file always holds one.
-      out << static_cast<unsigned char>(1) << src.tree;
+      // The presence flag of the model: a file always holds one. A tree split on groups of
+      // values is flagged with a letter instead, which brixcmd's reader refuses.
+      out << (src.tree.has_value_groups() ? kGroupsTag : static_cast<unsigned char>(1)) << src.tree;
     });
   }
 };

@@ -42,15 +42,27 @@ void json_node(tree_view const& v, _decision_tree const& t, std::ostream& out) {
   out << "],\"error\":" << num(n.get_error());
   if (v.split(t)) {
     impls::column const* c = v.att(n);
-    out << ",\"attribute\":" << json_string(c->get_name())
-        << ",\"test\":" << (c->is_continuous() ? "\"threshold\"" : "\"value\"")
+    bool groups = n.get_value_groups() != nullptr;
+    out << ",\"attribute\":" << json_string(c->get_name()) << ",\"test\":"
+        << (c->is_continuous() ? "\"threshold\""
+            : groups           ? "\"subset\""
+                               : "\"value\"")
         << ",\"branches\":[";
     bool first = true;
     for (unsigned long i = 0; i < t.get_no_childs(); ++i) {
       if (t.get_child(i) == nullptr || t.get_child(i)->get_node() == nullptr) continue;
-      auto b = v.branch(n, i);
-      out << (first ? "" : ",") << "{\"operator\":" << json_string(b.first)
-          << ",\"value\":" << json_string(b.second) << ",\"node\":";
+      out << (first ? "" : ",");
+      if (groups) {
+        out << "{\"operator\":\"in\",\"values\":[";
+        std::vector<std::string> values = v.branch_values(n, i);
+        for (std::size_t k = 0; k < values.size(); ++k)
+          out << (k ? "," : "") << json_string(values[k]);
+        out << "],\"node\":";
+      } else {
+        auto b = v.branch(n, i);
+        out << "{\"operator\":" << json_string(b.first) << ",\"value\":" << json_string(b.second)
+            << ",\"node\":";
+      }
       json_node(v, *t.get_child(i), out);
       out << "}";
       first = false;

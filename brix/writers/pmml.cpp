@@ -37,6 +37,22 @@ std::string xml_escape(std::string const& s) {
   return out;
 }
 
+std::string set_predicate(std::string const& field, std::vector<std::string> const& values) {
+  std::string array;
+  for (std::string const& value : values) {
+    if (!array.empty()) array += ' ';
+    array += '"';
+    for (char ch : value) {
+      if (ch == '"' || ch == '\\') array += '\\';
+      array += ch;
+    }
+    array += '"';
+  }
+  return "<SimpleSetPredicate field=\"" + xml_escape(field) +
+         "\" booleanOperator=\"isIn\"><Array n=\"" + std::to_string(values.size()) +
+         "\" type=\"string\">" + xml_escape(array) + "</Array></SimpleSetPredicate>";
+}
+
 namespace {
 
 void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
@@ -54,6 +70,11 @@ void pmml_node(tree_view const& v, _decision_tree const& t, std::ostream& out,
     std::string field = xml_escape(v.att(n)->get_name());
     for (unsigned long i = 0; i < t.get_no_childs(); ++i) {
       if (t.get_child(i) == nullptr || t.get_child(i)->get_node() == nullptr) continue;
+      if (n.get_value_groups() != nullptr) {
+        pmml_node(v, *t.get_child(i), out,
+                  set_predicate(v.att(n)->get_name(), v.branch_values(n, i)), id, depth + 1);
+        continue;
+      }
       auto b = v.branch(n, i);
       char const* op = b.first[0] == '='   ? "equal"
                        : b.first[1] == '=' ? "lessOrEqual"

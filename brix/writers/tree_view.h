@@ -49,11 +49,21 @@ struct tree_view {
     return n.get_node_status() == _decision_node::LEAF_NODE ? n.get_leaf()
                                                             : n.get_most_frequent_class();
   }
-  // The test of branch i of a split, as (operator, value text).
+  // The test of branch i of a split, as (operator, value text); for a split on groups of
+  // values, ("in", the text report's "{a, b}").
   std::pair<char const*, std::string> branch(_decision_node const& n, unsigned long i) const {
     impls::column const* c = att(n);
     if (c->is_continuous()) return {i == 0 ? "<=" : ">", n.get_threshold()};
+    if (impls::value_groups const* g = n.get_value_groups()) {
+      std::string test = impls::group_test(c, *g, i);
+      return test[0] == '=' ? std::make_pair("=", test.substr(2))
+                            : std::make_pair("in", test.substr(3));
+    }
     return {"=", c->get_o_set()->get_value(i + 1)};
+  }
+  // The values of branch i of a split on groups of values, in value order.
+  std::vector<std::string> branch_values(_decision_node const& n, unsigned long i) const {
+    return impls::group_values(att(n), *n.get_value_groups(), i);
   }
 };
 

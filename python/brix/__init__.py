@@ -37,6 +37,9 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         the last one, voting with their confidence (the same model for any n_jobs).
     class_weight: None, "balanced" (n_samples / (n_classes * count of the class)) or a dict
         {label: weight}, multiplied into sample_weight.
+    subsets: categorical columns of more than two values split on groups of their values
+        ("make in {a, b}") instead of one branch per value. Such a tree's file is read by brix
+        and this package only.
 
     Sample weights count relatively: fit scales them so that the samples of positive weight
     average 1, so that min_cases keeps counting samples whatever the weights sum to.
@@ -45,7 +48,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
     _native = _core.Model  # the library's model type behind the estimator
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
-                 categorical_features=None, trials=1, class_weight=None):
+                 categorical_features=None, trials=1, class_weight=None, subsets=False):
         self.confidence = confidence
         self.min_cases = min_cases
         self.pruning = pruning
@@ -53,6 +56,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
         self.categorical_features = categorical_features
         self.trials = trials
         self.class_weight = class_weight
+        self.subsets = subsets
 
     # ------------------------------------------------------------------ tables
 
@@ -222,10 +226,12 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             self._model = _core.Ensemble.train(table, float(self.confidence),
                                                float(self.min_cases), self.pruning,
                                                int(self.n_jobs), int(self.trials),
-                                               self._native is _core.RuleModel)
+                                               self._native is _core.RuleModel,
+                                               bool(self.subsets))
         else:
             self._model = self._native.train(table, float(self.confidence),
-                                             float(self.min_cases), self.pruning, int(self.n_jobs))
+                                             float(self.min_cases), self.pruning, int(self.n_jobs),
+                                             bool(self.subsets))
         return self
 
     def _weights(self, sample_weight, codes, n):

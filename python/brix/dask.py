@@ -188,16 +188,19 @@ class TreeClassifier(_LocalTreeClassifier):
     client: the distributed.Client to run on; None: the current one.
     hand_off_cases: a node of at most this many cases (over all partitions) has its rows moved to
     one worker and is grown whole there; None: HAND_OFF_CASES; 0: every node level by level.
-    pruning "full" (raising subtrees) needs every node's cases in one place and is refused.
+    pruning "full" (raising subtrees) needs every node's cases in one place and is refused;
+    so is subsets=True on Dask collections (the distributed growing splits a categorical column
+    a branch per value); other inputs are fitted as brix.TreeClassifier fits them.
     After fit, fit_levels_ lists per level the open nodes, the bytes of tallies and decisions
     that moved, the nodes and cases handed to one worker, the bytes of their rows that moved
     between workers and of their subtrees sent to the client, and the seconds the level took.
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
-                 categorical_features=None, client=None, hand_off_cases=None):
+                 categorical_features=None, client=None, hand_off_cases=None, subsets=False):
         super().__init__(confidence=confidence, min_cases=min_cases, pruning=pruning,
-                         n_jobs=n_jobs, categorical_features=categorical_features)
+                         n_jobs=n_jobs, categorical_features=categorical_features,
+                         subsets=subsets)
         self.client = client
         self.hand_off_cases = hand_off_cases
 
@@ -219,6 +222,10 @@ class TreeClassifier(_LocalTreeClassifier):
     def fit(self, X, y, sample_weight=None):
         if not _is_dask_collection(X):
             return super().fit(X, y, sample_weight)
+        if self.subsets:
+            raise ValueError("subsets=True is not supported on Dask collections: the distributed "
+                             "growing splits a categorical column a branch per value; fit "
+                             "brix.TreeClassifier(subsets=True) on an in-memory frame instead")
         client = self._client()
         try:
             return self._fit_dask(X, y, sample_weight, client)

@@ -133,8 +133,9 @@ class builder {
 
 // The options every model type grows its trees with.
 brix::tree_options tree_options_of(float confidence, float min_cases, std::string const& pruning,
-                                   int threads) {
+                                   int threads, bool subsets = false) {
   brix::tree_options o;
+  o.subsets = subsets;
   o.confidence = confidence;
   o.min_cases = min_cases;
   o.prune = pruning == "full"   ? brix::pruning::full
@@ -181,8 +182,8 @@ std::vector<T> from_array(py::handle h) {
 // Model and RuleModel grow from the tree options alone.
 template <class M>
 std::shared_ptr<M> train_of(brix::table& t, float confidence, float min_cases,
-                            std::string const& pruning, int threads) {
-  brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads);
+                            std::string const& pruning, int threads, bool subsets) {
+  brix::tree_options o = tree_options_of(confidence, min_cases, pruning, threads, subsets);
   py::gil_scoped_release release;
   return std::shared_ptr<M>(M::train(t, o).release());
 }
@@ -358,7 +359,9 @@ PYBIND11_MODULE(_core, m) {
       });
   py::class_<brix::tree_model, std::shared_ptr<brix::tree_model>> model(m, "Model");
   model_members(model)
-      .def_static("train", &train_of<brix::tree_model>)
+      .def_static("train", &train_of<brix::tree_model>, py::arg("table"), py::arg("confidence"),
+                  py::arg("min_cases"), py::arg("pruning"), py::arg("threads"),
+                  py::arg("subsets") = false)
       .def_property_readonly("attributes", &brix::tree_model::attributes)
       .def_property_readonly("size", &brix::tree_model::size)
       .def_property_readonly("depth", &brix::tree_model::depth)
@@ -397,16 +400,17 @@ PYBIND11_MODULE(_core, m) {
       .def_static(
           "train",
           [](brix::table& t, float confidence, float min_cases, std::string const& pruning,
-             int threads, int trials, bool rules) {
+             int threads, int trials, bool rules, bool subsets) {
             brix::ensemble_options o;
-            o.tree = tree_options_of(confidence, min_cases, pruning, threads);
+            o.tree = tree_options_of(confidence, min_cases, pruning, threads, subsets);
             o.trials = trials;
             o.rules = rules;
             py::gil_scoped_release release;
             return std::shared_ptr<brix::ensemble>(brix::ensemble::train(t, o).release());
           },
           py::arg("table"), py::arg("confidence"), py::arg("min_cases"), py::arg("pruning"),
-          py::arg("threads"), py::arg("trials"), py::arg("rules") = false)
+          py::arg("threads"), py::arg("trials"), py::arg("rules") = false,
+          py::arg("subsets") = false)
       .def_static("is_file", &brix::ensemble::is_file)
       .def_property_readonly("attributes", &brix::ensemble::attributes)
       .def_property_readonly("trials", &brix::ensemble::size)
@@ -434,7 +438,9 @@ PYBIND11_MODULE(_core, m) {
   // A ruleset read off the tree the same options grow.
   py::class_<brix::rule_model, std::shared_ptr<brix::rule_model>> rules(m, "RuleModel");
   model_members(rules)
-      .def_static("train", &train_of<brix::rule_model>)
+      .def_static("train", &train_of<brix::rule_model>, py::arg("table"), py::arg("confidence"),
+                  py::arg("min_cases"), py::arg("pruning"), py::arg("threads"),
+                  py::arg("subsets") = false)
       .def_static("is_rules_file", &brix::rule_model::is_rules_file)
       .def_property_readonly("size", &brix::rule_model::size)
       .def_property_readonly("leaves", &brix::rule_model::leaves)

@@ -87,6 +87,7 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
                                     [](w_case const& c) { return c.second == 1.0f; });
   opts.one_bit = &one_bit;
   opts.stable_order = stable_order_;
+  opts.subsets = subsets_;
   // Default pruning is settled subtree by subtree while growing; prune() below then finds
   // nothing left to change but stays the one definition of the pruned tree, and the one to
   // refuse a level out of range (only a damaged model file holds one).

@@ -24,6 +24,9 @@ struct options {
   // sort, radix where large), instead of the permutation single trees have always had. Set for
   // the trees of later boosting trials, which have no earlier output to reproduce.
   bool stable_order = false;
+  // Discrete attributes of more than two values split on groups of their values
+  // (value_subsets.h) instead of a branch per value.
+  bool subsets = false;
   // Per attribute, whether it is discrete and stored a bit a row (may be null: then asked).
   std::vector<char> const* one_bit = nullptr;
   // A node of at least local_min_cases cases copies their orders into a table of its own when

@@ -23,15 +23,17 @@ namespace {
 // one to all branches with the branch's share of its weight. The orders are
 // read again in the second pass rather than kept: a table of them would
 // sit beside the father's cases and the children at the peak of growing.
+// groups, when given, maps each value order to its branch (from 1); otherwise branch v is order v.
 template <class Reader>
 void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
                         std::vector<w_sequence*>& children, std::vector<float>& shares,
-                        std::vector<order_range>& ranges, bool given) {
+                        std::vector<order_range>& ranges, bool given, value_groups const* groups) {
   std::size_t k = children.size();
+  auto branch = [groups](std::uint32_t a) { return groups != nullptr ? (*groups)[a] : a; };
   std::vector<float> wv(k + 1, 0.0f);
   std::vector<std::size_t> count(k + 1, 0);
   for (w_case const* c = begin; c != end; ++c) {
-    auto a = static_cast<std::uint32_t>(rd(c->first));
+    auto a = branch(static_cast<std::uint32_t>(rd(c->first)));
     wv[a] += c->second;
     ++count[a];
   }
@@ -41,8 +43,18 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
     ranges[v - 1] = order_range(v, v + 1);
     children[v - 1]->reserve(count[v] + count[0]);
   }
+  if (groups != nullptr) {
+    // A branch's range spans the orders of its values.
+    for (std::size_t v = 0; v < k; ++v)
+      ranges[v] = order_range(0, 0);
+    for (std::size_t o = 1; o < groups->size(); ++o) {
+      order_range& r = ranges[(*groups)[o] - 1];
+      if (r.second == 0) r.first = o;
+      r.second = o + 1;
+    }
+  }
   for (w_case const* c = begin; c != end; ++c) {
-    auto a = static_cast<std::uint32_t>(rd(c->first));
+    auto a = branch(static_cast<std::uint32_t>(rd(c->first)));
     if (a != 0) {
       children[a - 1]->cases().push_back(*c);
     } else {
@@ -108,7 +120,12 @@ void partition_into(column const& att, w_case const* begin, w_case const* end, f
                     std::vector<w_sequence*>& children, std::vector<float>& shares,
                     std::vector<order_range>& ranges, bool given) {
   std::size_t k;
-  if (att.is_discrete() || att.is_class()) {
+  value_groups const* groups = desc.groups.get();
+  if (groups != nullptr) {
+    if (!att.is_discrete() || groups->size() != att.get_distinct() + 1)
+      throw std::invalid_argument("partition: value groups of another attribute");
+    k = desc.branches;
+  } else if (att.is_discrete() || att.is_class()) {
     k = att.get_distinct();
   } else if (att.is_continuous()) {
     k = 2;
@@ -136,7 +153,7 @@ void partition_into(column const& att, w_case const* begin, w_case const* end, f
       });
     } else {
       att.visit([&](auto rd) {
-        partition_discrete(rd, begin, end, total_weight, children, shares, ranges, given);
+        partition_discrete(rd, begin, end, total_weight, children, shares, ranges, given, groups);
       });
     }
   } catch (...) {
@@ -198,24 +215,36 @@ w_sequence* partition_branch(column const& att, w_case const* begin, w_case cons
     });
     return out;
   }
+  value_groups const* groups = desc.groups.get();
+  auto branch_of = [groups](unsigned long a) -> unsigned long {
+    return groups != nullptr ? (*groups)[a] : a;
+  };
   att.visit([&](auto rd) {
     float wv = 0.0f, wu = 0.0f;
     for (w_case const* c = begin; c != end; ++c) {
       unsigned long a = rd(c->first);
-      if (a == branch) wv += c->second;
+      if (a != 0 && branch_of(a) == branch) wv += c->second;
       if (a == 0) wu += c->second;
     }
     share = wv / (total_weight - wu);
     for (w_case const* c = begin; c != end; ++c) {
       unsigned long a = rd(c->first);
-      if (a == branch) {
-        out->cases().push_back(*c);
-      } else if (a == 0) {
+      if (a == 0) {
         out->cases().push_back(w_case{c->first, share * c->second});
+      } else if (branch_of(a) == branch) {
+        out->cases().push_back(*c);
       }
     }
   });
   range = order_range(branch, branch + 1);
+  if (groups != nullptr) {
+    range = order_range(0, 0);
+    for (std::size_t o = 1; o < groups->size(); ++o) {
+      if ((*groups)[o] != branch) continue;
+      if (range.second == 0) range.first = o;
+      range.second = o + 1;
+    }
+  }
   return out;
 }
 

@@ -15,6 +15,7 @@
 #include "brix/impls/learning/constants.h"
 #include "brix/impls/learning/entropy.h"
 #include "brix/impls/learning/grow_options.h"
+#include "brix/impls/learning/value_subsets.h"
 #include "brix/impls/storage/column_typed.h"
 
 namespace brix {
@@ -122,10 +123,12 @@ void discrete_gain(std::vector<float> const& freq, float* totals, std::size_t ro
   best.gain = (hc / known - hs / known) * (known / (unknown + known));
 }
 
+// grouped: the attribute's number of values where its split is searched on groups of them, else 0.
 template <class Att, class Cls>
 void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weight,
                       w_sequence const& cases, order_range const& range, float min_objects,
-                      options const* opts, split_scratch& s, splitting_desc& best) {
+                      options const* opts, split_scratch& s, splitting_desc& best,
+                      unsigned long grouped) {
   xlogx_table const& logs = logs_of(opts);
   std::size_t cols = classes + 1;
   std::size_t rows = range.second - range.first + 1;
@@ -139,6 +142,9 @@ void quality_discrete(Att att, Cls cls, unsigned long classes, float total_weigh
       cases.size() >= kInterleaveFrom && any_order_at(opts, total_weight)
           ? tally_exact(att, cls, cases, base, cols, rows * cols, freq.data(), class_total, s.ways)
           : tally(att, cls, cases, base, cols, freq.data(), class_total);
+  if (grouped > 0 && score_value_groups(freq.data(), rows, cols, base, grouped, class_total,
+                                        unknown, total_weight, min_objects, logs, best))
+    return;
   discrete_gain(freq, totals.data(), rows, cols, classes, unknown, total_weight, min_objects, logs,
                 best);
 }
@@ -675,10 +681,12 @@ void score_split(column const& att, column const& cls, float total_weight, w_seq
     });
   } else if (att.is_discrete()) {
     best.branches = att.get_distinct();
+    best.groups.reset();
+    unsigned long grouped = groups_values(opts, att) ? att.get_distinct() : 0;
     cls.visit([&](auto c) {
       att.visit([&](auto a) {
         quality_discrete(a, c, classes, total_weight, cases, range, min_objects, opts, scratch,
-                         best);
+                         best, grouped);
       });
     });
   } else {
@@ -734,6 +742,11 @@ void score_tallies(column const& att, unsigned long classes, float total_weight,
     for (std::size_t r = 1; r < rows; ++r)
       for (std::size_t k = 0; k < cols; ++k)
         class_total[k] += f[r * cols + k];
+    best.groups.reset();
+    if (groups_values(opts, att) &&
+        score_value_groups(f.data(), rows, cols, base, att.get_distinct(), class_total, unknown,
+                           total_weight, min_objects, logs_of(opts), best))
+      return;
     discrete_gain(f, totals.data(), rows, cols, classes, unknown, total_weight, min_objects,
                   logs_of(opts), best);
   } else {

@@ -161,6 +161,36 @@ unsigned long decision_tree::training_n_rows() const {
   return root_ && root_->get_node() ? root_->get_node()->get_cases_count() : 0;
 }
 
+bool decision_tree::has_value_groups() const {
+  if (!root_) return false;
+  std::vector<_decision_tree const*> pending{root_.get()};
+  while (!pending.empty()) {
+    _decision_tree const* t = pending.back();
+    pending.pop_back();
+    if (t->get_node() != nullptr && t->get_node()->get_value_groups() != nullptr) return true;
+    for (unsigned long i = 0; i < t->get_no_childs(); ++i)
+      if (t->get_child(i) != nullptr) pending.push_back(t->get_child(i));
+  }
+  return false;
+}
+
+std::vector<std::string> group_values(column const* col, value_groups const& groups,
+                                      unsigned long i) {
+  std::vector<std::string> out;
+  for (unsigned long o = 1; o < groups.size(); ++o)
+    if (groups[o] == i + 1) out.push_back(col->get_o_set()->get_value(o));
+  return out;
+}
+
+std::string group_test(column const* col, value_groups const& groups, unsigned long i) {
+  std::vector<std::string> values = group_values(col, groups, i);
+  if (values.size() == 1) return "= " + values[0];
+  std::string s = "in {";
+  for (std::size_t k = 0; k < values.size(); ++k)
+    s += (k > 0 ? ", " : "") + values[k];
+  return s + "}";
+}
+
 // ---------------------------------------------------------------- text report
 
 void decision_tree::toTEXT(std::ostream& out, unsigned long level) const {
@@ -198,6 +228,8 @@ void _decision_node::toTEXT(table* meta, std::ostream& out, unsigned long branch
             : branch == 1 ? " > "
                           : " unknown ")
         << partition_.threshold << " :";
+  } else if (col->is_discrete() && partition_.groups) {
+    out << col->get_name() << " " << group_test(col, *partition_.groups, branch) << ":";
   } else if (col->is_discrete()) {
     out << col->get_name() << " = " << col->get_o_set()->get_value(branch + 1) << ":";
   } else {

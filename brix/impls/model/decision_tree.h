@@ -63,6 +63,8 @@ class _decision_node {
   std::string const& get_threshold() const { return partition_.threshold; }
   unsigned long get_no_of_splits() const { return partition_.branches; }
   partition_desc const& get_partition() const { return partition_; }
+  // A split on groups of values: each value order's branch, from 1; null for other nodes.
+  value_groups const* get_value_groups() const { return partition_.groups.get(); }
   float get_error() const { return error_; }
   void set_error(float e) { error_ = e; }
   float get_leaf_error() const { return cases_weight_ - class_distribution_[most_frequent_]; }
@@ -109,7 +111,7 @@ class _decision_node {
   bool activated_ = false;
   bool owns_cases_ = false;  // the root's cases belong to its caller
 };
-static_assert(sizeof(_decision_node) <= 120, "a grown tree keeps one node record a node");
+static_assert(sizeof(_decision_node) <= 128, "a grown tree keeps one node record a node");
 
 // Error-based pruning's confidence level and the coefficient derived from it.
 struct prune_params {
@@ -164,9 +166,10 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
 
   // Replaces this tree by the subtree record read from in. Throws
   // std::runtime_error on a short read or a shape no writer produces.
-  void load_bin(zel::inpout::ibinstream& in, _decision_node* father);
+  // groups: each split node's value groups follow it (an empty list for an ordinary split).
+  void load_bin(zel::inpout::ibinstream& in, _decision_node* father, bool groups = false);
   // The subtree as the tree file holds it, for load_bin.
-  void save_bin(zel::inpout::obinstream& out) const;
+  void save_bin(zel::inpout::obinstream& out, bool groups = false) const;
 
   // Drops the children and turns the node into a leaf with the given error.
   void collapse(float error);
@@ -192,6 +195,11 @@ class decision_tree {
   bool set_option(int o);
   // Later boosting trials only: see options::stable_order. Not kept with the model.
   void set_stable_order(bool on) { stable_order_ = on; }
+  // Discrete attributes split on groups of their values (options::subsets). Not kept with the
+  // model: its split nodes keep their groups.
+  void set_subsets(bool on) { subsets_ = on; }
+  // Whether any split node of the tree is on groups of values.
+  bool has_value_groups() const;
 
   void build_unpruned(table* t, w_sequence* cases, bool evaluate);
   // stage, when given, is told "prune" and "evaluate" as growing hands over to them.
@@ -256,11 +264,18 @@ class decision_tree {
   tree_settings settings_;
   double elapsed_ = 0.0;
   bool stable_order_ = false;
+  bool subsets_ = false;
   std::string name_;
   std::unique_ptr<w_sequence> root_cases_;  // the cases the root was grown from
   mutable std::mutex compiled_mutex_;
   mutable std::shared_ptr<compiled_tree const> by_text_;
 };
+
+// The value texts of branch i (from 0) of a split of col on groups of values, in value order.
+std::vector<std::string> group_values(column const* col, value_groups const& groups,
+                                      unsigned long i);
+// A branch's test as the text report words it: "= v" for a group of one value, "in {v, w}".
+std::string group_test(column const* col, value_groups const& groups, unsigned long i);
 
 // The classes of a distribution of weight 1 (index 0, the unknown class, left out) as shares that
 // sum to 1 within 1e-6: as summed where they do, which keeps them equal to the score file's

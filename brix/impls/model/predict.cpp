@@ -175,6 +175,8 @@ class compiled_tree {
     std::int8_t const* side_of = nullptr;
     // Rows, discrete: a table order's branch (-1: unknown); null when the orders are the tree's.
     std::int32_t const* branch_of = nullptr;
+    // A split on groups of values: each tree order's branch (-1: unknown); null for the others.
+    std::int32_t const* group_of = nullptr;
     bool continuous = false;
     unsigned long att = 0;
     unsigned long leaf = 0;
@@ -278,7 +280,20 @@ class compiled_tree {
     } else if (col->is_discrete()) {
       e.col = col;
       col->get_o_set()->freeze();  // orders are then read concurrently
+      e.group_of = group_map(n);
     }
+  }
+
+  // A split on groups of values: each of the tree's value orders to its branch, from 0, and the
+  // unknown value (order 0) to -1; null for an ordinary split.
+  std::int32_t const* group_map(_decision_node const* n) {
+    value_groups const* g = n->get_value_groups();
+    if (g == nullptr) return nullptr;
+    std::vector<std::int32_t> map(g->size(), -1);
+    for (std::size_t o = 1; o < g->size(); ++o)
+      map[o] = static_cast<std::int32_t>((*g)[o]) - 1;
+    group_maps_.push_back(std::move(map));
+    return group_maps_.back().data();
   }
 
   void bind_rows(entry& e, _decision_node const* n) {
@@ -303,6 +318,18 @@ class compiled_tree {
       }
     } else if (mine->is_discrete()) {
       if (values != mine->get_o_set()) e.branch_of = branch_map(e.att, mine, values);
+      if (std::int32_t const* groups = group_map(n)) {
+        if (e.branch_of == nullptr) {
+          e.group_of = groups;
+        } else {
+          // The table's orders through the tree's orders to the branches, once per node.
+          std::vector<std::int32_t> map(e.branch_of, e.branch_of + values->size_of_known() + 1);
+          for (std::int32_t& b : map)
+            if (b >= 0) b = groups[b + 1];
+          group_maps_.push_back(std::move(map));
+          e.branch_of = group_maps_.back().data();
+        }
+      }
     } else {
       return;
     }
@@ -355,6 +382,7 @@ class compiled_tree {
   std::vector<unsigned long> numbers_;
   std::vector<std::vector<std::int32_t>> branch_maps_;
   std::deque<std::vector<std::int8_t>> side_maps_;  // a deque keeps each map where it is
+  std::deque<std::vector<std::int32_t>> group_maps_;
 };
 
 namespace {
@@ -377,7 +405,9 @@ struct text_branch {
   long operator()(compiled_tree::entry const& e) const {
     std::string const& v = values[e.att];
     if (e.test) return e.test->side_of_text(v);
-    return static_cast<long>(e.col->get_index(v.c_str())) - 1;
+    unsigned long order = e.col->get_index(v.c_str());
+    if (e.group_of != nullptr) return e.group_of[order];
+    return static_cast<long>(order) - 1;
   }
 };
 
@@ -392,6 +422,7 @@ struct row_branch {
       return order > e.not_above ? 1 : 0;
     }
     if (e.branch_of != nullptr) return e.branch_of[order];
+    if (e.group_of != nullptr) return e.group_of[order];
     return static_cast<long>(order) - 1;
   }
 };

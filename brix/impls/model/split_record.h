@@ -4,6 +4,7 @@
 #ifndef BRIX_IMPLS_SPLIT_RECORD_H
 #define BRIX_IMPLS_SPLIT_RECORD_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -18,10 +19,39 @@ namespace impls {
 // attribute competes only with a gain above it, so a split of gain 0 still stands against none.
 constexpr float kNoGain = -0.001f;
 
-// The threshold text and branch count that a split node keeps.
+// A split on groups of a discrete attribute's values: entry o is the branch, from 1, of value
+// order o; entry 0 (the unknown value) is 0. Every value has a branch, those absent from the
+// node included.
+using value_groups = std::vector<std::uint32_t>;
+
+// A node's value groups, or none: a single pointer, so that the nodes of ordinary splits pay
+// for them with 8 bytes. Copies are deep.
+class group_map {
+ public:
+  group_map() = default;
+  explicit group_map(value_groups g) : p_(new value_groups(std::move(g))) {}
+  group_map(group_map const& o) : p_(o.p_ ? new value_groups(*o.p_) : nullptr) {}
+  group_map& operator=(group_map const& o) {
+    if (this != &o) p_.reset(o.p_ ? new value_groups(*o.p_) : nullptr);
+    return *this;
+  }
+  group_map(group_map&&) noexcept = default;
+  group_map& operator=(group_map&&) noexcept = default;
+
+  explicit operator bool() const { return p_ != nullptr; }
+  value_groups const& operator*() const { return *p_; }
+  value_groups const* get() const { return p_.get(); }
+
+ private:
+  std::unique_ptr<value_groups> p_;
+};
+
+// The threshold text and branch count that a split node keeps; a discrete split on groups of
+// values also its groups (branches: their number), an ordinary one a branch per value.
 struct partition_desc {
   std::string threshold;
   unsigned long branches = 0;
+  group_map groups;
 };
 
 // The best split of one attribute in one node.
@@ -32,9 +62,11 @@ struct splitting_desc {
   column const* att = nullptr;
   float gain = kNoGain;
   float split_info = 0.0f;
+  std::shared_ptr<value_groups const> groups;  // a split on groups of values; else null
   void set_partition_desc(partition_desc& desc) const {
     desc.threshold = att->find_threshold(low, high);
     desc.branches = branches;
+    desc.groups = groups ? group_map(*groups) : group_map();
   }
 };
 

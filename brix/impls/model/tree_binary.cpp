@@ -190,14 +190,19 @@ w_sequence* _decision_node::share_cases() {
 // ---------------------------------------------------------------- subtrees
 
 // Iterative, as load_bin reads: the subtree's nodes depth first, pre-order.
-void _decision_tree::save_bin(obinstream& out) const {
+void _decision_tree::save_bin(obinstream& out, bool groups) const {
   struct frame {
     _decision_tree const* tree;
     unsigned long next;
   };
   std::vector<frame> stack;
   auto open = [&](_decision_tree const* t) {
-    out << *t->get_node() << static_cast<std::uint64_t>(t->get_no_childs());
+    out << *t->get_node();
+    if (groups && t->get_node()->get_node_status() == _decision_node::SPLIT_NODE) {
+      value_groups const* g = t->get_node()->get_value_groups();
+      out << (g != nullptr ? *g : value_groups());
+    }
+    out << static_cast<std::uint64_t>(t->get_no_childs());
     stack.push_back({t, 0});
   };
   open(this);
@@ -219,7 +224,7 @@ void _decision_tree::save_bin(obinstream& out) const {
 
 // Iterative, so that a file can not exhaust the stack; the depth is bounded
 // for the recursive readers of the tree.
-void _decision_tree::load_bin(ibinstream& in, _decision_node* father) {
+void _decision_tree::load_bin(ibinstream& in, _decision_node* father, bool groups) {
   struct frame {
     _decision_tree* tree;
     std::uint64_t left;
@@ -229,7 +234,15 @@ void _decision_tree::load_bin(ibinstream& in, _decision_node* father) {
     t->delete_childs();
     t->set_node(new _decision_node(f, 0));
     in >> *t->get_node();
-    _decision_node const* n = t->get_node();
+    _decision_node* n = t->get_node();
+    if (groups && n->get_node_status() == _decision_node::SPLIT_NODE) {
+      std::uint64_t k = checks::read_count(in, sizeof(std::uint32_t));
+      value_groups g(static_cast<std::size_t>(k));
+      for (std::uint32_t& b : g)
+        in >> b;
+      checks::check(in);
+      if (!g.empty()) n->partition_.groups = group_map(std::move(g));
+    }
     std::uint64_t children = checks::read_count(in);
     // Only split nodes have children, one per branch.
     bool split = n->get_node_status() == _decision_node::SPLIT_NODE;
@@ -294,8 +307,10 @@ ibinstream& operator>>(ibinstream& in, conf_matrix*& m) {
 
 obinstream& operator<<(obinstream& out, decision_tree const& t) {
   bool has_tree = t.root_ && t.root_->get_node();
-  out << static_cast<unsigned char>(has_tree ? 1 : 0);
-  if (has_tree) t.root_->save_bin(out);
+  bool groups = has_tree && t.has_value_groups();
+  // 2: a tree whose split nodes each carry their value groups (none for ordinary splits).
+  out << static_cast<unsigned char>(groups ? 2 : has_tree ? 1 : 0);
+  if (has_tree) t.root_->save_bin(out, groups);
   out << static_cast<table const*>(t.meta_.get())
       << static_cast<conf_matrix const*>(t.training_.get()) << t.elapsed_ << t.settings_.conf_level
       << t.settings_.min_obj << static_cast<std::uint32_t>(t.settings_.split_type) << t.name_
@@ -350,6 +365,19 @@ void validate_node(_decision_node const& n, table const& meta, unsigned long cla
       checks::damaged("threshold '" + n.get_threshold() + "' is not a value of column '" +
                       col->get_name() + "'");
     }
+  } else if (value_groups const* g = n.get_value_groups()) {
+    // Every value has a branch, and every branch a value.
+    if (!col->is_discrete() || g->size() != col->get_distinct() + 1 || (*g)[0] != 0 ||
+        branches < 2 || branches > col->get_distinct()) {
+      checks::damaged("value groups that do not match column '" + col->get_name() + "'");
+    }
+    std::vector<char> used(branches + 1, 0);
+    for (std::size_t o = 1; o < g->size(); ++o) {
+      if ((*g)[o] < 1 || (*g)[o] > branches) checks::damaged("value group out of range");
+      used[(*g)[o]] = 1;
+    }
+    if (std::count(used.begin() + 1, used.end(), 1) != static_cast<long>(branches))
+      checks::damaged("a branch without values");
   } else if (col->is_discrete()) {
     if (branches == 0 || branches != col->get_distinct()) {
       checks::damaged("discrete split without one branch per value");
@@ -385,9 +413,13 @@ void validate_tree(_decision_tree const& root, table const* meta) {
 
 ibinstream& operator>>(ibinstream& in, decision_tree& t) {
   std::unique_ptr<_decision_tree> root;
-  if (checks::read_flag(in)) {
+  unsigned char present = 3;
+  in >> present;
+  checks::check(in);
+  if (present > 2) checks::damaged("bad presence flag");
+  if (present > 0) {
     root.reset(new _decision_tree());
-    root->load_bin(in, nullptr);
+    root->load_bin(in, nullptr, present == 2);
   }
   table* meta_read = nullptr;
   in >> meta_read;

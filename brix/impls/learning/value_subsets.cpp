@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "brix/impls/learning/entropy.h"
@@ -58,6 +59,45 @@ struct measures {
   float split_info = 0.0f;
   int reaching = 0;  // branches of at least the least weight
 };
+
+// The pair of groups whose merge leaves the best gain ratio, the first of equal ones. The split
+// information and class information of the current groups are summed once; each candidate
+// changes two terms of each.
+template <class Gain>
+std::pair<std::size_t, std::size_t> best_pair(grouping const& g, float unknown, float total_weight,
+                                              Gain const& gain_of, xlogx_table const& logs,
+                                              std::vector<float>& merged,
+                                              std::vector<float>& parts) {
+  std::size_t classes = g.cols - 1;
+  float hs = 0.0f;
+  parts.assign(1, unknown);
+  for (std::size_t i = 0; i < g.size(); ++i) {
+    hs += g.infos[i];
+    parts.push_back(g.branch[i]);
+  }
+  float hsplit = info(logs, parts.data(), parts.size());
+  float top = -std::numeric_limits<float>::infinity();
+  std::size_t bi = 0, bj = 1;
+  for (std::size_t i = 0; i + 1 < g.size(); ++i) {
+    for (std::size_t j = i + 1; j < g.size(); ++j) {
+      float const* a = g.classes_of(i);
+      float const* b = g.classes_of(j);
+      for (std::size_t k = 0; k < classes; ++k)
+        merged[k] = a[k] + b[k];
+      float w = g.branch[i] + g.branch[j];
+      float h = hs - g.infos[i] - g.infos[j] + info(logs, merged.data(), classes);
+      float si = hsplit + logs.term(g.branch[i]) + logs.term(g.branch[j]) - logs.term(w);
+      if (!(si > 0.0f)) continue;
+      float ratio = gain_of(h) / (si / total_weight);
+      if (ratio > top) {  // strictly: the first pair of equal ones
+        top = ratio;
+        bi = i;
+        bj = j;
+      }
+    }
+  }
+  return {bi, bj};
+}
 
 }  // namespace
 
@@ -124,36 +164,9 @@ bool score_value_groups(float const* freq, std::size_t rows, std::size_t cols, u
 
   std::vector<float> merged(cols, 0.0f);
   while (g.size() > 2) {
-    // The split information and class information of the current groups, each candidate merge
-    // then changing two terms of each.
-    float hs = 0.0f;
-    parts.assign(1, unknown);
-    for (std::size_t i = 0; i < g.size(); ++i) {
-      hs += g.infos[i];
-      parts.push_back(g.branch[i]);
-    }
-    float hsplit = info(logs, parts.data(), parts.size());
-    float top = -std::numeric_limits<float>::infinity();
-    std::size_t bi = 0, bj = 1;
-    for (std::size_t i = 0; i + 1 < g.size(); ++i) {
-      for (std::size_t j = i + 1; j < g.size(); ++j) {
-        float const* a = g.classes_of(i);
-        float const* b = g.classes_of(j);
-        for (std::size_t k = 0; k < classes; ++k)
-          merged[k] = a[k] + b[k];
-        float w = g.branch[i] + g.branch[j];
-        float h = hs - g.infos[i] - g.infos[j] + info(logs, merged.data(), classes);
-        float si = hsplit + logs.term(g.branch[i]) + logs.term(g.branch[j]) - logs.term(w);
-        if (!(si > 0.0f)) continue;
-        float ratio = gain_of(h) / (si / total_weight);
-        if (ratio > top) {  // strictly: the first pair of equal ones
-          top = ratio;
-          bi = i;
-          bj = j;
-        }
-      }
-    }
-    g.merge(bi, bj, logs);
+    std::pair<std::size_t, std::size_t> p =
+        best_pair(g, unknown, total_weight, gain_of, logs, merged, parts);
+    g.merge(p.first, p.second, logs);
     consider();
   }
   if (!found) return true;

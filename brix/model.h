@@ -117,7 +117,8 @@ class tree_model {
   friend class ensemble;  // reads and writes its trees inside a file of its own
   explicit tree_model(std::unique_ptr<dtree> tree);
   // The options already checked; null cases: every row with the table's weights.
-  // stable_order: the searches' sorts keep equal values in case order (later boosting trials).
+  // stable_order: nodes keep row order, the searches sort copies stably and take float
+  // logarithms of fractional weights (later boosting trials: nothing earlier to reproduce).
   static std::unique_ptr<tree_model> grow(table& t, tree_options const& o, impls::w_sequence* cases,
                                           bool evaluate = true, bool stable_order = false);
   // train_weighted, choosing the sorts' order as grow does.

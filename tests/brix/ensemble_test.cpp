@@ -253,30 +253,40 @@ TEST_F(Ensemble, DeterministicAndRoundTrips) {
   EXPECT_EQ(seen, h->predict_proba(*t));
 }
 
-// Later trials sort stably, by radix where a node's cases are many but few against its stretch
-// of values: 20,000 rows of a column of nearly as many values, noisy classes. The same JSON on one
-// thread and two.
-TEST_F(Ensemble, StableSortsSameOnAnyThreadCount) {
-  std::string data;
-  std::uint32_t h = 12345;
-  for (int r = 0; r < 20000; ++r) {
-    h = h * 1664525U + 1013904223U;
-    std::uint32_t x = (h >> 8) % 1000000, y = (h >> 4) % 97;
-    char const* cls = (x < 500000) != (y < 30) ? "p" : "q";
-    if ((h >> 28) < 3) cls = *cls == 'p' ? "q" : "p";  // noise: three in sixteen
-    data += std::to_string(x) + "," + std::to_string(y) + "," + "abc"[r % 3] + "," + cls + "\n";
+// Later trials keep row order and sort copies stably, by radix where a node's cases are many but
+// few against its stretch of values: 20,000 rows of a column of nearly as many values, noisy
+// classes; once with two classes and whole weights, once with three classes, fractional weights
+// and unknown values (shared out across branches). The same JSON on one thread and two, where the
+// attribute searches of a node run side by side.
+TEST_F(Ensemble, LaterTrialsSameOnAnyThreadCount) {
+  for (bool fractional : {false, true}) {
+    SCOPED_TRACE(fractional ? "three classes, fractional weights" : "two classes");
+    std::string data;
+    std::uint32_t h = 12345;
+    for (int r = 0; r < 20000; ++r) {
+      h = h * 1664525U + 1013904223U;
+      std::uint32_t x = (h >> 8) % 1000000, y = (h >> 4) % 97;
+      char const* cls = (x < 500000) != (y < 30) ? "p" : "q";
+      if ((h >> 28) < 3) cls = *cls == 'p' ? "q" : "p";  // noise: three in sixteen
+      if (fractional && x >= 200000 && x < 300000 && y > 20) cls = "r";
+      std::string y_text = fractional && r % 11 == 0 ? "?" : std::to_string(y);
+      data += std::to_string(x) + "," + y_text + "," + "abc"[r % 3] + ",";
+      if (fractional) data += std::to_string(0.25 + (r % 7) * 0.375) + ",";
+      data += std::string(cls) + "\n";
+    }
+    std::string names = "x,integer,continuous\ny,integer,continuous\nz,string,discrete\n";
+    if (fractional) names += "w,float,weights\n";
+    names += "c,string,class\n";
+    auto t = std::unique_ptr<brix::table>(brix::table::adopt(loaded(names, data).release()));
+    brix::ensemble_options o;
+    o.trials = 4;
+    std::string one = json(*brix::ensemble::train(*t, o));
+    EXPECT_EQ(one, json(*brix::ensemble::train(*t, o)));
+    o.tree.threads = 2;
+    auto two = brix::ensemble::train(*t, o);
+    EXPECT_EQ(one, json(*two));
+    EXPECT_EQ(4u, two->size());
   }
-  auto t = std::unique_ptr<brix::table>(brix::table::adopt(
-      loaded("x,integer,continuous\ny,integer,continuous\nz,string,discrete\nc,string,class\n",
-             data)
-          .release()));
-  brix::ensemble_options o;
-  o.trials = 4;
-  std::string one = json(*brix::ensemble::train(*t, o));
-  o.tree.threads = 2;
-  auto two = brix::ensemble::train(*t, o);
-  EXPECT_EQ(one, json(*two));
-  EXPECT_EQ(4u, two->size());
 }
 
 }  // namespace

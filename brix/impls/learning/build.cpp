@@ -72,7 +72,8 @@ void decision_tree::build(table* t, w_sequence* cases, bool evaluate, int worker
   root_cases_.reset(cases ? new w_sequence(*cases) : t->get_wsubset_all());
 
   // The build's own context: its tables live as long as this call.
-  xlogx_table logs(integral_weight_bound(*root_cases_));
+  // Later boosting trials' fractional terms take the float logarithm: nothing to reproduce.
+  xlogx_table logs(integral_weight_bound(*root_cases_), stable_order_);
   std::vector<char> one_bit(t->get_no_attributes());
   for (unsigned long a = 0; a < one_bit.size(); ++a) {
     column const* col = t->get_attribute(a);

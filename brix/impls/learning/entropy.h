@@ -26,8 +26,10 @@ inline float log2w(float x) {
 // bits either way. Filled before growing starts; read-only while threads run.
 class xlogx_table {
  public:
-  // Every integer up to n, capped where floats stop being exact integers.
-  explicit xlogx_table(std::uint64_t n = 0) {
+  // Every integer up to n, capped where floats stop being exact integers. With float_logs,
+  // term takes the logarithm of other values in float (about twice as fast, and other bits):
+  // for trees that reproduce no earlier output.
+  explicit xlogx_table(std::uint64_t n = 0, bool float_logs = false) : float_logs_(float_logs) {
     constexpr std::uint64_t kCap = 1ULL << 24;
     if (n > kCap) n = kCap;
     values_.resize(static_cast<std::size_t>(n) + 1);
@@ -49,10 +51,11 @@ class xlogx_table {
       auto i = static_cast<std::uint32_t>(x);
       if (static_cast<float>(i) == x) return values_[i];
     }
-    return x * log2w(x);
+    return float_logs_ ? x * std::log2(x) : x * log2w(x);
   }
 
  private:
+  bool float_logs_;
   std::vector<float> values_;
   float limit_ = -1.0f;
 };

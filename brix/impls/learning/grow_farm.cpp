@@ -21,7 +21,8 @@
 // children are the same whichever order they were distributed from: exact
 // sums, and the row order they are put in; distributed from the first order,
 // which the rows still follow unless a random holdout drew them, they need no
-// sorting.
+// sorting. Trees whose nodes all keep row order (later boosting trials) need no
+// chain anywhere: every search sorts a copy of cases in row order.
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
@@ -349,11 +350,12 @@ class _ff_emitter : public farm::node {
     counters& c = counters_[sub];
     c.sent = c.outstanding = worth.size();
     // Orders matter only where sums depend on them, and at the root, whose
-    // final order is kept with the model.
-    if (!any_order_at(opts_, node->get_cases_weight())) {
+    // final order is kept with the model; nodes that keep row order never change it.
+    bool in_rows = keeps_row_order(opts_);
+    if (!in_rows && !any_order_at(opts_, node->get_cases_weight())) {
       c.chain.reset(new order_chain(signal_, worth.size(), node->get_all_cases()));
     } else {
-      if (sub == tree_) send_order_task(node);
+      if (sub == tree_ && !in_rows) send_order_task(node);
       // Independent searches: those that sort, the longest, go first.
       std::vector<order_range> const& ranges = *node->get_att_ranges();
       std::stable_partition(worth.begin(), worth.end(), [&](unsigned long a) {

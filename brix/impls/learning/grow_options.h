@@ -20,8 +20,10 @@ struct options {
   bool any_order = false;
   // Every case weighs exactly 1, in every node: any_order, and 1 to start with.
   bool unit_weights = false;
-  // The continuous searches' sorts keep cases of equal orders in the order they come in (a stable
-  // sort, radix where large), instead of the permutation single trees have always had. Set for
+  // Every node keeps its cases in row order and each continuous search sorts a copy of them,
+  // equal orders by row (a stable sort, radix where large), instead of sorting the node's own
+  // cases in the permutation single trees have always had: no search then depends on the order
+  // another left, so the attributes of a node are searched independently, on any thread. Set for
   // the trees of later boosting trials, which have no earlier output to reproduce.
   bool stable_order = false;
   // Discrete attributes of more than two values split on groups of their values
@@ -51,6 +53,11 @@ constexpr float kExactWeight = 16777216.0f;
 // of whole weights is below 2^24 exactly when the true sum is, so the node's own weight decides.
 inline bool any_order_at(options const* opts, float weight) {
   return opts != nullptr && opts->any_order && weight < kExactWeight;
+}
+
+// Whether every node keeps its cases in row order (see options::stable_order).
+inline bool keeps_row_order(options const* opts) {
+  return opts != nullptr && opts->stable_order;
 }
 
 }  // namespace impls

@@ -215,7 +215,8 @@ int grower::split_gain(_decision_node& n, table* t, bool use_ratio, float min_ob
   split_scratch own;
   split_scratch& s = scratch != nullptr ? *scratch : own;
   unsigned long atts = t->get_no_attributes();
-  bool copy = n.father_ != nullptr && any_order_at(opts, n.cases_weight_);
+  bool copy =
+      (n.father_ != nullptr && any_order_at(opts, n.cases_weight_)) || keeps_row_order(opts);
   // Two-valued attributes stored a bit a row are tallied side by side where sums are exact.
   std::vector<column const*>& bits = s.bit_atts;
   std::vector<splitting_desc*>& bit_descs = s.bit_descs;

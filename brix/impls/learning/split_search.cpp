@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <type_traits>
 #include <vector>
@@ -157,6 +158,9 @@ struct cut_score {
   float hc, known, unknown;
   float best_gain = kNoGain;
   float split_info = 0.0f;
+  // The factors of every cut's gain that do not depend on the cut, divided once.
+  float known_share = known / (unknown + known);
+  float hc_known = hc / known;
 
   bool consider(float const* left, float const* right, float l_weight) {
     return consider_info(info(logs, left + 1, classes) + info(logs, right + 1, classes), l_weight);
@@ -173,7 +177,7 @@ struct cut_score {
 
   // hs: the information of both sides.
   bool consider_info(float hs, float l_weight) {
-    float gain = (known / (unknown + known)) * (hc / known - hs / known);
+    float gain = known_share * (hc_known - hs / known);
     if (!(gain > best_gain)) return false;
     best_gain = gain;
     float parts[3] = {unknown, l_weight, known - l_weight};
@@ -270,31 +274,66 @@ struct float_sides {
   }
 };
 
+// w where keep, else +0: the bits of w * 1 and w * 0 for a weight (never below zero; -0 * 0 is
+// -0, but no sum here starts at -0 or reaches it, and +0 and -0 add alike to anything else),
+// without a branch on the class, which the compiler makes of the product.
+inline float kept(float w, bool keep) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &w, sizeof bits);
+  bits &= 0U - static_cast<std::uint32_t>(keep);
+  std::memcpy(&w, &bits, sizeof bits);
+  return w;
+}
+
 // float_sides for two classes, the sums in registers instead of a table each move would load and
 // store: each class's sums take the same weights in the same order, a case of the other class
-// adding w * 0 = +0, which leaves any sum of positive weights as it is (w * 1 is w). The same
-// bits, without a store and reload on every case.
+// adding +0, which leaves any sum of weights as it is. The same bits, without a store and reload
+// on every case.
+// Each class's x log2 x terms are kept from one cut evaluated to the next and taken again only
+// for a class that moved in between: the same terms, summed as info sums them.
 struct two_class_sides {
   float left1 = 0.0f, left2 = 0.0f, right1, right2;
   float weight = 0.0f;
+  float terms[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // left1, left2, right1, right2
+  bool moved1 = true, moved2 = true;
 
   two_class_sides(float r1, float r2) : right1(r1), right2(r2) {}
   void move(std::uint32_t c, float w) {
-    float w1 = w * static_cast<float>(c == 1), w2 = w * static_cast<float>(c == 2);
+    float w1 = kept(w, c == 1), w2 = kept(w, c == 2);
     right1 -= w1;
     left1 += w1;
     right2 -= w2;
     left2 += w2;
     weight += w;
+    moved1 |= c == 1;
+    moved2 |= c == 2;
   }
   float left_weight() const { return weight; }
   float class_info(xlogx_table const& logs, std::size_t classes) const {
     float right[2] = {right1, right2};
     return info(logs, right, classes);
   }
-  bool consider(cut_score& score, float l_weight) const {
-    float left[3] = {0.0f, left1, left2}, right[3] = {0.0f, right1, right2};
-    return score.consider(left, right, l_weight);
+  // info of two classes from their terms.
+  static float side_info(xlogx_table const& logs, float a, float b, float ta, float tb) {
+    float s = (0.0f + a) + b, sum = (0.0f + ta) + tb;
+    float head = s > 0.0f ? logs.term(s) : 0.0f * s;
+    return head - sum;
+  }
+  bool consider(cut_score& score, float l_weight) {
+    xlogx_table const& logs = score.logs;
+    if (moved1) {
+      terms[0] = logs.term(left1);
+      terms[2] = logs.term(right1);
+      moved1 = false;
+    }
+    if (moved2) {
+      terms[1] = logs.term(left2);
+      terms[3] = logs.term(right2);
+      moved2 = false;
+    }
+    float hs = side_info(logs, left1, left2, terms[0], terms[1]) +
+               side_info(logs, right1, right2, terms[2], terms[3]);
+    return score.consider_info(hs, l_weight);
   }
 };
 
@@ -376,8 +415,8 @@ void scan_sorted(Sorted sorted, std::uint64_t const* packed, std::size_t n, unsi
     for (std::size_t i = first; i < n; ++i) {
       std::uint32_t c = class_of(i);
       float w = weight_of(i);
-      right1 += w * static_cast<float>(c == 1);  // products, not branches on the class
-      right2 += w * static_cast<float>(c == 2);
+      right1 += kept(w, c == 1);
+      right2 += kept(w, c == 2);
     }
     return scan_cuts(two_class_sides(right1, right2), unknown, first, n, classes, total_weight,
                      min_objects, opts, order_of, class_of, weight_of, best);
@@ -473,12 +512,28 @@ void quality_continuous(Att att, Cls cls, unsigned long classes, float total_wei
 void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t cols,
                unsigned long classes, unsigned long base, float total_weight, float unknown,
                std::size_t n_cases, float min_objects, options const* opts, float* left,
-               float* right, bool like_sort, splitting_desc& best,
+               float* right, bool like_sort, splitting_desc& best, std::vector<float>& terms,
                std::uint32_t const* orders = nullptr) {
   xlogx_table const& logs = logs_of(opts);
   float known = total_weight - unknown;
   if (known < 2 * min_objects) return no_split(best);
   float hc = info(logs, right + 1, classes);
+  // Each class's x log2 x terms, left then right, kept from one evaluated cut to the next and
+  // taken again for the classes a row moved (the rest keep their bits: adding 0 changes no sum
+  // here), then summed as info sums them. stale[k] is nonzero where a class moved.
+  terms.assign(3 * cols, 1.0f);
+  float* left_terms = terms.data();
+  float* right_terms = left_terms + cols;
+  float* stale = right_terms + cols;
+  auto side_info = [&](float const* x, float const* t) {
+    float sum_x = 0.0f, sum_t = 0.0f;
+    for (std::size_t k = 1; k < cols; ++k) {
+      sum_x += x[k];
+      sum_t += t[k];
+    }
+    float head = sum_x > 0.0f ? logs.term(sum_x) : 0.0f * sum_x;
+    return head - sum_t;
+  };
   float m = least_side_weight(min_objects, known, classes);
   float upper = known - m;
 
@@ -520,6 +575,7 @@ void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t col
     for (std::size_t k = 0; k < cols; ++k) {
       right[k] -= row[k];
       left[k] += row[k];
+      if (row[k] != 0.0f) stale[k] = 1.0f;
     }
     l_weight += s;
     if (like_sort) {
@@ -545,7 +601,14 @@ void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t col
       if (single(next) == stretch.cls && l_weight + ns <= upper) continue;
     }
     stretch.open = false;
-    if (score.consider(left, right, l_weight)) {
+    for (std::size_t k = 1; k < cols; ++k) {
+      if (stale[k] == 0.0f) continue;
+      left_terms[k] = logs.term(left[k]);
+      right_terms[k] = logs.term(right[k]);
+      stale[k] = 0.0f;
+    }
+    float hs = side_info(left, left_terms) + side_info(right, right_terms);
+    if (score.consider_info(hs, l_weight)) {
       best_row = r;
       found = true;
     }
@@ -578,7 +641,7 @@ void quality_tally(Att att, Cls cls, unsigned long classes, float total_weight,
   float* right = totals.data() + cols;
   float unknown = tally(att, cls, cases, base, cols, freq.data(), right);
   scan_rows(freq, rows, cols, classes, base, total_weight, unknown, cases.size(), min_objects, opts,
-            left, right, false, best);
+            left, right, false, best, s.terms);
 }
 
 }  // namespace
@@ -592,6 +655,7 @@ void split_scratch::release() {
   std::vector<float>().swap(freq);
   std::vector<float>().swap(totals);
   std::vector<float>().swap(ways);
+  std::vector<float>().swap(terms);
 }
 
 void split_scratch::shed_row_sort() {
@@ -733,7 +797,7 @@ void score_tallies(column const& att, unsigned long classes, float total_weight,
       for (std::size_t k = 0; k < cols; ++k)
         right[k] += f[r * cols + k];
     scan_rows(f, rows, cols, classes, base, total_weight, unknown, n_cases, min_objects, opts,
-              totals.data(), right, !tallied, best, block.orders);
+              totals.data(), right, !tallied, best, s.terms, block.orders);
   } else if (att.is_discrete()) {
     best.branches = att.get_distinct();
     std::vector<float>& totals = s.totals;

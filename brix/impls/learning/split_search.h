@@ -58,7 +58,8 @@ class split_scratch {
   std::vector<std::uint64_t> run;
   std::vector<float> freq;
   std::vector<float> totals;
-  std::vector<float> ways;  // interleaved tallies of whole weights
+  std::vector<float> ways;   // interleaved tallies of whole weights
+  std::vector<float> terms;  // a cut scan's x log2 x terms of each class, kept between cuts
   // The one-bit attributes of a node tallied side by side, and their results.
   std::vector<column const*> bit_atts;
   std::vector<splitting_desc*> bit_descs;

@@ -105,7 +105,9 @@ order_range bind_condition(rule_condition const& c, o_set& cmp, column const* co
       bool any = false;
       for (std::string const& v : c.values) {
         unsigned long o = col->get_index(v.c_str());
-        if (o != 0 && o < set->size()) any = (*set)[o] = 1;
+        if (o == 0 || o >= set->size()) continue;
+        (*set)[o] = 1;
+        any = true;
       }
       if (any) {
         r.lo = 1;

@@ -156,7 +156,7 @@ TEST(Partition, ContinuousAndDiscrete) {
   column const& x = *t->get_column(0);
   column const& y = *t->get_column(1);
   w_sequence all = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 0.5f}, {3, 1.0f}, {4, 3.0f}, {5, 1.5f}});
-  partition_desc const at2{"2", 2};
+  partition_desc const at2{"2", 2, {}};
   // Branch 1 counts the unknown cases in its own weight (5 / 9), branch 2 leaves them out
   // (4 / (9 - 2)).
   float s1 = 5.0f / 9.0f, s2 = 4.0f / 7.0f;
@@ -175,7 +175,7 @@ TEST(Partition, ContinuousAndDiscrete) {
 
   // Discrete, branch a (order 1): 4 of the 7.5 known weight.
   w_sequence d = cases_of({{0, 1.0f}, {1, 2.0f}, {2, 1.0f}, {3, 3.0f}, {4, 0.5f}, {5, 1.0f}});
-  partition_desc const three{"?", 3};
+  partition_desc const three{"?", 3, {}};
   float sa = 4.0f / 7.5f;
   expect_branch(part(y, d, 1, 8.5f, three), {{0, 1}, {2, sa}, {3, 3}}, sa, {1, 2});
   expect_branch(part(y, d, 3, 8.5f, three), {{2, 0.5f / 7.5f}, {4, 0.5f}}, 0.5f / 7.5f, {3, 4});
@@ -230,10 +230,10 @@ TEST(Partition, AllBranchesAtOnceMatchOneByOne) {
     total += w;
   }
   for (char const* t : {"0", "57", "199", "399"}) {
-    expect_same_as_partition(*big->get_column(0), cases, total, {t, 2});
+    expect_same_as_partition(*big->get_column(0), cases, total, {t, 2, {}});
   }
   for (unsigned long i = 1; i <= 3; ++i)
-    expect_same_as_partition(*big->get_column(i), cases, total, {"?", 0});
+    expect_same_as_partition(*big->get_column(i), cases, total, {"?", 0, {}});
 }
 
 }  // namespace

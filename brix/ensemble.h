@@ -38,7 +38,7 @@ struct ensemble_options {
 class ensemble {
  public:
   // Why the sequence of trials ended.
-  enum class stop { all_grown, zero_error, half_error };
+  enum class stop { all_grown, zero_error, half_error, one_leaf };
 
   ~ensemble();
   ensemble(ensemble const&) = delete;

@@ -24,6 +24,17 @@ class Ensemble : public ::testing::Test, protected table_files {
     return std::unique_ptr<brix::table>(
         brix::table::adopt(loaded("A,string,discrete\ny,string,class\n", data).release()));
   }
+  // The cases of the boosting run worked by hand below.
+  std::unique_ptr<brix::table> by_hand() {
+    std::string data;
+    for (int i = 0; i < 9; ++i)
+      data += "p,s,a\n";
+    data += "q,r,a\n";
+    for (int i = 0; i < 10; ++i)
+      data += "q,s,b\n";
+    return std::unique_ptr<brix::table>(brix::table::adopt(
+        loaded("A,string,discrete\nB,string,discrete\ny,string,class\n", data).release()));
+  }
   static std::vector<float> root_distribution(brix::tree_model const& m) {
     return m.facade().get_impl()->get_root()->get_node()->get_class_distribution();
   }
@@ -34,62 +45,62 @@ class Ensemble : public ::testing::Test, protected table_files {
   }
 };
 
-// Seven cases: p,a x4; q,a x1; q,b x2. Unpruned, each tree splits on A where it can. A trial
-// votes ln((1-E)/E), E its pessimistic errors over the total weight: at confidence 0.25 the
-// coefficient is (0.84 - 0.59 * 0.25)^2 = 0.47955625; a leaf of N cases without error adds
+// Twenty cases of A, B -> y: p,s,a x9; q,r,a x1; q,s,b x10. Unpruned. A trial votes
+// ln((1-E)/E), E its pessimistic errors over the total weight: at confidence 0.25 the
+// coefficient is c = (0.84 - 0.59 * 0.25)^2 = 0.47955625; a leaf of N cases without error adds
 // N(1 - 0.25^(1/N)), one with E errors adds N p - E, p the normal upper limit
 // (E + 0.5 + c/2 + sqrt(c((E + 0.5)(1 - (E + 0.5)/N) + c/4))) / (N + c).
-//   Trial 1: p -> a (4,0), q -> b (1,2): the q,a case is wrong, e = 1/7. Pessimistic errors:
-//     p 4(1 - 0.7071068) = 1.1715729; q 1 + 3 * 0.6856213 - 1 = 2.0568640; E = 3.2284368/7 =
-//     0.4612053, vote ln(0.5387947/0.4612053) = 0.1554915.
-//     Wrong x 1/(2e) = 3.5, right x 1/(2(1-e)) = 7/12: a 4*7/12 + 3.5 = 35/6, b 2*7/12 = 7/6.
-//   Trial 2: p (7/3,0) and q (3.5,7/6) each weigh under the 5 later trials need in two branches
-//     (and both would say a): the tree is the leaf (35/6,7/6).
-//     The two q,b cases are wrong, e = (7/6)/7 = 1/6. Pessimistic errors 7/6 + 7 * 0.3640338 -
-//     7/6 = 2.5482364, E = 0.3640338, vote ln(0.6359662/0.3640338) = 0.5578988.
-//     Wrong x 3, right x 0.6: p,a 1.4 in all, q,a 2.1, q,b 3.5.
-//   Trial 3: the p branch weighs 1.4, under the 5 a split needs in two branches: one leaf,
-//     a 3.5 against b 3.5, the first class wins, e = 1/2: the sequence ends without it.
-//   Each trial votes for its class: p, a by both (share 1); q, a by trial 2 and b by trial 1:
-//     a 0.5578988 / 0.7133903 = 0.7820387.
+//   Trial 1 (at least 2 in two branches): B's r branch holds one case, so A: p -> a (9,0),
+//     q -> b (1,10); the q,r,a case is wrong, e = 1/20. Pessimistic errors: p 9(1 - 0.25^(1/9))
+//     = 1.2848042; q 11 * 0.2233216 - 1 = 1.4565377; E = (1.2848042 + 1 + 1.4565377)/20 =
+//     0.1870671, vote ln(0.8129329/0.1870671) = 1.4691812.
+//     Wrong x 1/(2e) = 10, right x 1/(2(1-e)) = 10/19: p,s,a 90/19, q,r,a 10, q,s,b 100/19.
+//   Trial 2 (at least 5 in two branches): A's p branch weighs 90/19 = 4.74, so B: r -> a
+//     (10,0), s -> b (90/19,100/19); the p,s,a cases are wrong, e = (90/19)/20 = 0.2368421.
+//     Pessimistic errors: r 10(1 - 0.25^(1/10)) = 1.2944944; s 10 * 0.6294451 - 90/19 =
+//     1.5576086; E = (1.2944944 + 4.7368421 + 1.5576086)/20 = 0.3794473, vote
+//     ln(0.6205527/0.3794473) = 0.4918950.
+//     Wrong x 2.1111111, right x 0.6551724: p,s,a 10, q,r,a 6.5517241, q,s,b 3.4482759.
+//   Trial 3: every branch of either split would say a, with no fewer errors than the node: the
+//     tree is the leaf a (16.55/3.45). A later trial of one leaf tells no cases apart: the
+//     sequence ends without it.
+//   Each trial votes for its class: p,s: a by trial 1, b by trial 2, a's share 1.4691812 /
+//     1.9610762 = 0.7491709; q,r: b by trial 1, a by trial 2, a's share 0.2508291; q,s: b by both.
+//     Only q,r,a is misclassified: 1 of 20.
 TEST_F(Ensemble, BoostingWorkedByHand) {
-  auto t = table("p,a\np,a\np,a\np,a\nq,a\nq,b\nq,b\n");
+  auto t = by_hand();
   brix::ensemble_options o;
   o.trials = 5;
   o.tree.prune = brix::pruning::none;
   std::vector<double> seen;
   auto e = brix::ensemble::train(*t, o, nullptr, &seen);
   ASSERT_EQ(2u, e->size());
-  EXPECT_EQ(brix::ensemble::stop::half_error, e->stopped());
-  EXPECT_NEAR(1.0 / 7, e->trial_error(0), 1e-7);
-  EXPECT_NEAR(0.1554915, e->vote(0), 1e-5);
-  EXPECT_NEAR(1.0 / 6, e->trial_error(1), 1e-6);
-  EXPECT_NEAR(0.5578988, e->vote(1), 1e-5);
+  EXPECT_EQ(brix::ensemble::stop::one_leaf, e->stopped());
+  EXPECT_NEAR(1.0 / 20, e->trial_error(0), 1e-7);
+  EXPECT_NEAR(1.4691812, e->vote(0), 1e-5);
+  EXPECT_NEAR(4.5 / 19, e->trial_error(1), 1e-6);
+  EXPECT_NEAR(0.4918950, e->vote(1), 1e-5);
   std::vector<float> d = root_distribution(e->trial(1));
-  EXPECT_NEAR(35.0 / 6, d[1], 1e-5);
-  EXPECT_NEAR(7.0 / 6, d[2], 1e-5);
+  EXPECT_NEAR(280.0 / 19, d[1], 1e-4);
+  EXPECT_NEAR(100.0 / 19, d[2], 1e-4);
 
   std::vector<double> p = e->predict_proba(*t);
-  ASSERT_EQ(14u, p.size());
-  EXPECT_DOUBLE_EQ(1.0, p[0]);
-  EXPECT_DOUBLE_EQ(0.0, p[1]);
-  EXPECT_NEAR(0.7820387, p[10], 1e-5);
-  EXPECT_NEAR(1 - 0.7820387, p[11], 1e-5);
+  ASSERT_EQ(40u, p.size());
+  EXPECT_NEAR(0.7491709, p[0], 1e-5);
+  EXPECT_NEAR(0.2508291, p[18], 1e-5);
+  EXPECT_DOUBLE_EQ(0.0, p[20]);
+  EXPECT_DOUBLE_EQ(1.0, p[21]);
   // What training hands back is what classifying the table again gives, to the bit.
   EXPECT_EQ(p, seen);
-  EXPECT_EQ((std::vector<std::string>{"a", "a", "a", "a", "a", "a", "a"}), e->predict(*t));
+  std::vector<std::string> want(9, "a");
+  want.resize(20, "b");
+  EXPECT_EQ(want, e->predict(*t));
   std::unique_ptr<brix::conf_matrix> m = e->evaluate(*t);
-  EXPECT_NEAR(2.0 / 7, m->mis_perc(), 1e-6);
-  EXPECT_NEAR(2.0 / 7, e->evaluate(*t, seen)->mis_perc(), 1e-6);
+  EXPECT_NEAR(1.0 / 20, m->mis_perc(), 1e-6);
+  EXPECT_NEAR(1.0 / 20, e->evaluate(*t, seen)->mis_perc(), 1e-6);
 }
-
-// The worked run above with rulesets. Trial 1's weights are the table's: its rules A = p -> a
-// (4 cases, none wrong) and A = q -> b (3, 1 wrong), the first dropped as needless once a is the
-// default, classify as its tree does. Trial 2's tree is one leaf, read off as no rule and the
-// default a with the weights it grew on: Laplace (35/6 + 1) / (7 + 2) = 41/54 for a (5 cases of
-// 7 would give 6/9). The same errors, votes and end as the trees.
 TEST_F(Ensemble, BoostedRulesWorkedByHand) {
-  auto t = table("p,a\np,a\np,a\np,a\nq,a\nq,b\nq,b\n");
+  auto t = by_hand();
   brix::ensemble_options o;
   o.trials = 5;
   o.rules = true;
@@ -98,27 +109,29 @@ TEST_F(Ensemble, BoostedRulesWorkedByHand) {
   auto e = brix::ensemble::train(*t, o, nullptr, &seen);
   ASSERT_TRUE(e->has_rules());
   ASSERT_EQ(2u, e->size());
-  EXPECT_EQ(brix::ensemble::stop::half_error, e->stopped());
-  EXPECT_NEAR(1.0 / 7, e->trial_error(0), 1e-7);
-  EXPECT_NEAR(0.1554915, e->vote(0), 1e-5);
-  EXPECT_NEAR(1.0 / 6, e->trial_error(1), 1e-6);
-  EXPECT_NEAR(0.5578988, e->vote(1), 1e-5);
-  brix::rule_model const& first = e->trial_rules(0);
-  ASSERT_EQ(1u, first.size());
-  brix::rule const& r = first.rules()[0];
-  ASSERT_EQ(1u, r.conditions.size());
-  EXPECT_EQ("q", r.conditions[0].value);
-  EXPECT_EQ(1u, r.cls);
-  EXPECT_DOUBLE_EQ(3.0, r.cases);
-  EXPECT_DOUBLE_EQ(1.0, r.errors);
-  EXPECT_EQ(0u, first.default_class());
-  brix::rule_model const& second = e->trial_rules(1);
-  EXPECT_EQ(0u, second.size());
-  EXPECT_EQ(0u, second.default_class());
-  EXPECT_NEAR(41.0 / 54, second.predict_proba(*t)[0], 1e-6);
+  EXPECT_EQ(brix::ensemble::stop::one_leaf, e->stopped());
+  EXPECT_NEAR(1.4691812, e->vote(0), 1e-5);
+  EXPECT_NEAR(0.4918950, e->vote(1), 1e-5);
+  // Each tree's a leaf is the default: one rule for b each, on the weights of its trial.
+  struct want {
+    char const* value;
+    double cases, errors;
+  };
+  want const rules[] = {{"q", 11.0, 1.0}, {"s", 10.0, 90.0 / 19}};
+  for (std::size_t i = 0; i < 2; ++i) {
+    brix::rule_model const& m = e->trial_rules(i);
+    ASSERT_EQ(1u, m.size());
+    brix::rule const& r = m.rules()[0];
+    ASSERT_EQ(1u, r.conditions.size());
+    EXPECT_EQ(rules[i].value, r.conditions[0].value);
+    EXPECT_EQ(1u, r.cls);
+    EXPECT_NEAR(rules[i].cases, r.cases, 1e-5);
+    EXPECT_NEAR(rules[i].errors, r.errors, 1e-5);
+    EXPECT_EQ(0u, m.default_class());
+  }
   std::vector<double> p = e->predict_proba(*t);
   EXPECT_EQ(p, seen);
-  EXPECT_NEAR(0.7820387, p[10], 1e-5);
+  EXPECT_NEAR(0.2508291, p[18], 1e-5);
 
   // The file keeps each trial's ruleset; the JSON and PMML hold rulesets, not trees.
   std::string path = file("r.bm");
@@ -285,7 +298,8 @@ TEST_F(Ensemble, LaterTrialsSameOnAnyThreadCount) {
     o.tree.threads = 2;
     auto two = brix::ensemble::train(*t, o);
     EXPECT_EQ(one, json(*two));
-    EXPECT_EQ(4u, two->size());
+    // Two classes: the fourth trial is a single leaf and ends the sequence.
+    EXPECT_EQ(fractional ? 4u : 3u, two->size());
   }
 }
 

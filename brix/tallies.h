@@ -49,6 +49,23 @@ struct tally_rows {
   std::vector<std::uint32_t> orders;  // cases x loaded columns
 };
 
+// One group of attributes' share of the split search over the open nodes, scored where the group's
+// tallies were summed: per node its class weights and case count, and per node and attribute of
+// the group (in the group's order) the attribute's best split and the division it makes. The
+// deciding grower chooses among the attributes from these alone: it needs neither the tallies
+// nor the continuous value sets.
+struct tally_scores {
+  std::vector<std::int64_t> atts;
+  std::vector<float> classes;           // classes + 1 a node
+  std::vector<std::int64_t> counts;     // one a node
+  std::vector<float> gains;             // (gain, split information) a node and attribute
+  std::vector<std::int64_t> splits;     // (branches, low, high, children) a node and attribute;
+                                        // children 0: the split divides nothing (a leaf if chosen)
+  std::vector<std::string> thresholds;  // one a node and attribute
+  std::vector<float> shares;            // one a child
+  std::vector<std::int64_t> ranges;     // (first, second) a child
+};
+
 // Open nodes handed out to be grown whole: per node its number, its branch of its father (0 for
 // the root), its father's most frequent class (-1 for the root), then (first, second) of each
 // attribute's range; and per node its known fraction.
@@ -73,8 +90,11 @@ class tally_worker {
   // floats, only the rows that hold a weight, each as its offset in the dense layout (ascending)
   // and its floats; counts gets the nodes' case counts. Deep nodes hold few of the values of an
   // attribute: dense tallies would grow with the nodes times the values.
+  // only: the attributes to tally (empty: all); the others' blocks keep their place in the
+  // layout but hold nothing.
   void tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
-               std::vector<float>& rows, std::vector<std::int64_t>& counts) const;
+               std::vector<float>& rows, std::vector<std::int64_t>& counts,
+               std::vector<std::int64_t> const& only = {}) const;
   // A holder of the children's cases: each decided node's cases shared out to its children, a
   // leaf's dropped. This one is left as it is (it can be asked again after a failure elsewhere).
   std::unique_ptr<tally_worker> applied(tally_decisions const& d) const;
@@ -107,10 +127,16 @@ class tally_grower {
   // std::invalid_argument, as tree_model::train does; pruning::full is refused (raising subtrees
   // needs every node's cases).
   tally_grower(table const& meta, tree_options const& o);
+  // With the root's range of every attribute given (first, second each): meta then needs only
+  // the discrete value sets; its continuous ones may hold any values (they are not read).
+  tally_grower(table const& meta, tree_options const& o, std::vector<std::int64_t> const& ranges);
   ~tally_grower();
   tally_grower(tally_grower const&) = delete;
   tally_grower& operator=(tally_grower const&) = delete;
 
+  // The root's range of every attribute of a table, (first, second) each: of a table with every
+  // value set, for the constructor that takes them.
+  static std::vector<std::int64_t> root_ranges(table const& t);
   // No node open and none handed out.
   bool done() const;
   std::vector<std::int64_t> open() const;
@@ -131,15 +157,30 @@ class tally_grower {
   // Floats of the open nodes' tallies.
   std::size_t tally_size() const;
   // Decides every open node from the summed sparse tallies (offsets ascending, each once); the
-  // children become the open nodes.
+  // children become the open nodes. score over every attribute, then decide_scored.
   tally_decisions decide(std::vector<std::int64_t> const& at, std::vector<float> const& rows,
                          std::vector<std::int64_t> const& counts);
+  // The group atts' scores of the open nodes (open() at the time) from their summed tallies (as
+  // decide takes them, the group's attributes at least), on like's value sets.
+  static tally_scores score(table const& like, tree_options const& o,
+                            std::vector<std::int64_t> const& open,
+                            std::vector<std::int64_t> const& atts,
+                            std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                            std::vector<std::int64_t> const& counts);
+  // Decides every open node from the scores of groups that together cover every attribute once;
+  // as decide.
+  tally_decisions decide_scored(std::vector<tally_scores const*> const& groups);
   // Once done: the pruned model, with an empty training matrix.
   std::unique_ptr<tree_model> finish();
   // The training matrix of a model, flat as tally_worker::evaluate gives it (summed).
   static void set_training(tree_model& m, std::vector<float> const& flat);
 
  private:
+  static tally_scores score_on(impls::table* t, tree_options const& o,
+                               std::vector<std::int64_t> const& open,
+                               std::vector<std::int64_t> const& atts,
+                               std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                               std::vector<std::int64_t> const& counts);
   struct impl;
   std::unique_ptr<impl> impl_;
 };

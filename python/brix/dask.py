@@ -107,6 +107,63 @@ def _describe(est, X, y, w):
     return out
 
 
+def _summary(d):
+    """What the client needs of a partition's description: all but its values."""
+    out = {k: v for k, v in d.items() if k != "columns"}
+    out["unknown"] = {name: u for name, (_, u) in d["columns"].items()}
+    return out
+
+
+def _merge(a, b):
+    """Two descriptions' value sets as one (the values of both, each once, sorted)."""
+    out = {}
+    for name in set(a) | set(b):
+        if name not in a or name not in b:
+            out[name] = a.get(name, b.get(name))
+            continue
+        (va, ua), (vb, ub) = a[name], b[name]
+        if isinstance(va, list) or isinstance(vb, list):
+            merged = sorted(set(list(va)) | set(list(vb)))
+        else:
+            merged = np.union1d(va, vb)
+        out[name] = (merged, ua or ub)
+    return out
+
+
+def _columns_of(d):
+    return d["columns"]
+
+
+def _keep(merged, names, kinds, classes):
+    """The value sets of every column (and the class labels' texts) that each partition's table
+    keeps besides its rows', from the merged descriptions."""
+    keep = {}
+    for name in names:
+        values, unknown = merged.get(name, ([], False))
+        if kinds[name] == "discrete":
+            keep[name] = (sorted(set(values)), unknown)
+        else:
+            keep[name] = (np.asarray(values, dtype=float), unknown)
+    keep["__class__"] = (classes, False)
+    return keep
+
+
+def _small_keep(keep, kinds):
+    """What the client's tree needs of the value sets: the discrete ones whole, of the continuous
+    ones their least and greatest values (thresholds come from the workers as texts)."""
+    out = {}
+    for name, (values, unknown) in keep.items():
+        if name == "__class__" or kinds.get(name) == "discrete":
+            out[name] = (values, unknown)
+        else:
+            out[name] = (values[[0, -1]] if len(values) else values, unknown)
+    return out
+
+
+def _root_ranges(holder):
+    return _core.TallyGrower.root_ranges(holder.worker.table)
+
+
 def _hold(est, X, y, w, keep):
     """The partition as a Brix table with the value sets of all the rows, and its cases."""
     import pandas as pd
@@ -115,9 +172,21 @@ def _hold(est, X, y, w, keep):
     return _Holder(_core.TallyWorker(table, len(X)))
 
 
-def _tallies(holder, open_nodes, cols):
-    at, rows, counts = holder.worker.tallies(open_nodes)
+def _tallies(holder, open_nodes, cols, only):
+    at, rows, counts = holder.worker.tallies(open_nodes, only)
     return at, rows.reshape(-1, cols), counts
+
+
+def _score(holder, summed, open_nodes, atts, min_cases):
+    """A group of attributes' best splits of the open nodes, searched where their summed tallies
+    are, on the value sets of the holder's table."""
+    at, rows, counts = summed
+    return _core.TallyGrower.score(holder.worker.table, min_cases, open_nodes, atts, at,
+                                   rows.reshape(-1), counts)
+
+
+def _score_bytes(s):
+    return sum(x.nbytes for x in s if hasattr(x, "nbytes")) + sum(len(t) for t in s[5])
 
 
 def _add(a, b):
@@ -262,10 +331,13 @@ class TreeClassifier(_LocalTreeClassifier):
         ws = sample_weight.to_delayed() if sample_weight is not None else [None] * len(xs)
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
-            # One pass: the value sets of all the rows.
-            described = _results(client, client.compute(
-                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)]))
-            parts = [d for d in described if d["n"] > 0]
+            # One pass: the value sets of all the rows, merged on the workers (a tree
+            # reduction); the client sees only each partition's kinds, labels and weight.
+            described = client.compute(
+                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)])
+            summaries = _results(client, client.map(_summary, described, pure=False))
+            keep_parts = [d for d, m in zip(described, summaries) if m["n"] > 0]
+            parts = [m for m in summaries if m["n"] > 0]
             if not parts:
                 raise ValueError("Found array with 0 sample(s) while a minimum of 1 is required.")
             unknown = sum(d["unknown_labels"] for d in parts)
@@ -281,15 +353,6 @@ class TreeClassifier(_LocalTreeClassifier):
                 if "discrete" in ks and len(ks) > 1:
                     raise ValueError(f"column '{name}' is categorical in some partitions and "
                                      "numeric in others; give it one dtype")
-            keep = {}
-            for name in names:
-                unknown_values = any(d["columns"][name][1] for d in parts)
-                if kinds[name] == "discrete":
-                    texts = sorted({t for d in parts for t in d["columns"][name][0]})
-                    keep[name] = (texts, unknown_values)
-                else:
-                    values = np.unique(np.concatenate([d["columns"][name][0] for d in parts]))
-                    keep[name] = (values, unknown_values)
             labels = pd.unique(np.concatenate([np.asarray(d["labels"], dtype=object)
                                                for d in parts]))
             try:
@@ -307,7 +370,16 @@ class TreeClassifier(_LocalTreeClassifier):
                                  "text (such as 1 and '1'); make them one type")
             total = sum(d["weight"] for d in parts)
             _warn_past_exact(total)
-            keep["__class__"] = ([self._label_text[c] for c in classes], False)
+            merged = client.map(_columns_of, keep_parts, pure=False)
+            while len(merged) > 1:
+                paired = [client.submit(_merge, merged[i], merged[i + 1], pure=False)
+                          for i in range(0, len(merged) - 1, 2)]
+                if len(merged) % 2:
+                    paired.append(merged[-1])
+                merged = paired
+            keep = client.submit(_keep, merged[0], names, kinds,
+                                 [self._label_text[c] for c in classes], pure=False)
+            del merged, described, keep_parts
             # A local estimator with the fitted kinds and labels: it turns each partition into a
             # table exactly as a local fit would.
             encoder = _LocalTreeClassifier(categorical_features=self.categorical_features)
@@ -315,20 +387,22 @@ class TreeClassifier(_LocalTreeClassifier):
                 "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
             if hasattr(probe, "_array_discrete"):
                 encoder._array_discrete = probe._array_discrete
-            # Every partition a table on its worker (persisted there); the client keeps only
-            # one of no cases, for the value sets.
-            # The value sets go to each worker once, not with every partition's task.
-            [shared_keep] = client.scatter([keep], broadcast=True, hash=False)
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, shared_keep)
-                                      for a, b, c, d in zip(xs, ys, ws, described)
+            # Every partition a table on its worker (persisted there), with the value sets that
+            # the workers merged: they go from worker to worker, never through the client.
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, keep)
+                                      for a, b, c, d in zip(xs, ys, ws, summaries)
                                       if d["n"] > 0])
-            # One row of values every column holds (class and values are kept anyway).
+            small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
+            root = _results(client, [client.submit(_root_ranges, holders[0], pure=False)])[0]
+            del keep
+            # The client's table: one row, the discrete value sets and the class labels; of the
+            # continuous columns only their bounds (the root's ranges come from a worker).
             meta = pd.DataFrame({n: pd.Series(
-                [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
+                [None if kinds[n].startswith("date") or not len(small[n][0]) else small[n][0][0]],
                 dtype=object if kinds[n] == "discrete" else float) for n in names})
-            meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
+            meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=small)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
-                                       float(self.min_cases), self.pruning)
+                                       float(self.min_cases), self.pruning, root)
             limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
@@ -339,28 +413,15 @@ class TreeClassifier(_LocalTreeClassifier):
                     for i, c in zip(nodes.tolist(), counts.tolist()):
                         total[i] = total.get(i, 0) + c
                 level = {"open_nodes": int(len(grower.open_ids())), "tally_bytes": 0,
-                         "decision_bytes": 0, "handed_nodes": 0, "handed_cases": 0,
-                         "handed_row_bytes": 0, "subtree_bytes": 0}
+                         "score_bytes": 0, "decision_bytes": 0, "handed_nodes": 0,
+                         "handed_cases": 0, "handed_row_bytes": 0, "subtree_bytes": 0}
                 small = [i for i in grower.open_ids().tolist() if 0 < total.get(i, 0) <= limit]
                 t0 = time.perf_counter()
                 grown = self._hand_off(client, grower, holders, held, small, total, flags, level)
                 decisions = None
                 if len(grower.open_ids()):
-                    open_nodes = grower.open()
-                    tallies = client.map(_tallies, holders, open_nodes=open_nodes,
-                                         cols=len(classes) + 1, pure=False)
-                    sizes = _results(client, client.map(_nbytes, tallies, pure=False))
-                    while len(tallies) > 1:
-                        paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
-                                  for i in range(0, len(tallies) - 1, 2)]
-                        if len(tallies) % 2:
-                            paired.append(tallies[-1])
-                        tallies = paired
-                    at, rows, counts = _results(client, tallies)[0]
-                    decisions = grower.decide(at, rows.reshape(-1), counts)
-                    level["tally_bytes"] = int(sum(sizes))
-                    level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
-                                                  sum(len(t) for t in decisions[1]))
+                    decisions = self._decide(client, grower, holders, len(names),
+                                             len(classes) + 1, level)
                 self._graft(client, grower, grown, level)
                 self.fit_levels_.append(level)
                 if decisions is not None and not grower.done:
@@ -383,6 +444,39 @@ class TreeClassifier(_LocalTreeClassifier):
             raise RuntimeError(f"fit failed: the cluster cancelled its work ({e}); was the "
                                "client closed or the scheduler lost?") from e
         return self
+
+    def _decide(self, client, grower, holders, n_atts, cols, level):
+        """Decides the open nodes: the attributes in one group a worker, each group's tallies
+        summed in a tree reduction and searched on that worker; the client gets the groups'
+        scores and chooses. The decisions."""
+        open_nodes = grower.open()
+        who = client.who_has(holders)
+        place = [tuple(who.get(h.key, ())) for h in holders]
+        workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
+        groups = [list(range(k, n_atts, len(workers))) for k in range(min(len(workers), n_atts))]
+        scores, sizes = [], []
+        for k, atts in enumerate(groups):
+            w = workers[k]
+            anchor = next((h for h, p in zip(holders, place) if w in p), holders[0])
+            tallies = client.map(_tallies, holders, open_nodes=open_nodes, cols=cols, only=atts,
+                                 pure=False)
+            sizes += client.map(_nbytes, tallies, pure=False)
+            while len(tallies) > 1:
+                paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
+                          for i in range(0, len(tallies) - 1, 2)]
+                if len(tallies) % 2:
+                    paired.append(tallies[-1])
+                tallies = paired
+            scores.append(client.submit(_score, anchor, tallies[0], open_nodes, atts,
+                                        float(self.min_cases), workers=[w],
+                                        allow_other_workers=True, pure=False))
+        scored = _results(client, scores)
+        decisions = grower.decide_scored(scored)
+        level["tally_bytes"] = int(sum(_results(client, sizes)))
+        level["score_bytes"] = int(sum(_score_bytes(s) for s in scored))
+        level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
+                                      sum(len(t) for t in decisions[1]))
+        return decisions
 
     def _hand_off(self, client, grower, holders, held, small, total, flags, level):
         """Hands the small open nodes out to the workers, largest first to the least loaded, one

@@ -258,16 +258,19 @@ PYBIND11_MODULE(_core, m) {
       }))
       .def_property_readonly("table", [](worker_state const& w) { return w.t; })
       .def_property_readonly("held", [](worker_state const& w) { return w.w->held(); })
-      .def("tallies",
-           [](worker_state const& w, std::vector<std::int64_t> const& open) {
-             std::vector<std::int64_t> at, counts;
-             std::vector<float> rows;
-             {
-               py::gil_scoped_release release;
-               w.w->tallies(open, at, rows, counts);
-             }
-             return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
-           })
+      .def(
+          "tallies",
+          [](worker_state const& w, std::vector<std::int64_t> const& open,
+             std::vector<std::int64_t> const& only) {
+            std::vector<std::int64_t> at, counts;
+            std::vector<float> rows;
+            {
+              py::gil_scoped_release release;
+              w.w->tallies(open, at, rows, counts, only);
+            }
+            return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
+          },
+          py::arg("open"), py::arg("only") = std::vector<std::int64_t>())
       .def("applied",
            [](worker_state const& w, std::vector<std::int64_t> nodes,
               std::vector<std::string> thresholds, std::vector<float> shares) {
@@ -310,7 +313,55 @@ PYBIND11_MODULE(_core, m) {
              return std::make_unique<brix::tally_grower>(*t, o);
            }),
            py::keep_alive<1, 2>())
+      .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
+                       std::string const& pruning, std::vector<std::int64_t> const& ranges) {
+             brix::tree_options o =
+                 tree_options_of(confidence, min_cases, pruning, brix::tree_options().threads);
+             return std::make_unique<brix::tally_grower>(*t, o, ranges);
+           }),
+           py::keep_alive<1, 2>())
+      .def_static("root_ranges",
+                  [](brix::table const& t) { return to_array(brix::tally_grower::root_ranges(t)); })
       .def_property_readonly("done", &brix::tally_grower::done)
+      // One group of attributes' scores, as a tuple of (atts, classes, counts, gains, splits,
+      // thresholds, shares, ranges), for decide_scored.
+      .def_static(
+          "score",
+          [](brix::table const& like, float min_cases, std::vector<std::int64_t> const& open,
+             std::vector<std::int64_t> const& atts, std::vector<std::int64_t> const& at,
+             std::vector<float> const& rows, std::vector<std::int64_t> const& counts) {
+            brix::tree_options o;
+            o.min_cases = min_cases;
+            brix::tally_scores s;
+            {
+              py::gil_scoped_release release;
+              s = brix::tally_grower::score(like, o, open, atts, at, rows, counts);
+            }
+            return py::make_tuple(to_array(s.atts), to_array(s.classes), to_array(s.counts),
+                                  to_array(s.gains), to_array(s.splits), s.thresholds,
+                                  to_array(s.shares), to_array(s.ranges));
+          })
+      .def("decide_scored",
+           [](brix::tally_grower& g, py::list groups) {
+             std::vector<brix::tally_scores> s(groups.size());
+             for (std::size_t k = 0; k < s.size(); ++k) {
+               py::tuple t = groups[k].cast<py::tuple>();
+               if (t.size() != 8) throw std::invalid_argument("scores: eight parts a group");
+               s[k].atts = from_array<std::int64_t>(t[0]);
+               s[k].classes = from_array<float>(t[1]);
+               s[k].counts = from_array<std::int64_t>(t[2]);
+               s[k].gains = from_array<float>(t[3]);
+               s[k].splits = from_array<std::int64_t>(t[4]);
+               s[k].thresholds = t[5].cast<std::vector<std::string>>();
+               s[k].shares = from_array<float>(t[6]);
+               s[k].ranges = from_array<std::int64_t>(t[7]);
+             }
+             std::vector<brix::tally_scores const*> ptrs;
+             for (auto const& x : s)
+               ptrs.push_back(&x);
+             brix::tally_decisions d = g.decide_scored(ptrs);
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
+           })
       .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
       .def("open_ids", [](brix::tally_grower const& g) { return to_array(g.open_ids()); })
       .def("hand_off",

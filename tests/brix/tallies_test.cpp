@@ -70,7 +70,7 @@ void hand_off_small(brix::table& t, brix::tally_grower& grower,
 std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
                                                  brix::tree_options const& o, bool dealt,
                                                  std::size_t hand_off = 0, bool unit = true,
-                                                 bool whole = true) {
+                                                 bool whole = true, unsigned groups = 1) {
   unsigned long n = t.get_no_rows();
   std::vector<std::vector<unsigned long>> parts(k);
   for (unsigned long r = 0; r < n; ++r)
@@ -78,11 +78,50 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   std::vector<std::unique_ptr<brix::tally_worker>> workers;
   for (auto const& p : parts)
     workers.emplace_back(new brix::tally_worker(t, p));
-  brix::tally_grower grower(t, o);
+  brix::tally_grower grower(t, o, brix::tally_grower::root_ranges(t));
   while (!grower.done()) {
     hand_off_small(t, grower, workers, o, hand_off, whole, unit);
     if (grower.open_ids().empty()) break;
     std::vector<std::int64_t> open = grower.open();
+    if (groups > 1) {
+      // The attributes dealt out to groups, each tallied, summed and scored on its own.
+      std::vector<brix::tally_scores> scores(groups);
+      for (unsigned g = 0; g < groups; ++g) {
+        for (unsigned long a = g; a < t.get_impl()->get_no_attributes(); a += groups)
+          scores[g].atts.push_back(static_cast<std::int64_t>(a));
+        std::map<std::int64_t, std::vector<float>> sums;
+        std::vector<std::int64_t> counts;
+        for (auto& w : workers) {
+          std::vector<std::int64_t> at, c;
+          std::vector<float> rows;
+          w->tallies(open, at, rows, c, scores[g].atts);
+          std::size_t cols = rows.size() / std::max<std::size_t>(at.size(), 1);
+          for (std::size_t i = 0; i < at.size(); ++i) {
+            std::vector<float>& s = sums[at[i]];
+            s.resize(cols, 0.0f);
+            for (std::size_t k = 0; k < cols; ++k)
+              s[k] += rows[i * cols + k];
+          }
+          counts.resize(c.size(), 0);
+          for (std::size_t i = 0; i < c.size(); ++i)
+            counts[i] += c[i];
+        }
+        std::vector<std::int64_t> at;
+        std::vector<float> rows;
+        for (auto const& e : sums) {
+          at.push_back(e.first);
+          rows.insert(rows.end(), e.second.begin(), e.second.end());
+        }
+        scores[g] = brix::tally_grower::score(t, o, open, scores[g].atts, at, rows, counts);
+      }
+      std::vector<brix::tally_scores const*> ptrs;
+      for (auto const& s : scores)
+        ptrs.push_back(&s);
+      brix::tally_decisions d = grower.decide_scored(ptrs);
+      for (auto& w : workers)
+        w = w->applied(d);
+      continue;
+    }
     std::map<std::int64_t, std::vector<float>> sums;
     std::vector<std::int64_t> counts;
     for (auto& w : workers) {
@@ -142,7 +181,8 @@ void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string c
   for (std::size_t hand_off : {std::size_t(0), t.get_no_rows() / 10, t.get_no_rows()}) {
     for (unsigned k : {1u, 2u, 7u, 16u}) {
       for (bool dealt : {false, k == 7}) {
-        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit);
+        // In 2 and 16 parts the attributes are searched in two groups.
+        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit, true, k % 2 ? 1 : 2);
         std::string where = what + " in " + std::to_string(k) + (dealt ? " dealt" : " block") +
                             " parts, hand-off at " + std::to_string(hand_off);
         EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
@@ -274,6 +314,19 @@ TEST(TallyGrowing, RefusesSubtreeRaisingAndForeignTallies) {
   EXPECT_THROW(g.decide({1}, std::vector<float>(4), std::vector<std::int64_t>(1)),
                std::invalid_argument);
   EXPECT_THROW(g.finish(), std::logic_error);
+  // Scores that leave out an attribute, or give one twice, or are of other nodes.
+  std::vector<std::int64_t> open = g.open(), at, counts;
+  std::vector<float> rows;
+  brix::tally_worker(*t, 100).tallies(open, at, rows, counts);
+  brix::tally_scores one = brix::tally_grower::score(*t, {}, open, {0, 1}, at, rows, counts);
+  brix::tally_scores two = brix::tally_grower::score(*t, {}, open, {1, 2}, at, rows, counts);
+  EXPECT_THROW(g.decide_scored({&one}), std::invalid_argument);
+  EXPECT_THROW(g.decide_scored({&one, &two}), std::invalid_argument);
+  one.counts.push_back(1);
+  EXPECT_THROW(g.decide_scored({&one}), std::invalid_argument);
+  EXPECT_THROW(brix::tally_grower::score(*t, {}, open, {3}, at, rows, counts),
+               std::invalid_argument);
+  EXPECT_THROW(brix::tally_grower(*t, {}, {0, 1}), std::invalid_argument);
   EXPECT_THROW(g.hand_off({5}), std::invalid_argument);
   g.hand_off({0});
   EXPECT_FALSE(g.done());  // handed out, not yet grafted

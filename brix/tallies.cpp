@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <stdexcept>
 #include <unordered_map>
@@ -58,7 +59,27 @@ struct tally_worker::impl {
   std::shared_ptr<impls::w_sequence const> root;
   std::unordered_map<std::int64_t, std::unique_ptr<impls::w_sequence>> cases;
   impls::split_scratch scratch;
+  // Per attribute, its orders in the value set of all the rows (set_orders); shared with the
+  // holders of the children.
+  std::shared_ptr<std::vector<std::vector<std::uint32_t>> const> orders;
+  std::vector<std::uint32_t> const* map_of(unsigned long a) const {
+    if (!orders || a >= orders->size() || (*orders)[a].empty()) return nullptr;
+    return &(*orders)[a];
+  }
 };
+
+namespace {
+
+// The range of a table's own orders that holds the values of the range r of all the rows'.
+order_range local_range(std::vector<std::uint32_t> const& map, order_range r) {
+  auto at = [&](unsigned long g) {
+    return static_cast<unsigned long>(std::lower_bound(map.begin() + 1, map.end(), g) -
+                                      map.begin());
+  };
+  return order_range(r.first == 0 ? 0 : at(r.first), at(r.second));
+}
+
+}  // namespace
 
 tally_worker::tally_worker(table const& t, unsigned long n_rows) : impl_(new impl()) {
   impl_->t = t.get_impl();
@@ -128,14 +149,24 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<st
       std::size_t n = impls::tally_rows(*col, ranges[a]);
       if (n == 0) continue;
       if (!c.empty() && want[a]) {
-        if (buf.size() < n * cols) buf.resize(n * cols, 0.0f);
-        impls::tally_cases(*col, *cls, c, ranges[a], buf.data());
-        if (c.size() * 4 >= n) {
-          for (std::size_t r = 0; r < n; ++r)
-            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
-          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(n * cols), 0.0f);
+        // Tallied in the table's own orders (range r, rows nr from lo), each row placed at its
+        // order among all the rows'.
+        std::vector<std::uint32_t> const* map = impl_->map_of(a);
+        order_range r = map != nullptr ? local_range(*map, ranges[a]) : ranges[a];
+        unsigned long lo = std::max<unsigned long>(r.first, 1) - 1;
+        unsigned long glo = std::max<unsigned long>(ranges[a].first, 1) - 1;
+        std::size_t nr = r.second - lo;
+        auto offset = [&](std::size_t row) {
+          std::size_t g = map == nullptr || row == 0 ? row : (*map)[lo + row] - glo;
+          return pos + static_cast<std::int64_t>(g * cols);
+        };
+        if (buf.size() < nr * cols) buf.resize(nr * cols, 0.0f);
+        impls::tally_cases(*col, *cls, c, r, buf.data());
+        if (c.size() * 4 >= nr) {
+          for (std::size_t row = 0; row < nr; ++row)
+            emit(&buf[row * cols], offset(row));
+          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(nr * cols), 0.0f);
         } else {
-          unsigned long lo = std::max<unsigned long>(ranges[a].first, 1) - 1;
           touched.clear();
           for (impls::w_case const& w : c) {
             unsigned long o = col->get_row_index(w.first);
@@ -144,7 +175,7 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<st
           std::sort(touched.begin(), touched.end());
           touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
           for (std::size_t r : touched) {
-            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+            emit(&buf[r * cols], offset(r));
             std::fill(buf.begin() + static_cast<std::ptrdiff_t>(r * cols),
                       buf.begin() + static_cast<std::ptrdiff_t>((r + 1) * cols), 0.0f);
           }
@@ -162,6 +193,7 @@ std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) co
   std::unique_ptr<tally_worker> out(new tally_worker());
   out->impl_->t = impl_->t;
   out->impl_->root = impl_->root;
+  out->impl_->orders = impl_->orders;
   std::size_t threshold = 0, share = 0;
   std::vector<impls::w_sequence*> children;
   std::vector<order_range> ranges;
@@ -178,6 +210,18 @@ std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) co
     impls::partition_desc desc;
     desc.threshold = d.thresholds[threshold++];
     desc.branches = branches;
+    std::vector<std::uint32_t> const* map = impl_->map_of(att);
+    if (map != nullptr && t->get_attribute(att)->is_continuous()) {
+      // The threshold as this table's greatest value not above it (none: every known value is
+      // above it).
+      if (d.cuts.size() != d.thresholds.size())
+        throw std::invalid_argument("decisions: no cuts for a table of its own values");
+      auto cut = static_cast<std::uint32_t>(d.cuts[threshold - 1]);
+      auto mine = static_cast<unsigned long>(std::upper_bound(map->begin() + 1, map->end(), cut) -
+                                             map->begin() - 1);
+      impls::o_set* values = t->get_attribute(att)->get_o_set();
+      desc.threshold = mine == 0 ? values->get_null() : values->get_value(mine);
+    }
     std::vector<float> shares(d.shares.begin() + share, d.shares.begin() + share + branches);
     share += branches;
     impls::partition_shared(*t->get_attribute(att), c.data(), c.data() + c.size(), desc, shares,
@@ -224,6 +268,40 @@ tally_worker::tally_worker(table const& t, std::vector<std::int64_t> const& node
     }
   }
   impl_->root = std::move(root);
+}
+
+void tally_worker::set_orders(std::vector<std::vector<std::uint32_t>> orders) {
+  impls::table const* t = impl_->t;
+  if (orders.size() > t->get_no_attributes())
+    throw std::invalid_argument("orders: more than the attributes");
+  for (std::size_t a = 0; a < orders.size(); ++a) {
+    std::vector<std::uint32_t> const& m = orders[a];
+    if (m.empty()) continue;
+    impls::column const* col = t->get_attribute(a);
+    if (!col->is_continuous() || m.size() != col->get_o_set()->size_of_known() + 1 || m[0] != 0)
+      throw std::invalid_argument("orders: not one for each value of the attribute");
+    for (std::size_t i = 1; i < m.size(); ++i)
+      if (m[i] <= m[i - 1]) throw std::invalid_argument("orders: not ascending");
+  }
+  impl_->orders =
+      std::make_shared<std::vector<std::vector<std::uint32_t>> const>(std::move(orders));
+}
+
+std::vector<std::vector<std::uint32_t>> const& tally_worker::orders() const {
+  static std::vector<std::vector<std::uint32_t>> const none;
+  return impl_->orders ? *impl_->orders : none;
+}
+
+std::vector<double> tally_worker::values(table const& t, unsigned long att) {
+  impls::table const* it = t.get_impl();
+  if (att >= it->get_no_attributes() || !it->get_attribute(att)->is_continuous())
+    throw std::invalid_argument("values: not a continuous attribute");
+  impls::o_set* v = it->get_attribute(att)->get_o_set();
+  std::vector<double> out;
+  out.reserve(v->size_of_known());
+  for (unsigned long k = 1; k <= v->size_of_known(); ++k)
+    out.push_back(std::strtod(v->get_value(k).c_str(), nullptr));
+  return out;
 }
 
 std::size_t tally_worker::held() const {
@@ -275,6 +353,14 @@ void tally_worker::rows_of(std::vector<std::int64_t> const& nodes, tally_rows& o
         }
       }
     });
+    // A table of its own values gives the orders among all the rows'.
+    for (unsigned long a = 0; a < t->get_no_attributes(); ++a) {
+      std::vector<std::uint32_t> const* map = impl_->map_of(a);
+      if (map == nullptr || t->get_attribute(a) != col) continue;
+      std::uint32_t* o = out.orders.data() + first * cols + c;
+      for (std::size_t i = 0; i < n; ++i, o += cols)
+        *o = (*map)[*o];
+    }
   }
 }
 
@@ -779,7 +865,7 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
       }
       s.gains.push_back(d.gain);
       s.gains.push_back(d.split_info);
-      std::int64_t children = 0;
+      std::int64_t children = 0, cut_order = 0;
       std::string threshold;
       if (!leaf && d.gain > impls::kNoGain) {
         // The division the grower makes of the node if this attribute is chosen.
@@ -799,6 +885,7 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
                          w1, w2);
           }
           if (cut != 0) {
+            cut_order = static_cast<std::int64_t>(cut);
             unsigned long lo2 = cut;
             if (unknown != 0.0f) lo1 = lo2 = 0;
             children = 2;
@@ -821,7 +908,7 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
       }
       s.splits.insert(s.splits.end(),
                       {static_cast<std::int64_t>(d.branches), static_cast<std::int64_t>(d.low),
-                       static_cast<std::int64_t>(d.high), children});
+                       static_cast<std::int64_t>(d.high), children, cut_order});
       s.thresholds.push_back(std::move(threshold));
     }
     grower::disactivate(node);
@@ -849,12 +936,12 @@ tally_decisions tally_grower::decide_scored(std::vector<tally_scores const*> con
       where[static_cast<std::size_t>(s.atts[j])] = {k, j};
     }
     if (s.classes.size() != n * cols || s.counts.size() != n || s.gains.size() != 2 * n * m ||
-        s.splits.size() != 4 * n * m || s.thresholds.size() != n * m)
+        s.splits.size() != 5 * n * m || s.thresholds.size() != n * m)
       bad();
     std::size_t c = 0;
     for (std::size_t idx = 0; idx < n * m; ++idx) {
       first_child[k].push_back(c);
-      c += static_cast<std::size_t>(s.splits[4 * idx + 3]);
+      c += static_cast<std::size_t>(s.splits[5 * idx + 3]);
     }
     if (s.shares.size() != c || s.ranges.size() != 2 * c) bad();
   }
@@ -878,9 +965,9 @@ tally_decisions tally_grower::decide_scored(std::vector<tally_scores const*> con
         tally_scores const& s = *groups[where[a].first];
         std::size_t idx = i * s.atts.size() + where[a].second;
         impls::splitting_desc& e = descs[a];
-        e.branches = static_cast<unsigned long>(s.splits[4 * idx]);
-        e.low = static_cast<unsigned long>(s.splits[4 * idx + 1]);
-        e.high = static_cast<unsigned long>(s.splits[4 * idx + 2]);
+        e.branches = static_cast<unsigned long>(s.splits[5 * idx]);
+        e.low = static_cast<unsigned long>(s.splits[5 * idx + 1]);
+        e.high = static_cast<unsigned long>(s.splits[5 * idx + 2]);
         e.att = t->get_attribute(a);
         e.gain = s.gains[2 * idx];
         e.split_info = s.gains[2 * idx + 1];
@@ -893,7 +980,7 @@ tally_decisions tally_grower::decide_scored(std::vector<tally_scores const*> con
     if (best >= 0) {
       k = where[static_cast<std::size_t>(best)].first;
       idx = i * groups[k]->atts.size() + where[static_cast<std::size_t>(best)].second;
-      children = static_cast<std::size_t>(groups[k]->splits[4 * idx + 3]);
+      children = static_cast<std::size_t>(groups[k]->splits[5 * idx + 3]);
       if (children == 0) grower::set_as_leaf(*node);
     }
     if (children == 0) {
@@ -910,6 +997,7 @@ tally_decisions tally_grower::decide_scored(std::vector<tally_scores const*> con
     std::int64_t first_id = g.next;
     d.nodes.insert(d.nodes.end(), {p.id, best, first_id, static_cast<std::int64_t>(children)});
     d.thresholds.push_back(node->get_threshold());
+    d.cuts.push_back(s.splits[5 * idx + 4]);
     for (std::size_t b = 0; b < children; ++b) {
       float share = s.shares[c0 + b];
       d.shares.push_back(share);

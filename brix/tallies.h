@@ -38,6 +38,9 @@ struct tally_decisions {
   std::vector<std::int64_t> nodes;  // 4 a node: node, attribute (-1: leaf), first child, branches
   std::vector<std::string> thresholds;  // one a split node
   std::vector<float> shares;            // branches a split node
+  // One a split node: the order of its threshold in the value set of all the rows (0 for a
+  // discrete split), for holders whose tables hold only their own values. Empty: not given.
+  std::vector<std::int64_t> cuts;
 };
 
 // Cases of some open nodes with their rows' value orders, to grow the nodes elsewhere: per case
@@ -56,11 +59,12 @@ struct tally_rows {
 // nor the continuous value sets.
 struct tally_scores {
   std::vector<std::int64_t> atts;
-  std::vector<float> classes;           // classes + 1 a node
-  std::vector<std::int64_t> counts;     // one a node
-  std::vector<float> gains;             // (gain, split information) a node and attribute
-  std::vector<std::int64_t> splits;     // (branches, low, high, children) a node and attribute;
-                                        // children 0: the split divides nothing (a leaf if chosen)
+  std::vector<float> classes;        // classes + 1 a node
+  std::vector<std::int64_t> counts;  // one a node
+  std::vector<float> gains;          // (gain, split information) a node and attribute
+  // (branches, low, high, children, cut) a node and attribute; children 0: the split divides
+  // nothing (a leaf if chosen); cut: the order of the threshold (continuous attributes)
+  std::vector<std::int64_t> splits;
   std::vector<std::string> thresholds;  // one a node and attribute
   std::vector<float> shares;            // one a child
   std::vector<std::int64_t> ranges;     // (first, second) a child
@@ -104,6 +108,14 @@ class tally_worker {
              std::vector<float>& weights) const;
   tally_worker(table const& t, std::vector<std::int64_t> const& nodes,
                std::vector<std::uint32_t> const& rows, std::vector<float> const& weights);
+  // A table that holds only its own rows' values: per attribute, the order in the value set of
+  // all the rows of each of its orders (index 0, the unknown value, to 0; ascending), or none
+  // for an attribute whose orders are already those. Tallies, the cases given for growing
+  // elsewhere and the division of cases (with the decisions' cuts) then speak of those orders.
+  void set_orders(std::vector<std::vector<std::uint32_t>> orders);
+  std::vector<std::vector<std::uint32_t>> const& orders() const;
+  // The values of a continuous attribute of a table, ascending, as numbers.
+  static std::vector<double> values(table const& t, unsigned long att);
   // Cases held, over all open nodes.
   std::size_t held() const;
   // The open nodes held and their case counts.

@@ -47,16 +47,44 @@ class _Holder:
             self.worker.table.save(p)
             with open(p, "rb") as f:
                 data = f.read()
-        return (_restore_holder, (data,) + tuple(self.worker.cases()))
+        return (_restore_holder, (data,) + tuple(self.worker.cases()) + (self.worker.orders(),))
 
 
-def _restore_holder(data, nodes, rows, weights):
+def _table_bytes(table):
+    with tempfile.TemporaryDirectory() as d:
+        p = os.path.join(d, "part.tbl")
+        table.save(p)
+        with open(p, "rb") as f:
+            return f.read()
+
+
+def _table_of(data):
     with tempfile.TemporaryDirectory() as d:
         p = os.path.join(d, "part.tbl")
         with open(p, "wb") as f:
             f.write(data)
-        table = _core.Table.load(p)
-    return _Holder(_core.TallyWorker(table, nodes, rows, weights))
+        return _core.Table.load(p)
+
+
+def _restore_holder(data, nodes, rows, weights, orders=()):
+    worker = _core.TallyWorker(_table_of(data), nodes, rows, weights)
+    worker.set_orders([o if len(o) else None for o in orders])
+    return _Holder(worker)
+
+
+class _Like:
+    """A table of one row with the value sets of all the rows: where the split search turns
+    orders into thresholds, and handed nodes are grown. One a worker."""
+
+    def __init__(self, table):
+        self.table = table
+
+    def __reduce__(self):
+        return (_restore_like, (_table_bytes(self.table),))
+
+
+def _restore_like(data):
+    return _Like(_table_of(data))
 
 
 def _holder_size(h):
@@ -160,16 +188,46 @@ def _small_keep(keep, kinds):
     return out
 
 
-def _root_ranges(holder):
-    return _core.TallyGrower.root_ranges(holder.worker.table)
+def _root_ranges(like):
+    return _core.TallyGrower.root_ranges(like.table)
 
 
-def _hold(est, X, y, w, keep):
-    """The partition as a Brix table with the value sets of all the rows, and its cases."""
+def _discrete_keep(keep, kinds):
+    return {n: v for n, v in keep.items() if n == "__class__" or kinds.get(n) == "discrete"}
+
+
+def _like(est, keep, kinds):
+    import pandas as pd
+    names = list(est.feature_names_in_)
+    row = pd.DataFrame({n: pd.Series(
+        [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
+        dtype=object if kinds[n] == "discrete" else float) for n in names})
+    return _Like(est._table(row, np.zeros(1, dtype=np.int64), keep=keep))
+
+
+def _global_values(like, atts):
+    """Each continuous attribute's values over all the rows, as the tables hold them."""
+    return {a: _core.TallyWorker.values(like.table, a) for a in atts}
+
+
+def _hold(est, X, y, w, keep, values):
+    """The partition as a Brix table of its own values (the discrete value sets and the class
+    labels of all the rows), its cases, and the orders of its continuous values among all the
+    rows' (values: those of all the rows, as _global_values gives them)."""
     import pandas as pd
     codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
     table = est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
-    return _Holder(_core.TallyWorker(table, len(X)))
+    worker = _core.TallyWorker(table, len(X))
+    orders = [None] * len(est.feature_names_in_)
+    for a, every in values.items():
+        mine = _core.TallyWorker.values(table, a)
+        at = np.searchsorted(every, mine)
+        if len(mine) and (at[-1] >= len(every) or np.any(every[at] != mine)):
+            raise RuntimeError(f"column '{est.feature_names_in_[a]}': a partition holds a value "
+                               "the merged value set lacks")
+        orders[a] = np.concatenate([[0], at + 1]).astype(np.uint32)
+    worker.set_orders(orders)
+    return _Holder(worker)
 
 
 def _tallies(holder, open_nodes, cols, only):
@@ -177,11 +235,11 @@ def _tallies(holder, open_nodes, cols, only):
     return at, rows.reshape(-1, cols), counts
 
 
-def _score(holder, summed, open_nodes, atts, min_cases):
+def _score(like, summed, open_nodes, atts, min_cases):
     """A group of attributes' best splits of the open nodes, searched where their summed tallies
-    are, on the value sets of the holder's table."""
+    are, on the value sets of all the rows."""
     at, rows, counts = summed
-    return _core.TallyGrower.score(holder.worker.table, min_cases, open_nodes, atts, at,
+    return _core.TallyGrower.score(like.table, min_cases, open_nodes, atts, at,
                                    rows.reshape(-1), counts)
 
 
@@ -217,12 +275,12 @@ def _rows_of(holder, ids):
     return holder.worker.rows_of(ids)
 
 
-def _grow_handed(anchor, nodes, known, min_cases, whole, unit, *parts):
+def _grow_handed(like, nodes, known, min_cases, whole, unit, *parts):
     """The subtrees of the handed nodes, grown on the rows the holders gave (in table order), as
     the bytes of their files, in the nodes' order."""
     with tempfile.TemporaryDirectory() as d:
         paths = [os.path.join(d, f"{i}.tree") for i in range(len(known))]
-        _core.TallyGrower.grow_handed(anchor.worker.table, nodes, known, list(parts), min_cases,
+        _core.TallyGrower.grow_handed(like.table, nodes, known, list(parts), min_cases,
                                       whole, unit, paths)
         out = []
         for p in paths:
@@ -298,6 +356,8 @@ class TreeClassifier(_LocalTreeClassifier):
                 raise RuntimeError(f"fit failed: lost the connection to the Dask cluster (the "
                                    f"client is {client.status}): {e!r}") from e
             raise
+        finally:
+            self.__dict__.pop("_likes", None)  # futures: they do not outlive the fit
 
     def _fit_dask(self, X, y, sample_weight, client):
         import pandas as pd
@@ -387,14 +447,26 @@ class TreeClassifier(_LocalTreeClassifier):
                 "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
             if hasattr(probe, "_array_discrete"):
                 encoder._array_discrete = probe._array_discrete
-            # Every partition a table on its worker (persisted there), with the value sets that
-            # the workers merged: they go from worker to worker, never through the client.
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, keep)
+            # The value sets that the workers merged go from worker to worker, never through
+            # the client: a table of them on each worker, and every partition a table of its
+            # own values on its worker (persisted there) with their orders among all the rows'.
+            workers = sorted(client.scheduler_info()["workers"])
+            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w],
+                                      allow_other_workers=True, pure=False) for w in workers}
+            continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
+            values = client.submit(_global_values, likes[workers[0]], continuous, pure=False)
+            own = client.submit(_discrete_keep, keep, kinds, pure=False)
+            # On every worker, so that each partition's table is built where its rows are.
+            _results(client, [values, own], fetch=False)
+            client.replicate([values, own])
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, own, values)
                                       for a, b, c, d in zip(xs, ys, ws, summaries)
                                       if d["n"] > 0])
             small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
-            root = _results(client, [client.submit(_root_ranges, holders[0], pure=False)])[0]
-            del keep
+            root = _results(client, [client.submit(_root_ranges, likes[workers[0]],
+                                                   pure=False)])[0]
+            self._likes = likes
+            del keep, values, own
             # The client's table: one row, the discrete value sets and the class labels; of the
             # continuous columns only their bounds (the root's ranges come from a worker).
             meta = pd.DataFrame({n: pd.Series(
@@ -457,7 +529,7 @@ class TreeClassifier(_LocalTreeClassifier):
         scores, sizes = [], []
         for k, atts in enumerate(groups):
             w = workers[k]
-            anchor = next((h for h, p in zip(holders, place) if w in p), holders[0])
+            like = self._likes.get(w) or next(iter(self._likes.values()))
             tallies = client.map(_tallies, holders, open_nodes=open_nodes, cols=cols, only=atts,
                                  pure=False)
             sizes += client.map(_nbytes, tallies, pure=False)
@@ -467,7 +539,7 @@ class TreeClassifier(_LocalTreeClassifier):
                 if len(tallies) % 2:
                     paired.append(tallies[-1])
                 tallies = paired
-            scores.append(client.submit(_score, anchor, tallies[0], open_nodes, atts,
+            scores.append(client.submit(_score, like, tallies[0], open_nodes, atts,
                                         float(self.min_cases), workers=[w],
                                         allow_other_workers=True, pure=False))
         scored = _results(client, scores)
@@ -505,8 +577,8 @@ class TreeClassifier(_LocalTreeClassifier):
                        if not has.isdisjoint(ids)]
             parts = [client.submit(_rows_of, h, ids, pure=False) for h, _ in sources]
             away = [part for part, (_, p) in zip(parts, sources) if w not in p]
-            anchor = next((h for h, p in zip(holders, place) if w in p), holders[0])
-            grown = client.submit(_grow_handed, anchor, nodes, known, float(self.min_cases),
+            like = self._likes.get(w) or next(iter(self._likes.values()))
+            grown = client.submit(_grow_handed, like, nodes, known, float(self.min_cases),
                                   flags[0], flags[1], *parts, workers=[w],
                                   allow_other_workers=True, pure=False)
             out.append((ids, grown, client.map(_nbytes, away, pure=False)))

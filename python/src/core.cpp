@@ -273,11 +273,32 @@ PYBIND11_MODULE(_core, m) {
           py::arg("open"), py::arg("only") = std::vector<std::int64_t>())
       .def("applied",
            [](worker_state const& w, std::vector<std::int64_t> nodes,
-              std::vector<std::string> thresholds, std::vector<float> shares) {
-             brix::tally_decisions d{std::move(nodes), std::move(thresholds), std::move(shares)};
+              std::vector<std::string> thresholds, std::vector<float> shares,
+              std::vector<std::int64_t> cuts) {
+             brix::tally_decisions d{std::move(nodes), std::move(thresholds), std::move(shares),
+                                     std::move(cuts)};
              py::gil_scoped_release release;
              return worker_state{w.t, std::shared_ptr<brix::tally_worker>(w.w->applied(d))};
            })
+      .def("set_orders",
+           [](worker_state const& w, py::list orders) {
+             std::vector<std::vector<std::uint32_t>> o;
+             for (py::handle h : orders)
+               o.push_back(h.is_none() ? std::vector<std::uint32_t>()
+                                       : from_array<std::uint32_t>(h));
+             w.w->set_orders(std::move(o));
+           })
+      .def("orders",
+           [](worker_state const& w) {
+             py::list out;
+             for (auto const& m : w.w->orders())
+               out.append(to_array(m));
+             return out;
+           })
+      .def_static("values",
+                  [](brix::table const& t, unsigned long att) {
+                    return to_array(brix::tally_worker::values(t, att));
+                  })
       .def("cases",
            [](worker_state const& w) {
              std::vector<std::int64_t> nodes;
@@ -360,7 +381,8 @@ PYBIND11_MODULE(_core, m) {
              for (auto const& x : s)
                ptrs.push_back(&x);
              brix::tally_decisions d = g.decide_scored(ptrs);
-             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares),
+                                   to_array(d.cuts));
            })
       .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
       .def("open_ids", [](brix::tally_grower const& g) { return to_array(g.open_ids()); })
@@ -400,7 +422,8 @@ PYBIND11_MODULE(_core, m) {
                py::gil_scoped_release release;
                d = g.decide(at, rows, counts);
              }
-             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares),
+                                   to_array(d.cuts));
            })
       .def("finish",
            [](brix::tally_grower& g) { return std::shared_ptr<brix::tree_model>(g.finish()); })

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -66,6 +67,11 @@ void hand_off_small(brix::table& t, brix::tally_grower& grower,
   }
 }
 
+std::unique_ptr<brix::tree_model> grown_on(
+    brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
+    brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
+    unsigned groups);
+
 // Rows dealt out to k holders, in blocks or one by one.
 std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
                                                  brix::tree_options const& o, bool dealt,
@@ -78,6 +84,14 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   std::vector<std::unique_ptr<brix::tally_worker>> workers;
   for (auto const& p : parts)
     workers.emplace_back(new brix::tally_worker(t, p));
+  return grown_on(t, workers, o, dealt, hand_off, unit, whole, groups);
+}
+
+// The tree of the holders' cases; t: a table with every value set.
+std::unique_ptr<brix::tree_model> grown_on(
+    brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
+    brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
+    unsigned groups) {
   brix::tally_grower grower(t, o, brix::tally_grower::root_ranges(t));
   while (!grower.done()) {
     hand_off_small(t, grower, workers, o, hand_off, whole, unit);
@@ -196,8 +210,11 @@ void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string c
 // (sorted), whole weights, classes that depend on them with noise.
 // unknown: a twentieth of the wide values unknown and weights of thirds, so that cases are
 // shared out with fractional weights.
+// lo, hi: only those rows, as a table of their own continuous values (the discrete value sets
+// and the class labels of all the rows kept).
 std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights,
-                                    bool unknown = false) {
+                                    bool unknown = false, unsigned long lo = 0,
+                                    unsigned long hi = 0) {
   std::mt19937 gen(seed);
   std::vector<std::string> colour(n), cls(n);
   std::vector<double> small(n), wide(n), w(n);
@@ -215,7 +232,18 @@ std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights
       if (gen() % 20 == 0) wide[i] = std::nan("");
     }
   }
+  if (hi > lo) {
+    auto cut = [&](auto& v) {
+      v = std::vector<typename std::decay_t<decltype(v)>::value_type>(v.begin() + lo,
+                                                                      v.begin() + hi);
+    };
+    cut(colour), cut(cls), cut(small), cut(wide), cut(w);
+  }
   brix::table_builder b("seeded");
+  if (hi > lo) {
+    b.keep_texts("colour", {"blue", "green", "grey", "red"});
+    b.keep_texts("class", {"maybe", "no", "yes"});
+  }
   b.add_strings("colour", brix::column_kind::discrete, colour)
       .add_numbers("small", brix::column_kind::continuous, brix::value_type::integer, small)
       .add_numbers("wide", brix::column_kind::continuous, brix::value_type::float32, wide)
@@ -265,6 +293,47 @@ TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
         for (std::size_t j = 0; j < a[i].size(); ++j)
           EXPECT_NEAR(a[i][j], b[i][j], 1e-5 * (1 + std::fabs(b[i][j]))) << where;
     }
+  }
+}
+
+TEST(TallyGrowing, TablesOfTheirOwnValuesGrowTheWholeTablesTree) {
+  // Each part's continuous orders mapped onto the whole table's: the tallies, the division of
+  // the cases at thresholds a part may not hold, and the rows handed out all speak of those.
+  unsigned long const n = 6000;
+  for (bool unknown : {false, true}) {
+    auto t = seeded(9, n, unknown, unknown);
+    brix::tree_options o;
+    auto expected = brix::tree_model::train(*t, o);
+    for (unsigned k : {2u, 5u}) {
+      for (std::size_t hand_off : {std::size_t(0), std::size_t(700)}) {
+        std::vector<std::unique_ptr<brix::table>> parts;
+        std::vector<std::unique_ptr<brix::tally_worker>> workers;
+        for (unsigned i = 0; i < k; ++i) {
+          parts.push_back(seeded(9, n, unknown, unknown, n * i / k, n * (i + 1) / k));
+          workers.emplace_back(new brix::tally_worker(*parts.back(), n * (i + 1) / k - n * i / k));
+          std::vector<std::vector<std::uint32_t>> orders(3);
+          for (unsigned long a : {1ul, 2ul}) {
+            std::vector<double> all = brix::tally_worker::values(*t, a);
+            orders[a].push_back(0);
+            for (double v : brix::tally_worker::values(*parts.back(), a))
+              orders[a].push_back(static_cast<std::uint32_t>(
+                  std::lower_bound(all.begin(), all.end(), v) - all.begin() + 1));
+          }
+          workers.back()->set_orders(orders);
+        }
+        auto grown = grown_on(*t, workers, o, false, hand_off, !unknown, !unknown, k % 2 + 1);
+        std::string where = std::string(unknown ? "unknown values, " : "") + std::to_string(k) +
+                            " parts, hand-off at " + std::to_string(hand_off);
+        EXPECT_EQ(text_of(*grown), text_of(*expected)) << where;
+      }
+    }
+    // Orders that are not one a value, or not ascending, are refused.
+    brix::tally_worker w(*t, 10);
+    std::vector<std::vector<std::uint32_t>> bad(3);
+    bad[2] = {0, 1, 2};
+    EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
+    bad[2] = std::vector<std::uint32_t>(brix::tally_worker::values(*t, 2).size() + 1, 0);
+    EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
   }
 }
 

@@ -37,11 +37,12 @@ def main(stem, chunks, hand_off=None):
         print(f"partitions {len(files)}  hand-off at {limit} cases  wall {wall:.1f} s  "
               f"client peak RSS {peak:.0f} MB  levels {len(levels)}  "
               f"nodes {sum(v['open_nodes'] for v in levels)}")
+        print("  setup: " + "  ".join(f"{k} {v:.1f} s" for k, v in clf.fit_setup_.items()))
         for i, v in enumerate(levels):
             tallied = v["open_nodes"] - v["handed_nodes"]
             per = v["tally_bytes"] / max(tallied, 1)
             print(f"  level {i:2d}: open {v['open_nodes']:5d}  tallied {tallied:5d}  tallies "
-                  f"{v['tally_bytes']:10d} B ({per:9.0f} B a node)  decisions "
+                  f"{v['tally_bytes']:10d} B ({per:9.0f} B a node)  scores {v['score_bytes']:6d} B  decisions "
                   f"{v['decision_bytes']:6d} B  handed {v['handed_nodes']:3d} nodes "
                   f"{v['handed_cases']:8d} cases  rows moved {v['handed_row_bytes']:10d} B  "
                   f"subtrees {v['subtree_bytes']:8d} B  {v['seconds']:5.2f} s")

@@ -1,13 +1,16 @@
 """brix.dask.TreeClassifier: the tree of brix.TreeClassifier grown over a Dask DataFrame whose
 partitions stay on the workers of a distributed cluster.
 
-Each partition becomes a Brix table on its worker, with the value sets of all the rows (one pass
-gathers them), so that value orders mean the same everywhere. Then, level by level, every worker
-tallies the class weights of its own cases per attribute value for each open node, the tallies
-are added up in a tree reduction, the client chooses every split with the engine's own split
-search, and the workers share their cases out to the children. A node of few cases is instead
-grown whole on one worker by the ordinary grower (its rows move there from the other workers) and
-its subtree grafted in. Rows never reach the client. With
+One pass gathers each partition's distinct values; the workers merge them. Each partition becomes
+a Brix table of its own values on its worker, with the orders of its continuous values among all
+the rows' (so tallies and thresholds mean the same everywhere), and each worker holds one table of
+all the value sets. Then, level by level, every partition tallies the class weights of its own
+cases per attribute value for each open node; the attributes are dealt out to the workers in
+groups, each group's tallies are added up in a tree reduction and searched on its worker with the
+engine's own split search, and the client only chooses among the groups' best splits with the
+engine's choice rule. The workers share their cases out to the children. A node of few cases is
+instead grown whole on one worker by the ordinary grower (its rows move there from the other
+workers) and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
 whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
 """
 import os
@@ -23,7 +26,7 @@ __all__ = ["TreeClassifier", "HAND_OFF_CASES"]
 
 # A node of at most this many cases is grown whole on one worker by the ordinary grower instead of
 # level by level: above a few hundred thousand cases a tallied level (every occupied value of
-# every attribute, per partition, summed and decided on the client) costs more than moving the
+# every attribute, per partition, summed and searched on the workers) costs more than moving the
 # node's rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in
 # transit and half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers
 # (see docs/distributed.md): at 20M rows 4,000,000 took 8 x brixcmd's time, 1,000,000 15 x.
@@ -316,9 +319,11 @@ class TreeClassifier(_LocalTreeClassifier):
     hand_off_cases: a node of at most this many cases (over all partitions) has its rows moved to
     one worker and is grown whole there; None: HAND_OFF_CASES; 0: every node level by level.
     pruning "full" (raising subtrees) needs every node's cases in one place and is refused.
-    After fit, fit_levels_ lists per level the open nodes, the bytes of tallies and decisions
-    that moved, the nodes and cases handed to one worker, the bytes of their rows that moved
-    between workers and of their subtrees sent to the client, and the seconds the level took.
+    After fit, fit_setup_ gives the seconds of the value-set pass, of merging the value sets and
+    of building the partitions' tables; fit_levels_ lists per level the open nodes, the bytes of
+    tallies that moved between workers, of the scores that reached the client and of decisions,
+    the nodes and cases handed to one worker, the bytes of their rows that moved between workers
+    and of their subtrees sent to the client, and the seconds the level took.
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
@@ -387,12 +392,16 @@ class TreeClassifier(_LocalTreeClassifier):
         self.n_features_in_ = len(names)
         for attr in ("_kinds", "classes_", "_label_text", "_model"):
             self.__dict__.pop(attr, None)
-        xs, ys = X.to_delayed(), y.to_delayed()
-        ws = sample_weight.to_delayed() if sample_weight is not None else [None] * len(xs)
+        # Read once: the value-set pass and the tables both take the partitions (which stay on
+        # the workers until the tables are built).
+        source = client.persist([X, y] + ([sample_weight] if sample_weight is not None else []))
+        xs, ys = source[0].to_delayed(), source[1].to_delayed()
+        ws = source[2].to_delayed() if sample_weight is not None else [None] * len(xs)
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
             # One pass: the value sets of all the rows, merged on the workers (a tree
             # reduction); the client sees only each partition's kinds, labels and weight.
+            start = time.perf_counter()
             described = client.compute(
                 [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)])
             summaries = _results(client, client.map(_summary, described, pure=False))
@@ -413,6 +422,7 @@ class TreeClassifier(_LocalTreeClassifier):
                 if "discrete" in ks and len(ks) > 1:
                     raise ValueError(f"column '{name}' is categorical in some partitions and "
                                      "numeric in others; give it one dtype")
+            described_at = time.perf_counter()
             labels = pd.unique(np.concatenate([np.asarray(d["labels"], dtype=object)
                                                for d in parts]))
             try:
@@ -458,6 +468,7 @@ class TreeClassifier(_LocalTreeClassifier):
             own = client.submit(_discrete_keep, keep, kinds, pure=False)
             # On every worker, so that each partition's table is built where its rows are.
             _results(client, [values, own], fetch=False)
+            merged_at = time.perf_counter()
             client.replicate([values, own])
             holders = client.compute([_delayed(_hold)(encoder, a, b, c, own, values)
                                       for a, b, c, d in zip(xs, ys, ws, summaries)
@@ -479,6 +490,12 @@ class TreeClassifier(_LocalTreeClassifier):
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
             held = _results(client, client.map(_counts, holders, pure=False))
+            del source, xs, ys, ws
+            # Seconds of the value-set pass, of merging the value sets (and a table of them on
+            # each worker), and of the partitions' tables.
+            self.fit_setup_ = {"describe": described_at - start,
+                               "value_sets": merged_at - described_at,
+                               "tables": time.perf_counter() - merged_at}
             while not grower.done:
                 total = {}
                 for nodes, counts in held:

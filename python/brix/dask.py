@@ -519,9 +519,11 @@ class TreeClassifier(_LocalTreeClassifier):
                 level["seconds"] = time.perf_counter() - t0
             model = grower.finish()
             self._model = model
-            blob = self.__getstate__()["_model"]
+            # Sent once, not once a partition.
+            [blob] = client.scatter([self.__getstate__()["_model"]], hash=False)
             matrices = _results(client, client.map(_evaluate, holders, model_bytes=blob,
                                                    pure=False))
+            del blob
             training = matrices[0]
             for m in matrices[1:]:
                 training = training + m

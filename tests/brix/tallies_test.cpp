@@ -334,6 +334,13 @@ TEST(TallyGrowing, TablesOfTheirOwnValuesGrowTheWholeTablesTree) {
     EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
     bad[2] = std::vector<std::uint32_t>(brix::tally_worker::values(*t, 2).size() + 1, 0);
     EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
+    // A cut at a value the table may lack needs its order among all the rows'.
+    std::vector<std::vector<std::uint32_t>> same(3);
+    for (std::uint32_t i = 0; i < bad[2].size(); ++i)
+      same[2].push_back(i);
+    w.set_orders(same);
+    brix::tally_decisions d{{0, 2, 1, 2}, {"500"}, {0.5f, 0.5f}, {}};
+    EXPECT_THROW(w.applied(d), std::invalid_argument);
   }
 }
 

@@ -138,6 +138,30 @@ def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_p
                            for v in tallied)
 
 
+def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_whole():
+    # No cluster: the workers' steps in this process. A partition's tallies in the orders of all
+    # the rows equal those of a table that carries every value set, and survive being pickled
+    # (as Dask moves a holder between workers).
+    import pickle
+    from brix import dask as bd
+    X, y = agrawal_like(3000, 5)
+    enc = brix.TreeClassifier().fit(X, y)
+    names = list(enc.feature_names_in_)
+    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
+                    [enc._label_text[c] for c in enc.classes_])
+    like = bd._like(enc, keep, enc._kinds)
+    continuous = [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"]
+    own = bd._hold(enc, X[:700], y[:700], None, bd._discrete_keep(keep, enc._kinds),
+                   bd._global_values(like, continuous))
+    every = bd._hold(enc, X[:700], y[:700], None, keep, {})
+    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
+    open_nodes = grower.open()
+    expected = every.worker.tallies(open_nodes)
+    for holder in (own, pickle.loads(pickle.dumps(own))):
+        for got, want in zip(holder.worker.tallies(open_nodes), expected):
+            np.testing.assert_array_equal(got, want)
+
+
 def fit_while(client, action, n=60000):
     """Fits on agrawal-like rows while action() runs once the first level is decided; the tree
     or the exception."""

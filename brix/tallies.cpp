@@ -18,6 +18,7 @@
 #include "brix/impls/model/conf_matrix.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
 #include "brix/impls/storage/table.h"
 #include "brix/impls/storage/w_sequence.h"
 #include "zel/inpout/binstream.h"
@@ -299,6 +300,20 @@ std::vector<double> tally_worker::values(table const& t, unsigned long att) {
   impls::o_set* v = it->get_attribute(att)->get_o_set();
   std::vector<double> out;
   out.reserve(v->size_of_known());
+  // The numbers as stored when the set is of a numeric type (text would take tens of digits a
+  // value); otherwise read back from their text.
+  auto as = [&](auto* typed) {
+    if (typed == nullptr) return false;
+    for (auto const& x : typed->sorted_values())
+      out.push_back(static_cast<double>(x));
+    return true;
+  };
+  namespace dt = zel::data_types;
+  if (as(dynamic_cast<impls::o_set_typed<dt::datatype<float>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<double>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<int>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<unsigned long>>*>(v)))
+    return out;
   for (unsigned long k = 1; k <= v->size_of_known(); ++k)
     out.push_back(std::strtod(v->get_value(k).c_str(), nullptr));
   return out;

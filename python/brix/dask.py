@@ -486,6 +486,8 @@ class TreeClassifier(_LocalTreeClassifier):
             meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=small)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
                                        float(self.min_cases), self.pruning, root)
+            # Each attribute's values: what its tallies at the top levels grow with.
+            widths = [int(root[2 * a + 1] - root[2 * a]) for a in range(len(names))]
             limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
@@ -509,7 +511,7 @@ class TreeClassifier(_LocalTreeClassifier):
                 grown = self._hand_off(client, grower, holders, held, small, total, flags, level)
                 decisions = None
                 if len(grower.open_ids()):
-                    decisions = self._decide(client, grower, holders, len(names),
+                    decisions = self._decide(client, grower, holders, widths,
                                              len(classes) + 1, level)
                 self._graft(client, grower, grown, level)
                 self.fit_levels_.append(level)
@@ -536,15 +538,22 @@ class TreeClassifier(_LocalTreeClassifier):
                                "client closed or the scheduler lost?") from e
         return self
 
-    def _decide(self, client, grower, holders, n_atts, cols, level):
+    def _decide(self, client, grower, holders, widths, cols, level):
         """Decides the open nodes: the attributes in one group a worker, each group's tallies
         summed in a tree reduction and searched on that worker; the client gets the groups'
-        scores and chooses. The decisions."""
+        scores and chooses. widths: each attribute's number of values, to balance the groups.
+        The decisions."""
         open_nodes = grower.open()
         who = client.who_has(holders)
         place = [tuple(who.get(h.key, ())) for h in holders]
         workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
-        groups = [list(range(k, n_atts, len(workers))) for k in range(min(len(workers), n_atts))]
+        groups = [[] for _ in range(min(len(workers), len(widths)))]
+        load = [0] * len(groups)
+        for a in sorted(range(len(widths)), key=lambda a: (-widths[a], a)):
+            k = load.index(min(load))
+            groups[k].append(a)
+            load[k] += widths[a] + 1
+        groups = [sorted(g) for g in groups]
         scores, sizes = [], []
         for k, atts in enumerate(groups):
             w = workers[k]

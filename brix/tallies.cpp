@@ -82,6 +82,39 @@ order_range local_range(std::vector<std::uint32_t> const& map, order_range r) {
 
 }  // namespace
 
+void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
+               std::vector<std::int64_t> const& b_at, std::vector<float> const& b_rows,
+               std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows) {
+  if (cols == 0 || a_rows.size() != a_at.size() * cols || b_rows.size() != b_at.size() * cols)
+    throw std::invalid_argument("tallies: rows do not match their offsets");
+  at.clear();
+  rows.clear();
+  at.reserve(a_at.size() + b_at.size());
+  rows.reserve(a_rows.size() + b_rows.size());
+  std::size_t i = 0, j = 0;
+  while (i < a_at.size() || j < b_at.size()) {
+    bool take_a = j == b_at.size() || (i < a_at.size() && a_at[i] <= b_at[j]);
+    bool both = take_a && j < b_at.size() && a_at[i] == b_at[j];
+    std::size_t from = rows.size();
+    if (take_a) {
+      at.push_back(a_at[i]);
+      rows.insert(rows.end(), a_rows.begin() + static_cast<std::ptrdiff_t>(i * cols),
+                  a_rows.begin() + static_cast<std::ptrdiff_t>((i + 1) * cols));
+      ++i;
+    } else {
+      at.push_back(b_at[j]);
+      rows.insert(rows.end(), b_rows.begin() + static_cast<std::ptrdiff_t>(j * cols),
+                  b_rows.begin() + static_cast<std::ptrdiff_t>((j + 1) * cols));
+      ++j;
+    }
+    if (both) {
+      for (std::size_t k = 0; k < cols; ++k)
+        rows[from + k] += b_rows[j * cols + k];
+      ++j;
+    }
+  }
+}
+
 tally_worker::tally_worker(table const& t, unsigned long n_rows) : impl_(new impl()) {
   impl_->t = t.get_impl();
   if (impl_->t->get_class() == nullptr)

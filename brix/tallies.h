@@ -78,6 +78,12 @@ struct tally_handoff {
   std::vector<float> known;
 };
 
+// Two sparse tallies (offsets ascending, rows of cols floats) summed into out: rows at the same
+// offset added (a's plus b's, in 32-bit floats as the grower adds), offsets kept ascending.
+void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
+               std::vector<std::int64_t> const& b_at, std::vector<float> const& b_rows,
+               std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows);
+
 // One table's share of the cases. The table must outlive it.
 class tally_worker {
  public:

@@ -252,18 +252,10 @@ def _score_bytes(s):
 
 def _add(a, b):
     """Two sparse tallies summed: rows at the same offset added (in float32, as the grower's
-    own sums are), the offsets kept ascending. Each side's offsets are ascending and distinct, so
-    a stable sort merges two runs and an offset occurs at most twice, a's row first."""
-    at = np.concatenate([a[0], b[0]])
-    order = np.argsort(at, kind="stable")
-    at = at[order]
-    rows = np.concatenate([a[1], b[1]])[order]
-    first = np.ones(len(at), dtype=bool)
-    first[1:] = at[1:] != at[:-1]
-    out = rows[first]
-    again = ~first
-    out[np.cumsum(first)[again] - 1] += rows[again]
-    return at[first], out, a[2] + b[2]
+    own sums are), the offsets kept ascending."""
+    cols = a[1].shape[1]
+    at, rows = _core.tally_add(a[0], a[1].reshape(-1), b[0], b[1].reshape(-1), cols)
+    return at, rows.reshape(-1, cols), a[2] + b[2]
 
 
 def _applied(holder, decisions):

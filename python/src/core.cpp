@@ -325,6 +325,18 @@ PYBIND11_MODULE(_core, m) {
       .def("evaluate", [](worker_state const& w, brix::tree_model const& model) {
         return to_array(w.w->evaluate(model));
       });
+  m.def("tally_add", [](py::handle a_at_, py::handle a_rows_, py::handle b_at_, py::handle b_rows_,
+                        std::size_t cols) {
+    std::vector<std::int64_t> a_at = from_array<std::int64_t>(a_at_),
+                              b_at = from_array<std::int64_t>(b_at_), at;
+    std::vector<float> a_rows = from_array<float>(a_rows_), b_rows = from_array<float>(b_rows_),
+                       rows;
+    {
+      py::gil_scoped_release release;
+      brix::tally_add(a_at, a_rows, b_at, b_rows, cols, at, rows);
+    }
+    return py::make_tuple(to_array(at), to_array(rows));
+  });
   py::class_<brix::tally_grower>(m, "TallyGrower")
       .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
                        std::string const& pruning) {

@@ -446,3 +446,29 @@ TEST(TableBuilderKeptValues, PartsShareTheWholeTablesOrders) {
                    .build(),
                std::invalid_argument);
 }
+
+TEST(TallyAdd, MergesOffsetsAndAddsTheRowsOfOneOffset) {
+  struct {
+    std::vector<std::int64_t> a_at;
+    std::vector<float> a_rows;
+    std::vector<std::int64_t> b_at;
+    std::vector<float> b_rows;
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
+  } const cases[] = {
+      {{0, 4}, {1, 2, 3, 4}, {2, 6}, {5, 6, 7, 8}, {0, 2, 4, 6}, {1, 2, 5, 6, 3, 4, 7, 8}},
+      {{2, 4}, {1, 2, 3, 4}, {0, 2}, {0.5f, 0, 10, 20}, {0, 2, 4}, {0.5f, 0, 11, 22, 3, 4}},
+      {{}, {}, {2}, {1, 1}, {2}, {1, 1}},
+      {{2}, {1, 1}, {}, {}, {2}, {1, 1}},
+  };
+  for (auto const& c : cases) {
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
+    brix::tally_add(c.a_at, c.a_rows, c.b_at, c.b_rows, 2, at, rows);
+    EXPECT_EQ(at, c.at);
+    EXPECT_EQ(rows, c.rows);
+  }
+  std::vector<std::int64_t> at;
+  std::vector<float> rows;
+  EXPECT_THROW(brix::tally_add({0}, {1}, {}, {}, 2, at, rows), std::invalid_argument);
+}

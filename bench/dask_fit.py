@@ -1,6 +1,6 @@
 """Grows the tree of a .names/.data pair, split into CSV chunks that the workers read, on a
-LocalCluster of two worker processes, and prints wall, the client's peak memory and the bytes
-that moved per level. Usage: dask_fit.py STEM CHUNK_DIR [HAND_OFF_CASES]"""
+LocalCluster of two worker processes, and prints wall, the client's peak memory, the seconds of
+the setup and the bytes that moved per level. Usage: dask_fit.py STEM CHUNK_DIR [HAND_OFF_CASES]"""
 import glob
 import os
 import resource
@@ -37,12 +37,13 @@ def main(stem, chunks, hand_off=None):
         print(f"partitions {len(files)}  hand-off at {limit} cases  wall {wall:.1f} s  "
               f"client peak RSS {peak:.0f} MB  levels {len(levels)}  "
               f"nodes {sum(v['open_nodes'] for v in levels)}")
+        print("  setup: " + "  ".join(f"{k} {v:.1f} s" for k, v in clf.fit_setup_.items()))
         for i, v in enumerate(levels):
             tallied = v["open_nodes"] - v["handed_nodes"]
             per = v["tally_bytes"] / max(tallied, 1)
             print(f"  level {i:2d}: open {v['open_nodes']:5d}  tallied {tallied:5d}  tallies "
-                  f"{v['tally_bytes']:10d} B ({per:9.0f} B a node)  decisions "
-                  f"{v['decision_bytes']:6d} B  handed {v['handed_nodes']:3d} nodes "
+                  f"{v['tally_bytes']:10d} B ({per:9.0f} B a node)  scores "
+                  f"{v['score_bytes']:6d} B  decisions {v['decision_bytes']:6d} B  handed {v['handed_nodes']:3d} nodes "
                   f"{v['handed_cases']:8d} cases  rows moved {v['handed_row_bytes']:10d} B  "
                   f"subtrees {v['subtree_bytes']:8d} B  {v['seconds']:5.2f} s")
         print(clf.export_text(), file=open(os.path.join(chunks, "tree.txt"), "w"))

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <stdexcept>
 #include <unordered_map>
@@ -12,10 +13,12 @@
 #include "brix/impls/learning/entropy.h"
 #include "brix/impls/learning/grower.h"
 #include "brix/impls/learning/partition.h"
+#include "brix/impls/learning/split_choice.h"
 #include "brix/impls/learning/split_search.h"
 #include "brix/impls/model/conf_matrix.h"
 #include "brix/impls/model/decision_tree.h"
 #include "brix/impls/storage/column_typed.h"
+#include "brix/impls/storage/o_set_typed.h"
 #include "brix/impls/storage/table.h"
 #include "brix/impls/storage/w_sequence.h"
 #include "zel/inpout/binstream.h"
@@ -57,7 +60,60 @@ struct tally_worker::impl {
   std::shared_ptr<impls::w_sequence const> root;
   std::unordered_map<std::int64_t, std::unique_ptr<impls::w_sequence>> cases;
   impls::split_scratch scratch;
+  // Per attribute, its orders in the value set of all the rows (set_orders); shared with the
+  // holders of the children.
+  std::shared_ptr<std::vector<std::vector<std::uint32_t>> const> orders;
+  std::vector<std::uint32_t> const* map_of(unsigned long a) const {
+    if (!orders || a >= orders->size() || (*orders)[a].empty()) return nullptr;
+    return &(*orders)[a];
+  }
 };
+
+namespace {
+
+// The range of a table's own orders that holds the values of the range r of all the rows'.
+order_range local_range(std::vector<std::uint32_t> const& map, order_range r) {
+  auto at = [&](unsigned long g) {
+    return static_cast<unsigned long>(std::lower_bound(map.begin() + 1, map.end(), g) -
+                                      map.begin());
+  };
+  return order_range(r.first == 0 ? 0 : at(r.first), at(r.second));
+}
+
+}  // namespace
+
+void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
+               std::vector<std::int64_t> const& b_at, std::vector<float> const& b_rows,
+               std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows) {
+  if (cols == 0 || a_rows.size() != a_at.size() * cols || b_rows.size() != b_at.size() * cols)
+    throw std::invalid_argument("tallies: rows do not match their offsets");
+  at.clear();
+  rows.clear();
+  at.reserve(a_at.size() + b_at.size());
+  rows.reserve(a_rows.size() + b_rows.size());
+  std::size_t i = 0, j = 0;
+  while (i < a_at.size() || j < b_at.size()) {
+    bool take_a = j == b_at.size() || (i < a_at.size() && a_at[i] <= b_at[j]);
+    bool both = take_a && j < b_at.size() && a_at[i] == b_at[j];
+    std::size_t from = rows.size();
+    if (take_a) {
+      at.push_back(a_at[i]);
+      rows.insert(rows.end(), a_rows.begin() + static_cast<std::ptrdiff_t>(i * cols),
+                  a_rows.begin() + static_cast<std::ptrdiff_t>((i + 1) * cols));
+      ++i;
+    } else {
+      at.push_back(b_at[j]);
+      rows.insert(rows.end(), b_rows.begin() + static_cast<std::ptrdiff_t>(j * cols),
+                  b_rows.begin() + static_cast<std::ptrdiff_t>((j + 1) * cols));
+      ++j;
+    }
+    if (both) {
+      for (std::size_t k = 0; k < cols; ++k)
+        rows[from + k] += b_rows[j * cols + k];
+      ++j;
+    }
+  }
+}
 
 tally_worker::tally_worker(table const& t, unsigned long n_rows) : impl_(new impl()) {
   impl_->t = t.get_impl();
@@ -83,11 +139,18 @@ tally_worker::tally_worker(table const& t, std::vector<unsigned long> const& row
 tally_worker::~tally_worker() = default;
 
 void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
-                           std::vector<float>& rows, std::vector<std::int64_t>& counts) const {
+                           std::vector<float>& rows, std::vector<std::int64_t>& counts,
+                           std::vector<std::int64_t> const& only) const {
   impls::table const* t = impl_->t;
   impls::column const* cls = t->get_class();
   std::size_t cols = cls->get_distinct() + 1;
   unsigned long atts = t->get_no_attributes();
+  std::vector<char> want(atts, only.empty() ? 1 : 0);
+  for (std::int64_t a : only) {
+    if (a < 0 || static_cast<unsigned long>(a) >= atts)
+      throw std::invalid_argument("tallies: no such attribute");
+    want[static_cast<std::size_t>(a)] = 1;
+  }
   impls::w_sequence none;
   // One attribute's tallies at a time, kept all zero between them: a node of few cases clears
   // only the rows its cases touched.
@@ -119,15 +182,25 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<st
       impls::column const* col = t->get_attribute(a);
       std::size_t n = impls::tally_rows(*col, ranges[a]);
       if (n == 0) continue;
-      if (!c.empty()) {
-        if (buf.size() < n * cols) buf.resize(n * cols, 0.0f);
-        impls::tally_cases(*col, *cls, c, ranges[a], buf.data());
-        if (c.size() * 4 >= n) {
-          for (std::size_t r = 0; r < n; ++r)
-            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
-          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(n * cols), 0.0f);
+      if (!c.empty() && want[a]) {
+        // Tallied in the table's own orders (range r, rows nr from lo), each row placed at its
+        // order among all the rows'.
+        std::vector<std::uint32_t> const* map = impl_->map_of(a);
+        order_range r = map != nullptr ? local_range(*map, ranges[a]) : ranges[a];
+        unsigned long lo = std::max<unsigned long>(r.first, 1) - 1;
+        unsigned long glo = std::max<unsigned long>(ranges[a].first, 1) - 1;
+        std::size_t nr = r.second - lo;
+        auto offset = [&](std::size_t row) {
+          std::size_t g = map == nullptr || row == 0 ? row : (*map)[lo + row] - glo;
+          return pos + static_cast<std::int64_t>(g * cols);
+        };
+        if (buf.size() < nr * cols) buf.resize(nr * cols, 0.0f);
+        impls::tally_cases(*col, *cls, c, r, buf.data());
+        if (c.size() * 4 >= nr) {
+          for (std::size_t row = 0; row < nr; ++row)
+            emit(&buf[row * cols], offset(row));
+          std::fill(buf.begin(), buf.begin() + static_cast<std::ptrdiff_t>(nr * cols), 0.0f);
         } else {
-          unsigned long lo = std::max<unsigned long>(ranges[a].first, 1) - 1;
           touched.clear();
           for (impls::w_case const& w : c) {
             unsigned long o = col->get_row_index(w.first);
@@ -136,7 +209,7 @@ void tally_worker::tallies(std::vector<std::int64_t> const& open, std::vector<st
           std::sort(touched.begin(), touched.end());
           touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
           for (std::size_t r : touched) {
-            emit(&buf[r * cols], pos + static_cast<std::int64_t>(r * cols));
+            emit(&buf[r * cols], offset(r));
             std::fill(buf.begin() + static_cast<std::ptrdiff_t>(r * cols),
                       buf.begin() + static_cast<std::ptrdiff_t>((r + 1) * cols), 0.0f);
           }
@@ -154,6 +227,7 @@ std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) co
   std::unique_ptr<tally_worker> out(new tally_worker());
   out->impl_->t = impl_->t;
   out->impl_->root = impl_->root;
+  out->impl_->orders = impl_->orders;
   std::size_t threshold = 0, share = 0;
   std::vector<impls::w_sequence*> children;
   std::vector<order_range> ranges;
@@ -170,6 +244,18 @@ std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) co
     impls::partition_desc desc;
     desc.threshold = d.thresholds[threshold++];
     desc.branches = branches;
+    std::vector<std::uint32_t> const* map = impl_->map_of(att);
+    if (map != nullptr && t->get_attribute(att)->is_continuous()) {
+      // The threshold as this table's greatest value not above it (none: every known value is
+      // above it).
+      if (d.cuts.size() != d.thresholds.size())
+        throw std::invalid_argument("decisions: no cuts for a table of its own values");
+      auto cut = static_cast<std::uint32_t>(d.cuts[threshold - 1]);
+      auto mine = static_cast<unsigned long>(std::upper_bound(map->begin() + 1, map->end(), cut) -
+                                             map->begin() - 1);
+      impls::o_set* values = t->get_attribute(att)->get_o_set();
+      desc.threshold = mine == 0 ? values->get_null() : values->get_value(mine);
+    }
     std::vector<float> shares(d.shares.begin() + share, d.shares.begin() + share + branches);
     share += branches;
     impls::partition_shared(*t->get_attribute(att), c.data(), c.data() + c.size(), desc, shares,
@@ -216,6 +302,54 @@ tally_worker::tally_worker(table const& t, std::vector<std::int64_t> const& node
     }
   }
   impl_->root = std::move(root);
+}
+
+void tally_worker::set_orders(std::vector<std::vector<std::uint32_t>> orders) {
+  impls::table const* t = impl_->t;
+  if (orders.size() > t->get_no_attributes())
+    throw std::invalid_argument("orders: more than the attributes");
+  for (std::size_t a = 0; a < orders.size(); ++a) {
+    std::vector<std::uint32_t> const& m = orders[a];
+    if (m.empty()) continue;
+    impls::column const* col = t->get_attribute(a);
+    if (!col->is_continuous() || m.size() != col->get_o_set()->size_of_known() + 1 || m[0] != 0)
+      throw std::invalid_argument("orders: not one for each value of the attribute");
+    for (std::size_t i = 1; i < m.size(); ++i)
+      if (m[i] <= m[i - 1]) throw std::invalid_argument("orders: not ascending");
+  }
+  impl_->orders =
+      std::make_shared<std::vector<std::vector<std::uint32_t>> const>(std::move(orders));
+}
+
+std::vector<std::vector<std::uint32_t>> const& tally_worker::orders() const {
+  static std::vector<std::vector<std::uint32_t>> const none;
+  return impl_->orders ? *impl_->orders : none;
+}
+
+std::vector<double> tally_worker::values(table const& t, unsigned long att) {
+  impls::table const* it = t.get_impl();
+  if (att >= it->get_no_attributes() || !it->get_attribute(att)->is_continuous())
+    throw std::invalid_argument("values: not a continuous attribute");
+  impls::o_set* v = it->get_attribute(att)->get_o_set();
+  std::vector<double> out;
+  out.reserve(v->size_of_known());
+  // The numbers as stored when the set is of a numeric type (text would take tens of digits a
+  // value); otherwise read back from their text.
+  auto as = [&](auto* typed) {
+    if (typed == nullptr) return false;
+    for (auto const& x : typed->sorted_values())
+      out.push_back(static_cast<double>(x));
+    return true;
+  };
+  namespace dt = zel::data_types;
+  if (as(dynamic_cast<impls::o_set_typed<dt::datatype<float>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<double>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<int>>*>(v)) ||
+      as(dynamic_cast<impls::o_set_typed<dt::datatype<unsigned long>>*>(v)))
+    return out;
+  for (unsigned long k = 1; k <= v->size_of_known(); ++k)
+    out.push_back(std::strtod(v->get_value(k).c_str(), nullptr));
+  return out;
 }
 
 std::size_t tally_worker::held() const {
@@ -267,6 +401,14 @@ void tally_worker::rows_of(std::vector<std::int64_t> const& nodes, tally_rows& o
         }
       }
     });
+    // A table of its own values gives the orders among all the rows'.
+    for (unsigned long a = 0; a < t->get_no_attributes(); ++a) {
+      std::vector<std::uint32_t> const* map = impl_->map_of(a);
+      if (map == nullptr || t->get_attribute(a) != col) continue;
+      std::uint32_t* o = out.orders.data() + first * cols + c;
+      for (std::size_t i = 0; i < n; ++i, o += cols)
+        *o = (*map)[*o];
+    }
   }
 }
 
@@ -299,7 +441,12 @@ struct tally_grower::impl {
   impls::split_scratch scratch;
 };
 
-tally_grower::tally_grower(table const& meta, tree_options const& o) : impl_(new impl()) {
+tally_grower::tally_grower(table const& meta, tree_options const& o)
+    : tally_grower(meta, o, std::vector<std::int64_t>()) {}
+
+tally_grower::tally_grower(table const& meta, tree_options const& o,
+                           std::vector<std::int64_t> const& root)
+    : impl_(new impl()) {
   if (!(o.confidence > 0.0f && o.confidence <= 1.0f))
     throw std::invalid_argument("confidence must be in (0,1]");
   if (!(o.min_cases > 1.0f)) throw std::invalid_argument("min_cases must be > 1");
@@ -316,12 +463,34 @@ tally_grower::tally_grower(table const& meta, tree_options const& o) : impl_(new
   impl_->root.reset(new impls::_decision_tree());
   impl_->root->set_node(new impls::_decision_node(static_cast<impls::w_sequence*>(nullptr)));
   std::vector<order_range> ranges;
-  for (unsigned long a = 0; a < t->get_no_attributes(); ++a)
-    ranges.push_back(t->get_attribute(a)->get_range());
+  unsigned long atts = t->get_no_attributes();
+  if (!root.empty() && root.size() != 2 * atts)
+    throw std::invalid_argument("root ranges: two a attribute");
+  for (unsigned long a = 0; a < atts; ++a) {
+    if (root.empty()) {
+      ranges.push_back(t->get_attribute(a)->get_range());
+    } else {
+      if (root[2 * a] < 0 || root[2 * a + 1] < root[2 * a])
+        throw std::invalid_argument("root ranges: not a range");
+      ranges.push_back(order_range(static_cast<unsigned long>(root[2 * a]),
+                                   static_cast<unsigned long>(root[2 * a + 1])));
+    }
+  }
   impl_->open.push_back({0, impl_->root.get(), 1.0f, std::move(ranges)});
 }
 
 tally_grower::~tally_grower() = default;
+
+std::vector<std::int64_t> tally_grower::root_ranges(table const& t) {
+  std::vector<std::int64_t> out;
+  impls::table const* it = t.get_impl();
+  for (unsigned long a = 0; a < it->get_no_attributes(); ++a) {
+    order_range r = it->get_attribute(a)->get_range();
+    out.push_back(static_cast<std::int64_t>(r.first));
+    out.push_back(static_cast<std::int64_t>(r.second));
+  }
+  return out;
+}
 
 bool tally_grower::done() const {
   return impl_->open.empty() && impl_->taken.empty();
@@ -676,84 +845,219 @@ unsigned long cut_at(unsigned long at, float const* f, std::vector<std::uint32_t
 tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
                                      std::vector<float> const& rows,
                                      std::vector<std::int64_t> const& counts) {
+  std::vector<std::int64_t> all(impl_->t->get_no_attributes());
+  for (std::size_t a = 0; a < all.size(); ++a)
+    all[a] = static_cast<std::int64_t>(a);
+  tally_scores s = score_on(impl_->t, impl_->o, open(), all, at, rows, counts);
+  return decide_scored({&s});
+}
+
+tally_scores tally_grower::score(table const& like, tree_options const& o,
+                                 std::vector<std::int64_t> const& open,
+                                 std::vector<std::int64_t> const& atts,
+                                 std::vector<std::int64_t> const& at,
+                                 std::vector<float> const& rows,
+                                 std::vector<std::int64_t> const& counts) {
+  return score_on(like.get_impl(), o, open, atts, at, rows, counts);
+}
+
+tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
+                                    std::vector<std::int64_t> const& open,
+                                    std::vector<std::int64_t> const& atts,
+                                    std::vector<std::int64_t> const& at,
+                                    std::vector<float> const& rows,
+                                    std::vector<std::int64_t> const& counts) {
+  if (t->get_class() == nullptr) throw std::invalid_argument("the table has no class column");
+  unsigned long classes_n = t->get_class()->get_distinct();
+  std::size_t cols = classes_n + 1;
+  unsigned long n_atts = t->get_no_attributes();
+  for (std::int64_t a : atts) {
+    if (a < 0 || static_cast<unsigned long>(a) >= n_atts)
+      throw std::invalid_argument("scores: no such attribute");
+  }
+  std::vector<std::vector<order_range>> node_ranges;
+  std::size_t total = 0;
+  for (std::size_t p = 0; p < open.size();) {
+    node_ranges.push_back(ranges_at(open, p, n_atts));
+    total += node_size(t, node_ranges.back());
+  }
+  check_tallies(at, rows, counts, node_ranges.size(), cols, static_cast<std::int64_t>(total));
+  tally_scores s;
+  s.atts = atts;
+  std::vector<std::vector<float>> freq(n_atts);
+  std::vector<std::vector<std::uint32_t>> orders(n_atts);
+  std::vector<impls::tally_block> blocks(n_atts);
+  std::vector<float> classes(cols);
+  impls::options opts;
+  impls::split_scratch scratch;
+  std::int64_t off = 0;
+  std::size_t entry = 0;
+  for (std::size_t i = 0; i < node_ranges.size(); ++i) {
+    std::vector<order_range> const& ranges = node_ranges[i];
+    off = node_tallies(*t, ranges, cols, off, at, rows, entry, freq, orders, blocks, classes);
+    s.classes.insert(s.classes.end(), classes.begin(), classes.end());
+    s.counts.push_back(counts[i]);
+    // A node of its own, activated as the deciding grower activates its node: the same weights,
+    // so the same early leaves and the same scores.
+    impls::_decision_node node(static_cast<impls::w_sequence*>(nullptr));
+    grower::activate_from(node, classes, static_cast<unsigned long>(counts[i]), 1.0f, ranges);
+    bool leaf = grower::split_pre(node, t, 1, o.min_cases);
+    float weight = node.get_cases_weight();
+    for (std::int64_t a : atts) {
+      impls::splitting_desc none;
+      impls::splitting_desc& d = leaf ? none : node.descs()[static_cast<std::size_t>(a)];
+      impls::column const* col = t->get_attribute(static_cast<unsigned long>(a));
+      if (!leaf) {
+        impls::score_tallies(*col, classes_n, weight, node.cases_count_, ranges[a], blocks[a],
+                             o.min_cases, &opts, scratch, d);
+      }
+      s.gains.push_back(d.gain);
+      s.gains.push_back(d.split_info);
+      std::int64_t children = 0, cut_order = 0;
+      std::string threshold;
+      if (!leaf && d.gain > impls::kNoGain) {
+        // The division the grower makes of the node if this attribute is chosen.
+        float const* f = freq[a].data();
+        float unknown = f[0];
+        threshold = col->find_threshold(d.low, d.high);
+        if (col->is_continuous()) {
+          // As the grower distributes: a cut that leaves one side empty (the midpoint rounded
+          // onto the higher value) takes the lower value; one that still does makes a leaf.
+          unsigned long lo1, hi2;
+          float w1, w2;
+          unsigned long cut = cut_at(col->get_index(threshold.c_str()), f, orders[a], cols, unknown,
+                                     lo1, hi2, w1, w2);
+          if (cut == 0) {
+            threshold = col->get_o_set()->get_value(d.low);
+            cut = cut_at(col->get_index(threshold.c_str()), f, orders[a], cols, unknown, lo1, hi2,
+                         w1, w2);
+          }
+          if (cut != 0) {
+            cut_order = static_cast<std::int64_t>(cut);
+            unsigned long lo2 = cut;
+            if (unknown != 0.0f) lo1 = lo2 = 0;
+            children = 2;
+            s.shares.push_back(w1 / weight);
+            s.shares.push_back(w2 / (weight - unknown));
+            s.ranges.insert(s.ranges.end(),
+                            {static_cast<std::int64_t>(lo1), static_cast<std::int64_t>(cut + 1),
+                             static_cast<std::int64_t>(lo2), static_cast<std::int64_t>(hi2 + 1)});
+          }
+        } else {
+          std::size_t k = col->get_distinct();
+          float known = weight - unknown;
+          children = static_cast<std::int64_t>(k);
+          for (std::size_t v = 1; v <= k; ++v) {
+            s.shares.push_back(row_weight(f, cols, v) / known);
+            s.ranges.push_back(static_cast<std::int64_t>(v));
+            s.ranges.push_back(static_cast<std::int64_t>(v + 1));
+          }
+        }
+      }
+      s.splits.insert(s.splits.end(),
+                      {static_cast<std::int64_t>(d.branches), static_cast<std::int64_t>(d.low),
+                       static_cast<std::int64_t>(d.high), children, cut_order});
+      s.thresholds.push_back(std::move(threshold));
+    }
+    grower::disactivate(node);
+  }
+  return s;
+}
+
+tally_decisions tally_grower::decide_scored(std::vector<tally_scores const*> const& groups) {
   impl& g = *impl_;
   impls::table* t = g.t;
   std::size_t cols = t->get_class()->get_distinct() + 1;
-  check_tallies(at, rows, counts, g.open.size(), cols, static_cast<std::int64_t>(tally_size()));
+  unsigned long atts = t->get_no_attributes();
+  std::size_t n = g.open.size();
+  auto bad = [] { throw std::invalid_argument("scores: not those of the open nodes"); };
+  // Each attribute's group and place in it; each group's first child of each (node, attribute).
+  std::vector<std::pair<std::size_t, std::size_t>> where(atts, {groups.size(), 0});
+  std::vector<std::vector<std::size_t>> first_child(groups.size());
+  for (std::size_t k = 0; k < groups.size(); ++k) {
+    tally_scores const& s = *groups[k];
+    std::size_t m = s.atts.size();
+    for (std::size_t j = 0; j < m; ++j) {
+      if (s.atts[j] < 0 || static_cast<unsigned long>(s.atts[j]) >= atts ||
+          where[static_cast<std::size_t>(s.atts[j])].first != groups.size())
+        bad();
+      where[static_cast<std::size_t>(s.atts[j])] = {k, j};
+    }
+    if (s.classes.size() != n * cols || s.counts.size() != n || s.gains.size() != 2 * n * m ||
+        s.splits.size() != 5 * n * m || s.thresholds.size() != n * m)
+      bad();
+    std::size_t c = 0;
+    for (std::size_t idx = 0; idx < n * m; ++idx) {
+      first_child[k].push_back(c);
+      c += static_cast<std::size_t>(s.splits[5 * idx + 3]);
+    }
+    if (s.shares.size() != c || s.ranges.size() != 2 * c) bad();
+  }
+  for (auto const& w : where)
+    if (w.first == groups.size()) bad();
+  if (groups.empty() && n > 0) bad();
   tally_decisions d;
   std::vector<impl::pending> next;
-  unsigned long atts = t->get_no_attributes();
-  std::vector<std::vector<float>> freq(atts);
-  std::vector<std::vector<std::uint32_t>> orders(atts);
-  std::vector<impls::tally_block> blocks(atts);
-  std::vector<float> classes(cols);
-  std::int64_t off = 0;
-  std::size_t entry = 0;
-  for (std::size_t i = 0; i < g.open.size(); ++i) {
+  for (std::size_t i = 0; i < n; ++i) {
     impl::pending& p = g.open[i];
     impls::_decision_node* node = p.tree->get_node();
-    off = node_tallies(*t, p.ranges, cols, off, at, rows, entry, freq, orders, blocks, classes);
-    grower::activate_from(*node, classes, static_cast<unsigned long>(counts[i]), p.known, p.ranges);
-    grower::split_tallies(*node, t, 1, g.o.min_cases, &g.opts, blocks, g.scratch);
-    std::int64_t att = -1;
-    if (node->get_node_status() == impls::_decision_node::SPLIT_NODE &&
-        node->get_no_of_splits() >= 1) {
-      att = static_cast<std::int64_t>(node->get_split_attribute_index());
+    tally_scores const& first = *groups[0];
+    std::vector<float> classes(first.classes.begin() + static_cast<std::ptrdiff_t>(i * cols),
+                               first.classes.begin() + static_cast<std::ptrdiff_t>((i + 1) * cols));
+    grower::activate_from(*node, classes, static_cast<unsigned long>(first.counts[i]), p.known,
+                          p.ranges);
+    long best = -1;
+    if (!grower::split_pre(*node, t, 1, g.o.min_cases)) {
+      std::vector<impls::splitting_desc>& descs = node->descs();
+      for (unsigned long a = 0; a < atts; ++a) {
+        tally_scores const& s = *groups[where[a].first];
+        std::size_t idx = i * s.atts.size() + where[a].second;
+        impls::splitting_desc& e = descs[a];
+        e.branches = static_cast<unsigned long>(s.splits[5 * idx]);
+        e.low = static_cast<unsigned long>(s.splits[5 * idx + 1]);
+        e.high = static_cast<unsigned long>(s.splits[5 * idx + 2]);
+        e.att = t->get_attribute(a);
+        e.gain = s.gains[2 * idx];
+        e.split_info = s.gains[2 * idx + 1];
+      }
+      // The engine's choice among the attributes; the threshold is the scoring side's, which
+      // holds the value sets.
+      best = impls::choose_split(descs, node->split_status_ == 1);
     }
-    if (att < 0) {
+    std::size_t children = 0, idx = 0, k = 0;
+    if (best >= 0) {
+      k = where[static_cast<std::size_t>(best)].first;
+      idx = i * groups[k]->atts.size() + where[static_cast<std::size_t>(best)].second;
+      children = static_cast<std::size_t>(groups[k]->splits[5 * idx + 3]);
+      if (children == 0) grower::set_as_leaf(*node);
+    }
+    if (children == 0) {
       d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
       grower::disactivate(*node);
       continue;
     }
-    // The chosen attribute's tallies.
-    float const* f = freq[att].data();
-    impls::column const* col = t->get_attribute(att);
-    float unknown = f[0];
-    float total = node->get_cases_weight();
-    std::vector<float> shares;
-    std::vector<order_range> child_ranges;
-    if (col->is_continuous()) {
-      // As the grower distributes: a cut that leaves one side empty (the midpoint rounded onto
-      // the higher value) takes the lower value; one that still does makes a leaf.
-      unsigned long lo1, hi2;
-      float w1, w2;
-      unsigned long at = cut_at(col->get_index(node->partition_.threshold.c_str()), f, orders[att],
-                                cols, unknown, lo1, hi2, w1, w2);
-      if (at == 0) {
-        node->partition_.threshold = col->get_o_set()->get_value(node->get_split_descs()[att].low);
-        at = cut_at(col->get_index(node->partition_.threshold.c_str()), f, orders[att], cols,
-                    unknown, lo1, hi2, w1, w2);
-      }
-      if (at == 0) {
-        grower::set_as_leaf(*node);
-        d.nodes.insert(d.nodes.end(), {p.id, -1, 0, 0});
-        grower::disactivate(*node);
-        continue;
-      }
-      unsigned long lo2 = at;
-      if (unknown != 0.0f) lo1 = lo2 = 0;
-      shares = {w1 / total, w2 / (total - unknown)};
-      child_ranges = {order_range(lo1, at + 1), order_range(lo2, hi2 + 1)};
-    } else {
-      std::size_t k = col->get_distinct();
-      float known = total - unknown;
-      for (std::size_t v = 1; v <= k; ++v) {
-        shares.push_back(row_weight(f, cols, v) / known);
-        child_ranges.push_back(order_range(v, v + 1));
-      }
-    }
-    std::int64_t first = g.next;
-    d.nodes.insert(d.nodes.end(), {p.id, att, first, static_cast<std::int64_t>(shares.size())});
+    tally_scores const& s = *groups[k];
+    node->leaf_or_att_ = static_cast<unsigned long>(best);
+    node->status_ = impls::_decision_node::SPLIT_NODE;
+    node->partition_.threshold = s.thresholds[idx];
+    node->partition_.branches = node->descs()[static_cast<std::size_t>(best)].branches;
+    std::size_t c0 = first_child[k][idx];
+    std::int64_t first_id = g.next;
+    d.nodes.insert(d.nodes.end(), {p.id, best, first_id, static_cast<std::int64_t>(children)});
     d.thresholds.push_back(node->get_threshold());
-    d.shares.insert(d.shares.end(), shares.begin(), shares.end());
-    for (std::size_t b = 0; b < shares.size(); ++b) {
+    d.cuts.push_back(s.splits[5 * idx + 4]);
+    for (std::size_t b = 0; b < children; ++b) {
+      float share = s.shares[c0 + b];
+      d.shares.push_back(share);
       auto* child = new impls::_decision_node(node, b + 1);
       auto* sub = new impls::_decision_tree();
       sub->set_node(child);
       p.tree->push_back_child(sub);
       std::vector<order_range> r = p.ranges;
-      r[att] = child_ranges[b];
-      next.push_back({g.next++, sub, shares[b], std::move(r)});
+      r[static_cast<std::size_t>(best)] =
+          order_range(static_cast<unsigned long>(s.ranges[2 * (c0 + b)]),
+                      static_cast<unsigned long>(s.ranges[2 * (c0 + b) + 1]));
+      next.push_back({g.next++, sub, share, std::move(r)});
     }
     grower::disactivate(*node);
   }

@@ -38,6 +38,9 @@ struct tally_decisions {
   std::vector<std::int64_t> nodes;  // 4 a node: node, attribute (-1: leaf), first child, branches
   std::vector<std::string> thresholds;  // one a split node
   std::vector<float> shares;            // branches a split node
+  // One a split node: the order of its threshold in the value set of all the rows (0 for a
+  // discrete split), for holders whose tables hold only their own values. Empty: not given.
+  std::vector<std::int64_t> cuts;
 };
 
 // Cases of some open nodes with their rows' value orders, to grow the nodes elsewhere: per case
@@ -49,6 +52,24 @@ struct tally_rows {
   std::vector<std::uint32_t> orders;  // cases x loaded columns
 };
 
+// One group of attributes' share of the split search over the open nodes, scored where the group's
+// tallies were summed: per node its class weights and case count, and per node and attribute of
+// the group (in the group's order) the attribute's best split and the division it makes. The
+// deciding grower chooses among the attributes from these alone: it needs neither the tallies
+// nor the continuous value sets.
+struct tally_scores {
+  std::vector<std::int64_t> atts;
+  std::vector<float> classes;        // classes + 1 a node
+  std::vector<std::int64_t> counts;  // one a node
+  std::vector<float> gains;          // (gain, split information) a node and attribute
+  // (branches, low, high, children, cut) a node and attribute; children 0: the split divides
+  // nothing (a leaf if chosen); cut: the order of the threshold (continuous attributes)
+  std::vector<std::int64_t> splits;
+  std::vector<std::string> thresholds;  // one a node and attribute
+  std::vector<float> shares;            // one a child
+  std::vector<std::int64_t> ranges;     // (first, second) a child
+};
+
 // Open nodes handed out to be grown whole: per node its number, its branch of its father (0 for
 // the root), its father's most frequent class (-1 for the root), then (first, second) of each
 // attribute's range; and per node its known fraction.
@@ -56,6 +77,12 @@ struct tally_handoff {
   std::vector<std::int64_t> nodes;
   std::vector<float> known;
 };
+
+// Two sparse tallies (offsets ascending, rows of cols floats) summed into out: rows at the same
+// offset added (a's plus b's, in 32-bit floats as the grower adds), offsets kept ascending.
+void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
+               std::vector<std::int64_t> const& b_at, std::vector<float> const& b_rows,
+               std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows);
 
 // One table's share of the cases. The table must outlive it.
 class tally_worker {
@@ -73,8 +100,11 @@ class tally_worker {
   // floats, only the rows that hold a weight, each as its offset in the dense layout (ascending)
   // and its floats; counts gets the nodes' case counts. Deep nodes hold few of the values of an
   // attribute: dense tallies would grow with the nodes times the values.
+  // only: the attributes to tally (empty: all); the others' blocks keep their place in the
+  // layout but hold nothing.
   void tallies(std::vector<std::int64_t> const& open, std::vector<std::int64_t>& at,
-               std::vector<float>& rows, std::vector<std::int64_t>& counts) const;
+               std::vector<float>& rows, std::vector<std::int64_t>& counts,
+               std::vector<std::int64_t> const& only = {}) const;
   // A holder of the children's cases: each decided node's cases shared out to its children, a
   // leaf's dropped. This one is left as it is (it can be asked again after a failure elsewhere).
   std::unique_ptr<tally_worker> applied(tally_decisions const& d) const;
@@ -84,6 +114,14 @@ class tally_worker {
              std::vector<float>& weights) const;
   tally_worker(table const& t, std::vector<std::int64_t> const& nodes,
                std::vector<std::uint32_t> const& rows, std::vector<float> const& weights);
+  // A table that holds only its own rows' values: per attribute, the order in the value set of
+  // all the rows of each of its orders (index 0, the unknown value, to 0; ascending), or none
+  // for an attribute whose orders are already those. Tallies, the cases given for growing
+  // elsewhere and the division of cases (with the decisions' cuts) then speak of those orders.
+  void set_orders(std::vector<std::vector<std::uint32_t>> orders);
+  std::vector<std::vector<std::uint32_t>> const& orders() const;
+  // The values of a continuous attribute of a table, ascending, as numbers.
+  static std::vector<double> values(table const& t, unsigned long att);
   // Cases held, over all open nodes.
   std::size_t held() const;
   // The open nodes held and their case counts.
@@ -107,10 +145,16 @@ class tally_grower {
   // std::invalid_argument, as tree_model::train does; pruning::full is refused (raising subtrees
   // needs every node's cases).
   tally_grower(table const& meta, tree_options const& o);
+  // With the root's range of every attribute given (first, second each): meta then needs only
+  // the discrete value sets; its continuous ones may hold any values (they are not read).
+  tally_grower(table const& meta, tree_options const& o, std::vector<std::int64_t> const& ranges);
   ~tally_grower();
   tally_grower(tally_grower const&) = delete;
   tally_grower& operator=(tally_grower const&) = delete;
 
+  // The root's range of every attribute of a table, (first, second) each: of a table with every
+  // value set, for the constructor that takes them.
+  static std::vector<std::int64_t> root_ranges(table const& t);
   // No node open and none handed out.
   bool done() const;
   std::vector<std::int64_t> open() const;
@@ -131,15 +175,30 @@ class tally_grower {
   // Floats of the open nodes' tallies.
   std::size_t tally_size() const;
   // Decides every open node from the summed sparse tallies (offsets ascending, each once); the
-  // children become the open nodes.
+  // children become the open nodes. score over every attribute, then decide_scored.
   tally_decisions decide(std::vector<std::int64_t> const& at, std::vector<float> const& rows,
                          std::vector<std::int64_t> const& counts);
+  // The group atts' scores of the open nodes (open() at the time) from their summed tallies (as
+  // decide takes them, the group's attributes at least), on like's value sets.
+  static tally_scores score(table const& like, tree_options const& o,
+                            std::vector<std::int64_t> const& open,
+                            std::vector<std::int64_t> const& atts,
+                            std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                            std::vector<std::int64_t> const& counts);
+  // Decides every open node from the scores of groups that together cover every attribute once;
+  // as decide.
+  tally_decisions decide_scored(std::vector<tally_scores const*> const& groups);
   // Once done: the pruned model, with an empty training matrix.
   std::unique_ptr<tree_model> finish();
   // The training matrix of a model, flat as tally_worker::evaluate gives it (summed).
   static void set_training(tree_model& m, std::vector<float> const& flat);
 
  private:
+  static tally_scores score_on(impls::table* t, tree_options const& o,
+                               std::vector<std::int64_t> const& open,
+                               std::vector<std::int64_t> const& atts,
+                               std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                               std::vector<std::int64_t> const& counts);
   struct impl;
   std::unique_ptr<impl> impl_;
 };

@@ -1,13 +1,16 @@
 """brix.dask.TreeClassifier: the tree of brix.TreeClassifier grown over a Dask DataFrame whose
 partitions stay on the workers of a distributed cluster.
 
-Each partition becomes a Brix table on its worker, with the value sets of all the rows (one pass
-gathers them), so that value orders mean the same everywhere. Then, level by level, every worker
-tallies the class weights of its own cases per attribute value for each open node, the tallies
-are added up in a tree reduction, the client chooses every split with the engine's own split
-search, and the workers share their cases out to the children. A node of few cases is instead
-grown whole on one worker by the ordinary grower (its rows move there from the other workers) and
-its subtree grafted in. Rows never reach the client. With
+One pass gathers each partition's distinct values; the workers merge them. Each partition becomes
+a Brix table of its own values on its worker, with the orders of its continuous values among all
+the rows' (so tallies and thresholds mean the same everywhere), and each worker holds one table of
+all the value sets. Then, level by level, every partition tallies the class weights of its own
+cases per attribute value for each open node; the attributes are dealt out to the workers in
+groups, each group's tallies are added up in a tree reduction and searched on its worker with the
+engine's own split search, and the client only chooses among the groups' best splits with the
+engine's choice rule. The workers share their cases out to the children. A node of few cases is
+instead grown whole on one worker by the ordinary grower (its rows move there from the other
+workers) and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
 whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
 """
 import os
@@ -23,7 +26,7 @@ __all__ = ["TreeClassifier", "HAND_OFF_CASES"]
 
 # A node of at most this many cases is grown whole on one worker by the ordinary grower instead of
 # level by level: above a few hundred thousand cases a tallied level (every occupied value of
-# every attribute, per partition, summed and decided on the client) costs more than moving the
+# every attribute, per partition, summed and searched on the workers) costs more than moving the
 # node's rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in
 # transit and half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers
 # (see docs/distributed.md): at 20M rows 4,000,000 took 8 x brixcmd's time, 1,000,000 15 x.
@@ -47,16 +50,44 @@ class _Holder:
             self.worker.table.save(p)
             with open(p, "rb") as f:
                 data = f.read()
-        return (_restore_holder, (data,) + tuple(self.worker.cases()))
+        return (_restore_holder, (data,) + tuple(self.worker.cases()) + (self.worker.orders(),))
 
 
-def _restore_holder(data, nodes, rows, weights):
+def _table_bytes(table):
+    with tempfile.TemporaryDirectory() as d:
+        p = os.path.join(d, "part.tbl")
+        table.save(p)
+        with open(p, "rb") as f:
+            return f.read()
+
+
+def _table_of(data):
     with tempfile.TemporaryDirectory() as d:
         p = os.path.join(d, "part.tbl")
         with open(p, "wb") as f:
             f.write(data)
-        table = _core.Table.load(p)
-    return _Holder(_core.TallyWorker(table, nodes, rows, weights))
+        return _core.Table.load(p)
+
+
+def _restore_holder(data, nodes, rows, weights, orders=()):
+    worker = _core.TallyWorker(_table_of(data), nodes, rows, weights)
+    worker.set_orders([o if len(o) else None for o in orders])
+    return _Holder(worker)
+
+
+class _Like:
+    """A table of one row with the value sets of all the rows: where the split search turns
+    orders into thresholds, and handed nodes are grown. One a worker."""
+
+    def __init__(self, table):
+        self.table = table
+
+    def __reduce__(self):
+        return (_restore_like, (_table_bytes(self.table),))
+
+
+def _restore_like(data):
+    return _Like(_table_of(data))
 
 
 def _holder_size(h):
@@ -107,33 +138,124 @@ def _describe(est, X, y, w):
     return out
 
 
-def _hold(est, X, y, w, keep):
-    """The partition as a Brix table with the value sets of all the rows, and its cases."""
+def _summary(d):
+    """What the client needs of a partition's description: all but its values."""
+    out = {k: v for k, v in d.items() if k != "columns"}
+    out["unknown"] = {name: u for name, (_, u) in d["columns"].items()}
+    return out
+
+
+def _merge(a, b):
+    """Two descriptions' value sets as one (the values of both, each once, sorted)."""
+    out = {}
+    for name in set(a) | set(b):
+        if name not in a or name not in b:
+            out[name] = a.get(name, b.get(name))
+            continue
+        (va, ua), (vb, ub) = a[name], b[name]
+        if isinstance(va, list) or isinstance(vb, list):
+            merged = sorted(set(list(va)) | set(list(vb)))
+        else:
+            merged = np.union1d(va, vb)
+        out[name] = (merged, ua or ub)
+    return out
+
+
+def _columns_of(d):
+    return d["columns"]
+
+
+def _keep(merged, names, kinds, classes):
+    """The value sets of every column (and the class labels' texts) that each partition's table
+    keeps besides its rows', from the merged descriptions."""
+    keep = {}
+    for name in names:
+        values, unknown = merged.get(name, ([], False))
+        if kinds[name] == "discrete":
+            keep[name] = (sorted(set(values)), unknown)
+        else:
+            keep[name] = (np.asarray(values, dtype=float), unknown)
+    keep["__class__"] = (classes, False)
+    return keep
+
+
+def _small_keep(keep, kinds):
+    """What the client's tree needs of the value sets: the discrete ones whole, of the continuous
+    ones their least and greatest values (thresholds come from the workers as texts)."""
+    out = {}
+    for name, (values, unknown) in keep.items():
+        if name == "__class__" or kinds.get(name) == "discrete":
+            out[name] = (values, unknown)
+        else:
+            out[name] = (values[[0, -1]] if len(values) else values, unknown)
+    return out
+
+
+def _root_ranges(like):
+    return _core.TallyGrower.root_ranges(like.table)
+
+
+def _discrete_keep(keep, kinds):
+    return {n: v for n, v in keep.items() if n == "__class__" or kinds.get(n) == "discrete"}
+
+
+def _like(est, keep, kinds):
+    import pandas as pd
+    names = list(est.feature_names_in_)
+    row = pd.DataFrame({n: pd.Series(
+        [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
+        dtype=object if kinds[n] == "discrete" else float) for n in names})
+    return _Like(est._table(row, np.zeros(1, dtype=np.int64), keep=keep))
+
+
+def _global_values(like, atts):
+    """Each continuous attribute's values over all the rows, as the tables hold them."""
+    return {a: _core.TallyWorker.values(like.table, a) for a in atts}
+
+
+def _hold(est, X, y, w, keep, values):
+    """The partition as a Brix table of its own values (the discrete value sets and the class
+    labels of all the rows), its cases, and the orders of its continuous values among all the
+    rows' (values: those of all the rows, as _global_values gives them)."""
     import pandas as pd
     codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
     table = est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
-    return _Holder(_core.TallyWorker(table, len(X)))
+    worker = _core.TallyWorker(table, len(X))
+    orders = [None] * len(est.feature_names_in_)
+    for a, every in values.items():
+        mine = _core.TallyWorker.values(table, a)
+        at = np.searchsorted(every, mine)
+        if len(mine) and (at[-1] >= len(every) or np.any(every[at] != mine)):
+            raise RuntimeError(f"column '{est.feature_names_in_[a]}': a partition holds a value "
+                               "the merged value set lacks")
+        orders[a] = np.concatenate([[0], at + 1]).astype(np.uint32)
+    worker.set_orders(orders)
+    return _Holder(worker)
 
 
-def _tallies(holder, open_nodes, cols):
-    at, rows, counts = holder.worker.tallies(open_nodes)
+def _tallies(holder, open_nodes, cols, only):
+    at, rows, counts = holder.worker.tallies(open_nodes, only)
     return at, rows.reshape(-1, cols), counts
+
+
+def _score(like, summed, open_nodes, atts, min_cases):
+    """A group of attributes' best splits of the open nodes, searched where their summed tallies
+    are, on the value sets of all the rows."""
+    at, rows, counts = summed
+    return _core.TallyGrower.score(like.table, min_cases, open_nodes, atts, at,
+                                   rows.reshape(-1), counts)
+
+
+def _score_bytes(s):
+    return sum(x.nbytes for x in s if hasattr(x, "nbytes")) + sum(len(t) for t in s[5])
 
 
 def _add(a, b):
     """Two sparse tallies summed: rows at the same offset added (in float32, as the grower's
-    own sums are), the offsets kept ascending. Each side's offsets are ascending and distinct, so
-    a stable sort merges two runs and an offset occurs at most twice, a's row first."""
-    at = np.concatenate([a[0], b[0]])
-    order = np.argsort(at, kind="stable")
-    at = at[order]
-    rows = np.concatenate([a[1], b[1]])[order]
-    first = np.ones(len(at), dtype=bool)
-    first[1:] = at[1:] != at[:-1]
-    out = rows[first]
-    again = ~first
-    out[np.cumsum(first)[again] - 1] += rows[again]
-    return at[first], out, a[2] + b[2]
+    own sums are), the offsets kept ascending."""
+    cols = a[1].shape[1]
+    at, rows = _core.tally_add(a[0], a[1].reshape(-1), b[0], b[1].reshape(-1), cols)
+    return at, rows.reshape(-1, cols), a[2] + b[2]
 
 
 def _applied(holder, decisions):
@@ -148,12 +270,12 @@ def _rows_of(holder, ids):
     return holder.worker.rows_of(ids)
 
 
-def _grow_handed(anchor, nodes, known, min_cases, whole, unit, *parts):
+def _grow_handed(like, nodes, known, min_cases, whole, unit, *parts):
     """The subtrees of the handed nodes, grown on the rows the holders gave (in table order), as
     the bytes of their files, in the nodes' order."""
     with tempfile.TemporaryDirectory() as d:
         paths = [os.path.join(d, f"{i}.tree") for i in range(len(known))]
-        _core.TallyGrower.grow_handed(anchor.worker.table, nodes, known, list(parts), min_cases,
+        _core.TallyGrower.grow_handed(like.table, nodes, known, list(parts), min_cases,
                                       whole, unit, paths)
         out = []
         for p in paths:
@@ -191,9 +313,11 @@ class TreeClassifier(_LocalTreeClassifier):
     pruning "full" (raising subtrees) needs every node's cases in one place and is refused;
     so is subsets=True on Dask collections (the distributed growing splits a categorical column
     a branch per value); other inputs are fitted as brix.TreeClassifier fits them.
-    After fit, fit_levels_ lists per level the open nodes, the bytes of tallies and decisions
-    that moved, the nodes and cases handed to one worker, the bytes of their rows that moved
-    between workers and of their subtrees sent to the client, and the seconds the level took.
+    After fit, fit_setup_ gives the seconds of the value-set pass, of merging the value sets and
+    of building the partitions' tables; fit_levels_ lists per level the open nodes, the bytes of
+    tallies that moved between workers, of the scores that reached the client and of decisions,
+    the nodes and cases handed to one worker, the bytes of their rows that moved between workers
+    and of their subtrees sent to the client, and the seconds the level took.
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,
@@ -236,6 +360,8 @@ class TreeClassifier(_LocalTreeClassifier):
                 raise RuntimeError(f"fit failed: lost the connection to the Dask cluster (the "
                                    f"client is {client.status}): {e!r}") from e
             raise
+        finally:
+            self.__dict__.pop("_likes", None)  # futures: they do not outlive the fit
 
     def _fit_dask(self, X, y, sample_weight, client):
         import pandas as pd
@@ -265,14 +391,21 @@ class TreeClassifier(_LocalTreeClassifier):
         self.n_features_in_ = len(names)
         for attr in ("_kinds", "classes_", "_label_text", "_model"):
             self.__dict__.pop(attr, None)
-        xs, ys = X.to_delayed(), y.to_delayed()
-        ws = sample_weight.to_delayed() if sample_weight is not None else [None] * len(xs)
+        # Read once: the value-set pass and the tables both take the partitions (which stay on
+        # the workers until the tables are built).
+        source = client.persist([X, y] + ([sample_weight] if sample_weight is not None else []))
+        xs, ys = source[0].to_delayed(), source[1].to_delayed()
+        ws = source[2].to_delayed() if sample_weight is not None else [None] * len(xs)
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
-            # One pass: the value sets of all the rows.
-            described = _results(client, client.compute(
-                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)]))
-            parts = [d for d in described if d["n"] > 0]
+            # One pass: the value sets of all the rows, merged on the workers (a tree
+            # reduction); the client sees only each partition's kinds, labels and weight.
+            start = time.perf_counter()
+            described = client.compute(
+                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)])
+            summaries = _results(client, client.map(_summary, described, pure=False))
+            keep_parts = [d for d, m in zip(described, summaries) if m["n"] > 0]
+            parts = [m for m in summaries if m["n"] > 0]
             if not parts:
                 raise ValueError("Found array with 0 sample(s) while a minimum of 1 is required.")
             unknown = sum(d["unknown_labels"] for d in parts)
@@ -288,15 +421,7 @@ class TreeClassifier(_LocalTreeClassifier):
                 if "discrete" in ks and len(ks) > 1:
                     raise ValueError(f"column '{name}' is categorical in some partitions and "
                                      "numeric in others; give it one dtype")
-            keep = {}
-            for name in names:
-                unknown_values = any(d["columns"][name][1] for d in parts)
-                if kinds[name] == "discrete":
-                    texts = sorted({t for d in parts for t in d["columns"][name][0]})
-                    keep[name] = (texts, unknown_values)
-                else:
-                    values = np.unique(np.concatenate([d["columns"][name][0] for d in parts]))
-                    keep[name] = (values, unknown_values)
+            described_at = time.perf_counter()
             labels = pd.unique(np.concatenate([np.asarray(d["labels"], dtype=object)
                                                for d in parts]))
             try:
@@ -314,7 +439,16 @@ class TreeClassifier(_LocalTreeClassifier):
                                  "text (such as 1 and '1'); make them one type")
             total = sum(d["weight"] for d in parts)
             _warn_past_exact(total)
-            keep["__class__"] = ([self._label_text[c] for c in classes], False)
+            merged = client.map(_columns_of, keep_parts, pure=False)
+            while len(merged) > 1:
+                paired = [client.submit(_merge, merged[i], merged[i + 1], pure=False)
+                          for i in range(0, len(merged) - 1, 2)]
+                if len(merged) % 2:
+                    paired.append(merged[-1])
+                merged = paired
+            keep = client.submit(_keep, merged[0], names, kinds,
+                                 [self._label_text[c] for c in classes], pure=False)
+            del merged, described, keep_parts
             # A local estimator with the fitted kinds and labels: it turns each partition into a
             # table exactly as a local fit would.
             encoder = _LocalTreeClassifier(categorical_features=self.categorical_features)
@@ -322,52 +456,62 @@ class TreeClassifier(_LocalTreeClassifier):
                 "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
             if hasattr(probe, "_array_discrete"):
                 encoder._array_discrete = probe._array_discrete
-            # Every partition a table on its worker (persisted there); the client keeps only
-            # one of no cases, for the value sets.
-            # The value sets go to each worker once, not with every partition's task.
-            [shared_keep] = client.scatter([keep], broadcast=True, hash=False)
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, shared_keep)
-                                      for a, b, c, d in zip(xs, ys, ws, described)
+            # The value sets that the workers merged go from worker to worker, never through
+            # the client: a table of them on each worker, and every partition a table of its
+            # own values on its worker (persisted there) with their orders among all the rows'.
+            workers = sorted(client.scheduler_info()["workers"])
+            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w],
+                                      allow_other_workers=True, pure=False) for w in workers}
+            continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
+            values = client.submit(_global_values, likes[workers[0]], continuous, pure=False)
+            own = client.submit(_discrete_keep, keep, kinds, pure=False)
+            # On every worker, so that each partition's table is built where its rows are.
+            _results(client, [values, own], fetch=False)
+            merged_at = time.perf_counter()
+            client.replicate([values, own])
+            holders = client.compute([_delayed(_hold)(encoder, a, b, c, own, values)
+                                      for a, b, c, d in zip(xs, ys, ws, summaries)
                                       if d["n"] > 0])
-            # One row of values every column holds (class and values are kept anyway).
+            small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
+            root = _results(client, [client.submit(_root_ranges, likes[workers[0]],
+                                                   pure=False)])[0]
+            self._likes = likes
+            del keep, values, own
+            # The client's table: one row, the discrete value sets and the class labels; of the
+            # continuous columns only their bounds (the root's ranges come from a worker).
             meta = pd.DataFrame({n: pd.Series(
-                [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
+                [None if kinds[n].startswith("date") or not len(small[n][0]) else small[n][0][0]],
                 dtype=object if kinds[n] == "discrete" else float) for n in names})
-            meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=keep)
+            meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=small)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
-                                       float(self.min_cases), self.pruning)
+                                       float(self.min_cases), self.pruning, root)
+            # Each attribute's values: what its tallies at the top levels grow with.
+            widths = [int(root[2 * a + 1] - root[2 * a]) for a in range(len(names))]
             limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
             held = _results(client, client.map(_counts, holders, pure=False))
+            del source, xs, ys, ws
+            # Seconds of the value-set pass, of merging the value sets (and a table of them on
+            # each worker), and of the partitions' tables.
+            self.fit_setup_ = {"describe": described_at - start,
+                               "value_sets": merged_at - described_at,
+                               "tables": time.perf_counter() - merged_at}
             while not grower.done:
                 total = {}
                 for nodes, counts in held:
                     for i, c in zip(nodes.tolist(), counts.tolist()):
                         total[i] = total.get(i, 0) + c
                 level = {"open_nodes": int(len(grower.open_ids())), "tally_bytes": 0,
-                         "decision_bytes": 0, "handed_nodes": 0, "handed_cases": 0,
-                         "handed_row_bytes": 0, "subtree_bytes": 0}
+                         "score_bytes": 0, "decision_bytes": 0, "handed_nodes": 0,
+                         "handed_cases": 0, "handed_row_bytes": 0, "subtree_bytes": 0}
                 small = [i for i in grower.open_ids().tolist() if 0 < total.get(i, 0) <= limit]
                 t0 = time.perf_counter()
                 grown = self._hand_off(client, grower, holders, held, small, total, flags, level)
                 decisions = None
                 if len(grower.open_ids()):
-                    open_nodes = grower.open()
-                    tallies = client.map(_tallies, holders, open_nodes=open_nodes,
-                                         cols=len(classes) + 1, pure=False)
-                    sizes = _results(client, client.map(_nbytes, tallies, pure=False))
-                    while len(tallies) > 1:
-                        paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
-                                  for i in range(0, len(tallies) - 1, 2)]
-                        if len(tallies) % 2:
-                            paired.append(tallies[-1])
-                        tallies = paired
-                    at, rows, counts = _results(client, tallies)[0]
-                    decisions = grower.decide(at, rows.reshape(-1), counts)
-                    level["tally_bytes"] = int(sum(sizes))
-                    level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
-                                                  sum(len(t) for t in decisions[1]))
+                    decisions = self._decide(client, grower, holders, widths,
+                                             len(classes) + 1, level)
                 self._graft(client, grower, grown, level)
                 self.fit_levels_.append(level)
                 if decisions is not None and not grower.done:
@@ -376,9 +520,11 @@ class TreeClassifier(_LocalTreeClassifier):
                 level["seconds"] = time.perf_counter() - t0
             model = grower.finish()
             self._model = model
-            blob = self.__getstate__()["_model"]
+            # Sent once, not once a partition.
+            [blob] = client.scatter([self.__getstate__()["_model"]], hash=False)
             matrices = _results(client, client.map(_evaluate, holders, model_bytes=blob,
                                                    pure=False))
+            del blob
             training = matrices[0]
             for m in matrices[1:]:
                 training = training + m
@@ -390,6 +536,46 @@ class TreeClassifier(_LocalTreeClassifier):
             raise RuntimeError(f"fit failed: the cluster cancelled its work ({e}); was the "
                                "client closed or the scheduler lost?") from e
         return self
+
+    def _decide(self, client, grower, holders, widths, cols, level):
+        """Decides the open nodes: the attributes in one group a worker, each group's tallies
+        summed in a tree reduction and searched on that worker; the client gets the groups'
+        scores and chooses. widths: each attribute's number of values, to balance the groups.
+        The decisions."""
+        open_nodes = grower.open()
+        who = client.who_has(holders)
+        place = [tuple(who.get(h.key, ())) for h in holders]
+        workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
+        groups = [[] for _ in range(min(len(workers), len(widths)))]
+        load = [0] * len(groups)
+        for a in sorted(range(len(widths)), key=lambda a: (-widths[a], a)):
+            k = load.index(min(load))
+            groups[k].append(a)
+            load[k] += widths[a] + 1
+        groups = [sorted(g) for g in groups]
+        scores, sizes = [], []
+        for k, atts in enumerate(groups):
+            w = workers[k]
+            like = self._likes.get(w) or next(iter(self._likes.values()))
+            tallies = client.map(_tallies, holders, open_nodes=open_nodes, cols=cols, only=atts,
+                                 pure=False)
+            sizes += client.map(_nbytes, tallies, pure=False)
+            while len(tallies) > 1:
+                paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
+                          for i in range(0, len(tallies) - 1, 2)]
+                if len(tallies) % 2:
+                    paired.append(tallies[-1])
+                tallies = paired
+            scores.append(client.submit(_score, like, tallies[0], open_nodes, atts,
+                                        float(self.min_cases), workers=[w],
+                                        allow_other_workers=True, pure=False))
+        scored = _results(client, scores)
+        decisions = grower.decide_scored(scored)
+        level["tally_bytes"] = int(sum(_results(client, sizes)))
+        level["score_bytes"] = int(sum(_score_bytes(s) for s in scored))
+        level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
+                                      sum(len(t) for t in decisions[1]))
+        return decisions
 
     def _hand_off(self, client, grower, holders, held, small, total, flags, level):
         """Hands the small open nodes out to the workers, largest first to the least loaded, one
@@ -418,8 +604,8 @@ class TreeClassifier(_LocalTreeClassifier):
                        if not has.isdisjoint(ids)]
             parts = [client.submit(_rows_of, h, ids, pure=False) for h, _ in sources]
             away = [part for part, (_, p) in zip(parts, sources) if w not in p]
-            anchor = next((h for h, p in zip(holders, place) if w in p), holders[0])
-            grown = client.submit(_grow_handed, anchor, nodes, known, float(self.min_cases),
+            like = self._likes.get(w) or next(iter(self._likes.values()))
+            grown = client.submit(_grow_handed, like, nodes, known, float(self.min_cases),
                                   flags[0], flags[1], *parts, workers=[w],
                                   allow_other_workers=True, pure=False)
             out.append((ids, grown, client.map(_nbytes, away, pure=False)))

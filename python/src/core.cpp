@@ -259,23 +259,47 @@ PYBIND11_MODULE(_core, m) {
       }))
       .def_property_readonly("table", [](worker_state const& w) { return w.t; })
       .def_property_readonly("held", [](worker_state const& w) { return w.w->held(); })
-      .def("tallies",
-           [](worker_state const& w, std::vector<std::int64_t> const& open) {
-             std::vector<std::int64_t> at, counts;
-             std::vector<float> rows;
-             {
-               py::gil_scoped_release release;
-               w.w->tallies(open, at, rows, counts);
-             }
-             return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
-           })
+      .def(
+          "tallies",
+          [](worker_state const& w, std::vector<std::int64_t> const& open,
+             std::vector<std::int64_t> const& only) {
+            std::vector<std::int64_t> at, counts;
+            std::vector<float> rows;
+            {
+              py::gil_scoped_release release;
+              w.w->tallies(open, at, rows, counts, only);
+            }
+            return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
+          },
+          py::arg("open"), py::arg("only") = std::vector<std::int64_t>())
       .def("applied",
            [](worker_state const& w, std::vector<std::int64_t> nodes,
-              std::vector<std::string> thresholds, std::vector<float> shares) {
-             brix::tally_decisions d{std::move(nodes), std::move(thresholds), std::move(shares)};
+              std::vector<std::string> thresholds, std::vector<float> shares,
+              std::vector<std::int64_t> cuts) {
+             brix::tally_decisions d{std::move(nodes), std::move(thresholds), std::move(shares),
+                                     std::move(cuts)};
              py::gil_scoped_release release;
              return worker_state{w.t, std::shared_ptr<brix::tally_worker>(w.w->applied(d))};
            })
+      .def("set_orders",
+           [](worker_state const& w, py::list orders) {
+             std::vector<std::vector<std::uint32_t>> o;
+             for (py::handle h : orders)
+               o.push_back(h.is_none() ? std::vector<std::uint32_t>()
+                                       : from_array<std::uint32_t>(h));
+             w.w->set_orders(std::move(o));
+           })
+      .def("orders",
+           [](worker_state const& w) {
+             py::list out;
+             for (auto const& m : w.w->orders())
+               out.append(to_array(m));
+             return out;
+           })
+      .def_static("values",
+                  [](brix::table const& t, unsigned long att) {
+                    return to_array(brix::tally_worker::values(t, att));
+                  })
       .def("cases",
            [](worker_state const& w) {
              std::vector<std::int64_t> nodes;
@@ -302,6 +326,18 @@ PYBIND11_MODULE(_core, m) {
       .def("evaluate", [](worker_state const& w, brix::tree_model const& model) {
         return to_array(w.w->evaluate(model));
       });
+  m.def("tally_add", [](py::handle a_at_, py::handle a_rows_, py::handle b_at_, py::handle b_rows_,
+                        std::size_t cols) {
+    std::vector<std::int64_t> a_at = from_array<std::int64_t>(a_at_),
+                              b_at = from_array<std::int64_t>(b_at_), at;
+    std::vector<float> a_rows = from_array<float>(a_rows_), b_rows = from_array<float>(b_rows_),
+                       rows;
+    {
+      py::gil_scoped_release release;
+      brix::tally_add(a_at, a_rows, b_at, b_rows, cols, at, rows);
+    }
+    return py::make_tuple(to_array(at), to_array(rows));
+  });
   py::class_<brix::tally_grower>(m, "TallyGrower")
       .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
                        std::string const& pruning) {
@@ -311,7 +347,56 @@ PYBIND11_MODULE(_core, m) {
              return std::make_unique<brix::tally_grower>(*t, o);
            }),
            py::keep_alive<1, 2>())
+      .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
+                       std::string const& pruning, std::vector<std::int64_t> const& ranges) {
+             brix::tree_options o =
+                 tree_options_of(confidence, min_cases, pruning, brix::tree_options().threads);
+             return std::make_unique<brix::tally_grower>(*t, o, ranges);
+           }),
+           py::keep_alive<1, 2>())
+      .def_static("root_ranges",
+                  [](brix::table const& t) { return to_array(brix::tally_grower::root_ranges(t)); })
       .def_property_readonly("done", &brix::tally_grower::done)
+      // One group of attributes' scores, as a tuple of (atts, classes, counts, gains, splits,
+      // thresholds, shares, ranges), for decide_scored.
+      .def_static(
+          "score",
+          [](brix::table const& like, float min_cases, std::vector<std::int64_t> const& open,
+             std::vector<std::int64_t> const& atts, std::vector<std::int64_t> const& at,
+             std::vector<float> const& rows, std::vector<std::int64_t> const& counts) {
+            brix::tree_options o;
+            o.min_cases = min_cases;
+            brix::tally_scores s;
+            {
+              py::gil_scoped_release release;
+              s = brix::tally_grower::score(like, o, open, atts, at, rows, counts);
+            }
+            return py::make_tuple(to_array(s.atts), to_array(s.classes), to_array(s.counts),
+                                  to_array(s.gains), to_array(s.splits), s.thresholds,
+                                  to_array(s.shares), to_array(s.ranges));
+          })
+      .def("decide_scored",
+           [](brix::tally_grower& g, py::list groups) {
+             std::vector<brix::tally_scores> s(groups.size());
+             for (std::size_t k = 0; k < s.size(); ++k) {
+               py::tuple t = groups[k].cast<py::tuple>();
+               if (t.size() != 8) throw std::invalid_argument("scores: eight parts a group");
+               s[k].atts = from_array<std::int64_t>(t[0]);
+               s[k].classes = from_array<float>(t[1]);
+               s[k].counts = from_array<std::int64_t>(t[2]);
+               s[k].gains = from_array<float>(t[3]);
+               s[k].splits = from_array<std::int64_t>(t[4]);
+               s[k].thresholds = t[5].cast<std::vector<std::string>>();
+               s[k].shares = from_array<float>(t[6]);
+               s[k].ranges = from_array<std::int64_t>(t[7]);
+             }
+             std::vector<brix::tally_scores const*> ptrs;
+             for (auto const& x : s)
+               ptrs.push_back(&x);
+             brix::tally_decisions d = g.decide_scored(ptrs);
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares),
+                                   to_array(d.cuts));
+           })
       .def("open", [](brix::tally_grower const& g) { return to_array(g.open()); })
       .def("open_ids", [](brix::tally_grower const& g) { return to_array(g.open_ids()); })
       .def("hand_off",
@@ -350,7 +435,8 @@ PYBIND11_MODULE(_core, m) {
                py::gil_scoped_release release;
                d = g.decide(at, rows, counts);
              }
-             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares));
+             return py::make_tuple(to_array(d.nodes), d.thresholds, to_array(d.shares),
+                                   to_array(d.cuts));
            })
       .def("finish",
            [](brix::tally_grower& g) { return std::shared_ptr<brix::tree_model>(g.finish()); })

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -66,11 +67,16 @@ void hand_off_small(brix::table& t, brix::tally_grower& grower,
   }
 }
 
+std::unique_ptr<brix::tree_model> grown_on(
+    brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
+    brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
+    unsigned groups);
+
 // Rows dealt out to k holders, in blocks or one by one.
 std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
                                                  brix::tree_options const& o, bool dealt,
                                                  std::size_t hand_off = 0, bool unit = true,
-                                                 bool whole = true) {
+                                                 bool whole = true, unsigned groups = 1) {
   unsigned long n = t.get_no_rows();
   std::vector<std::vector<unsigned long>> parts(k);
   for (unsigned long r = 0; r < n; ++r)
@@ -78,11 +84,58 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   std::vector<std::unique_ptr<brix::tally_worker>> workers;
   for (auto const& p : parts)
     workers.emplace_back(new brix::tally_worker(t, p));
-  brix::tally_grower grower(t, o);
+  return grown_on(t, workers, o, dealt, hand_off, unit, whole, groups);
+}
+
+// The tree of the holders' cases; t: a table with every value set.
+std::unique_ptr<brix::tree_model> grown_on(
+    brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
+    brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
+    unsigned groups) {
+  brix::tally_grower grower(t, o, brix::tally_grower::root_ranges(t));
   while (!grower.done()) {
     hand_off_small(t, grower, workers, o, hand_off, whole, unit);
     if (grower.open_ids().empty()) break;
     std::vector<std::int64_t> open = grower.open();
+    if (groups > 1) {
+      // The attributes dealt out to groups, each tallied, summed and scored on its own.
+      std::vector<brix::tally_scores> scores(groups);
+      for (unsigned g = 0; g < groups; ++g) {
+        for (unsigned long a = g; a < t.get_impl()->get_no_attributes(); a += groups)
+          scores[g].atts.push_back(static_cast<std::int64_t>(a));
+        std::map<std::int64_t, std::vector<float>> sums;
+        std::vector<std::int64_t> counts;
+        for (auto& w : workers) {
+          std::vector<std::int64_t> at, c;
+          std::vector<float> rows;
+          w->tallies(open, at, rows, c, scores[g].atts);
+          std::size_t cols = rows.size() / std::max<std::size_t>(at.size(), 1);
+          for (std::size_t i = 0; i < at.size(); ++i) {
+            std::vector<float>& s = sums[at[i]];
+            s.resize(cols, 0.0f);
+            for (std::size_t k = 0; k < cols; ++k)
+              s[k] += rows[i * cols + k];
+          }
+          counts.resize(c.size(), 0);
+          for (std::size_t i = 0; i < c.size(); ++i)
+            counts[i] += c[i];
+        }
+        std::vector<std::int64_t> at;
+        std::vector<float> rows;
+        for (auto const& e : sums) {
+          at.push_back(e.first);
+          rows.insert(rows.end(), e.second.begin(), e.second.end());
+        }
+        scores[g] = brix::tally_grower::score(t, o, open, scores[g].atts, at, rows, counts);
+      }
+      std::vector<brix::tally_scores const*> ptrs;
+      for (auto const& s : scores)
+        ptrs.push_back(&s);
+      brix::tally_decisions d = grower.decide_scored(ptrs);
+      for (auto& w : workers)
+        w = w->applied(d);
+      continue;
+    }
     std::map<std::int64_t, std::vector<float>> sums;
     std::vector<std::int64_t> counts;
     for (auto& w : workers) {
@@ -142,7 +195,8 @@ void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string c
   for (std::size_t hand_off : {std::size_t(0), t.get_no_rows() / 10, t.get_no_rows()}) {
     for (unsigned k : {1u, 2u, 7u, 16u}) {
       for (bool dealt : {false, k == 7}) {
-        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit);
+        // In 2 and 16 parts the attributes are searched in two groups.
+        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit, true, k % 2 ? 1 : 2);
         std::string where = what + " in " + std::to_string(k) + (dealt ? " dealt" : " block") +
                             " parts, hand-off at " + std::to_string(hand_off);
         EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
@@ -156,8 +210,11 @@ void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string c
 // (sorted), whole weights, classes that depend on them with noise.
 // unknown: a twentieth of the wide values unknown and weights of thirds, so that cases are
 // shared out with fractional weights.
+// lo, hi: only those rows, as a table of their own continuous values (the discrete value sets
+// and the class labels of all the rows kept).
 std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights,
-                                    bool unknown = false) {
+                                    bool unknown = false, unsigned long lo = 0,
+                                    unsigned long hi = 0) {
   std::mt19937 gen(seed);
   std::vector<std::string> colour(n), cls(n);
   std::vector<double> small(n), wide(n), w(n);
@@ -175,7 +232,18 @@ std::unique_ptr<brix::table> seeded(unsigned seed, unsigned long n, bool weights
       if (gen() % 20 == 0) wide[i] = std::nan("");
     }
   }
+  if (hi > lo) {
+    auto cut = [&](auto& v) {
+      v = std::vector<typename std::decay_t<decltype(v)>::value_type>(v.begin() + lo,
+                                                                      v.begin() + hi);
+    };
+    cut(colour), cut(cls), cut(small), cut(wide), cut(w);
+  }
   brix::table_builder b("seeded");
+  if (hi > lo) {
+    b.keep_texts("colour", {"blue", "green", "grey", "red"});
+    b.keep_texts("class", {"maybe", "no", "yes"});
+  }
   b.add_strings("colour", brix::column_kind::discrete, colour)
       .add_numbers("small", brix::column_kind::continuous, brix::value_type::integer, small)
       .add_numbers("wide", brix::column_kind::continuous, brix::value_type::float32, wide)
@@ -228,6 +296,54 @@ TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
   }
 }
 
+TEST(TallyGrowing, TablesOfTheirOwnValuesGrowTheWholeTablesTree) {
+  // Each part's continuous orders mapped onto the whole table's: the tallies, the division of
+  // the cases at thresholds a part may not hold, and the rows handed out all speak of those.
+  unsigned long const n = 6000;
+  for (bool unknown : {false, true}) {
+    auto t = seeded(9, n, unknown, unknown);
+    brix::tree_options o;
+    auto expected = brix::tree_model::train(*t, o);
+    for (unsigned k : {2u, 5u}) {
+      for (std::size_t hand_off : {std::size_t(0), std::size_t(700)}) {
+        std::vector<std::unique_ptr<brix::table>> parts;
+        std::vector<std::unique_ptr<brix::tally_worker>> workers;
+        for (unsigned i = 0; i < k; ++i) {
+          parts.push_back(seeded(9, n, unknown, unknown, n * i / k, n * (i + 1) / k));
+          workers.emplace_back(new brix::tally_worker(*parts.back(), n * (i + 1) / k - n * i / k));
+          std::vector<std::vector<std::uint32_t>> orders(3);
+          for (unsigned long a : {1ul, 2ul}) {
+            std::vector<double> all = brix::tally_worker::values(*t, a);
+            orders[a].push_back(0);
+            for (double v : brix::tally_worker::values(*parts.back(), a))
+              orders[a].push_back(static_cast<std::uint32_t>(
+                  std::lower_bound(all.begin(), all.end(), v) - all.begin() + 1));
+          }
+          workers.back()->set_orders(orders);
+        }
+        auto grown = grown_on(*t, workers, o, false, hand_off, !unknown, !unknown, k % 2 + 1);
+        std::string where = std::string(unknown ? "unknown values, " : "") + std::to_string(k) +
+                            " parts, hand-off at " + std::to_string(hand_off);
+        EXPECT_EQ(text_of(*grown), text_of(*expected)) << where;
+      }
+    }
+    // Orders that are not one a value, or not ascending, are refused.
+    brix::tally_worker w(*t, 10);
+    std::vector<std::vector<std::uint32_t>> bad(3);
+    bad[2] = {0, 1, 2};
+    EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
+    bad[2] = std::vector<std::uint32_t>(brix::tally_worker::values(*t, 2).size() + 1, 0);
+    EXPECT_THROW(w.set_orders(bad), std::invalid_argument);
+    // A cut at a value the table may lack needs its order among all the rows'.
+    std::vector<std::vector<std::uint32_t>> same(3);
+    for (std::uint32_t i = 0; i < bad[2].size(); ++i)
+      same[2].push_back(i);
+    w.set_orders(same);
+    brix::tally_decisions d{{0, 2, 1, 2}, {"500"}, {0.5f, 0.5f}, {}};
+    EXPECT_THROW(w.applied(d), std::invalid_argument);
+  }
+}
+
 TEST(TallyGrowing, HandedRowsOfOtherNodesOrTablesAreRefused) {
   auto t = seeded(7, 200, false);
   brix::tally_grower g(*t, brix::tree_options{});
@@ -274,6 +390,19 @@ TEST(TallyGrowing, RefusesSubtreeRaisingAndForeignTallies) {
   EXPECT_THROW(g.decide({1}, std::vector<float>(4), std::vector<std::int64_t>(1)),
                std::invalid_argument);
   EXPECT_THROW(g.finish(), std::logic_error);
+  // Scores that leave out an attribute, or give one twice, or are of other nodes.
+  std::vector<std::int64_t> open = g.open(), at, counts;
+  std::vector<float> rows;
+  brix::tally_worker(*t, 100).tallies(open, at, rows, counts);
+  brix::tally_scores one = brix::tally_grower::score(*t, {}, open, {0, 1}, at, rows, counts);
+  brix::tally_scores two = brix::tally_grower::score(*t, {}, open, {1, 2}, at, rows, counts);
+  EXPECT_THROW(g.decide_scored({&one}), std::invalid_argument);
+  EXPECT_THROW(g.decide_scored({&one, &two}), std::invalid_argument);
+  one.counts.push_back(1);
+  EXPECT_THROW(g.decide_scored({&one}), std::invalid_argument);
+  EXPECT_THROW(brix::tally_grower::score(*t, {}, open, {3}, at, rows, counts),
+               std::invalid_argument);
+  EXPECT_THROW(brix::tally_grower(*t, {}, {0, 1}), std::invalid_argument);
   EXPECT_THROW(g.hand_off({5}), std::invalid_argument);
   g.hand_off({0});
   EXPECT_FALSE(g.done());  // handed out, not yet grafted
@@ -316,4 +445,30 @@ TEST(TableBuilderKeptValues, PartsShareTheWholeTablesOrders) {
                    .keep_texts("nope", {"a"})
                    .build(),
                std::invalid_argument);
+}
+
+TEST(TallyAdd, MergesOffsetsAndAddsTheRowsOfOneOffset) {
+  struct {
+    std::vector<std::int64_t> a_at;
+    std::vector<float> a_rows;
+    std::vector<std::int64_t> b_at;
+    std::vector<float> b_rows;
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
+  } const cases[] = {
+      {{0, 4}, {1, 2, 3, 4}, {2, 6}, {5, 6, 7, 8}, {0, 2, 4, 6}, {1, 2, 5, 6, 3, 4, 7, 8}},
+      {{2, 4}, {1, 2, 3, 4}, {0, 2}, {0.5f, 0, 10, 20}, {0, 2, 4}, {0.5f, 0, 11, 22, 3, 4}},
+      {{}, {}, {2}, {1, 1}, {2}, {1, 1}},
+      {{2}, {1, 1}, {}, {}, {2}, {1, 1}},
+  };
+  for (auto const& c : cases) {
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
+    brix::tally_add(c.a_at, c.a_rows, c.b_at, c.b_rows, 2, at, rows);
+    EXPECT_EQ(at, c.at);
+    EXPECT_EQ(rows, c.rows);
+  }
+  std::vector<std::int64_t> at;
+  std::vector<float> rows;
+  EXPECT_THROW(brix::tally_add({0}, {1}, {}, {}, 2, at, rows), std::invalid_argument);
 }

@@ -64,7 +64,9 @@ def write_stem(tmp_path, X, y):
     with open(stem + ".names", "w") as f:
         for c in X.columns:
             kind = "discrete" if X[c].dtype.name == "category" else "continuous"
-            f.write(f"{c},{'string' if kind == 'discrete' else 'integer'},{kind}\n")
+            typ = "string" if kind == "discrete" else "float" if X[c].dtype.kind == "f" else \
+                "integer"
+            f.write(f"{c},{typ},{kind}\n")
         f.write("class,string,class\n")
     pd.concat([X, y], axis=1).to_csv(stem + ".data", header=False, index=False)
     return stem
@@ -118,6 +120,46 @@ def test_agrawal_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts,
     np.testing.assert_array_equal(clf.predict(dX).compute(), local.predict(X))
     np.testing.assert_allclose(clf.predict_proba(dX).compute(), local.predict_proba(X))
     assert clf.score(X, y) == local.score(X, y)
+
+
+def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_path):
+    # Distinct 64-bit numbers that are one 32-bit float, each partition holding its own: the
+    # merged value sets and each partition's orders among them are those of the tables' type.
+    X, y = agrawal_like(6000, 11)
+    jitter = np.random.default_rng(11).random(len(X)) * 1e-4
+    X["salary"] = np.floor(X["salary"] / 1000) * 1000 / 7 + jitter
+    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
+    clf, _ = fit_dask(client, X, y, 5, hand_off_cases=0)
+    assert clf.export_text() == expected
+    assert "salary" in expected
+    # The client gets scores: a few dozen bytes a node and attribute, not tallies.
+    tallied = [v for v in clf.fit_levels_ if v["tally_bytes"]]
+    assert tallied and all(v["score_bytes"] < 200 * v["open_nodes"] * X.shape[1]
+                           for v in tallied)
+
+
+def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_whole():
+    # No cluster: the workers' steps in this process. A partition's tallies in the orders of all
+    # the rows equal those of a table that carries every value set, and survive being pickled
+    # (as Dask moves a holder between workers).
+    import pickle
+    from brix import dask as bd
+    X, y = agrawal_like(3000, 5)
+    enc = brix.TreeClassifier().fit(X, y)
+    names = list(enc.feature_names_in_)
+    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
+                    [enc._label_text[c] for c in enc.classes_])
+    like = bd._like(enc, keep, enc._kinds)
+    continuous = [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"]
+    own = bd._hold(enc, X[:700], y[:700], None, bd._discrete_keep(keep, enc._kinds),
+                   bd._global_values(like, continuous))
+    every = bd._hold(enc, X[:700], y[:700], None, keep, {})
+    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
+    open_nodes = grower.open()
+    expected = every.worker.tallies(open_nodes)
+    for holder in (own, pickle.loads(pickle.dumps(own))):
+        for got, want in zip(holder.worker.tallies(open_nodes), expected):
+            np.testing.assert_array_equal(got, want)
 
 
 def fit_while(client, action, n=60000):

@@ -9,6 +9,7 @@
 #include <map>
 #include <stdexcept>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "brix/impls/learning/entropy.h"
 #include "brix/impls/learning/grower.h"
@@ -437,6 +438,11 @@ struct tally_grower::impl {
   };
   std::vector<pending> open;
   std::map<std::int64_t, pending> taken;  // handed out, awaiting their subtrees
+  // Subtrees grafted already prepruned and pruned, by node, and their prepruning values.
+  std::map<std::int64_t, impls::_decision_tree*> settled_at;
+  impls::settled_subtrees settled;
+  bool prepruned = false;
+  std::map<std::int64_t, impls::_decision_tree*> unreached;  // awaiting regraft
   std::int64_t next = 1;
   impls::split_scratch scratch;
 };
@@ -518,6 +524,18 @@ tally_handoff tally_grower::hand_off(std::vector<std::int64_t> const& ids) {
     impl::pending& p = g.open[it->second];
     impls::_decision_node const* node = p.tree->get_node();
     impls::_decision_node const* father = node->get_father();
+    // Prepruning's bound and pruning's reach, from the root down to the node.
+    std::vector<impls::_decision_node const*> above;
+    for (impls::_decision_node const* a = father; a != nullptr; a = a->get_father())
+      above.push_back(a);
+    float bound = 1.0f;
+    bool reach = true;
+    for (auto a = above.rbegin(); a != above.rend(); ++a) {
+      bound = impls::_decision_tree::child_bound((*a)->get_leaf_error(), bound);
+      reach = reach && (*a)->known_fract_ != 0.0f;
+    }
+    h.bounds.push_back(bound);
+    h.reach.push_back(reach ? 1 : 0);
     h.nodes.push_back(p.id);
     h.nodes.push_back(static_cast<std::int64_t>(node->get_index()));
     h.nodes.push_back(
@@ -552,6 +570,54 @@ void tally_grower::graft(std::int64_t id, std::string const& path) {
   if (tree->get_node()->get_index() != index)
     throw std::invalid_argument("graft: the subtree of another node");
   impl_->taken.erase(it);
+}
+
+void tally_grower::graft(std::int64_t id, std::string const& path, float value) {
+  auto it = impl_->taken.find(id);
+  impls::_decision_tree* tree = it != impl_->taken.end() ? it->second.tree : nullptr;
+  graft(id, path);
+  impl_->settled_at[id] = tree;
+  impl_->settled.value[tree] = value;
+}
+
+std::vector<std::int64_t> tally_grower::preprune() {
+  impl& g = *impl_;
+  if (!done()) throw std::logic_error("tally_grower::preprune: nodes are still open");
+  if (g.prepruned || !g.root) throw std::logic_error("tally_grower::preprune: called twice");
+  g.root->preprune(1.0f, &g.settled);
+  g.prepruned = true;
+  // A collapse above drops a settled subtree: only those still in the tree count.
+  std::unordered_set<impls::_decision_tree const*> live;
+  std::vector<impls::_decision_tree*> stack{g.root.get()};
+  while (!stack.empty()) {
+    impls::_decision_tree* t = stack.back();
+    stack.pop_back();
+    live.insert(t);
+    for (unsigned long i = 0; i < t->get_no_childs(); ++i)
+      stack.push_back(t->get_child(i));
+  }
+  std::vector<std::int64_t> out;
+  for (auto const& [id, tree] : g.settled_at)
+    if (live.count(tree) && !g.settled.reached.count(tree)) {
+      out.push_back(id);
+      g.unreached[id] = tree;
+    }
+  return out;
+}
+
+void tally_grower::regraft(std::int64_t id, std::string const& path) {
+  auto it = impl_->unreached.find(id);
+  if (it == impl_->unreached.end())
+    throw std::invalid_argument("regraft: not a settled subtree that prepruning left unreached");
+  if (!path.empty()) {
+    impls::_decision_tree* tree = it->second;
+    unsigned long index = tree->get_node()->get_index();
+    zel::inpout::ibinstream in(path, false);
+    tree->load_bin(in, tree->get_node()->get_father());
+    if (tree->get_node()->get_index() != index)
+      throw std::invalid_argument("regraft: the subtree of another node");
+  }
+  impl_->unreached.erase(it);
 }
 
 namespace {
@@ -645,9 +711,11 @@ std::unique_ptr<impls::table> handed_table(impls::table const& lt, tally_handoff
 
 }  // namespace
 
-void tally_grower::grow_handed(table const& like, tally_handoff const& h,
-                               std::vector<tally_rows const*> const& parts, tree_options const& o,
-                               bool whole, bool unit, std::vector<std::string> const& paths) {
+std::vector<float> tally_grower::grow_handed(table const& like, tally_handoff const& h,
+                                             std::vector<tally_rows const*> const& parts,
+                                             tree_options const& o, bool whole, bool unit,
+                                             std::vector<std::string> const& paths,
+                                             std::vector<std::string> const& unreached_paths) {
   impls::table const* lt = like.get_impl();
   if (lt->get_class() == nullptr || !lt->is_for_tree())
     throw std::invalid_argument("the table has no class column");
@@ -656,6 +724,13 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
   std::size_t k_nodes = h.known.size();
   if (h.nodes.size() != k_nodes * rec || paths.size() != k_nodes)
     throw std::invalid_argument("handed nodes: short or long list");
+  bool settle = !unreached_paths.empty();
+  if (settle && (unreached_paths.size() != k_nodes || h.bounds.size() != k_nodes ||
+                 h.reach.size() != k_nodes))
+    throw std::invalid_argument("handed nodes: bounds, reach or unreached paths short or long");
+  bool pruned = o.prune == pruning::error;
+  float coeff = impls::_decision_tree::CFCoefficient(o.confidence);
+  std::vector<float> values;
   std::vector<impls::w_sequence> cases;
   std::unique_ptr<impls::table> t = handed_table(*lt, h, parts, rec, cases);
   // The options a single table's growing sets.
@@ -705,11 +780,28 @@ void tally_grower::grow_handed(table const& like, tally_handoff const& h,
     tree.grow_depth(t.get(), 1, o.min_cases, &opts, nullptr, false, scratch);
     tree.get_node()->all_cases_ = nullptr;  // a root's cases are the caller's: not sent
     tree.get_node()->owns_cases_ = false;
-    zel::inpout::obinstream out(paths[k], false, 0);
-    tree.save_bin(out);
-    if (!out.finish()) throw std::runtime_error("could not write " + paths[k]);
+    auto save = [](impls::_decision_tree const& grown, std::string const& path) {
+      zel::inpout::obinstream out(path, false, 0);
+      grown.save_bin(out);
+      if (!out.finish()) throw std::runtime_error("could not write " + path);
+    };
+    if (settle) {
+      // Pruning looks at each node's subtree alone, so the subtree settles here as it would in
+      // the whole tree; prepruning also needs the bound its ancestors give it, and whether it
+      // is reached at all, which only the whole tree tells: both forms go back when asked.
+      bool prune_here = pruned && h.reach[k] != 0;
+      {
+        std::unique_ptr<impls::_decision_tree> alone(tree.clone());
+        if (prune_here) alone->prune_dt(t.get(), o.confidence, coeff);
+        save(*alone, unreached_paths[k]);
+      }
+      values.push_back(tree.preprune(h.bounds[k]));
+      if (prune_here) tree.prune_dt(t.get(), o.confidence, coeff);
+    }
+    save(tree, paths[k]);
     c = impls::w_sequence();
   }
+  return values;
 }
 
 std::vector<std::int64_t> tally_grower::open() const {
@@ -1069,7 +1161,10 @@ std::unique_ptr<tree_model> tally_grower::finish() {
   impl& g = *impl_;
   if (!done()) throw std::logic_error("tally_grower::finish: nodes are still open");
   if (!g.root) throw std::logic_error("tally_grower::finish: called twice");
-  g.root->preprune(1.0f);
+  if (!g.prepruned && !preprune().empty())
+    throw std::logic_error("tally_grower::finish: settled subtrees left unreached need regraft");
+  if (!g.unreached.empty())
+    throw std::logic_error("tally_grower::finish: settled subtrees left unreached need regraft");
   auto tree = std::make_unique<dtree>(g.t->get_name());
   tree->set_conf_level(g.o.confidence);
   tree->set_min_obj(g.o.min_cases);

@@ -72,10 +72,15 @@ struct tally_scores {
 
 // Open nodes handed out to be grown whole: per node its number, its branch of its father (0 for
 // the root), its father's most frequent class (-1 for the root), then (first, second) of each
-// attribute's range; and per node its known fraction.
+// attribute's range; and per node its known fraction. So that the subtree can be prepruned and
+// pruned where it grows, as the single-table grower settles a subtree once it is complete: per
+// node the bound prepruning brings to it from its ancestors, and whether pruning reaches it (1:
+// no ancestor has known fraction 0).
 struct tally_handoff {
   std::vector<std::int64_t> nodes;
   std::vector<float> known;
+  std::vector<float> bounds;
+  std::vector<std::int64_t> reach;
 };
 
 // Two sparse tallies (offsets ascending, rows of cols floats) summed into out: rows at the same
@@ -164,14 +169,30 @@ class tally_grower {
   tally_handoff hand_off(std::vector<std::int64_t> const& ids);
   // Puts the subtree grown for a handed node (a file grow_handed wrote) in the node's place.
   void graft(std::int64_t id, std::string const& path);
+  // The same for a subtree already prepruned and pruned where it grew, with the value its
+  // prepruning returned: the final prepruning takes that value instead of descending into it.
+  void graft(std::int64_t id, std::string const& path, float value);
+  // Once done: prepruning of the whole tree. Returns the settled subtrees it did not reach (an
+  // earlier brother's sum met the bound first) and left in the tree: each needs the form grown
+  // without prepruning (regraft) before finish.
+  std::vector<std::int64_t> preprune();
+  // Replaces such a subtree by its form grown without prepruning (pruned if the tree is); an
+  // empty path keeps the one grafted (the two forms are the same).
+  void regraft(std::int64_t id, std::string const& path);
   // Grows every node of h on the cases of parts (the holders' rows_of, in table order: each
   // node's cases then come in the order one table of all the rows holds them), unpruned and not
   // prepruned, on the ordinary grower with the options a single table's growing sets: whole says
   // that every case weight of the table is whole, unit that each is 1. like: any table with the
   // value sets (its rows are not read). The subtree of node i goes to the file paths[i].
-  static void grow_handed(table const& like, tally_handoff const& h,
-                          std::vector<tally_rows const*> const& parts, tree_options const& o,
-                          bool whole, bool unit, std::vector<std::string> const& paths);
+  // With unreached_paths given, each subtree is instead settled where it grows, as the
+  // single-table grower settles a complete subtree: prepruned against h's bound and, if o prunes
+  // and pruning reaches it, pruned; the values its prepruning returned come back (for graft),
+  // and the subtree pruned without prepruning goes to unreached_paths[i] (for regraft).
+  static std::vector<float> grow_handed(table const& like, tally_handoff const& h,
+                                        std::vector<tally_rows const*> const& parts,
+                                        tree_options const& o, bool whole, bool unit,
+                                        std::vector<std::string> const& paths,
+                                        std::vector<std::string> const& unreached_paths = {});
   // Floats of the open nodes' tallies.
   std::size_t tally_size() const;
   // Decides every open node from the summed sparse tallies (offsets ascending, each once); the
@@ -188,7 +209,8 @@ class tally_grower {
   // Decides every open node from the scores of groups that together cover every attribute once;
   // as decide.
   tally_decisions decide_scored(std::vector<tally_scores const*> const& groups);
-  // Once done: the pruned model, with an empty training matrix.
+  // Once done (and prepruned, with every unreached subtree regrafted, if preprune was called):
+  // the pruned model, with an empty training matrix.
   std::unique_ptr<tree_model> finish();
   // The training matrix of a model, flat as tally_worker::evaluate gives it (summed).
   static void set_training(tree_model& m, std::vector<float> const& flat);

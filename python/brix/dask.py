@@ -270,18 +270,39 @@ def _rows_of(holder, ids):
     return holder.worker.rows_of(ids)
 
 
-def _grow_handed(like, nodes, known, min_cases, whole, unit, *parts):
-    """The subtrees of the handed nodes, grown on the rows the holders gave (in table order), as
-    the bytes of their files, in the nodes' order."""
+def _grow_handed(like, nodes, known, bounds, reach, confidence, min_cases, pruning, whole, unit,
+                 *parts):
+    """The subtrees of the handed nodes, grown on the rows the holders gave (in table order) and
+    settled here (prepruned against the bound their ancestors give, and pruned), in the nodes'
+    order: per node the bytes of its file, its prepruning value, and the bytes of its form
+    pruned without prepruning (None when the same), wanted only if the whole tree's prepruning
+    does not reach the node."""
     with tempfile.TemporaryDirectory() as d:
         paths = [os.path.join(d, f"{i}.tree") for i in range(len(known))]
-        _core.TallyGrower.grow_handed(like.table, nodes, known, list(parts), min_cases,
-                                      whole, unit, paths)
+        alone = [os.path.join(d, f"{i}.alone.tree") for i in range(len(known))]
+        values = _core.TallyGrower.grow_handed(like.table, nodes, known, bounds, reach,
+                                               list(parts), confidence, min_cases, pruning,
+                                               whole, unit, paths, alone)
         out = []
-        for p in paths:
+        for p, q, v in zip(paths, alone, values.tolist()):
             with open(p, "rb") as f:
-                out.append(f.read())
+                settled = f.read()
+            with open(q, "rb") as f:
+                other = f.read()
+            out.append((settled, v, None if other == settled else other))
     return out
+
+
+def _settled(grown):
+    return [(blob, v) for blob, v, _ in grown]
+
+
+def _unreached_forms(grown):
+    return [other for _, _, other in grown]
+
+
+def _item(items, k):
+    return items[k]
 
 
 def _evaluate(holder, model_bytes):
@@ -490,6 +511,7 @@ class TreeClassifier(_LocalTreeClassifier):
             limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
+            unreached = {}  # node: (future of its task's unreached forms, place in it)
             held = _results(client, client.map(_counts, holders, pure=False))
             del source, xs, ys, ws
             # Seconds of the value-set pass, of merging the value sets (and a table of them on
@@ -512,12 +534,13 @@ class TreeClassifier(_LocalTreeClassifier):
                 if len(grower.open_ids()):
                     decisions = self._decide(client, grower, holders, widths,
                                              len(classes) + 1, level)
-                self._graft(client, grower, grown, level)
+                self._graft(client, grower, grown, level, unreached)
                 self.fit_levels_.append(level)
                 if decisions is not None and not grower.done:
                     holders = client.map(_applied, holders, decisions=decisions, pure=False)
                     held = _results(client, client.map(_counts, holders, pure=False))
                 level["seconds"] = time.perf_counter() - t0
+            self._preprune(client, grower, unreached)
             model = grower.finish()
             self._model = model
             # Sent once, not once a partition.
@@ -598,14 +621,15 @@ class TreeClassifier(_LocalTreeClassifier):
             ids = mine[w]
             if not ids:
                 continue
-            nodes, known = grower.hand_off(ids)
+            nodes, known, bounds, reach = grower.hand_off(ids)
             # In table order, so that each node's cases come as one table would hold them.
             sources = [(h, p) for h, p, has in zip(holders, place, holds)
                        if not has.isdisjoint(ids)]
             parts = [client.submit(_rows_of, h, ids, pure=False) for h, _ in sources]
             away = [part for part, (_, p) in zip(parts, sources) if w not in p]
             like = self._likes.get(w) or next(iter(self._likes.values()))
-            grown = client.submit(_grow_handed, like, nodes, known, float(self.min_cases),
+            grown = client.submit(_grow_handed, like, nodes, known, bounds, reach,
+                                  float(self.confidence), float(self.min_cases), self.pruning,
                                   flags[0], flags[1], *parts, workers=[w],
                                   allow_other_workers=True, pure=False)
             out.append((ids, grown, client.map(_nbytes, away, pure=False)))
@@ -613,17 +637,37 @@ class TreeClassifier(_LocalTreeClassifier):
             level["handed_cases"] += int(sum(total[i] for i in ids))
         return out
 
-    def _graft(self, client, grower, grown, level):
+    def _graft(self, client, grower, grown, level, unreached):
+        """Grafts the settled subtrees; their forms without prepruning stay on the workers
+        (in unreached, by node) until the whole tree's prepruning tells which it needs."""
         for ids, subtrees, sizes in grown:
-            blobs = _results(client, [subtrees])[0]
+            settled = client.submit(_settled, subtrees, pure=False)
+            forms = client.submit(_unreached_forms, subtrees, pure=False)
+            unreached.update((i, (forms, k)) for k, i in enumerate(ids))
+            blobs = _results(client, [settled])[0]
+            del settled
             level["handed_row_bytes"] += int(sum(_results(client, sizes)))
             with tempfile.TemporaryDirectory() as d:
                 p = os.path.join(d, "subtree.tree")
-                for i, blob in zip(ids, blobs):
+                for i, (blob, value) in zip(ids, blobs):
                     level["subtree_bytes"] += len(blob)
                     with open(p, "wb") as f:
                         f.write(blob)
-                    grower.graft(i, p)
+                    grower.graft(i, p, value)
+
+    def _preprune(self, client, grower, unreached):
+        """The whole tree's prepruning; the settled subtrees it does not reach take their forms
+        grown without it."""
+        ids = grower.preprune().tolist()
+        forms = _results(client, [client.submit(_item, *unreached[i], pure=False) for i in ids])
+        unreached.clear()
+        with tempfile.TemporaryDirectory() as d:
+            p = os.path.join(d, "subtree.tree")
+            for i, blob in zip(ids, forms):
+                if blob is not None:
+                    with open(p, "wb") as f:
+                        f.write(blob)
+                grower.regraft(i, p if blob is not None else "")
 
     def predict_proba(self, X):
         if not _is_dask_collection(X):

@@ -402,30 +402,46 @@ PYBIND11_MODULE(_core, m) {
       .def("hand_off",
            [](brix::tally_grower& g, std::vector<std::int64_t> const& ids) {
              brix::tally_handoff h = g.hand_off(ids);
-             return py::make_tuple(to_array(h.nodes), to_array(h.known));
+             return py::make_tuple(to_array(h.nodes), to_array(h.known), to_array(h.bounds),
+                                   to_array(h.reach));
            })
-      .def("graft", &brix::tally_grower::graft)
-      .def_static("grow_handed",
-                  [](brix::table const& like, std::vector<std::int64_t> nodes,
-                     std::vector<float> known, py::list parts, float min_cases, bool whole,
-                     bool unit, std::vector<std::string> const& paths) {
-                    brix::tally_handoff h{std::move(nodes), std::move(known)};
-                    // (nodes, weights, orders) of each holder, in table order.
-                    std::vector<brix::tally_rows> rows(parts.size());
-                    for (std::size_t i = 0; i < rows.size(); ++i) {
-                      py::tuple t = parts[i].cast<py::tuple>();
-                      rows[i].nodes = from_array<std::int64_t>(t[0]);
-                      rows[i].weights = from_array<float>(t[1]);
-                      rows[i].orders = from_array<std::uint32_t>(t[2]);
-                    }
-                    std::vector<brix::tally_rows const*> ptrs;
-                    for (auto const& r : rows)
-                      ptrs.push_back(&r);
-                    brix::tree_options o;
-                    o.min_cases = min_cases;
-                    py::gil_scoped_release release;
-                    brix::tally_grower::grow_handed(like, h, ptrs, o, whole, unit, paths);
-                  })
+      .def("graft", py::overload_cast<std::int64_t, std::string const&>(&brix::tally_grower::graft))
+      .def("graft",
+           py::overload_cast<std::int64_t, std::string const&, float>(&brix::tally_grower::graft))
+      .def("preprune", [](brix::tally_grower& g) { return to_array(g.preprune()); })
+      .def("regraft", &brix::tally_grower::regraft)
+      // With bounds and reach given (hand_off's), each subtree is settled where it grows and
+      // the values of its prepruning come back; unreached_paths get the forms for regraft.
+      .def_static(
+          "grow_handed",
+          [](brix::table const& like, std::vector<std::int64_t> nodes, std::vector<float> known,
+             std::vector<float> bounds, std::vector<std::int64_t> reach, py::list parts,
+             float confidence, float min_cases, std::string const& pruning, bool whole, bool unit,
+             std::vector<std::string> const& paths,
+             std::vector<std::string> const& unreached_paths) {
+            brix::tally_handoff h{std::move(nodes), std::move(known), std::move(bounds),
+                                  std::move(reach)};
+            // (nodes, weights, orders) of each holder, in table order.
+            std::vector<brix::tally_rows> rows(parts.size());
+            for (std::size_t i = 0; i < rows.size(); ++i) {
+              py::tuple t = parts[i].cast<py::tuple>();
+              rows[i].nodes = from_array<std::int64_t>(t[0]);
+              rows[i].weights = from_array<float>(t[1]);
+              rows[i].orders = from_array<std::uint32_t>(t[2]);
+            }
+            std::vector<brix::tally_rows const*> ptrs;
+            for (auto const& r : rows)
+              ptrs.push_back(&r);
+            brix::tree_options o =
+                tree_options_of(confidence, min_cases, pruning, brix::tree_options().threads);
+            std::vector<float> values;
+            {
+              py::gil_scoped_release release;
+              values = brix::tally_grower::grow_handed(like, h, ptrs, o, whole, unit, paths,
+                                                       unreached_paths);
+            }
+            return to_array(values);
+          })
       .def_property_readonly("tally_size", &brix::tally_grower::tally_size)
       .def("decide",
            [](brix::tally_grower& g, std::vector<std::int64_t> const& at,

@@ -33,11 +33,19 @@ std::vector<std::vector<float>> training_of(brix::tree_model const& m) {
   return m.facade().get_impl()->get_prediction()->cells();
 }
 
+// Settled subtrees' forms without prepruning, by node, until the whole tree's prepruning.
+using unreached_forms = std::map<std::int64_t, std::string>;
+
+std::string temp_path(std::string const& what, std::size_t i) {
+  return testing::TempDir() + what + "_" + std::to_string(getpid()) + "_" + std::to_string(i);
+}
+
 // Open nodes of at most hand_off cases grown whole from the holders' rows, as one process would
-// grow them, and grafted.
+// grow them, and grafted; settled where they grow when forms is given.
 void hand_off_small(brix::table& t, brix::tally_grower& grower,
                     std::vector<std::unique_ptr<brix::tally_worker>> const& workers,
-                    brix::tree_options const& o, std::size_t hand_off, bool whole, bool unit) {
+                    brix::tree_options const& o, std::size_t hand_off, bool whole, bool unit,
+                    unreached_forms* forms) {
   std::map<std::int64_t, std::int64_t> total;
   for (auto const& w : workers) {
     std::vector<std::int64_t> nodes, counts;
@@ -56,27 +64,49 @@ void hand_off_small(brix::table& t, brix::tally_grower& grower,
     workers[i]->rows_of(small, rows[i]);
     parts.push_back(&rows[i]);
   }
-  std::vector<std::string> paths;
-  for (std::size_t i = 0; i < small.size(); ++i)
-    paths.push_back(testing::TempDir() + "handed_" + std::to_string(getpid()) + "_" +
-                    std::to_string(i));
-  brix::tally_grower::grow_handed(t, h, parts, o, whole, unit, paths);
+  std::vector<std::string> paths, alone;
   for (std::size_t i = 0; i < small.size(); ++i) {
-    grower.graft(small[i], paths[i]);
+    paths.push_back(temp_path("handed", i));
+    if (forms != nullptr) alone.push_back(temp_path("alone", forms->size() + i));
+  }
+  std::vector<float> values =
+      brix::tally_grower::grow_handed(t, h, parts, o, whole, unit, paths, alone);
+  ASSERT_EQ(values.size(), alone.size());
+  for (std::size_t i = 0; i < small.size(); ++i) {
+    if (forms != nullptr) {
+      grower.graft(small[i], paths[i], values[i]);
+      (*forms)[small[i]] = alone[i];
+    } else {
+      grower.graft(small[i], paths[i]);
+    }
     std::remove(paths[i].c_str());
   }
 }
 
+// The whole tree's prepruning, the settled subtrees it leaves unreached regrafted; how many.
+std::size_t preprune_settled(brix::tally_grower& grower, unreached_forms& forms) {
+  std::vector<std::int64_t> ids = grower.preprune();
+  for (std::int64_t id : ids)
+    grower.regraft(id, forms.at(id));
+  for (auto const& f : forms)
+    std::remove(f.second.c_str());
+  return ids.size();
+}
+
+// Settled subtrees that the whole tree's prepruning left unreached, over every growing here.
+std::size_t unreached_seen = 0;
+
 std::unique_ptr<brix::tree_model> grown_on(
     brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
     brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
-    unsigned groups);
+    unsigned groups, bool settle = false);
 
 // Rows dealt out to k holders, in blocks or one by one.
 std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
                                                  brix::tree_options const& o, bool dealt,
                                                  std::size_t hand_off = 0, bool unit = true,
-                                                 bool whole = true, unsigned groups = 1) {
+                                                 bool whole = true, unsigned groups = 1,
+                                                 bool settle = false) {
   unsigned long n = t.get_no_rows();
   std::vector<std::vector<unsigned long>> parts(k);
   for (unsigned long r = 0; r < n; ++r)
@@ -84,17 +114,18 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   std::vector<std::unique_ptr<brix::tally_worker>> workers;
   for (auto const& p : parts)
     workers.emplace_back(new brix::tally_worker(t, p));
-  return grown_on(t, workers, o, dealt, hand_off, unit, whole, groups);
+  return grown_on(t, workers, o, dealt, hand_off, unit, whole, groups, settle);
 }
 
 // The tree of the holders' cases; t: a table with every value set.
 std::unique_ptr<brix::tree_model> grown_on(
     brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
     brix::tree_options const& o, bool dealt, std::size_t hand_off, bool unit, bool whole,
-    unsigned groups) {
+    unsigned groups, bool settle) {
   brix::tally_grower grower(t, o, brix::tally_grower::root_ranges(t));
+  unreached_forms forms;
   while (!grower.done()) {
-    hand_off_small(t, grower, workers, o, hand_off, whole, unit);
+    hand_off_small(t, grower, workers, o, hand_off, whole, unit, settle ? &forms : nullptr);
     if (grower.open_ids().empty()) break;
     std::vector<std::int64_t> open = grower.open();
     if (groups > 1) {
@@ -173,6 +204,7 @@ std::unique_ptr<brix::tree_model> grown_on(
       }
     }
   }
+  if (settle) unreached_seen += preprune_settled(grower, forms);
   auto model = grower.finish();
   std::vector<float> training;
   for (auto& w : workers) {
@@ -195,8 +227,10 @@ void expect_same_tree(brix::table& t, brix::tree_options const& o, std::string c
   for (std::size_t hand_off : {std::size_t(0), t.get_no_rows() / 10, t.get_no_rows()}) {
     for (unsigned k : {1u, 2u, 7u, 16u}) {
       for (bool dealt : {false, k == 7}) {
-        // In 2 and 16 parts the attributes are searched in two groups.
-        auto parts = grown_in_parts(t, k, o, dealt, hand_off, unit, true, k % 2 ? 1 : 2);
+        // In 2 and 16 parts the attributes are searched in two groups; in 2 and 7 the handed
+        // subtrees are settled where they grow.
+        auto parts =
+            grown_in_parts(t, k, o, dealt, hand_off, unit, true, k % 2 ? 1 : 2, k == 2 || k == 7);
         std::string where = what + " in " + std::to_string(k) + (dealt ? " dealt" : " block") +
                             " parts, hand-off at " + std::to_string(hand_off);
         EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
@@ -274,6 +308,8 @@ TEST(TallyGrowing, SeededTablesInAnyPartsGrowTheWholeTablesTree) {
     o.prune = c.prune;
     expect_same_tree(*t, o, "seed " + std::to_string(c.seed), !c.weights);
   }
+  // Some settled subtrees were left unreached by prepruning and took their other form.
+  EXPECT_GT(unreached_seen, 0u);
 }
 
 TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
@@ -283,7 +319,7 @@ TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
     brix::tree_options o;
     auto whole = brix::tree_model::train(*t, o);
     for (unsigned k : {1u, 3u, 7u}) {
-      auto parts = grown_in_parts(*t, k, o, false, t->get_no_rows(), false, false);
+      auto parts = grown_in_parts(*t, k, o, false, t->get_no_rows(), false, false, 1, k == 3);
       std::string where = "seed " + std::to_string(seed) + ", " + std::to_string(k) + " parts";
       EXPECT_EQ(text_of(*parts), text_of(*whole)) << where;
       // The training matrix adds each holder's evaluation: sums of fractions in another order.
@@ -321,7 +357,8 @@ TEST(TallyGrowing, TablesOfTheirOwnValuesGrowTheWholeTablesTree) {
           }
           workers.back()->set_orders(orders);
         }
-        auto grown = grown_on(*t, workers, o, false, hand_off, !unknown, !unknown, k % 2 + 1);
+        auto grown =
+            grown_on(*t, workers, o, false, hand_off, !unknown, !unknown, k % 2 + 1, k == 5);
         std::string where = std::string(unknown ? "unknown values, " : "") + std::to_string(k) +
                             " parts, hand-off at " + std::to_string(hand_off);
         EXPECT_EQ(text_of(*grown), text_of(*expected)) << where;
@@ -371,6 +408,27 @@ TEST(TallyGrowing, HandedRowsOfOtherNodesOrTablesAreRefused) {
   std::remove(path.c_str());
   EXPECT_TRUE(g.done());
   EXPECT_EQ(text_of(*g.finish()), text_of(*brix::tree_model::train(*t, brix::tree_options{})));
+
+  // Settled where it grows: a bound a node is needed, and only what prepruning leaves
+  // unreached may be regrafted (a root is always reached).
+  brix::tally_grower s(*t, brix::tree_options{});
+  brix::tally_handoff settled = s.hand_off({0});
+  std::string alone = path + "_alone";
+  brix::tally_handoff unbounded = settled;
+  unbounded.bounds.clear();
+  EXPECT_THROW(brix::tally_grower::grow_handed(*t, unbounded, {&rows}, brix::tree_options{}, true,
+                                               true, {path}, {alone}),
+               std::invalid_argument);
+  std::vector<float> values = brix::tally_grower::grow_handed(
+      *t, settled, {&rows}, brix::tree_options{}, true, true, {path}, {alone});
+  ASSERT_EQ(values.size(), 1u);
+  s.graft(0, path, values[0]);
+  EXPECT_THROW(s.regraft(0, alone), std::invalid_argument);
+  EXPECT_TRUE(s.preprune().empty());
+  EXPECT_THROW(s.preprune(), std::logic_error);
+  std::remove(path.c_str());
+  std::remove(alone.c_str());
+  EXPECT_EQ(text_of(*s.finish()), text_of(*brix::tree_model::train(*t, brix::tree_options{})));
 }
 
 TEST(TallyGrowing, SharedDatasetsGrowBrixcmdsTree) {

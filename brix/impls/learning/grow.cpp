@@ -239,7 +239,14 @@ void _decision_tree::grow_depth(table* t, int split_type, float min_obj, options
   }
 }
 
-float _decision_tree::preprune(float bound) {
+float _decision_tree::preprune(float bound, settled_subtrees* settled) {
+  if (settled != nullptr) {
+    auto it = settled->value.find(this);
+    if (it != settled->value.end()) {
+      settled->reached.insert(this);
+      return it->second;
+    }
+  }
   _decision_node* n = get_node();
   if (n->status_ == _decision_node::LEAF_NODE) return n->error_;
   if (n->status_ != _decision_node::SPLIT_NODE) {
@@ -248,10 +255,14 @@ float _decision_tree::preprune(float bound) {
   preprune_step step(n->get_leaf_error(), bound);
   float sum = 0.0f;
   for (unsigned long i = 0; i < get_no_childs(); ++i) {
-    sum += get_child(i)->preprune(step.bound);
+    sum += get_child(i)->preprune(step.bound, settled);
     if (sum >= step.bound) break;
   }
   return step.settle(*this, sum);
+}
+
+float _decision_tree::child_bound(float leaf_error, float bound) {
+  return preprune_step(leaf_error, bound).bound;
 }
 
 void _decision_tree::collapse(float error) {

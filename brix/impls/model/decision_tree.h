@@ -8,6 +8,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -119,6 +121,15 @@ struct prune_params {
   float coeff;
 };
 
+class _decision_tree;
+
+// Subtrees grown and prepruned elsewhere, each against the bound its place in the tree gives it:
+// prepruning takes each one's value instead of descending into it, and notes those it reaches.
+struct settled_subtrees {
+  std::unordered_map<_decision_tree const*, float> value;
+  std::unordered_set<_decision_tree const*> reached;
+};
+
 class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tree> {
  public:
   _decision_tree() = default;
@@ -142,7 +153,10 @@ class _decision_tree : public zel::adt::basic_tree<_decision_node, _decision_tre
                   std::vector<w_sequence*>& parts, std::vector<float>& shares,
                   std::vector<order_range>& ranges);
   void build_ff(table* t, int split_type, float min_obj, options const* opts, int nworkers);
-  float preprune(float bound);
+  float preprune(float bound, settled_subtrees* settled = nullptr);
+  // The bound prepruning hands the children of a split node of this leaf error when it reaches
+  // the node with bound.
+  static float child_bound(float leaf_error, float bound);
 
   static float CFCoefficient(float cf);
   static float add_errs(float cf, float coeff, float n, float e);

@@ -122,6 +122,22 @@ def test_agrawal_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts,
     assert clf.score(X, y) == local.score(X, y)
 
 
+def test_handed_subtrees_settle_on_their_workers_as_brixcmd_settles_them(client, tmp_path):
+    # Noisy labels grow deep subtrees that pruning cuts back: each handed node is prepruned
+    # against the bound its ancestors give and pruned where it grows, only that reaches the
+    # client, and the tree is brixcmd's with pruning or without.
+    X, y = agrawal_like(20000, 13)
+    stem = write_stem(tmp_path, X, y)
+    sent = {}
+    for pruning, flags in (("error", []), ("none", ["-np"])):
+        clf, _ = fit_dask(client, X, y, 3, hand_off_cases=4000, pruning=pruning)
+        assert clf.export_text() == tree_of(brixcmd("-f", stem, "-tstd", *flags)), pruning
+        levels = clf.fit_levels_
+        assert sum(v["handed_nodes"] for v in levels) >= 2
+        sent[pruning] = sum(v["subtree_bytes"] for v in levels)
+    assert sent["error"] < sent["none"] / 2
+
+
 def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_path):
     # Distinct 64-bit numbers that are one 32-bit float, each partition holding its own: the
     # merged value sets and each partition's orders among them are those of the tables' type.

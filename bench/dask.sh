@@ -3,11 +3,11 @@
 # on the same rows: wall, the client's peak memory, what moved per level, and whether the trees
 # are the same. The machine's load (uptime) is printed beside each run.
 # --20m also runs a 20M-row table made by bench/agrawal in a temporary folder (several minutes,
-# a few GB of memory and disk).
-# Usage: bash bench/dask.sh build/brixcmd [--20m]
+# a few GB of memory and disk); --rows=N a table of N rows made the same way.
+# Usage: bash bench/dask.sh build/brixcmd [--20m | --rows=N]
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-brixcmd=${1:?usage: bench/dask.sh path/to/brixcmd [--20m]}
+brixcmd=${1:?usage: bench/dask.sh path/to/brixcmd [--20m | --rows=N]}
 big=${2:-}
 build=$(cd "$(dirname "$brixcmd")" && pwd)
 data=${BRIX_SHARED_DATA:-$here/../../shared/data}
@@ -49,11 +49,16 @@ zcat "$stem.data.gz" > "$work/1m/all.data"
 run "$stem.names" "$work/1m/all.data" "$work/1m"
 rm -rf "$work/1m"
 
-if [ "$big" = "--20m" ]; then
+rows=
+case "$big" in
+  --20m) rows=20000000 ;;
+  --rows=*) rows=${big#--rows=} ;;
+esac
+if [ -n "$rows" ]; then
   generator=$build/bench/agrawal
   [ -x "$generator" ] || { echo "no $generator: build the agrawal target"; exit 1; }
-  mkdir "$work/20m"
-  "$generator" 20000000 "$work/20m/agr20m" > /dev/null
-  rm -f "$work/20m/agr20m.test"
-  run "$work/20m/agr20m.names" "$work/20m/agr20m.data" "$work/20m"
+  mkdir "$work/big"
+  "$generator" "$rows" "$work/big/agr$rows" > /dev/null
+  rm -f "$work/big/agr$rows.test"
+  run "$work/big/agr$rows.names" "$work/big/agr$rows.data" "$work/big"
 fi

@@ -19,8 +19,9 @@
 //
 // A node whose cases are few is better grown whole in one place by the ordinary grower: the
 // holders give its cases with their rows' value orders (tally_worker::rows_of), one process
-// gathers them from every holder in table order and grows the node's subtree unpruned
-// (tally_grower::grow_handed), and the deciding grower grafts the subtree in its place.
+// gathers them from every holder in table order and grows the node's subtree, settling it there
+// as the single-table grower settles a complete subtree (tally_grower::grow_handed), and the
+// deciding grower grafts the subtree in its place: only pruned subtrees travel.
 #ifndef BRIX_TALLIES_H
 #define BRIX_TALLIES_H
 

@@ -10,7 +10,7 @@ groups, each group's tallies are added up in a tree reduction and searched on it
 engine's own split search, and the client only chooses among the groups' best splits with the
 engine's choice rule. The workers share their cases out to the children. A node of few cases is
 instead grown whole on one worker by the ordinary grower (its rows move there from the other
-workers) and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
+workers), prepruned and pruned there, and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
 whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
 """
 import os

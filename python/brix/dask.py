@@ -233,6 +233,17 @@ def _hold(est, X, y, w, keep, values):
     return _Holder(worker)
 
 
+def _pairwise(client, fn, futures):
+    """One future of fn folded over futures in a tree of pairs, on the workers."""
+    while len(futures) > 1:
+        paired = [client.submit(fn, futures[i], futures[i + 1], pure=False)
+                  for i in range(0, len(futures) - 1, 2)]
+        if len(futures) % 2:
+            paired.append(futures[-1])
+        futures = paired
+    return futures[0]
+
+
 def _tallies(holder, open_nodes, cols, only):
     at, rows, counts = holder.worker.tallies(open_nodes, only)
     return at, rows.reshape(-1, cols), counts
@@ -460,14 +471,8 @@ class TreeClassifier(_LocalTreeClassifier):
                                  "text (such as 1 and '1'); make them one type")
             total = sum(d["weight"] for d in parts)
             _warn_past_exact(total)
-            merged = client.map(_columns_of, keep_parts, pure=False)
-            while len(merged) > 1:
-                paired = [client.submit(_merge, merged[i], merged[i + 1], pure=False)
-                          for i in range(0, len(merged) - 1, 2)]
-                if len(merged) % 2:
-                    paired.append(merged[-1])
-                merged = paired
-            keep = client.submit(_keep, merged[0], names, kinds,
+            merged = _pairwise(client, _merge, client.map(_columns_of, keep_parts, pure=False))
+            keep = client.submit(_keep, merged, names, kinds,
                                  [self._label_text[c] for c in classes], pure=False)
             del merged, described, keep_parts
             # A local estimator with the fitted kinds and labels: it turns each partition into a
@@ -583,13 +588,9 @@ class TreeClassifier(_LocalTreeClassifier):
             tallies = client.map(_tallies, holders, open_nodes=open_nodes, cols=cols, only=atts,
                                  pure=False)
             sizes += client.map(_nbytes, tallies, pure=False)
-            while len(tallies) > 1:
-                paired = [client.submit(_add, tallies[i], tallies[i + 1], pure=False)
-                          for i in range(0, len(tallies) - 1, 2)]
-                if len(tallies) % 2:
-                    paired.append(tallies[-1])
-                tallies = paired
-            scores.append(client.submit(_score, like, tallies[0], open_nodes, atts,
+            summed = _pairwise(client, _add, tallies)
+            del tallies  # each partition's tallies freed once added
+            scores.append(client.submit(_score, like, summed, open_nodes, atts,
                                         float(self.min_cases), workers=[w],
                                         allow_other_workers=True, pure=False))
         scored = _results(client, scores)

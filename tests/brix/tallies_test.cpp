@@ -117,6 +117,34 @@ std::unique_ptr<brix::tree_model> grown_in_parts(brix::table& t, unsigned k,
   return grown_on(t, workers, o, dealt, hand_off, unit, whole, groups, settle);
 }
 
+// The holders' tallies of the open nodes summed row by row (only: the attributes tallied, empty
+// for all), as the cluster adds them; at ascending.
+void sum_tallies(std::vector<std::unique_ptr<brix::tally_worker>> const& workers,
+                 std::vector<std::int64_t> const& open, std::vector<std::int64_t> const& only,
+                 std::vector<std::int64_t>& at, std::vector<float>& rows,
+                 std::vector<std::int64_t>& counts) {
+  std::map<std::int64_t, std::vector<float>> sums;
+  for (auto const& w : workers) {
+    std::vector<std::int64_t> part_at, c;
+    std::vector<float> part;
+    w->tallies(open, part_at, part, c, only);
+    std::size_t cols = part.size() / std::max<std::size_t>(part_at.size(), 1);
+    for (std::size_t i = 0; i < part_at.size(); ++i) {
+      std::vector<float>& s = sums[part_at[i]];
+      s.resize(cols, 0.0f);
+      for (std::size_t k = 0; k < cols; ++k)
+        s[k] += part[i * cols + k];
+    }
+    counts.resize(c.size(), 0);
+    for (std::size_t i = 0; i < c.size(); ++i)
+      counts[i] += c[i];
+  }
+  for (auto const& e : sums) {
+    at.push_back(e.first);
+    rows.insert(rows.end(), e.second.begin(), e.second.end());
+  }
+}
+
 // The tree of the holders' cases; t: a table with every value set.
 std::unique_ptr<brix::tree_model> grown_on(
     brix::table& t, std::vector<std::unique_ptr<brix::tally_worker>>& workers,
@@ -134,29 +162,9 @@ std::unique_ptr<brix::tree_model> grown_on(
       for (unsigned g = 0; g < groups; ++g) {
         for (unsigned long a = g; a < t.get_impl()->get_no_attributes(); a += groups)
           scores[g].atts.push_back(static_cast<std::int64_t>(a));
-        std::map<std::int64_t, std::vector<float>> sums;
-        std::vector<std::int64_t> counts;
-        for (auto& w : workers) {
-          std::vector<std::int64_t> at, c;
-          std::vector<float> rows;
-          w->tallies(open, at, rows, c, scores[g].atts);
-          std::size_t cols = rows.size() / std::max<std::size_t>(at.size(), 1);
-          for (std::size_t i = 0; i < at.size(); ++i) {
-            std::vector<float>& s = sums[at[i]];
-            s.resize(cols, 0.0f);
-            for (std::size_t k = 0; k < cols; ++k)
-              s[k] += rows[i * cols + k];
-          }
-          counts.resize(c.size(), 0);
-          for (std::size_t i = 0; i < c.size(); ++i)
-            counts[i] += c[i];
-        }
-        std::vector<std::int64_t> at;
+        std::vector<std::int64_t> at, counts;
         std::vector<float> rows;
-        for (auto const& e : sums) {
-          at.push_back(e.first);
-          rows.insert(rows.end(), e.second.begin(), e.second.end());
-        }
+        sum_tallies(workers, open, scores[g].atts, at, rows, counts);
         scores[g] = brix::tally_grower::score(t, o, open, scores[g].atts, at, rows, counts);
       }
       std::vector<brix::tally_scores const*> ptrs;
@@ -167,30 +175,11 @@ std::unique_ptr<brix::tree_model> grown_on(
         w = w->applied(d);
       continue;
     }
-    std::map<std::int64_t, std::vector<float>> sums;
-    std::vector<std::int64_t> counts;
-    for (auto& w : workers) {
-      std::vector<std::int64_t> at, c;
-      std::vector<float> rows;
-      w->tallies(open, at, rows, c);
-      std::size_t cols = rows.size() / std::max<std::size_t>(at.size(), 1);
-      for (std::size_t i = 0; i < at.size(); ++i) {
-        std::vector<float>& s = sums[at[i]];
-        s.resize(cols, 0.0f);
-        for (std::size_t k = 0; k < cols; ++k)
-          s[k] += rows[i * cols + k];
-      }
-      counts.resize(c.size(), 0);
-      for (std::size_t i = 0; i < c.size(); ++i)
-        counts[i] += c[i];
-    }
-    std::vector<std::int64_t> at;
+    std::vector<std::int64_t> at, counts;
     std::vector<float> rows;
-    for (auto const& e : sums) {
-      EXPECT_LT(static_cast<std::size_t>(e.first), grower.tally_size());
-      at.push_back(e.first);
-      rows.insert(rows.end(), e.second.begin(), e.second.end());
-    }
+    sum_tallies(workers, open, {}, at, rows, counts);
+    for (std::int64_t a : at)
+      EXPECT_LT(static_cast<std::size_t>(a), grower.tally_size());
     brix::tally_decisions d = grower.decide(at, rows, counts);
     for (auto& w : workers) {
       w = w->applied(d);

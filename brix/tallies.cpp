@@ -88,30 +88,42 @@ void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& 
                std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows) {
   if (cols == 0 || a_rows.size() != a_at.size() * cols || b_rows.size() != b_at.size() * cols)
     throw std::invalid_argument("tallies: rows do not match their offsets");
-  at.clear();
-  rows.clear();
-  at.reserve(a_at.size() + b_at.size());
-  rows.reserve(a_rows.size() + b_rows.size());
-  std::size_t i = 0, j = 0;
-  while (i < a_at.size() || j < b_at.size()) {
-    bool take_a = j == b_at.size() || (i < a_at.size() && a_at[i] <= b_at[j]);
-    bool both = take_a && j < b_at.size() && a_at[i] == b_at[j];
-    std::size_t from = rows.size();
-    if (take_a) {
-      at.push_back(a_at[i]);
-      rows.insert(rows.end(), a_rows.begin() + static_cast<std::ptrdiff_t>(i * cols),
-                  a_rows.begin() + static_cast<std::ptrdiff_t>((i + 1) * cols));
+  tally_add(a_at.data(), a_at.size(), a_rows.data(), b_at.data(), b_at.size(), b_rows.data(), cols,
+            at, rows);
+}
+
+void tally_add(std::int64_t const* a_at, std::size_t a_n, float const* a_rows,
+               std::int64_t const* b_at, std::size_t b_n, float const* b_rows, std::size_t cols,
+               std::vector<std::int64_t>& at, std::vector<float>& rows) {
+  if (cols == 0) throw std::invalid_argument("tallies: rows do not match their offsets");
+  // Sized once to the union (a first pass over the offsets), then filled in place.
+  std::size_t n = 0;
+  for (std::size_t i = 0, j = 0; i < a_n || j < b_n; ++n) {
+    if (j == b_n || (i < a_n && a_at[i] < b_at[j]))
       ++i;
+    else if (i == a_n || b_at[j] < a_at[i])
+      ++j;
+    else
+      ++i, ++j;
+  }
+  at.resize(n);
+  rows.resize(n * cols);
+  std::size_t i = 0, j = 0;
+  for (std::size_t k = 0; k < n; ++k) {
+    float* out = &rows[k * cols];
+    if (j == b_n || (i < a_n && a_at[i] < b_at[j])) {
+      at[k] = a_at[i];
+      std::copy(a_rows + i * cols, a_rows + (i + 1) * cols, out);
+      ++i;
+    } else if (i == a_n || b_at[j] < a_at[i]) {
+      at[k] = b_at[j];
+      std::copy(b_rows + j * cols, b_rows + (j + 1) * cols, out);
+      ++j;
     } else {
-      at.push_back(b_at[j]);
-      rows.insert(rows.end(), b_rows.begin() + static_cast<std::ptrdiff_t>(j * cols),
-                  b_rows.begin() + static_cast<std::ptrdiff_t>((j + 1) * cols));
-      ++j;
-    }
-    if (both) {
-      for (std::size_t k = 0; k < cols; ++k)
-        rows[from + k] += b_rows[j * cols + k];
-      ++j;
+      at[k] = a_at[i];
+      for (std::size_t c = 0; c < cols; ++c)
+        out[c] = a_rows[i * cols + c] + b_rows[j * cols + c];
+      ++i, ++j;
     }
   }
 }

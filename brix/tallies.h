@@ -89,6 +89,11 @@ struct tally_handoff {
 void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
                std::vector<std::int64_t> const& b_at, std::vector<float> const& b_rows,
                std::size_t cols, std::vector<std::int64_t>& at, std::vector<float>& rows);
+// The same over arrays held elsewhere (a_n offsets and a_n x cols floats of a, likewise b), read
+// in place.
+void tally_add(std::int64_t const* a_at, std::size_t a_n, float const* a_rows,
+               std::int64_t const* b_at, std::size_t b_n, float const* b_rows, std::size_t cols,
+               std::vector<std::int64_t>& at, std::vector<float>& rows);
 
 // One table's share of the cases. The table must outlive it.
 class tally_worker {

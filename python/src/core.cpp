@@ -172,6 +172,22 @@ py::array_t<T> to_array(std::vector<T> const& v) {
   return a;
 }
 
+// The vector's storage handed to numpy as it is (no copy): tallies run to hundreds of MB.
+template <class T>
+py::array_t<T> moved_array(std::vector<T>&& v) {
+  auto* held = new std::vector<T>(std::move(v));
+  py::capsule owner(held, [](void* p) { delete static_cast<std::vector<T>*>(p); });
+  return py::array_t<T>(static_cast<py::ssize_t>(held->size()), held->data(), owner);
+}
+
+// A C-contiguous array of T viewing h (a copy only when h is of another type or layout).
+template <class T>
+py::array_t<T, py::array::c_style | py::array::forcecast> array_of(py::handle h) {
+  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
+  if (!a) throw std::invalid_argument("expected an array of numbers");
+  return a;
+}
+
 template <class T>
 std::vector<T> from_array(py::handle h) {
   auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
@@ -269,7 +285,8 @@ PYBIND11_MODULE(_core, m) {
               py::gil_scoped_release release;
               w.w->tallies(open, at, rows, counts, only);
             }
-            return py::make_tuple(to_array(at), to_array(rows), to_array(counts));
+            return py::make_tuple(moved_array(std::move(at)), moved_array(std::move(rows)),
+                                  moved_array(std::move(counts)));
           },
           py::arg("open"), py::arg("only") = std::vector<std::int64_t>())
       .def("applied",
@@ -328,15 +345,20 @@ PYBIND11_MODULE(_core, m) {
       });
   m.def("tally_add", [](py::handle a_at_, py::handle a_rows_, py::handle b_at_, py::handle b_rows_,
                         std::size_t cols) {
-    std::vector<std::int64_t> a_at = from_array<std::int64_t>(a_at_),
-                              b_at = from_array<std::int64_t>(b_at_), at;
-    std::vector<float> a_rows = from_array<float>(a_rows_), b_rows = from_array<float>(b_rows_),
-                       rows;
+    auto a_at = array_of<std::int64_t>(a_at_), b_at = array_of<std::int64_t>(b_at_);
+    auto a_rows = array_of<float>(a_rows_), b_rows = array_of<float>(b_rows_);
+    if (cols == 0 || static_cast<std::size_t>(a_rows.size()) != a_at.size() * cols ||
+        static_cast<std::size_t>(b_rows.size()) != b_at.size() * cols)
+      throw std::invalid_argument("tallies: rows do not match their offsets");
+    std::vector<std::int64_t> at;
+    std::vector<float> rows;
     {
       py::gil_scoped_release release;
-      brix::tally_add(a_at, a_rows, b_at, b_rows, cols, at, rows);
+      brix::tally_add(a_at.data(), static_cast<std::size_t>(a_at.size()), a_rows.data(),
+                      b_at.data(), static_cast<std::size_t>(b_at.size()), b_rows.data(), cols, at,
+                      rows);
     }
-    return py::make_tuple(to_array(at), to_array(rows));
+    return py::make_tuple(moved_array(std::move(at)), moved_array(std::move(rows)));
   });
   py::class_<brix::tally_grower>(m, "TallyGrower")
       .def(py::init([](std::shared_ptr<brix::table> t, float confidence, float min_cases,
@@ -359,22 +381,25 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("done", &brix::tally_grower::done)
       // One group of attributes' scores, as a tuple of (atts, classes, counts, gains, splits,
       // thresholds, shares, ranges), for decide_scored.
-      .def_static(
-          "score",
-          [](brix::table const& like, float min_cases, std::vector<std::int64_t> const& open,
-             std::vector<std::int64_t> const& atts, std::vector<std::int64_t> const& at,
-             std::vector<float> const& rows, std::vector<std::int64_t> const& counts) {
-            brix::tree_options o;
-            o.min_cases = min_cases;
-            brix::tally_scores s;
-            {
-              py::gil_scoped_release release;
-              s = brix::tally_grower::score(like, o, open, atts, at, rows, counts);
-            }
-            return py::make_tuple(to_array(s.atts), to_array(s.classes), to_array(s.counts),
-                                  to_array(s.gains), to_array(s.splits), s.thresholds,
-                                  to_array(s.shares), to_array(s.ranges));
-          })
+      .def_static("score",
+                  [](brix::table const& like, float min_cases,
+                     std::vector<std::int64_t> const& open, std::vector<std::int64_t> const& atts,
+                     py::handle at_, py::handle rows_, py::handle counts_) {
+                    brix::tree_options o;
+                    o.min_cases = min_cases;
+                    brix::tally_scores s;
+                    // Arrays, not sequences: converting the tallies number by number costs seconds.
+                    std::vector<std::int64_t> at = from_array<std::int64_t>(at_),
+                                              counts = from_array<std::int64_t>(counts_);
+                    std::vector<float> rows = from_array<float>(rows_);
+                    {
+                      py::gil_scoped_release release;
+                      s = brix::tally_grower::score(like, o, open, atts, at, rows, counts);
+                    }
+                    return py::make_tuple(to_array(s.atts), to_array(s.classes), to_array(s.counts),
+                                          to_array(s.gains), to_array(s.splits), s.thresholds,
+                                          to_array(s.shares), to_array(s.ranges));
+                  })
       .def("decide_scored",
            [](brix::tally_grower& g, py::list groups) {
              std::vector<brix::tally_scores> s(groups.size());

@@ -178,6 +178,44 @@ def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_w
             np.testing.assert_array_equal(got, want)
 
 
+
+def test_two_partitions_tallies_added_equal_those_of_their_rows_held_as_one():
+    # The summed tallies are what the search reads; the sum takes the arrays as the transfer
+    # hands them over (read-only, strided, of another type) without changing a number.
+    from brix import dask as bd
+    X, y = agrawal_like(3000, 5)
+    enc = brix.TreeClassifier().fit(X, y)
+    names = list(enc.feature_names_in_)
+    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
+                    [enc._label_text[c] for c in enc.classes_])
+    like = bd._like(enc, keep, enc._kinds)
+    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
+    open_nodes = grower.open()
+    cols = len(enc.classes_) + 1
+    every = bd._global_values(like, [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"])
+    own = bd._discrete_keep(keep, enc._kinds)
+    first, second, both = (bd._tallies(bd._hold(enc, X[a:b], y[a:b], None, own, every),
+                                       open_nodes, cols, []) for a, b in
+                           ((0, 1000), (1000, 2000), (0, 2000)))
+    summed = bd._add(first, second)
+    for got, want in zip(summed, both):
+        np.testing.assert_array_equal(got, want)
+    frozen = []
+    for t in first:
+        t = t.copy()
+        t.flags.writeable = False
+        frozen.append(t)
+    odd = (np.repeat(second[0], 2)[::2].astype(np.int32), second[1].astype(np.float64),
+           second[2])
+    for got, want in zip(bd._add(tuple(frozen), odd), both):
+        np.testing.assert_array_equal(got, want)
+    scores = bd._score(like, summed, open_nodes, list(range(len(names))), 2.0)
+    assert bd._score(like, both, open_nodes, list(range(len(names))), 2.0)[3].tolist() == \
+        scores[3].tolist()
+    with pytest.raises(ValueError):
+        brix._core.tally_add(first[0], first[1].reshape(-1)[:-1], second[0],
+                             second[1].reshape(-1), cols)
+
 def fit_while(client, action, n=60000):
     """Fits on agrawal-like rows while action() runs once the first level is decided; the tree
     or the exception."""

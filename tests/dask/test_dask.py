@@ -154,43 +154,42 @@ def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_p
                            for v in tallied)
 
 
+def _workers_steps():
+    """The first steps of a fit, in this process: rows, a local estimator, the merged value sets
+    and the root's open nodes."""
+    from brix import dask as bd
+    X, y = agrawal_like(3000, 5)
+    enc = brix.TreeClassifier().fit(X, y)
+    names = list(enc.feature_names_in_)
+    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
+                    [enc._label_text[c] for c in enc.classes_])
+    like = bd._like(enc, keep, enc._kinds)
+    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
+    return X, y, enc, names, keep, like, grower.open()
+
+
 def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_whole():
     # No cluster: the workers' steps in this process. A partition's tallies in the orders of all
     # the rows equal those of a table that carries every value set, and survive being pickled
     # (as Dask moves a holder between workers).
     import pickle
     from brix import dask as bd
-    X, y = agrawal_like(3000, 5)
-    enc = brix.TreeClassifier().fit(X, y)
-    names = list(enc.feature_names_in_)
-    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
-                    [enc._label_text[c] for c in enc.classes_])
-    like = bd._like(enc, keep, enc._kinds)
+    X, y, enc, names, keep, like, open_nodes = _workers_steps()
     continuous = [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"]
     own = bd._hold(enc, X[:700], y[:700], None, bd._discrete_keep(keep, enc._kinds),
                    bd._global_values(like, continuous))
     every = bd._hold(enc, X[:700], y[:700], None, keep, {})
-    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
-    open_nodes = grower.open()
     expected = every.worker.tallies(open_nodes)
     for holder in (own, pickle.loads(pickle.dumps(own))):
         for got, want in zip(holder.worker.tallies(open_nodes), expected):
             np.testing.assert_array_equal(got, want)
 
 
-
 def test_two_partitions_tallies_added_equal_those_of_their_rows_held_as_one():
     # The summed tallies are what the search reads; the sum takes the arrays as the transfer
     # hands them over (read-only, strided, of another type) without changing a number.
     from brix import dask as bd
-    X, y = agrawal_like(3000, 5)
-    enc = brix.TreeClassifier().fit(X, y)
-    names = list(enc.feature_names_in_)
-    keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
-                    [enc._label_text[c] for c in enc.classes_])
-    like = bd._like(enc, keep, enc._kinds)
-    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
-    open_nodes = grower.open()
+    X, y, enc, names, keep, like, open_nodes = _workers_steps()
     cols = len(enc.classes_) + 1
     every = bd._global_values(like, [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"])
     own = bd._discrete_keep(keep, enc._kinds)

@@ -24,6 +24,17 @@ namespace {
 // read again in the second pass rather than kept: a table of them would
 // sit beside the father's cases and the children at the peak of growing.
 // groups, when given, maps each value order to its branch (from 1); otherwise branch v is order v.
+// The orders each branch of a split on value groups spans: from its first value's order to past
+// its last (ranges: one a branch).
+void group_spans(value_groups const& groups, std::vector<order_range>& ranges) {
+  std::fill(ranges.begin(), ranges.end(), order_range(0, 0));
+  for (std::size_t o = 1; o < groups.size(); ++o) {
+    order_range& r = ranges[groups[o] - 1];
+    if (r.second == 0) r.first = o;
+    r.second = o + 1;
+  }
+}
+
 template <class Reader>
 void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float total_weight,
                         std::vector<w_sequence*>& children, std::vector<float>& shares,
@@ -43,16 +54,7 @@ void partition_discrete(Reader rd, w_case const* begin, w_case const* end, float
     ranges[v - 1] = order_range(v, v + 1);
     children[v - 1]->reserve(count[v] + count[0]);
   }
-  if (groups != nullptr) {
-    // A branch's range spans the orders of its values.
-    for (std::size_t v = 0; v < k; ++v)
-      ranges[v] = order_range(0, 0);
-    for (std::size_t o = 1; o < groups->size(); ++o) {
-      order_range& r = ranges[(*groups)[o] - 1];
-      if (r.second == 0) r.first = o;
-      r.second = o + 1;
-    }
-  }
+  if (groups != nullptr) group_spans(*groups, ranges);
   for (w_case const* c = begin; c != end; ++c) {
     auto a = branch(static_cast<std::uint32_t>(rd(c->first)));
     if (a != 0) {
@@ -238,12 +240,9 @@ w_sequence* partition_branch(column const& att, w_case const* begin, w_case cons
   });
   range = order_range(branch, branch + 1);
   if (groups != nullptr) {
-    range = order_range(0, 0);
-    for (std::size_t o = 1; o < groups->size(); ++o) {
-      if ((*groups)[o] != branch) continue;
-      if (range.second == 0) range.first = o;
-      range.second = o + 1;
-    }
+    std::vector<order_range> spans(desc.branches);
+    group_spans(*groups, spans);
+    range = spans[branch - 1];
   }
   return out;
 }

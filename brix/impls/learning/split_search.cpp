@@ -292,47 +292,40 @@ inline float kept(float w, bool keep) {
 // Each class's x log2 x terms are kept from one cut evaluated to the next and taken again only
 // for a class that moved in between: the same terms, summed as info sums them.
 struct two_class_sides {
-  float left1 = 0.0f, left2 = 0.0f, right1, right2;
+  float left[2] = {0.0f, 0.0f}, right[2];
   float weight = 0.0f;
-  float terms[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // left1, left2, right1, right2
+  float left_terms[2] = {0.0f, 0.0f}, right_terms[2] = {0.0f, 0.0f};
   bool moved1 = true, moved2 = true;
 
-  two_class_sides(float r1, float r2) : right1(r1), right2(r2) {}
+  two_class_sides(float r1, float r2) : right{r1, r2} {}
   void move(std::uint32_t c, float w) {
     float w1 = kept(w, c == 1), w2 = kept(w, c == 2);
-    right1 -= w1;
-    left1 += w1;
-    right2 -= w2;
-    left2 += w2;
+    right[0] -= w1;
+    left[0] += w1;
+    right[1] -= w2;
+    left[1] += w2;
     weight += w;
     moved1 |= c == 1;
     moved2 |= c == 2;
   }
   float left_weight() const { return weight; }
   float class_info(xlogx_table const& logs, std::size_t classes) const {
-    float right[2] = {right1, right2};
     return info(logs, right, classes);
-  }
-  // info of two classes from their terms.
-  static float side_info(xlogx_table const& logs, float a, float b, float ta, float tb) {
-    float s = (0.0f + a) + b, sum = (0.0f + ta) + tb;
-    float head = s > 0.0f ? logs.term(s) : 0.0f * s;
-    return head - sum;
   }
   bool consider(cut_score& score, float l_weight) {
     xlogx_table const& logs = score.logs;
     if (moved1) {
-      terms[0] = logs.term(left1);
-      terms[2] = logs.term(right1);
+      left_terms[0] = logs.term(left[0]);
+      right_terms[0] = logs.term(right[0]);
       moved1 = false;
     }
     if (moved2) {
-      terms[1] = logs.term(left2);
-      terms[3] = logs.term(right2);
+      left_terms[1] = logs.term(left[1]);
+      right_terms[1] = logs.term(right[1]);
       moved2 = false;
     }
-    float hs = side_info(logs, left1, left2, terms[0], terms[1]) +
-               side_info(logs, right1, right2, terms[2], terms[3]);
+    float hs =
+        info_of_terms(logs, left, left_terms, 2) + info_of_terms(logs, right, right_terms, 2);
     return score.consider_info(hs, l_weight);
   }
 };
@@ -525,15 +518,6 @@ void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t col
   float* left_terms = terms.data();
   float* right_terms = left_terms + cols;
   float* stale = right_terms + cols;
-  auto side_info = [&](float const* x, float const* t) {
-    float sum_x = 0.0f, sum_t = 0.0f;
-    for (std::size_t k = 1; k < cols; ++k) {
-      sum_x += x[k];
-      sum_t += t[k];
-    }
-    float head = sum_x > 0.0f ? logs.term(sum_x) : 0.0f * sum_x;
-    return head - sum_t;
-  };
   float m = least_side_weight(min_objects, known, classes);
   float upper = known - m;
 
@@ -607,7 +591,8 @@ void scan_rows(std::vector<float> const& freq, std::size_t rows, std::size_t col
       right_terms[k] = logs.term(right[k]);
       stale[k] = 0.0f;
     }
-    float hs = side_info(left, left_terms) + side_info(right, right_terms);
+    float hs = info_of_terms(logs, left + 1, left_terms + 1, classes) +
+               info_of_terms(logs, right + 1, right_terms + 1, classes);
     if (score.consider_info(hs, l_weight)) {
       best_row = r;
       found = true;

@@ -15,7 +15,8 @@ import brix.dask
 
 def main(stem, chunks, hand_off=None):
     names = [line.strip().split(",") for line in open(stem + ".names") if line.strip()]
-    dtypes = {n: (str if k in ("discrete", "class") else "float64" if t == "float" else "int64")
+    # Categorical columns read as categories straight away, not as a text a cell.
+    dtypes = {n: ("category" if k in ("discrete", "class") else "float64" if t == "float" else "int64")
               for n, t, k in (x[:3] for x in names)}
     cls = next(n[0] for n in names if n[2] == "class")
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
@@ -24,9 +25,6 @@ def main(stem, chunks, hand_off=None):
         files = sorted(glob.glob(os.path.join(chunks, "*.csv")))
         df = dd.read_csv(files, header=None, names=[n[0] for n in names], dtype=dtypes,
                          na_values=["?"], keep_default_na=False, blocksize=None)
-        for n in names:
-            if n[2] == "discrete":
-                df[n[0]] = df[n[0]].astype("category")
         X, y = df.drop(columns=[cls]), df[cls]
         start = time.time()
         clf = brix.dask.TreeClassifier(client=client, hand_off_cases=hand_off).fit(X, y)

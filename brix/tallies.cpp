@@ -64,6 +64,18 @@ struct tally_worker::impl {
   // Per attribute, its orders in the value set of all the rows (set_orders); shared with the
   // holders of the children.
   std::shared_ptr<std::vector<std::vector<std::uint32_t>> const> orders;
+  // Runs of rows and their first rows among all the rows (set_keys); shared like orders.
+  struct key_runs {
+    std::vector<std::uint64_t> rows, keys;
+  };
+  std::shared_ptr<key_runs const> keys;
+  std::uint64_t key_of(unsigned long row) const {
+    std::size_t k =
+        static_cast<std::size_t>(std::upper_bound(keys->rows.begin(), keys->rows.end(), row) -
+                                 keys->rows.begin()) -
+        1;
+    return keys->keys[k] + (row - keys->rows[k]);
+  }
   std::vector<std::uint32_t> const* map_of(unsigned long a) const {
     if (!orders || a >= orders->size() || (*orders)[a].empty()) return nullptr;
     return &(*orders)[a];
@@ -241,6 +253,7 @@ std::unique_ptr<tally_worker> tally_worker::applied(tally_decisions const& d) co
   out->impl_->t = impl_->t;
   out->impl_->root = impl_->root;
   out->impl_->orders = impl_->orders;
+  out->impl_->keys = impl_->keys;
   std::size_t threshold = 0, share = 0;
   std::vector<impls::w_sequence*> children;
   std::vector<order_range> ranges;
@@ -339,6 +352,27 @@ std::vector<std::vector<std::uint32_t>> const& tally_worker::orders() const {
   return impl_->orders ? *impl_->orders : none;
 }
 
+void tally_worker::set_keys(std::vector<std::uint64_t> first_rows,
+                            std::vector<std::uint64_t> first_keys) {
+  if (first_rows.size() != first_keys.size() || first_rows.empty() || first_rows[0] != 0)
+    throw std::invalid_argument("keys: one first key a run, the first run from row 0");
+  for (std::size_t k = 1; k < first_rows.size(); ++k)
+    if (first_rows[k] <= first_rows[k - 1] || first_keys[k] <= first_keys[k - 1])
+      throw std::invalid_argument("keys: runs not ascending");
+  impl_->keys = std::make_shared<impl::key_runs const>(
+      impl::key_runs{std::move(first_rows), std::move(first_keys)});
+}
+
+std::vector<std::uint64_t> const& tally_worker::key_rows() const {
+  static std::vector<std::uint64_t> const none;
+  return impl_->keys ? impl_->keys->rows : none;
+}
+
+std::vector<std::uint64_t> const& tally_worker::key_starts() const {
+  static std::vector<std::uint64_t> const none;
+  return impl_->keys ? impl_->keys->keys : none;
+}
+
 std::vector<double> tally_worker::values(table const& t, unsigned long att) {
   impls::table const* it = t.get_impl();
   if (att >= it->get_no_attributes() || !it->get_attribute(att)->is_continuous())
@@ -393,11 +427,13 @@ void tally_worker::rows_of(std::vector<std::int64_t> const& nodes, tally_rows& o
   out.nodes.reserve(out.nodes.size() + n);
   out.weights.reserve(out.weights.size() + n);
   std::size_t first = out.orders.size() / std::max<unsigned long>(cols, 1);
+  if (impl_->keys) out.keys.reserve(out.keys.size() + n);
   for (std::size_t k = 0; k < seqs.size(); ++k) {
     if (seqs[k] == nullptr) continue;
     for (impls::w_case const& w : *seqs[k]) {
       out.nodes.push_back(nodes[k]);
       out.weights.push_back(w.second);
+      if (impl_->keys) out.keys.push_back(impl_->key_of(w.first));
     }
   }
   out.orders.resize((first + n) * cols, 0);
@@ -699,13 +735,47 @@ std::unique_ptr<impls::table> handed_table(impls::table const& lt, tally_handoff
   cases.resize(k_nodes);
   for (std::size_t k = 0; k < k_nodes; ++k)
     cases[k].reserve(next[k + 1] - next[k]);
-  for (std::size_t p = 0; p < parts.size(); ++p) {
-    rows[p].reserve(parts[p]->nodes.size());
-    for (std::size_t i = 0; i < parts[p]->nodes.size(); ++i) {
-      std::size_t k = slot[parts[p]->nodes[i]];
-      auto r = static_cast<std::uint32_t>(next[k]++);
-      rows[p].push_back(r);
-      cases[k].push_back(r, parts[p]->weights[i]);
+  bool keyed = !parts.empty();
+  for (tally_rows const* part : parts) {
+    if (!part->keys.empty() && part->keys.size() != part->nodes.size())
+      throw std::invalid_argument("handed rows: not a key a case");
+    keyed = keyed && (part->keys.size() == part->nodes.size());
+  }
+  if (keyed) {
+    // Each node's cases in the order of their rows among all the rows, whichever holder gave
+    // them.
+    struct at_key {
+      std::uint64_t key;
+      std::uint32_t part, i;
+    };
+    std::vector<std::vector<at_key>> by(k_nodes);
+    for (std::size_t k = 0; k < k_nodes; ++k)
+      by[k].reserve(next[k + 1] - next[k]);
+    for (std::size_t p = 0; p < parts.size(); ++p) {
+      rows[p].resize(parts[p]->nodes.size());
+      for (std::size_t i = 0; i < parts[p]->nodes.size(); ++i)
+        by[slot[parts[p]->nodes[i]]].push_back(
+            {parts[p]->keys[i], static_cast<std::uint32_t>(p), static_cast<std::uint32_t>(i)});
+    }
+    for (std::size_t k = 0; k < k_nodes; ++k) {
+      std::sort(by[k].begin(), by[k].end(),
+                [](at_key const& a, at_key const& b) { return a.key < b.key; });
+      for (at_key const& e : by[k]) {
+        auto r = static_cast<std::uint32_t>(next[k]++);
+        rows[e.part][e.i] = r;
+        cases[k].push_back(r, parts[e.part]->weights[e.i]);
+      }
+      std::vector<at_key>().swap(by[k]);
+    }
+  } else {
+    for (std::size_t p = 0; p < parts.size(); ++p) {
+      rows[p].reserve(parts[p]->nodes.size());
+      for (std::size_t i = 0; i < parts[p]->nodes.size(); ++i) {
+        std::size_t k = slot[parts[p]->nodes[i]];
+        auto r = static_cast<std::uint32_t>(next[k]++);
+        rows[p].push_back(r);
+        cases[k].push_back(r, parts[p]->weights[i]);
+      }
     }
   }
   std::unique_ptr<impls::table> t(lt.clone_metadata());

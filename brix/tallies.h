@@ -19,7 +19,8 @@
 //
 // A node whose cases are few is better grown whole in one place by the ordinary grower: the
 // holders give its cases with their rows' value orders (tally_worker::rows_of), one process
-// gathers them from every holder in table order and grows the node's subtree, settling it there
+// gathers them from every holder in the order of the rows (holder after holder, or by the rows'
+// keys when a holder's table joins several) and grows the node's subtree, settling it there
 // as the single-table grower settles a complete subtree (tally_grower::grow_handed), and the
 // deciding grower grafts the subtree in its place: only pruned subtrees travel.
 #ifndef BRIX_TALLIES_H
@@ -51,6 +52,10 @@ struct tally_rows {
   std::vector<std::int64_t> nodes;
   std::vector<float> weights;
   std::vector<std::uint32_t> orders;  // cases x loaded columns
+  // Per case its row among all the rows (tally_worker::set_keys), so that cases from holders
+  // of several tables each come in the order one table of all the rows holds them. Empty: the
+  // holders' cases follow one another in that order already.
+  std::vector<std::uint64_t> keys;
 };
 
 // One group of attributes' share of the split search over the open nodes, scored where the group's
@@ -131,6 +136,12 @@ class tally_worker {
   // elsewhere and the division of cases (with the decisions' cuts) then speak of those orders.
   void set_orders(std::vector<std::vector<std::uint32_t>> orders);
   std::vector<std::vector<std::uint32_t>> const& orders() const;
+  // A table of several tables' rows one after another: run k starts at the table's row
+  // first_rows[k] (ascending, the first 0) and at first_keys[k] among all the rows. rows_of then
+  // gives each case's row among all the rows.
+  void set_keys(std::vector<std::uint64_t> first_rows, std::vector<std::uint64_t> first_keys);
+  std::vector<std::uint64_t> const& key_rows() const;
+  std::vector<std::uint64_t> const& key_starts() const;
   // The values of a continuous attribute of a table, ascending, as numbers.
   static std::vector<double> values(table const& t, unsigned long att);
   // Cases held, over all open nodes.

@@ -168,7 +168,7 @@ class TreeClassifier(ClassifierMixin, BaseEstimator):
             if self._kinds.get(name) == "discrete" or name == "__class__":
                 b.keep_texts(name, list(values), bool(unknown))
             else:
-                b.keep_values(name, np.asarray(values, dtype=float).tolist(), bool(unknown))
+                b.keep_values(name, np.asarray(values, dtype=float), bool(unknown))
         return b.build(y is not None)
 
     # ------------------------------------------------------------------ estimator

@@ -50,7 +50,8 @@ class _Holder:
             self.worker.table.save(p)
             with open(p, "rb") as f:
                 data = f.read()
-        return (_restore_holder, (data,) + tuple(self.worker.cases()) + (self.worker.orders(),))
+        return (_restore_holder, (data,) + tuple(self.worker.cases()) +
+                (self.worker.orders(), self.worker.keys()))
 
 
 def _table_bytes(table):
@@ -69,9 +70,11 @@ def _table_of(data):
         return _core.Table.load(p)
 
 
-def _restore_holder(data, nodes, rows, weights, orders=()):
+def _restore_holder(data, nodes, rows, weights, orders=(), keys=None):
     worker = _core.TallyWorker(_table_of(data), nodes, rows, weights)
     worker.set_orders([o if len(o) else None for o in orders])
+    if keys is not None and len(keys[0]):
+        worker.set_keys(*keys)
     return _Holder(worker)
 
 
@@ -104,6 +107,54 @@ except ImportError:  # pragma: no cover - dask missing: nothing to register
 
 
 # ---------------------------------------------------------------- tasks run on the workers
+
+# A partition's rows are keyed by its number times this plus their place in it: the order of all
+# the rows, without knowing how long the other partitions are.
+_PART_KEY = 1 << 40
+
+
+def _joined(columns, name):
+    """One column of several partitions: categoricals as one categorical over all their
+    categories (not as texts a cell)."""
+    import pandas as pd
+    from pandas.api.types import union_categoricals
+    if len(columns) == 1:
+        return columns[0].reset_index(drop=True)
+    if all(isinstance(c.dtype, pd.CategoricalDtype) for c in columns):
+        return pd.Series(union_categoricals(list(columns), ignore_order=True), name=name)
+    return pd.concat(columns, ignore_index=True)
+
+
+def _group(est, numbers, *frames):
+    """The partitions numbers (ascending) of one worker as one: X, y and weights (None), with
+    the runs their rows make (first row in the group, key of that row among all the rows)."""
+    import pandas as pd
+    k = len(numbers)
+    xs, ys, ws = frames[:k], frames[k:2 * k], frames[2 * k:]
+    first_rows, first_keys, at = [], [], 0
+    for i, x in zip(numbers, xs):
+        if len(x):
+            first_rows.append(at)
+            first_keys.append(i * _PART_KEY)
+            at += len(x)
+    names = [str(c) for c in xs[0].columns]
+    for j, name in enumerate(names):
+        cols = [x.iloc[:, j] for x in xs if len(x)]
+        if len({str(c.dtype) for c in cols}) > 1:
+            kinds = {est._kind_of(name, c, j) for c in cols}
+            if "discrete" in kinds and len(kinds) > 1:
+                raise ValueError(f"column '{name}' is categorical in some partitions and "
+                                 "numeric in others; give it one dtype")
+    kept = [j for j, x in enumerate(xs) if len(x)] or [0]
+    X = pd.DataFrame({c: _joined([xs[j].iloc[:, i] for j in kept], c)
+                      for i, c in enumerate(xs[0].columns)})
+    y = _joined([ys[j] for j in kept], ys[0].name)
+    w = None if ws[0] is None else np.concatenate([np.asarray(ws[j], dtype=float) for j in kept])
+    return X, y, w, np.asarray(first_rows, dtype=np.uint64), np.asarray(first_keys, np.uint64)
+
+
+def _describe_group(g, est):
+    return _describe(est, g[0], g[1], g[2])
 
 def _describe(est, X, y, w):
     """What one partition adds to the value sets: per column its distinct values (numbers, or
@@ -156,7 +207,11 @@ def _merge(a, b):
         if isinstance(va, list) or isinstance(vb, list):
             merged = sorted(set(list(va)) | set(list(vb)))
         else:
-            merged = np.union1d(va, vb)
+            # Both sorted: a stable sort of the two runs merges them in linear time.
+            merged = np.concatenate([va, vb])
+            merged.sort(kind="stable")
+            if len(merged):
+                merged = merged[np.concatenate([[True], merged[1:] != merged[:-1]])]
         out[name] = (merged, ua or ub)
     return out
 
@@ -213,6 +268,14 @@ def _global_values(like, atts):
     return {a: _core.TallyWorker.values(like.table, a) for a in atts}
 
 
+def _hold_group(est, g, keep, values):
+    """A worker's partitions as one holder, its cases keyed by their rows among all the rows."""
+    holder = _hold(est, g[0], g[1], g[2], keep, values)
+    if len(g[3]):
+        holder.worker.set_keys(g[3], g[4])
+    return holder
+
+
 def _hold(est, X, y, w, keep, values):
     """The partition as a Brix table of its own values (the discrete value sets and the class
     labels of all the rows), its cases, and the orders of its continuous values among all the
@@ -257,6 +320,15 @@ def _score(like, summed, open_nodes, atts, min_cases):
                                    rows.reshape(-1), counts)
 
 
+def _sum_score(like, open_nodes, atts, min_cases, *tallies):
+    """The holders' tallies of a group of attributes summed (in the holders' order) and
+    searched, where they arrive."""
+    summed = tallies[0]
+    for t in tallies[1:]:
+        summed = _add(summed, t)
+    return _score(like, summed, open_nodes, atts, min_cases)
+
+
 def _score_bytes(s):
     return sum(x.nbytes for x in s if hasattr(x, "nbytes")) + sum(len(t) for t in s[5])
 
@@ -288,6 +360,31 @@ def _grow_handed(like, nodes, known, bounds, reach, confidence, min_cases, pruni
     order: per node the bytes of its file, its prepruning value, and the bytes of its form
     pruned without prepruning (None when the same), wanted only if the whole tree's prepruning
     does not reach the node."""
+    # A long task: it leaves the worker's thread to the levels' tallies meanwhile, instead of
+    # holding them up (or having them moved, with their holders, to another worker).
+    seceded = _secede()
+    try:
+        return _grow_handed_here(like, nodes, known, bounds, reach, confidence, min_cases,
+                                 pruning, whole, unit, parts)
+    finally:
+        if seceded:
+            from distributed import rejoin
+            rejoin()
+
+
+def _secede():
+    """Leaves the worker's thread pool if running as a task on a worker; whether it did."""
+    try:
+        from distributed import get_worker, secede
+        get_worker()
+    except (ImportError, ValueError):
+        return False
+    secede()
+    return True
+
+
+def _grow_handed_here(like, nodes, known, bounds, reach, confidence, min_cases, pruning, whole,
+                      unit, parts):
     with tempfile.TemporaryDirectory() as d:
         paths = [os.path.join(d, f"{i}.tree") for i in range(len(known))]
         alone = [os.path.join(d, f"{i}.alone.tree") for i in range(len(known))]
@@ -393,7 +490,8 @@ class TreeClassifier(_LocalTreeClassifier):
                                    f"client is {client.status}): {e!r}") from e
             raise
         finally:
-            self.__dict__.pop("_likes", None)  # futures: they do not outlive the fit
+            for k in ("_likes", "_places", "_handed_load"):  # they do not outlive the fit
+                self.__dict__.pop(k, None)
 
     def _fit_dask(self, X, y, sample_weight, client):
         import pandas as pd
@@ -426,16 +524,17 @@ class TreeClassifier(_LocalTreeClassifier):
         # Read once: the value-set pass and the tables both take the partitions (which stay on
         # the workers until the tables are built).
         source = client.persist([X, y] + ([sample_weight] if sample_weight is not None else []))
-        xs, ys = source[0].to_delayed(), source[1].to_delayed()
-        ws = source[2].to_delayed() if sample_weight is not None else [None] * len(xs)
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
             # One pass: the value sets of all the rows, merged on the workers (a tree
-            # reduction); the client sees only each partition's kinds, labels and weight.
+            # reduction); the client sees only each worker's kinds, labels and weight.
             start = time.perf_counter()
-            described = client.compute(
-                [_delayed(_describe)(probe, a, b, c) for a, b, c in zip(xs, ys, ws)])
-            summaries = _results(client, client.map(_summary, described, pure=False))
+            places, groups = self._groups(client, source, probe)
+            self._places = places
+            described = [client.submit(_describe_group, g, est=probe, workers=[w], pure=False)
+                         for w, g in zip(places, groups)]
+            summaries = self._wait(client, [client.submit(_summary, d, workers=[w], pure=False)
+                                            for w, d in zip(places, described)])
             keep_parts = [d for d, m in zip(described, summaries) if m["n"] > 0]
             parts = [m for m in summaries if m["n"] > 0]
             if not parts:
@@ -485,9 +584,9 @@ class TreeClassifier(_LocalTreeClassifier):
             # The value sets that the workers merged go from worker to worker, never through
             # the client: a table of them on each worker, and every partition a table of its
             # own values on its worker (persisted there) with their orders among all the rows'.
-            workers = sorted(client.scheduler_info()["workers"])
-            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w],
-                                      allow_other_workers=True, pure=False) for w in workers}
+            workers = sorted(set(places))
+            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w], pure=False)
+                     for w in workers}
             continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
             values = client.submit(_global_values, likes[workers[0]], continuous, pure=False)
             own = client.submit(_discrete_keep, keep, kinds, pure=False)
@@ -495,9 +594,10 @@ class TreeClassifier(_LocalTreeClassifier):
             _results(client, [values, own], fetch=False)
             merged_at = time.perf_counter()
             client.replicate([values, own])
-            holders = client.compute([_delayed(_hold)(encoder, a, b, c, own, values)
-                                      for a, b, c, d in zip(xs, ys, ws, summaries)
-                                      if d["n"] > 0])
+            holders = [client.submit(_hold_group, encoder, g, own, values, workers=[w],
+                                     pure=False)
+                       for w, g, d in zip(places, groups, summaries) if d["n"] > 0]
+            self._places = [w for w, d in zip(places, summaries) if d["n"] > 0]
             small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
             root = _results(client, [client.submit(_root_ranges, likes[workers[0]],
                                                    pure=False)])[0]
@@ -516,15 +616,18 @@ class TreeClassifier(_LocalTreeClassifier):
             limit = HAND_OFF_CASES if self.hand_off_cases is None else int(self.hand_off_cases)
             flags = (all(d["whole"] for d in parts), all(d["unit"] for d in parts))
             self.fit_levels_ = []
-            unreached = {}  # node: (future of its task's unreached forms, place in it)
-            held = _results(client, client.map(_counts, holders, pure=False))
-            del source, xs, ys, ws
+            unreached = {}  # node: (future of its task's unreached forms, place in it, worker)
+            # Handed subtrees grow while the levels go on; grafted once every node is decided.
+            pending = []
+            self._handed_load = {}
+            held = self._wait(client, self._on_holders(client, _counts, holders))
+            del source, groups
             # Seconds of the value-set pass, of merging the value sets (and a table of them on
             # each worker), and of the partitions' tables.
             self.fit_setup_ = {"describe": described_at - start,
                                "value_sets": merged_at - described_at,
                                "tables": time.perf_counter() - merged_at}
-            while not grower.done:
+            while len(grower.open_ids()):
                 total = {}
                 for nodes, counts in held:
                     for i, c in zip(nodes.tolist(), counts.tolist()):
@@ -534,24 +637,28 @@ class TreeClassifier(_LocalTreeClassifier):
                          "handed_cases": 0, "handed_row_bytes": 0, "subtree_bytes": 0}
                 small = [i for i in grower.open_ids().tolist() if 0 < total.get(i, 0) <= limit]
                 t0 = time.perf_counter()
-                grown = self._hand_off(client, grower, holders, held, small, total, flags, level)
+                pending += [g + (level,) for g in
+                            self._hand_off(client, grower, holders, held, small, total, flags,
+                                           level)]
                 decisions = None
+                import sys; print("T handoff", time.perf_counter()-t0, file=sys.stderr)
                 if len(grower.open_ids()):
                     decisions = self._decide(client, grower, holders, widths,
                                              len(classes) + 1, level)
-                self._graft(client, grower, grown, level, unreached)
                 self.fit_levels_.append(level)
-                if decisions is not None and not grower.done:
-                    holders = client.map(_applied, holders, decisions=decisions, pure=False)
-                    held = _results(client, client.map(_counts, holders, pure=False))
+                print("T decide", time.perf_counter()-t0, file=sys.stderr)
+                if decisions is not None and len(grower.open_ids()):
+                    holders = self._on_holders(client, _applied, holders, decisions=decisions)
+                    held = self._wait(client, self._on_holders(client, _counts, holders))
                 level["seconds"] = time.perf_counter() - t0
+            self._graft(client, grower, pending, unreached)
             self._preprune(client, grower, unreached)
             model = grower.finish()
             self._model = model
             # Sent once, not once a partition.
             [blob] = client.scatter([self.__getstate__()["_model"]], hash=False)
-            matrices = _results(client, client.map(_evaluate, holders, model_bytes=blob,
-                                                   pure=False))
+            matrices = self._wait(client, self._on_holders(client, _evaluate, holders,
+                                                           model_bytes=blob))
             del blob
             training = matrices[0]
             for m in matrices[1:]:
@@ -565,15 +672,53 @@ class TreeClassifier(_LocalTreeClassifier):
                                "client closed or the scheduler lost?") from e
         return self
 
+    def _on_holders(self, client, fn, futures, **kw):
+        """fn of each of futures (one a holder, in the holders' order) on the holder's worker."""
+        return [client.submit(fn, f, workers=[w], pure=False, **kw)
+                for f, w in zip(futures, self._places)]
+
+    def _wait(self, client, futures):
+        """_results, failing clearly once a worker holding a partitions' table has left: the
+        tasks pinned to it would wait for it for ever."""
+        return _results(client, futures, workers=getattr(self, "_places", ()))
+
+    @staticmethod
+    def _groups(client, source, probe):
+        """Each worker's partitions of source (X, y and weights, persisted) joined into one on
+        that worker, so that a level costs a few tasks a worker whatever the partitions: the
+        workers and the futures of their groups."""
+        from distributed import futures_of
+        frames = [c.to_delayed() for c in source]
+        futures = {}
+        for c in source:
+            futures.update((f.key, f) for f in futures_of(c))
+        _results(client, list(futures.values()), fetch=False)
+        who = client.who_has(list(futures.values()))
+        workers = sorted(client.scheduler_info()["workers"])
+        mine = {w: [] for w in workers}
+        for i, d in enumerate(frames[0]):
+            place = sorted(who.get(str(d.key), ()) or who.get(d.key, ()))
+            w = place[0] if place and place[0] in mine else \
+                min(workers, key=lambda w: (len(mine[w]), w))
+            mine[w].append(i)
+        places, groups = [], []
+        for w in workers:
+            if not mine[w]:
+                continue
+            args = [futures[f[i].key] for f in frames for i in mine[w]]
+            if len(frames) == 2:
+                args += [None] * len(mine[w])
+            places.append(w)
+            groups.append(client.submit(_group, probe, mine[w], *args, workers=[w], pure=False))
+        return places, groups
+
     def _decide(self, client, grower, holders, widths, cols, level):
         """Decides the open nodes: the attributes in one group a worker, each group's tallies
         summed in a tree reduction and searched on that worker; the client gets the groups'
         scores and chooses. widths: each attribute's number of values, to balance the groups.
         The decisions."""
         open_nodes = grower.open()
-        who = client.who_has(holders)
-        place = [tuple(who.get(h.key, ())) for h in holders]
-        workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
+        workers = sorted(set(self._places))
         groups = [[] for _ in range(min(len(workers), len(widths)))]
         load = [0] * len(groups)
         for a in sorted(range(len(widths)), key=lambda a: (-widths[a], a)):
@@ -584,36 +729,39 @@ class TreeClassifier(_LocalTreeClassifier):
         scores, sizes = [], []
         for k, atts in enumerate(groups):
             w = workers[k]
-            like = self._likes.get(w) or next(iter(self._likes.values()))
-            tallies = client.map(_tallies, holders, open_nodes=open_nodes, cols=cols, only=atts,
-                                 pure=False)
-            sizes += client.map(_nbytes, tallies, pure=False)
-            summed = _pairwise(client, _add, tallies)
-            del tallies  # each partition's tallies freed once added
-            scores.append(client.submit(_score, like, summed, open_nodes, atts,
-                                        float(self.min_cases), workers=[w],
-                                        allow_other_workers=True, pure=False))
-        scored = _results(client, scores)
+            tallies = self._on_holders(client, _tallies, holders, open_nodes=open_nodes,
+                                       cols=cols, only=atts)
+            sizes += self._on_holders(client, _nbytes, tallies)
+            # Summed and searched in one task where the group's search runs: the holders'
+            # tallies cross the network once.
+            scores.append(client.submit(_sum_score, self._likes[w], open_nodes, atts,
+                                        float(self.min_cases), *tallies, workers=[w],
+                                        pure=False))
+            del tallies  # each holder's tallies freed once summed
+        import sys; t1=time.perf_counter()
+        scored = self._wait(client, scores)
+        print("T scores wait", time.perf_counter()-t1, file=sys.stderr)
         decisions = grower.decide_scored(scored)
-        level["tally_bytes"] = int(sum(_results(client, sizes)))
+        level["tally_bytes"] = int(sum(self._wait(client, sizes)))
         level["score_bytes"] = int(sum(_score_bytes(s) for s in scored))
         level["decision_bytes"] = int(decisions[0].nbytes + decisions[2].nbytes +
                                       sum(len(t) for t in decisions[1]))
         return decisions
 
     def _hand_off(self, client, grower, holders, held, small, total, flags, level):
-        """Hands the small open nodes out to the workers, largest first to the least loaded, one
-        growing task a worker; each holder sends its cases of a worker's nodes straight there.
-        The (node numbers, future of their subtrees) of each task."""
+        """Hands the small open nodes out to the workers, largest first to the least loaded
+        (counting the cases handed to each at earlier levels), one growing task a worker; each
+        holder sends its cases of a worker's nodes straight there. The (node numbers, future of
+        their subtrees, futures of the sizes of the rows that moved) of each task."""
         if not small:
             return []
-        who = client.who_has(holders)
-        place = [tuple(who.get(h.key, ())) for h in holders]
-        workers = sorted({p[0] for p in place if p}) or sorted(client.scheduler_info()["workers"])
-        load = {w: 0 for w in workers}
+        place = self._places
+        workers = sorted(set(place))
+        load = self._handed_load
         mine = {w: [] for w in workers}
         for i in sorted(small, key=lambda i: (-total[i], i)):
-            w = min(workers, key=lambda w: (load[w], w))
+            w = min(workers, key=lambda w: (load.get(w, 0), w))
+            load[w] = load.get(w, 0)
             load[w] += total[i]
             mine[w].append(i)
         holds = [set(nodes.tolist()) for nodes, _ in held]
@@ -623,31 +771,33 @@ class TreeClassifier(_LocalTreeClassifier):
             if not ids:
                 continue
             nodes, known, bounds, reach = grower.hand_off(ids)
-            # In table order, so that each node's cases come as one table would hold them.
+            # Each case keyed by its row among all the rows: the grower puts every node's cases
+            # in the order one table of all the rows holds them.
             sources = [(h, p) for h, p, has in zip(holders, place, holds)
                        if not has.isdisjoint(ids)]
-            parts = [client.submit(_rows_of, h, ids, pure=False) for h, _ in sources]
-            away = [part for part, (_, p) in zip(parts, sources) if w not in p]
-            like = self._likes.get(w) or next(iter(self._likes.values()))
-            grown = client.submit(_grow_handed, like, nodes, known, bounds, reach,
+            parts = [client.submit(_rows_of, h, ids, workers=[p], pure=False)
+                     for h, p in sources]
+            away = [(part, p) for part, (_, p) in zip(parts, sources) if p != w]
+            grown = client.submit(_grow_handed, self._likes[w], nodes, known, bounds, reach,
                                   float(self.confidence), float(self.min_cases), self.pruning,
-                                  flags[0], flags[1], *parts, workers=[w],
-                                  allow_other_workers=True, pure=False)
-            out.append((ids, grown, client.map(_nbytes, away, pure=False)))
+                                  flags[0], flags[1], *parts, workers=[w], pure=False)
+            out.append((ids, grown, [client.submit(_nbytes, part, workers=[p], pure=False)
+                                     for part, p in away], w))
             level["handed_nodes"] += len(ids)
             level["handed_cases"] += int(sum(total[i] for i in ids))
         return out
 
-    def _graft(self, client, grower, grown, level, unreached):
-        """Grafts the settled subtrees; their forms without prepruning stay on the workers
-        (in unreached, by node) until the whole tree's prepruning tells which it needs."""
-        for ids, subtrees, sizes in grown:
-            settled = client.submit(_settled, subtrees, pure=False)
-            forms = client.submit(_unreached_forms, subtrees, pure=False)
-            unreached.update((i, (forms, k)) for k, i in enumerate(ids))
-            blobs = _results(client, [settled])[0]
+    def _graft(self, client, grower, grown, unreached):
+        """Grafts the settled subtrees, counting what moved in the level that handed them out;
+        their forms without prepruning stay on the workers (in unreached, by node) until the
+        whole tree's prepruning tells which it needs."""
+        for ids, subtrees, sizes, w, level in grown:
+            settled = client.submit(_settled, subtrees, workers=[w], pure=False)
+            forms = client.submit(_unreached_forms, subtrees, workers=[w], pure=False)
+            unreached.update((i, (forms, k, w)) for k, i in enumerate(ids))
+            blobs = self._wait(client, [settled])[0]
             del settled
-            level["handed_row_bytes"] += int(sum(_results(client, sizes)))
+            level["handed_row_bytes"] += int(sum(self._wait(client, sizes)))
             with tempfile.TemporaryDirectory() as d:
                 p = os.path.join(d, "subtree.tree")
                 for i, (blob, value) in zip(ids, blobs):
@@ -660,7 +810,8 @@ class TreeClassifier(_LocalTreeClassifier):
         """The whole tree's prepruning; the settled subtrees it does not reach take their forms
         grown without it."""
         ids = grower.preprune().tolist()
-        forms = _results(client, [client.submit(_item, *unreached[i], pure=False) for i in ids])
+        forms = self._wait(client, [client.submit(_item, f, k, workers=[w], pure=False)
+                                    for f, k, w in (unreached[i] for i in ids)])
         unreached.clear()
         with tempfile.TemporaryDirectory() as d:
             p = os.path.join(d, "subtree.tree")
@@ -698,9 +849,10 @@ class TreeClassifier(_LocalTreeClassifier):
         return da.concatenate(arrays)
 
 
-def _results(client, futures, fetch=True):
+def _results(client, futures, fetch=True, workers=()):
     """The futures' results (or only their completion), waiting in short steps so that a client
-    that closes or loses its scheduler meanwhile ends the wait with an error instead of a hang."""
+    that closes or loses its scheduler, or a worker among workers that leaves, ends the wait
+    with an error instead of a hang."""
     from distributed import wait
     from distributed.client import TimeoutError as DaskTimeout
     while True:
@@ -711,6 +863,10 @@ def _results(client, futures, fetch=True):
             wait(futures, timeout=1)
             break
         except (DaskTimeout, TimeoutError):
+            lost = set(workers) - set(client.scheduler_info()["workers"])
+            if lost:
+                raise RuntimeError(f"fit failed: worker {sorted(lost)[0]} left the cluster with "
+                                   "the tables of its partitions; fit again") from None
             continue
     return client.gather(futures) if fetch else None
 

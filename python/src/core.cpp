@@ -52,6 +52,14 @@ py::array column_array(py::object values, std::string const& name) {
   return a;
 }
 
+// The numbers of an array as a vector (converted when of another type).
+template <class T>
+std::vector<T> from_array(py::handle h) {
+  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
+  if (!a) throw std::invalid_argument("expected an array of numbers");
+  return std::vector<T>(a.data(), a.data() + a.size());
+}
+
 // Columns are added one by one, then built into a table. The builder reads NumPy's buffers where
 // they lie and holds a reference to each until the table is built.
 class builder {
@@ -106,8 +114,9 @@ class builder {
     }
     keep_.push_back(a);
   }
-  void keep_values(std::string const& name, std::vector<double> values, bool unknown) {
-    b_.keep_values(name, std::move(values), unknown);
+  // An array, read in place: value sets of all the rows run to millions of numbers.
+  void keep_values(std::string const& name, py::handle values, bool unknown) {
+    b_.keep_values(name, from_array<double>(values), unknown);
   }
   void keep_texts(std::string const& name, std::vector<std::string> texts, bool unknown) {
     b_.keep_texts(name, std::move(texts), unknown);
@@ -186,13 +195,6 @@ py::array_t<T, py::array::c_style | py::array::forcecast> array_of(py::handle h)
   auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
   if (!a) throw std::invalid_argument("expected an array of numbers");
   return a;
-}
-
-template <class T>
-std::vector<T> from_array(py::handle h) {
-  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
-  if (!a) throw std::invalid_argument("expected an array of numbers");
-  return std::vector<T>(a.data(), a.data() + a.size());
 }
 
 // Model and RuleModel grow from the tree options alone.
@@ -306,6 +308,15 @@ PYBIND11_MODULE(_core, m) {
                                        : from_array<std::uint32_t>(h));
              w.w->set_orders(std::move(o));
            })
+      .def("set_keys",
+           [](worker_state const& w, py::handle first_rows, py::handle first_keys) {
+             w.w->set_keys(from_array<std::uint64_t>(first_rows),
+                           from_array<std::uint64_t>(first_keys));
+           })
+      .def("keys",
+           [](worker_state const& w) {
+             return py::make_tuple(to_array(w.w->key_rows()), to_array(w.w->key_starts()));
+           })
       .def("orders",
            [](worker_state const& w) {
              py::list out;
@@ -338,7 +349,8 @@ PYBIND11_MODULE(_core, m) {
                py::gil_scoped_release release;
                w.w->rows_of(nodes, r);
              }
-             return py::make_tuple(to_array(r.nodes), to_array(r.weights), to_array(r.orders));
+             return py::make_tuple(to_array(r.nodes), to_array(r.weights), to_array(r.orders),
+                                   to_array(r.keys));
            })
       .def("evaluate", [](worker_state const& w, brix::tree_model const& model) {
         return to_array(w.w->evaluate(model));
@@ -446,13 +458,14 @@ PYBIND11_MODULE(_core, m) {
              std::vector<std::string> const& unreached_paths) {
             brix::tally_handoff h{std::move(nodes), std::move(known), std::move(bounds),
                                   std::move(reach)};
-            // (nodes, weights, orders) of each holder, in table order.
+            // (nodes, weights, orders[, keys]) of each holder: without keys, in table order.
             std::vector<brix::tally_rows> rows(parts.size());
             for (std::size_t i = 0; i < rows.size(); ++i) {
               py::tuple t = parts[i].cast<py::tuple>();
               rows[i].nodes = from_array<std::int64_t>(t[0]);
               rows[i].weights = from_array<float>(t[1]);
               rows[i].orders = from_array<std::uint32_t>(t[2]);
+              if (t.size() > 3) rows[i].keys = from_array<std::uint64_t>(t[3]);
             }
             std::vector<brix::tally_rows const*> ptrs;
             for (auto const& r : rows)

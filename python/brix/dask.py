@@ -641,12 +641,10 @@ class TreeClassifier(_LocalTreeClassifier):
                             self._hand_off(client, grower, holders, held, small, total, flags,
                                            level)]
                 decisions = None
-                import sys; print("T handoff", time.perf_counter()-t0, file=sys.stderr)
                 if len(grower.open_ids()):
                     decisions = self._decide(client, grower, holders, widths,
                                              len(classes) + 1, level)
                 self.fit_levels_.append(level)
-                print("T decide", time.perf_counter()-t0, file=sys.stderr)
                 if decisions is not None and len(grower.open_ids()):
                     holders = self._on_holders(client, _applied, holders, decisions=decisions)
                     held = self._wait(client, self._on_holders(client, _counts, holders))
@@ -738,9 +736,7 @@ class TreeClassifier(_LocalTreeClassifier):
                                         float(self.min_cases), *tallies, workers=[w],
                                         pure=False))
             del tallies  # each holder's tallies freed once summed
-        import sys; t1=time.perf_counter()
         scored = self._wait(client, scores)
-        print("T scores wait", time.perf_counter()-t1, file=sys.stderr)
         decisions = grower.decide_scored(scored)
         level["tally_bytes"] = int(sum(self._wait(client, sizes)))
         level["score_bytes"] = int(sum(_score_bytes(s) for s in scored))

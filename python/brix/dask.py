@@ -154,11 +154,12 @@ def _group(est, numbers, *frames):
 
 
 def _describe_group(g, est):
-    return _describe(est, g[0], g[1], g[2])
+    return _describe(est, g[0], g[1], g[2], numbers=False)
 
-def _describe(est, X, y, w):
+def _describe(est, X, y, w, numbers=True):
     """What one partition adds to the value sets: per column its distinct values (numbers, or
-    texts of discrete columns) and whether it has unknown ones; the class labels; its kinds."""
+    texts of discrete columns; with numbers False, no numbers: its table gives them sorted) and
+    whether it has unknown ones; the class labels; its kinds."""
     import pandas as pd
     names = [str(c) for c in X.columns]
     cols = [X.iloc[:, j] for j in range(X.shape[1])]
@@ -172,13 +173,14 @@ def _describe(est, X, y, w):
         if kind == "discrete":
             codes, texts = _codes(col, name)
             codes = np.asarray(codes)
-            used = np.unique(codes[codes >= 0])
+            used = np.flatnonzero(np.bincount(codes[codes >= 0], minlength=len(texts)))
             out["columns"][name] = ([texts[c] for c in used], bool(np.any(codes < 0)))
         else:
             v = _days(col) if kind.startswith("date") else _numbers(col, name)
             v = np.asarray(v, dtype=float)
             unknown = np.isnan(v)
-            out["columns"][name] = (np.unique(v[~unknown]), bool(np.any(unknown)))
+            out["columns"][name] = (np.unique(v[~unknown]) if numbers else np.zeros(0),
+                                    bool(np.any(unknown)))
     yv = np.asarray(y)
     out["labels"] = pd.unique(yv) if len(yv) else yv
     out["unknown_labels"] = int(np.sum(pd.isna(yv))) if yv.dtype.kind in "fOMm" else 0
@@ -207,12 +209,31 @@ def _merge(a, b):
         if isinstance(va, list) or isinstance(vb, list):
             merged = sorted(set(list(va)) | set(list(vb)))
         else:
-            # Both sorted: a stable sort of the two runs merges them in linear time.
-            merged = np.concatenate([va, vb])
-            merged.sort(kind="stable")
-            if len(merged):
-                merged = merged[np.concatenate([[True], merged[1:] != merged[:-1]])]
+            merged = _union(va, vb)
         out[name] = (merged, ua or ub)
+    return out
+
+
+def _union(a, b):
+    """Two sorted arrays of distinct numbers as one: a stable sort of the two runs merges them
+    in linear time."""
+    merged = np.concatenate([a, b])
+    merged.sort(kind="stable")
+    if len(merged):
+        merged = merged[np.concatenate([[True], merged[1:] != merged[:-1]])]
+    return merged
+
+
+def _merge_values(a, b):
+    """Two tables' continuous values (attribute: sorted values) as one."""
+    return {k: _union(a[k], b[k]) for k in a}
+
+
+def _with_values(keep, values, names):
+    """keep with each continuous column's values those of all the rows."""
+    out = dict(keep)
+    for a, v in values.items():
+        out[names[a]] = (v, keep[names[a]][1])
     return out
 
 
@@ -268,32 +289,68 @@ def _global_values(like, atts):
     return {a: _core.TallyWorker.values(like.table, a) for a in atts}
 
 
-def _hold_group(est, g, keep, values):
-    """A worker's partitions as one holder, its cases keyed by their rows among all the rows."""
-    holder = _hold(est, g[0], g[1], g[2], keep, values)
-    if len(g[3]):
-        holder.worker.set_keys(g[3], g[4])
-    return holder
+class _Built:
+    """A worker's partitions as a Brix table of their own values, before it holds cases: the
+    table, its rows and the runs of their keys among all the rows."""
+
+    def __init__(self, table, n, first_rows, first_keys):
+        self.table, self.n, self.first_rows, self.first_keys = table, n, first_rows, first_keys
+
+    def __reduce__(self):
+        return (_restore_built, (_table_bytes(self.table), self.n, self.first_rows,
+                                 self.first_keys))
 
 
-def _hold(est, X, y, w, keep, values):
-    """The partition as a Brix table of its own values (the discrete value sets and the class
-    labels of all the rows), its cases, and the orders of its continuous values among all the
-    rows' (values: those of all the rows, as _global_values gives them)."""
+def _restore_built(data, n, first_rows, first_keys):
+    return _Built(_table_of(data), n, first_rows, first_keys)
+
+
+def _table(est, X, y, w, keep):
+    """The rows as a Brix table of their own values and the value sets of keep (the discrete
+    ones and the class labels of all the rows)."""
     import pandas as pd
     codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
-    table = est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
-    worker = _core.TallyWorker(table, len(X))
-    orders = [None] * len(est.feature_names_in_)
+    return est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
+
+
+def _build_group(est, g, keep):
+    return _Built(_table(est, g[0], g[1], g[2], keep), len(g[0]), g[3], g[4])
+
+
+def _table_values(built, atts):
+    """The continuous attributes' values of a table, sorted, as it holds them."""
+    return {a: _core.TallyWorker.values(built.table, a) for a in atts}
+
+
+def _held(table, n, values, names):
+    """A holder of the first n rows of a table of its own values, with their orders among all
+    the rows' (values: those of all the rows, attribute: sorted values)."""
+    worker = _core.TallyWorker(table, n)
+    orders = [None] * len(names)
     for a, every in values.items():
         mine = _core.TallyWorker.values(table, a)
         at = np.searchsorted(every, mine)
         if len(mine) and (at[-1] >= len(every) or np.any(every[at] != mine)):
-            raise RuntimeError(f"column '{est.feature_names_in_[a]}': a partition holds a value "
-                               "the merged value set lacks")
+            raise RuntimeError(f"column '{names[a]}': a partition holds a value the merged "
+                               "value set lacks")
         orders[a] = np.concatenate([[0], at + 1]).astype(np.uint32)
     worker.set_orders(orders)
     return _Holder(worker)
+
+
+def _hold_built(built, values, names):
+    """A worker's partitions as one holder, its cases keyed by their rows among all the rows."""
+    holder = _held(built.table, built.n, values, names)
+    if len(built.first_rows):
+        holder.worker.set_keys(built.first_rows, built.first_keys)
+    return holder
+
+
+def _hold(est, X, y, w, keep, values):
+    """The partition as a holder: a Brix table of its own values (with keep's value sets), its
+    cases, and the orders of its continuous values among all the rows' (values: those of all
+    the rows, as _global_values gives them)."""
+    return _held(_table(est, X, y, w, keep), len(X), values, list(est.feature_names_in_))
 
 
 def _pairwise(client, fn, futures):
@@ -584,20 +641,26 @@ class TreeClassifier(_LocalTreeClassifier):
             # The value sets that the workers merged go from worker to worker, never through
             # the client: a table of them on each worker, and every partition a table of its
             # own values on its worker (persisted there) with their orders among all the rows'.
-            workers = sorted(set(places))
+            own = client.submit(_discrete_keep, keep, kinds, pure=False)
+            # On every worker, so that each worker's table is built where its rows are.
+            _results(client, [own], fetch=False)
+            client.replicate([own])
+            # Each worker's table of its own values; their continuous values (sorted as the
+            # tables hold them) merged into those of all the rows.
+            self._places = [w for w, d in zip(places, summaries) if d["n"] > 0]
+            built = [client.submit(_build_group, encoder, g, own, workers=[w], pure=False)
+                     for w, g, d in zip(places, groups, summaries) if d["n"] > 0]
+            continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
+            values = _pairwise(client, _merge_values, self._on_holders(
+                client, _table_values, built, atts=continuous))
+            keep = client.submit(_with_values, keep, values, names, pure=False)
+            workers = sorted(set(self._places))
             likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w], pure=False)
                      for w in workers}
-            continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
-            values = client.submit(_global_values, likes[workers[0]], continuous, pure=False)
-            own = client.submit(_discrete_keep, keep, kinds, pure=False)
-            # On every worker, so that each partition's table is built where its rows are.
-            _results(client, [values, own], fetch=False)
+            _results(client, [values], fetch=False)
             merged_at = time.perf_counter()
-            client.replicate([values, own])
-            holders = [client.submit(_hold_group, encoder, g, own, values, workers=[w],
-                                     pure=False)
-                       for w, g, d in zip(places, groups, summaries) if d["n"] > 0]
-            self._places = [w for w, d in zip(places, summaries) if d["n"] > 0]
+            client.replicate([values])
+            holders = self._on_holders(client, _hold_built, built, values=values, names=names)
             small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
             root = _results(client, [client.submit(_root_ranges, likes[workers[0]],
                                                    pure=False)])[0]
@@ -621,7 +684,7 @@ class TreeClassifier(_LocalTreeClassifier):
             pending = []
             self._handed_load = {}
             held = self._wait(client, self._on_holders(client, _counts, holders))
-            del source, groups
+            del source, groups, built
             # Seconds of the value-set pass, of merging the value sets (and a table of them on
             # each worker), and of the partitions' tables.
             self.fit_setup_ = {"describe": described_at - start,
@@ -694,11 +757,20 @@ class TreeClassifier(_LocalTreeClassifier):
         who = client.who_has(list(futures.values()))
         workers = sorted(client.scheduler_info()["workers"])
         mine = {w: [] for w in workers}
+        unplaced = []
         for i, d in enumerate(frames[0]):
             place = sorted(who.get(str(d.key), ()) or who.get(d.key, ()))
-            w = place[0] if place and place[0] in mine else \
-                min(workers, key=lambda w: (len(mine[w]), w))
-            mine[w].append(i)
+            (mine[place[0]] if place and place[0] in mine else unplaced).append(i)
+        # As many partitions a worker as can be (one more or less): the slowest worker sets the
+        # pace of every level. A partition moves once, here, from a worker with too many.
+        most = -(-len(frames[0]) // len(workers))
+        for w in workers:
+            unplaced += mine[w][most:]
+            del mine[w][most:]
+        for i in sorted(unplaced):
+            mine[min(workers, key=lambda w: (len(mine[w]), w))].append(i)
+        for w in workers:
+            mine[w].sort()
         places, groups = [], []
         for w in workers:
             if not mine[w]:

@@ -908,12 +908,12 @@ std::size_t tally_grower::tally_size() const {
 namespace {
 
 // Entries at ascending offsets, whole rows of cols, inside the open nodes' total.
-void check_tallies(std::vector<std::int64_t> const& at, std::vector<float> const& rows,
-                   std::vector<std::int64_t> const& counts, std::size_t n_open, std::size_t cols,
-                   std::int64_t total) {
-  if (counts.size() != n_open || rows.size() != at.size() * cols)
+void check_tallies(tally_view const& v, std::vector<std::int64_t> const& counts, std::size_t n_open,
+                   std::size_t cols, std::int64_t total) {
+  if (counts.size() != n_open || v.n_rows != v.n * cols)
     throw std::invalid_argument("tallies: not those of the open nodes");
-  for (std::size_t i = 0; i < at.size(); ++i) {
+  std::int64_t const* at = v.at;
+  for (std::size_t i = 0; i < v.n; ++i) {
     if (at[i] < 0 || at[i] + static_cast<std::int64_t>(cols) > total ||
         at[i] % static_cast<std::int64_t>(cols) != 0 || (i > 0 && at[i] <= at[i - 1]))
       throw std::invalid_argument("tallies: not those of the open nodes");
@@ -925,9 +925,8 @@ void check_tallies(std::vector<std::int64_t> const& at, std::vector<float> const
 // their orders: a deep node holds few of an attribute's values) and blocks. entry moves past the
 // node's entries; returned: the offset past its tallies.
 std::int64_t node_tallies(impls::table const& t, std::vector<order_range> const& ranges,
-                          std::size_t cols, std::int64_t off, std::vector<std::int64_t> const& at,
-                          std::vector<float> const& rows, std::size_t& entry,
-                          std::vector<std::vector<float>>& freq,
+                          std::size_t cols, std::int64_t off, tally_view const& v,
+                          std::size_t& entry, std::vector<std::vector<float>>& freq,
                           std::vector<std::vector<std::uint32_t>>& orders,
                           std::vector<impls::tally_block>& blocks, std::vector<float>& classes) {
   unsigned long atts = t.get_no_attributes();
@@ -943,6 +942,12 @@ std::int64_t node_tallies(impls::table const& t, std::vector<order_range> const&
     orders[a].clear();
     if (n == 0) continue;
     if (col->is_continuous()) {
+      // Room for every row the tallies hold in this block, read once: the blocks of the top
+      // nodes run to millions of rows.
+      auto first = std::lower_bound(v.at + entry, v.at + v.n, start[a]);
+      auto past = std::lower_bound(first, v.at + v.n, pos);
+      freq[a].reserve((static_cast<std::size_t>(past - first) + 1) * cols);
+      orders[a].reserve(static_cast<std::size_t>(past - first) + 1);
       freq[a].assign(cols, 0.0f);  // row 0: the unknown value
       orders[a].push_back(0);
     } else {
@@ -951,8 +956,9 @@ std::int64_t node_tallies(impls::table const& t, std::vector<order_range> const&
   }
   start[atts] = pos;
   unsigned long a = 0;
-  for (; entry < at.size() && at[entry] < pos; ++entry) {
-    auto row = rows.begin() + static_cast<std::ptrdiff_t>(entry * cols);
+  std::int64_t const* at = v.at;
+  for (; entry < v.n && at[entry] < pos; ++entry) {
+    float const* row = v.rows + entry * cols;
     if (at[entry] < off + static_cast<std::int64_t>(cols)) {
       std::copy(row, row + static_cast<std::ptrdiff_t>(cols), classes.begin());
       continue;
@@ -1022,7 +1028,8 @@ tally_decisions tally_grower::decide(std::vector<std::int64_t> const& at,
   std::vector<std::int64_t> all(impl_->t->get_no_attributes());
   for (std::size_t a = 0; a < all.size(); ++a)
     all[a] = static_cast<std::int64_t>(a);
-  tally_scores s = score_on(impl_->t, impl_->o, open(), all, at, rows, counts);
+  tally_scores s = score_on(impl_->t, impl_->o, open(), all,
+                            {at.data(), at.size(), rows.data(), rows.size()}, counts);
   return decide_scored({&s});
 }
 
@@ -1032,14 +1039,20 @@ tally_scores tally_grower::score(table const& like, tree_options const& o,
                                  std::vector<std::int64_t> const& at,
                                  std::vector<float> const& rows,
                                  std::vector<std::int64_t> const& counts) {
-  return score_on(like.get_impl(), o, open, atts, at, rows, counts);
+  return score_on(like.get_impl(), o, open, atts, {at.data(), at.size(), rows.data(), rows.size()},
+                  counts);
+}
+
+tally_scores tally_grower::score(table const& like, tree_options const& o,
+                                 std::vector<std::int64_t> const& open,
+                                 std::vector<std::int64_t> const& atts, tally_view const& tallies,
+                                 std::vector<std::int64_t> const& counts) {
+  return score_on(like.get_impl(), o, open, atts, tallies, counts);
 }
 
 tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
                                     std::vector<std::int64_t> const& open,
-                                    std::vector<std::int64_t> const& atts,
-                                    std::vector<std::int64_t> const& at,
-                                    std::vector<float> const& rows,
+                                    std::vector<std::int64_t> const& atts, tally_view const& v,
                                     std::vector<std::int64_t> const& counts) {
   if (t->get_class() == nullptr) throw std::invalid_argument("the table has no class column");
   unsigned long classes_n = t->get_class()->get_distinct();
@@ -1055,7 +1068,7 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
     node_ranges.push_back(ranges_at(open, p, n_atts));
     total += node_size(t, node_ranges.back());
   }
-  check_tallies(at, rows, counts, node_ranges.size(), cols, static_cast<std::int64_t>(total));
+  check_tallies(v, counts, node_ranges.size(), cols, static_cast<std::int64_t>(total));
   tally_scores s;
   s.atts = atts;
   std::vector<std::vector<float>> freq(n_atts);
@@ -1068,7 +1081,7 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
   std::size_t entry = 0;
   for (std::size_t i = 0; i < node_ranges.size(); ++i) {
     std::vector<order_range> const& ranges = node_ranges[i];
-    off = node_tallies(*t, ranges, cols, off, at, rows, entry, freq, orders, blocks, classes);
+    off = node_tallies(*t, ranges, cols, off, v, entry, freq, orders, blocks, classes);
     s.classes.insert(s.classes.end(), classes.begin(), classes.end());
     s.counts.push_back(counts[i]);
     // A node of its own, activated as the deciding grower activates its node: the same weights,

@@ -89,6 +89,14 @@ struct tally_handoff {
   std::vector<std::int64_t> reach;
 };
 
+// Sparse tallies held elsewhere, read in place: n offsets (ascending) and n_rows floats.
+struct tally_view {
+  std::int64_t const* at;
+  std::size_t n;
+  float const* rows;
+  std::size_t n_rows;
+};
+
 // Two sparse tallies (offsets ascending, rows of cols floats) summed into out: rows at the same
 // offset added (a's plus b's, in 32-bit floats as the grower adds), offsets kept ascending.
 void tally_add(std::vector<std::int64_t> const& a_at, std::vector<float> const& a_rows,
@@ -223,6 +231,11 @@ class tally_grower {
                             std::vector<std::int64_t> const& atts,
                             std::vector<std::int64_t> const& at, std::vector<float> const& rows,
                             std::vector<std::int64_t> const& counts);
+  // The same over tallies read in place.
+  static tally_scores score(table const& like, tree_options const& o,
+                            std::vector<std::int64_t> const& open,
+                            std::vector<std::int64_t> const& atts, tally_view const& tallies,
+                            std::vector<std::int64_t> const& counts);
   // Decides every open node from the scores of groups that together cover every attribute once;
   // as decide.
   tally_decisions decide_scored(std::vector<tally_scores const*> const& groups);
@@ -235,8 +248,7 @@ class tally_grower {
  private:
   static tally_scores score_on(impls::table* t, tree_options const& o,
                                std::vector<std::int64_t> const& open,
-                               std::vector<std::int64_t> const& atts,
-                               std::vector<std::int64_t> const& at, std::vector<float> const& rows,
+                               std::vector<std::int64_t> const& atts, tally_view const& tallies,
                                std::vector<std::int64_t> const& counts);
   struct impl;
   std::unique_ptr<impl> impl_;

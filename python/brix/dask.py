@@ -146,8 +146,10 @@ def _group(est, numbers, *frames):
                 raise ValueError(f"column '{name}' is categorical in some partitions and "
                                  "numeric in others; give it one dtype")
     kept = [j for j, x in enumerate(xs) if len(x)] or [0]
-    X = pd.DataFrame({c: _joined([xs[j].iloc[:, i] for j in kept], c)
-                      for i, c in enumerate(xs[0].columns)})
+    # Columns side by side as they are: a frame built from a dict copies them all into blocks.
+    X = pd.concat([_joined([xs[j].iloc[:, i] for j in kept], c)
+                   for i, c in enumerate(xs[0].columns)], axis=1, copy=False,
+                  keys=list(xs[0].columns))
     y = _joined([ys[j] for j in kept], ys[0].name)
     w = None if ws[0] is None else np.concatenate([np.asarray(ws[j], dtype=float) for j in kept])
     return X, y, w, np.asarray(first_rows, dtype=np.uint64), np.asarray(first_keys, np.uint64)
@@ -655,8 +657,9 @@ class TreeClassifier(_LocalTreeClassifier):
                 client, _table_values, built, atts=continuous))
             keep = client.submit(_with_values, keep, values, names, pure=False)
             workers = sorted(set(self._places))
-            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w], pure=False)
-                     for w in workers}
+            # Wanted first by the root's search: the holders and their tallies go before.
+            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w], priority=-1,
+                                      pure=False) for w in workers}
             _results(client, [values], fetch=False)
             merged_at = time.perf_counter()
             client.replicate([values])
@@ -799,8 +802,11 @@ class TreeClassifier(_LocalTreeClassifier):
         scores, sizes = [], []
         for k, atts in enumerate(groups):
             w = workers[k]
-            tallies = self._on_holders(client, _tallies, holders, open_nodes=open_nodes,
-                                       cols=cols, only=atts)
+            # Each holder tallies first the groups searched elsewhere, so that their transfer
+            # overlaps the tallies it keeps.
+            tallies = [client.submit(_tallies, h, open_nodes=open_nodes, cols=cols, only=atts,
+                                     workers=[p], priority=int(p != w), pure=False)
+                       for h, p in zip(holders, self._places)]
             sizes += self._on_holders(client, _nbytes, tallies)
             # Summed and searched in one task where the group's search runs: the holders'
             # tallies cross the network once.

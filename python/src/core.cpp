@@ -400,13 +400,15 @@ PYBIND11_MODULE(_core, m) {
                     brix::tree_options o;
                     o.min_cases = min_cases;
                     brix::tally_scores s;
-                    // Arrays, not sequences: converting the tallies number by number costs seconds.
-                    std::vector<std::int64_t> at = from_array<std::int64_t>(at_),
-                                              counts = from_array<std::int64_t>(counts_);
-                    std::vector<float> rows = from_array<float>(rows_);
+                    // Read in place: the tallies of the top levels run to hundreds of MB.
+                    auto at = array_of<std::int64_t>(at_);
+                    auto rows = array_of<float>(rows_);
+                    std::vector<std::int64_t> counts = from_array<std::int64_t>(counts_);
+                    brix::tally_view v{at.data(), static_cast<std::size_t>(at.size()), rows.data(),
+                                       static_cast<std::size_t>(rows.size())};
                     {
                       py::gil_scoped_release release;
-                      s = brix::tally_grower::score(like, o, open, atts, at, rows, counts);
+                      s = brix::tally_grower::score(like, o, open, atts, v, counts);
                     }
                     return py::make_tuple(to_array(s.atts), to_array(s.classes), to_array(s.counts),
                                           to_array(s.gains), to_array(s.splits), s.thresholds,

@@ -183,10 +183,17 @@ def _describe(est, X, y, w, numbers=True):
             unknown = np.isnan(v)
             out["columns"][name] = (np.unique(v[~unknown]) if numbers else np.zeros(0),
                                     bool(np.any(unknown)))
-    yv = np.asarray(y)
-    out["labels"] = pd.unique(yv) if len(yv) else yv
-    out["unknown_labels"] = int(np.sum(pd.isna(yv))) if yv.dtype.kind in "fOMm" else 0
-    out["weight"] = float(np.asarray(w, dtype=float).sum()) if w is not None else float(len(yv))
+    if isinstance(getattr(y, "dtype", None), pd.CategoricalDtype):
+        # From the codes: no label a row.
+        codes = np.asarray(y.cat.codes)
+        used = np.flatnonzero(np.bincount(codes[codes >= 0], minlength=len(y.cat.categories)))
+        out["labels"] = np.asarray(y.cat.categories)[used]
+        out["unknown_labels"] = int(np.sum(codes < 0))
+    else:
+        yv = np.asarray(y)
+        out["labels"] = pd.unique(yv) if len(yv) else yv
+        out["unknown_labels"] = int(np.sum(pd.isna(yv))) if yv.dtype.kind in "fOMm" else 0
+    out["weight"] = float(np.asarray(w, dtype=float).sum()) if w is not None else float(len(y))
     wv = np.asarray(w, dtype=float) if w is not None else np.ones(0)
     out["whole"] = bool(np.all((wv >= 0) & (wv == np.floor(wv))))
     out["unit"] = bool(np.all(wv == 1.0))
@@ -311,7 +318,11 @@ def _table(est, X, y, w, keep):
     """The rows as a Brix table of their own values and the value sets of keep (the discrete
     ones and the class labels of all the rows)."""
     import pandas as pd
-    codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
+    if isinstance(getattr(y, "dtype", None), pd.CategoricalDtype):
+        at = pd.Index(est.classes_).get_indexer(np.asarray(y.cat.categories))
+        codes = np.where(y.cat.codes >= 0, at[np.asarray(y.cat.codes)], -1)
+    else:
+        codes = pd.Index(est.classes_).get_indexer(np.asarray(y))
     return est._table(X, codes, None if w is None else np.asarray(w, dtype=float), keep=keep)
 
 

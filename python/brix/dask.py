@@ -13,6 +13,7 @@ instead grown whole on one worker by the ordinary grower (its rows move there fr
 workers), prepruned and pruned there, and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
 whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
 """
+import contextlib
 import os
 import tempfile
 import time
@@ -233,9 +234,12 @@ def _union(a, b):
     return merged
 
 
-def _merge_values(a, b):
-    """Two tables' continuous values (attribute: sorted values) as one."""
-    return {k: _union(a[k], b[k]) for k in a}
+def _union_of(att, *tables_values):
+    """An attribute's values over the tables' values (attribute: sorted values), sorted."""
+    out = tables_values[0][att]
+    for v in tables_values[1:]:
+        out = _union(out, v[att])
+    return out
 
 
 def _with_values(keep, values, names):
@@ -278,6 +282,17 @@ def _small_keep(keep, kinds):
 
 def _root_ranges(like):
     return _core.TallyGrower.root_ranges(like.table)
+
+
+def _like_of(est, keep, kinds, names, atts, *values):
+    # Wanted only by the first search: it leaves the worker's thread to the holders' first
+    # tallies meanwhile.
+    with _seceded():
+        return _like(est, _with_values(keep, dict(zip(atts, values)), names), kinds)
+
+
+def _small_keep_of(keep, kinds, names, atts, *values):
+    return _small_keep(_with_values(keep, dict(zip(atts, values)), names), kinds)
 
 
 def _discrete_keep(keep, kinds):
@@ -351,9 +366,10 @@ def _held(table, n, values, names):
     return _Holder(worker)
 
 
-def _hold_built(built, values, names):
-    """A worker's partitions as one holder, its cases keyed by their rows among all the rows."""
-    holder = _held(built.table, built.n, values, names)
+def _hold_built(built, names, atts, *values):
+    """A worker's partitions as one holder, its cases keyed by their rows among all the rows
+    (values: those of all the rows of each of atts)."""
+    holder = _held(built.table, built.n, dict(zip(atts, values)), names)
     if len(built.first_rows):
         holder.worker.set_keys(built.first_rows, built.first_keys)
     return holder
@@ -431,26 +447,27 @@ def _grow_handed(like, nodes, known, bounds, reach, confidence, min_cases, pruni
     pruned without prepruning (None when the same), wanted only if the whole tree's prepruning
     does not reach the node."""
     # A long task: it leaves the worker's thread to the levels' tallies meanwhile, instead of
-    # holding them up (or having them moved, with their holders, to another worker).
-    seceded = _secede()
-    try:
+    # holding them up.
+    with _seceded():
         return _grow_handed_here(like, nodes, known, bounds, reach, confidence, min_cases,
                                  pruning, whole, unit, parts)
-    finally:
-        if seceded:
-            from distributed import rejoin
-            rejoin()
 
 
-def _secede():
-    """Leaves the worker's thread pool if running as a task on a worker; whether it did."""
+@contextlib.contextmanager
+def _seceded():
+    """Out of the worker's thread pool while inside, if running as a task on a worker: the
+    worker runs its other tasks meanwhile."""
     try:
-        from distributed import get_worker, secede
+        from distributed import get_worker, rejoin, secede
         get_worker()
     except (ImportError, ValueError):
-        return False
+        yield
+        return
     secede()
-    return True
+    try:
+        yield
+    finally:
+        rejoin()
 
 
 def _grow_handed_here(like, nodes, known, bounds, reach, confidence, min_cases, pruning, whole,
@@ -664,28 +681,39 @@ class TreeClassifier(_LocalTreeClassifier):
             built = [client.submit(_build_group, encoder, g, own, workers=[w], pure=False)
                      for w, g, d in zip(places, groups, summaries) if d["n"] > 0]
             continuous = [j for j, n in enumerate(names) if kinds[n] != "discrete"]
-            values = _pairwise(client, _merge_values, self._on_holders(
-                client, _table_values, built, atts=continuous))
-            keep = client.submit(_with_values, keep, values, names, pure=False)
             workers = sorted(set(self._places))
-            # Wanted first by the root's search: the holders and their tallies go before.
-            likes = {w: client.submit(_like, encoder, keep, kinds, workers=[w], priority=-1,
-                                      pure=False) for w in workers}
-            _results(client, [values], fetch=False)
+            # Each attribute's values merged on a worker of its own; each goes to every worker
+            # once, as its own future.
+            own_values = self._on_holders(client, _table_values, built, atts=continuous)
+            merged = [client.submit(_union_of, a, *own_values,
+                                    workers=[workers[k % len(workers)]], pure=False)
+                      for k, a in enumerate(continuous)]
+            _results(client, merged, fetch=False)
             merged_at = time.perf_counter()
-            client.replicate([values])
-            holders = self._on_holders(client, _hold_built, built, values=values, names=names)
-            small = _results(client, [client.submit(_small_keep, keep, kinds, pure=False)])[0]
-            root = _results(client, [client.submit(_root_ranges, likes[workers[0]],
-                                                   pure=False)])[0]
+            holders = [client.submit(_hold_built, b, names, continuous, *merged, workers=[w],
+                                     priority=1, pure=False)
+                       for b, w in zip(built, self._places)]
+            likes = {w: client.submit(_like_of, encoder, keep, kinds, names, continuous,
+                                      *merged, workers=[w], pure=False) for w in workers}
+            small = _results(client, [client.submit(_small_keep_of, keep, kinds, names,
+                                                    continuous, *merged, workers=[workers[0]],
+                                                    pure=False)])[0]
+            counted = _results(client, [client.submit(len, m, workers=[workers[k % len(workers)]],
+                                                      pure=False)
+                                        for k, m in enumerate(merged)])
             self._likes = likes
-            del keep, values, own
+            del keep, own, own_values, merged
             # The client's table: one row, the discrete value sets and the class labels; of the
             # continuous columns only their bounds (the root's ranges come from a worker).
             meta = pd.DataFrame({n: pd.Series(
                 [None if kinds[n].startswith("date") or not len(small[n][0]) else small[n][0][0]],
                 dtype=object if kinds[n] == "discrete" else float) for n in names})
             meta_table = encoder._table(meta, np.zeros(1, dtype=np.int64), keep=small)
+            # The root's ranges: the discrete value sets' from the client's table, the
+            # continuous ones' from their sizes (the workers' tables need not be built yet).
+            root = np.asarray(_core.TallyGrower.root_ranges(meta_table))
+            for a, n in zip(continuous, counted):
+                root[2 * a:2 * a + 2] = (1, n + 1) if n else (0, 0)
             grower = _core.TallyGrower(meta_table, float(self.confidence),
                                        float(self.min_cases), self.pruning, root)
             # Each attribute's values: what its tallies at the top levels grow with.

@@ -154,6 +154,30 @@ def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_p
                            for v in tallied)
 
 
+def test_partitions_of_their_own_categories_and_types_join_on_their_workers(client):
+    # Each partition a categorical of only the categories it holds (as read_csv gives them) and
+    # a class column of its own categories: a worker's partitions join into one holder, and the
+    # tree is the one of all the rows. A column categorical in some partitions and numeric in
+    # others is refused.
+    X, y = agrawal_like(8000, 17)
+    parts = 6
+    dX = dd.from_pandas(X.astype({"elevel": str, "zipcode": str}), npartitions=parts,
+                        sort=False).map_partitions(
+        lambda f: f.astype({"elevel": "category", "zipcode": "category"}))
+    dy = dd.from_pandas(y, npartitions=parts, sort=False).map_partitions(
+        lambda s: s.astype("category"))
+    clf = brix.dask.TreeClassifier(client=client, hand_off_cases=1000).fit(dX, dy)
+    assert clf.export_text() == brix.TreeClassifier().fit(X, y).export_text()
+    assert any(v["handed_nodes"] for v in clf.fit_levels_)
+
+    def mixed(f):
+        return f.astype({"car": "category"}) if f.index[0] == 0 else f
+    with pytest.raises(ValueError, match="categorical in some partitions"):
+        brix.dask.TreeClassifier(client=client).fit(
+            dd.from_pandas(X, npartitions=3, sort=False).map_partitions(mixed),
+            dd.from_pandas(y, npartitions=3, sort=False))
+
+
 def _workers_steps():
     """The first steps of a fit, in this process: rows, a local estimator, the merged value sets
     and the root's open nodes."""

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 #include <unordered_map>
 #include <unordered_set>
@@ -984,6 +985,21 @@ std::int64_t node_tallies(impls::table const& t, std::vector<order_range> const&
   return pos;
 }
 
+// A table of x·log2(x) for whole x up to at least n (within its cap), shared by the searches of
+// one process: built once at the root's weight rather than once a search. The terms are those the
+// search computes without it, so the scores are the same bits.
+std::shared_ptr<impls::xlogx_table const> shared_logs(std::uint64_t n) {
+  static std::mutex m;
+  static std::shared_ptr<impls::xlogx_table const> logs;
+  static std::uint64_t built = 0;
+  std::lock_guard<std::mutex> lock(m);
+  if (!logs || built < n) {
+    logs = std::make_shared<impls::xlogx_table const>(n);
+    built = n;
+  }
+  return logs;
+}
+
 // The weight of row r of an attribute's tallies.
 float row_weight(float const* f, std::size_t cols, std::size_t r) {
   float s = 0.0f;
@@ -1090,6 +1106,9 @@ tally_scores tally_grower::score_on(impls::table* t, tree_options const& o,
     grower::activate_from(node, classes, static_cast<unsigned long>(counts[i]), 1.0f, ranges);
     bool leaf = grower::split_pre(node, t, 1, o.min_cases);
     float weight = node.get_cases_weight();
+    std::shared_ptr<impls::xlogx_table const> logs = shared_logs(static_cast<std::uint64_t>(
+        std::min(static_cast<double>(weight), 64.0 * static_cast<double>(counts[i]) + 4096.0)));
+    opts.logs = logs.get();
     for (std::int64_t a : atts) {
       impls::splitting_desc none;
       impls::splitting_desc& d = leaf ? none : node.descs()[static_cast<std::size_t>(a)];

@@ -1,17 +1,18 @@
 """brix.dask.TreeClassifier: the tree of brix.TreeClassifier grown over a Dask DataFrame whose
 partitions stay on the workers of a distributed cluster.
 
-One pass gathers each partition's distinct values; the workers merge them. Each partition becomes
-a Brix table of its own values on its worker, with the orders of its continuous values among all
-the rows' (so tallies and thresholds mean the same everywhere), and each worker holds one table of
-all the value sets. Then, level by level, every partition tallies the class weights of its own
-cases per attribute value for each open node; the attributes are dealt out to the workers in
-groups, each group's tallies are added up in a tree reduction and searched on its worker with the
-engine's own split search, and the client only chooses among the groups' best splits with the
-engine's choice rule. The workers share their cases out to the children. A node of few cases is
-instead grown whole on one worker by the ordinary grower (its rows move there from the other
-workers), prepruned and pruned there, and its subtree grafted in. Neither rows, value sets nor tallies reach the client. With
-whole case weights (no unknown values) the tree is the one brixcmd grows on the same rows.
+Each worker joins the partitions dealt to it into one Brix table of its own values, with the
+orders of its continuous values among all the rows' (so tallies and thresholds mean the same
+everywhere; the workers merge the value sets), and each worker holds one table of all the value
+sets. Then, level by level, every worker tallies the class weights of its own cases per attribute
+value for each open node; the attributes are dealt out to the workers in groups, each group's
+tallies are added up and searched on its worker with the engine's own split search, and the
+client only chooses among the groups' best splits with the engine's choice rule. The workers
+share their cases out to the children. A node of few cases is instead grown whole on one worker
+by the ordinary grower (its rows move there from the other workers, in the order of one table of
+all the rows), prepruned and pruned there while the levels go on, and its subtree grafted in.
+Neither rows, value sets nor tallies reach the client. With whole case weights (no unknown
+values) the tree is the one brixcmd grows on the same rows.
 """
 import contextlib
 import os
@@ -26,11 +27,12 @@ from . import _core, _text, _warn_past_exact
 __all__ = ["TreeClassifier", "HAND_OFF_CASES"]
 
 # A node of at most this many cases is grown whole on one worker by the ordinary grower instead of
-# level by level: above a few hundred thousand cases a tallied level (every occupied value of
-# every attribute, per partition, summed and searched on the workers) costs more than moving the
-# node's rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in
-# transit and half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers
-# (see docs/distributed.md): at 20M rows 4,000,000 took 8 x brixcmd's time, 1,000,000 15 x.
+# level by level: below a few million cases a tallied level (every occupied value of every
+# attribute, per worker, summed and searched on the workers) costs more than moving the node's
+# rows to one worker and growing them there, and 4,000,000 cases stay about 250 MB in transit and
+# half a GB on that worker. Measured with bench/dask.sh on agrawal F2 over 2 workers (see
+# docs/distributed.md): at 20M rows 4,000,000, 6,000,000 and 8,000,000 all took about 2 x
+# brixcmd's time (within the runs' spread), 1,000,000 far more.
 HAND_OFF_CASES = 4000000
 
 
@@ -529,11 +531,12 @@ class TreeClassifier(_LocalTreeClassifier):
     pruning "full" (raising subtrees) needs every node's cases in one place and is refused;
     so is subsets=True on Dask collections (the distributed growing splits a categorical column
     a branch per value); other inputs are fitted as brix.TreeClassifier fits them.
-    After fit, fit_setup_ gives the seconds of the value-set pass, of merging the value sets and
-    of building the partitions' tables; fit_levels_ lists per level the open nodes, the bytes of
-    tallies that moved between workers, of the scores that reached the client and of decisions,
-    the nodes and cases handed to one worker, the bytes of their rows that moved between workers
-    and of their subtrees sent to the client, and the seconds the level took.
+    After fit, fit_setup_ gives the seconds of reading and describing the partitions, of the
+    workers' tables and the merge of their value sets, and of the holders; fit_levels_ lists per
+    level the open nodes, the bytes of tallies that moved between workers, of the scores that
+    reached the client and of decisions, the nodes and cases handed to one worker, the bytes of
+    their rows that moved between workers and of their subtrees sent to the client, and the
+    seconds the level took (handed subtrees grow beyond it).
     """
 
     def __init__(self, confidence=0.25, min_cases=2.0, pruning="error", n_jobs=1,

@@ -318,6 +318,18 @@ TEST(TallyGrowing, AHandedRootGrowsTheWholeTablesTreeWithFractionalWeights) {
         for (std::size_t j = 0; j < a[i].size(); ++j)
           EXPECT_NEAR(a[i][j], b[i][j], 1e-5 * (1 + std::fabs(b[i][j]))) << where;
     }
+    // Rows dealt one by one to three holders, each case keyed by its row: the handed root's
+    // cases come in the table's order, not holder after holder.
+    std::vector<std::unique_ptr<brix::tally_worker>> dealt;
+    for (unsigned long i = 0; i < 3; ++i) {
+      std::vector<unsigned long> rows;
+      for (unsigned long r = i; r < t->get_no_rows(); r += 3)
+        rows.push_back(r);
+      dealt.emplace_back(new brix::tally_worker(*t, rows));
+      dealt.back()->set_keys({0}, {0});
+    }
+    auto keyed = grown_on(*t, dealt, o, false, t->get_no_rows(), false, false, 1);
+    EXPECT_EQ(text_of(*keyed), text_of(*whole)) << "seed " << seed << ", dealt and keyed";
   }
 }
 

@@ -282,10 +282,6 @@ def _small_keep(keep, kinds):
     return out
 
 
-def _root_ranges(like):
-    return _core.TallyGrower.root_ranges(like.table)
-
-
 def _like_of(est, keep, kinds, names, atts, *values):
     # Wanted only by the first search: it leaves the worker's thread to the holders' first
     # tallies meanwhile.

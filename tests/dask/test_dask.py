@@ -188,7 +188,8 @@ def _workers_steps():
     keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
                     [enc._label_text[c] for c in enc.classes_])
     like = bd._like(enc, keep, enc._kinds)
-    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", bd._root_ranges(like))
+    ranges = brix._core.TallyGrower.root_ranges(like.table)
+    grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", ranges)
     return X, y, enc, names, keep, like, grower.open()
 
 

@@ -547,6 +547,54 @@ std::vector<std::int64_t> tally_grower::root_ranges(table const& t) {
   return out;
 }
 
+namespace {
+
+// Puts values into a value set of element type V, if it is one.
+template <class V>
+bool put_sorted(impls::o_set* set, std::vector<double> const& values) {
+  auto* typed = dynamic_cast<impls::o_set_typed<zel::data_types::datatype<V>>*>(set);
+  if (typed == nullptr) return false;
+  std::vector<V> out;
+  out.reserve(values.size());
+  for (double x : values)
+    out.push_back(static_cast<V>(x));
+  for (std::size_t i = 1; i < out.size(); ++i)
+    if (!(out[i - 1] < out[i])) throw std::invalid_argument("like table: values not ascending");
+  typed->set_sorted_values(std::move(out));
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<table> tally_grower::like_table(table const& meta,
+                                                std::vector<std::int64_t> const& atts,
+                                                std::vector<std::vector<double>> const& values) {
+  impls::table const* m = meta.get_impl();
+  if (atts.size() != values.size())
+    throw std::invalid_argument("like table: one value set an attribute");
+  std::unique_ptr<impls::table> t(m->clone_metadata());
+  for (std::size_t k = 0; k < atts.size(); ++k) {
+    if (atts[k] < 0 || static_cast<unsigned long>(atts[k]) >= m->get_no_attributes())
+      throw std::invalid_argument("like table: no such attribute");
+    unsigned long c = m->get_attribute_column(static_cast<unsigned long>(atts[k]));
+    impls::o_set const* old = m->get_column(c)->get_o_set();
+    if (!m->get_column(c)->is_continuous())
+      throw std::invalid_argument("like table: not a continuous attribute");
+    std::unique_ptr<impls::o_set> set(m->make_column_o_set(c, old->get_null()));
+    if (!put_sorted<float>(set.get(), values[k]) && !put_sorted<double>(set.get(), values[k]) &&
+        !put_sorted<int>(set.get(), values[k]) && !put_sorted<unsigned long>(set.get(), values[k]))
+      throw std::invalid_argument("like table: a value set of another type");
+    set->set_contains_null(old->contains_null());
+    // A column of the width its value set needs, as a table of that many values has.
+    impls::column* col = m->make_column(c, set.get());
+    if (col == nullptr) throw std::invalid_argument("like table: no such column");
+    set.release();
+    delete t->columns()[c];
+    t->columns()[c] = col;
+  }
+  return std::unique_ptr<table>(table::adopt(t.release()));
+}
+
 bool tally_grower::done() const {
   return impl_->open.empty() && impl_->taken.empty();
 }

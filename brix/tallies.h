@@ -185,6 +185,12 @@ class tally_grower {
   // The root's range of every attribute of a table, (first, second) each: of a table with every
   // value set, for the constructor that takes them.
   static std::vector<std::int64_t> root_ranges(table const& t);
+  // A table of meta's columns (no rows) whose attributes atts hold the value sets values (one
+  // each: sorted, distinct, as tables of the attribute's type hold them), each admitting unknown
+  // values as meta's does: the value sets of all the rows, as keep_values would give them,
+  // without a row a value. For the split search and handed growing, which read no rows.
+  static std::unique_ptr<table> like_table(table const& meta, std::vector<std::int64_t> const& atts,
+                                           std::vector<std::vector<double>> const& values);
   // No node open and none handed out.
   bool done() const;
   std::vector<std::int64_t> open() const;

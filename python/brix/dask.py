@@ -283,10 +283,15 @@ def _small_keep(keep, kinds):
 
 
 def _like_of(est, keep, kinds, names, atts, *values):
+    """The table of every value set: a table of one row (each continuous value set holding its
+    least value, and unknown values as the merged value set has them) whose continuous value
+    sets are then those of all the rows, without a row a value."""
     # Wanted only by the first search: it leaves the worker's thread to the holders' first
     # tallies meanwhile.
     with _seceded():
-        return _like(est, _with_values(keep, dict(zip(atts, values)), names), kinds)
+        least = {a: v[:1] for a, v in zip(atts, values)}
+        one = _like(est, _with_values(keep, least, names), kinds)
+        return _Like(_core.TallyGrower.like_table(one.table, list(atts), list(values)))
 
 
 def _small_keep_of(keep, kinds, names, atts, *values):

@@ -390,6 +390,16 @@ PYBIND11_MODULE(_core, m) {
            py::keep_alive<1, 2>())
       .def_static("root_ranges",
                   [](brix::table const& t) { return to_array(brix::tally_grower::root_ranges(t)); })
+      .def_static(
+          "like_table",
+          [](brix::table const& meta, std::vector<std::int64_t> const& atts, py::list values) {
+            std::vector<std::vector<double>> v;
+            for (py::handle h : values)
+              v.push_back(from_array<double>(h));
+            py::gil_scoped_release release;
+            return std::shared_ptr<brix::table>(
+                brix::tally_grower::like_table(meta, atts, v).release());
+          })
       .def_property_readonly("done", &brix::tally_grower::done)
       // One group of attributes' scores, as a tuple of (atts, classes, counts, gains, splits,
       // thresholds, shares, ranges), for decide_scored.

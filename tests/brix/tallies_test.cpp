@@ -504,6 +504,35 @@ TEST(TableBuilderKeptValues, PartsShareTheWholeTablesOrders) {
                    .keep_texts("nope", {"a"})
                    .build(),
                std::invalid_argument);
+  // The same value sets without a row a value: 300 values (wider than a byte of orders), the
+  // unknown admitted as the one-row table admits it; a continuous attribute only, ascending.
+  std::vector<double> many;
+  for (int i = 0; i < 300; ++i)
+    many.push_back(0.5 * i);
+  auto kept = brix::table_builder("k")
+                  .add_numbers("x", brix::column_kind::continuous, brix::value_type::float32,
+                               std::vector<double>{0.0})
+                  .add_strings("c", brix::column_kind::discrete, std::vector<std::string>{"a"})
+                  .add_strings("y", brix::column_kind::class_label, std::vector<std::string>{"n"})
+                  .keep_values("x", many, true)
+                  .build();
+  auto one = brix::table_builder("o")
+                 .add_numbers("x", brix::column_kind::continuous, brix::value_type::float32,
+                              std::vector<double>{0.0})
+                 .add_strings("c", brix::column_kind::discrete, std::vector<std::string>{"a"})
+                 .add_strings("y", brix::column_kind::class_label, std::vector<std::string>{"n"})
+                 .keep_values("x", {0.0}, true)
+                 .build();
+  auto like = brix::tally_grower::like_table(*one, {0}, {many});
+  auto const* kx = kept->get_impl()->get_attribute(0);
+  auto const* lx = like->get_impl()->get_attribute(0);
+  EXPECT_EQ(lx->get_distinct(), kx->get_distinct());
+  EXPECT_EQ(lx->get_storage(), kx->get_storage());
+  EXPECT_EQ(lx->get_o_set()->contains_null(), kx->get_o_set()->contains_null());
+  EXPECT_EQ(brix::tally_worker::values(*like, 0), brix::tally_worker::values(*kept, 0));
+  EXPECT_EQ(lx->find_threshold(10, 11), kx->find_threshold(10, 11));
+  EXPECT_THROW(brix::tally_grower::like_table(*one, {1}, {many}), std::invalid_argument);
+  EXPECT_THROW(brix::tally_grower::like_table(*one, {0}, {{2.0, 1.0}}), std::invalid_argument);
 }
 
 TEST(TallyAdd, MergesOffsetsAndAddsTheRowsOfOneOffset) {

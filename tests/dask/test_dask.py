@@ -86,14 +86,14 @@ def shared_stems():
                   if f.endswith(".names") and f != "syn_agrawal_f2_1m.names")
 
 
-@pytest.mark.parametrize("hand_off", ["root", "mixed", 0])
+@pytest.mark.parametrize("hand_off", ["root", 0])
 @pytest.mark.parametrize("stem", ["golf", "votes"] + shared_stems())
 def test_shared_datasets_grow_brixcmds_tree(client, stem, hand_off):
     path = os.path.join(ROOT, "examples", stem) if stem in ("golf", "votes") else \
         os.path.join(SHARED, stem)
     X, y, w = read_stem(path)
-    # The root on one worker, nodes of a tenth of the rows and less there, or none.
-    limit = {"root": len(X), "mixed": len(X) // 10}.get(hand_off, hand_off)
+    # The root on one worker, or no node handed out (a tenth of the rows: the test below).
+    limit = len(X) if hand_off == "root" else hand_off
     clf, _ = fit_dask(client, X, y, 3, w, hand_off_cases=limit)
     assert clf.export_text() == tree_of(brixcmd("-f", path, "-tstd"))
     handed = [v["handed_nodes"] for v in clf.fit_levels_]
@@ -101,6 +101,53 @@ def test_shared_datasets_grow_brixcmds_tree(client, stem, hand_off):
         assert handed == [1]
     elif hand_off == 0:
         assert not any(handed)
+
+
+@pytest.mark.parametrize("stem", ["golf", "votes"] + shared_stems())
+def test_shared_datasets_in_any_partitioning_grow_brixcmds_tree(client, stem):
+    # Workers join their partitions into one holder: any split of the rows over them, including
+    # more partitions than rows on a worker, grows the same tree.
+    path = os.path.join(ROOT, "examples", stem) if stem in ("golf", "votes") else \
+        os.path.join(SHARED, stem)
+    X, y, w = read_stem(path)
+    expected = tree_of(brixcmd("-f", path, "-tstd"))
+    for parts in (1, 2, 7, 16):
+        clf, _ = fit_dask(client, X, y, parts, w, hand_off_cases=len(X) // 10)
+        assert clf.export_text() == expected, f"{parts} partitions"
+
+
+def led24_like(n, seed):
+    """Seven segments of a digit each flipped with probability 0.1 and 17 random bits, all
+    categorical; the digit is the class."""
+    rng = np.random.default_rng(seed)
+    segments = np.array([[int(b) for b in s] for s in (
+        "1110111", "0010010", "1011101", "1011011", "0111010",
+        "1101011", "1101111", "1010010", "1111111", "1111011")])
+    digit = rng.integers(0, 10, n)
+    bits = np.concatenate([segments[digit] ^ (rng.random((n, 7)) < 0.1),
+                           rng.integers(0, 2, (n, 17))], axis=1)
+    X = pd.DataFrame({f"a{i + 1}": pd.Categorical(bits[:, i].astype(str)) for i in range(24)})
+    return X, pd.Series(digit.astype(str), name="class")
+
+
+@pytest.mark.parametrize("parts", [1, 2, 7, 16])
+def test_led24_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts, tmp_path):
+    X, y = led24_like(20000, 24)
+    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
+    clf, _ = fit_dask(client, X, y, parts, hand_off_cases=2000)
+    assert clf.export_text() == expected
+    assert any(0 < v["handed_nodes"] < v["open_nodes"] for v in clf.fit_levels_)
+
+
+def test_agrawal_1m_in_any_partitioning_grows_brixcmds_tree(client):
+    stem = os.path.join(SHARED, "syn_agrawal_f2_1m")
+    if not os.path.exists(stem + ".names"):
+        pytest.skip("no shared agrawal F2 1M")
+    X, y, _ = read_stem(stem)
+    expected = tree_of(brixcmd("-fm", stem + ".names", "-fd", stem + ".data.gz", "-tstd"))
+    for parts, hand_off in ((1, None), (2, None), (7, 250000), (16, None)):
+        clf, _ = fit_dask(client, X, y, parts, hand_off_cases=hand_off)
+        assert clf.export_text() == expected, f"{parts} partitions"
 
 
 @pytest.mark.parametrize("parts", [1, 2, 7, 16])

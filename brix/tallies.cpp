@@ -784,12 +784,15 @@ std::unique_ptr<impls::table> handed_table(impls::table const& lt, tally_handoff
   cases.resize(k_nodes);
   for (std::size_t k = 0; k < k_nodes; ++k)
     cases[k].reserve(next[k + 1] - next[k]);
-  bool keyed = !parts.empty();
+  // Keyed when the holders give keys; all of them must then (holders of no case aside).
+  bool keyed = false, unkeyed = false;
   for (tally_rows const* part : parts) {
     if (!part->keys.empty() && part->keys.size() != part->nodes.size())
       throw std::invalid_argument("handed rows: not a key a case");
-    keyed = keyed && (part->keys.size() == part->nodes.size());
+    if (part->nodes.empty()) continue;
+    (part->keys.empty() ? unkeyed : keyed) = true;
   }
+  if (keyed && unkeyed) throw std::invalid_argument("handed rows: keyed and not keyed");
   if (keyed) {
     // Each node's cases in the order of their rows among all the rows, whichever holder gave
     // them.

@@ -82,8 +82,8 @@ def _restore_holder(data, nodes, rows, weights, orders=(), keys=None):
 
 
 class _Like:
-    """A table of one row with the value sets of all the rows: where the split search turns
-    orders into thresholds, and handed nodes are grown. One a worker."""
+    """A table with the value sets of all the rows (its rows are not read): where the split
+    search turns orders into thresholds, and handed nodes are grown. One a worker."""
 
     def __init__(self, table):
         self.table = table

@@ -159,12 +159,13 @@ def _group(est, numbers, *frames):
 
 
 def _describe_group(g, est):
-    return _describe(est, g[0], g[1], g[2], numbers=False)
+    return _describe(est, g[0], g[1], g[2])
 
-def _describe(est, X, y, w, numbers=True):
-    """What one partition adds to the value sets: per column its distinct values (numbers, or
-    texts of discrete columns; with numbers False, no numbers: its table gives them sorted) and
-    whether it has unknown ones; the class labels; its kinds."""
+
+def _describe(est, X, y, w):
+    """What a worker's rows add to the value sets: per column the texts of a discrete column
+    (a continuous column's values come sorted from its table) and whether it has unknown ones;
+    the class labels; its kinds."""
     import pandas as pd
     names = [str(c) for c in X.columns]
     cols = [X.iloc[:, j] for j in range(X.shape[1])]
@@ -184,8 +185,7 @@ def _describe(est, X, y, w, numbers=True):
             v = _days(col) if kind.startswith("date") else _numbers(col, name)
             v = np.asarray(v, dtype=float)
             unknown = np.isnan(v)
-            out["columns"][name] = (np.unique(v[~unknown]) if numbers else np.zeros(0),
-                                    bool(np.any(unknown)))
+            out["columns"][name] = (np.zeros(0), bool(np.any(unknown)))
     if isinstance(getattr(y, "dtype", None), pd.CategoricalDtype):
         # From the codes: no label a row.
         codes = np.asarray(y.cat.codes)
@@ -236,11 +236,11 @@ def _union(a, b):
     return merged
 
 
-def _union_of(att, *tables_values):
-    """An attribute's values over the tables' values (attribute: sorted values), sorted."""
-    out = tables_values[0][att]
-    for v in tables_values[1:]:
-        out = _union(out, v[att])
+def _union_of(*values):
+    """The tables' values of an attribute (each sorted) as one."""
+    out = values[0]
+    for v in values[1:]:
+        out = _union(out, v)
     return out
 
 
@@ -295,7 +295,9 @@ def _like_of(est, keep, kinds, names, atts, *values):
 
 
 def _small_keep_of(keep, kinds, names, atts, *values):
-    return _small_keep(_with_values(keep, dict(zip(atts, values)), names), kinds)
+    """_small_keep of keep with the values of all the rows, and the sizes of those values."""
+    return (_small_keep(_with_values(keep, dict(zip(atts, values)), names), kinds),
+            [len(v) for v in values])
 
 
 def _discrete_keep(keep, kinds):
@@ -309,11 +311,6 @@ def _like(est, keep, kinds):
         [None if kinds[n].startswith("date") or not len(keep[n][0]) else keep[n][0][0]],
         dtype=object if kinds[n] == "discrete" else float) for n in names})
     return _Like(est._table(row, np.zeros(1, dtype=np.int64), keep=keep))
-
-
-def _global_values(like, atts):
-    """Each continuous attribute's values over all the rows, as the tables hold them."""
-    return {a: _core.TallyWorker.values(like.table, a) for a in atts}
 
 
 class _Built:
@@ -348,9 +345,9 @@ def _build_group(est, g, keep):
     return _Built(_table(est, g[0], g[1], g[2], keep), len(g[0]), g[3], g[4])
 
 
-def _table_values(built, atts):
-    """The continuous attributes' values of a table, sorted, as it holds them."""
-    return {a: _core.TallyWorker.values(built.table, a) for a in atts}
+def _table_values(built, att):
+    """A continuous attribute's values of a table, sorted, as it holds them."""
+    return _core.TallyWorker.values(built.table, att)
 
 
 def _held(table, n, values, names):
@@ -381,7 +378,7 @@ def _hold_built(built, names, atts, *values):
 def _hold(est, X, y, w, keep, values):
     """The partition as a holder: a Brix table of its own values (with keep's value sets), its
     cases, and the orders of its continuous values among all the rows' (values: those of all
-    the rows, as _global_values gives them)."""
+    the rows, attribute: sorted values as the tables hold them)."""
     return _held(_table(est, X, y, w, keep), len(X), values, list(est.feature_names_in_))
 
 
@@ -617,8 +614,8 @@ class TreeClassifier(_LocalTreeClassifier):
         source = client.persist([X, y] + ([sample_weight] if sample_weight is not None else []))
         probe = _LocalTreeClassifier(categorical_features=self.categorical_features)
         try:
-            # One pass: the value sets of all the rows, merged on the workers (a tree
-            # reduction); the client sees only each worker's kinds, labels and weight.
+            # One pass describes each worker's rows; the client sees only their kinds, labels
+            # and weight.
             start = time.perf_counter()
             places, groups = self._groups(client, source, probe)
             self._places = places
@@ -672,9 +669,9 @@ class TreeClassifier(_LocalTreeClassifier):
                 "classes_", "_kinds", "_label_text", "feature_names_in_", "n_features_in_")})
             if hasattr(probe, "_array_discrete"):
                 encoder._array_discrete = probe._array_discrete
-            # The value sets that the workers merged go from worker to worker, never through
-            # the client: a table of them on each worker, and every partition a table of its
-            # own values on its worker (persisted there) with their orders among all the rows'.
+            # The value sets go from worker to worker, never through the client: each worker's
+            # table of its own values with their orders among all the rows', and a table of
+            # every value set on each worker.
             own = client.submit(_discrete_keep, keep, kinds, pure=False)
             # On every worker, so that each worker's table is built where its rows are.
             _results(client, [own], fetch=False)
@@ -688,8 +685,8 @@ class TreeClassifier(_LocalTreeClassifier):
             workers = sorted(set(self._places))
             # Each attribute's values merged on a worker of its own; each goes to every worker
             # once, as its own future.
-            own_values = self._on_holders(client, _table_values, built, atts=continuous)
-            merged = [client.submit(_union_of, a, *own_values,
+            merged = [client.submit(_union_of, *self._on_holders(client, _table_values, built,
+                                                                  att=a),
                                     workers=[workers[k % len(workers)]], pure=False)
                       for k, a in enumerate(continuous)]
             _results(client, merged, fetch=False)
@@ -699,16 +696,13 @@ class TreeClassifier(_LocalTreeClassifier):
                        for b, w in zip(built, self._places)]
             likes = {w: client.submit(_like_of, encoder, keep, kinds, names, continuous,
                                       *merged, workers=[w], pure=False) for w in workers}
-            small = _results(client, [client.submit(_small_keep_of, keep, kinds, names,
-                                                    continuous, *merged, workers=[workers[0]],
-                                                    pure=False)])[0]
-            counted = _results(client, [client.submit(len, m, workers=[workers[k % len(workers)]],
-                                                      pure=False)
-                                        for k, m in enumerate(merged)])
+            small, counted = _results(client, [client.submit(
+                _small_keep_of, keep, kinds, names, continuous, *merged, workers=[workers[0]],
+                pure=False)])[0]
             self._likes = likes
-            del keep, own, own_values, merged
+            del keep, own, merged
             # The client's table: one row, the discrete value sets and the class labels; of the
-            # continuous columns only their bounds (the root's ranges come from a worker).
+            # continuous columns only their bounds.
             meta = pd.DataFrame({n: pd.Series(
                 [None if kinds[n].startswith("date") or not len(small[n][0]) else small[n][0][0]],
                 dtype=object if kinds[n] == "discrete" else float) for n in names})
@@ -731,8 +725,8 @@ class TreeClassifier(_LocalTreeClassifier):
             self._handed_load = {}
             held = self._wait(client, self._on_holders(client, _counts, holders))
             del source, groups, built
-            # Seconds of the value-set pass, of merging the value sets (and a table of them on
-            # each worker), and of the partitions' tables.
+            # Seconds of reading and describing the partitions, of the workers' tables and the
+            # merge of their value sets, and of the holders.
             self.fit_setup_ = {"describe": described_at - start,
                                "value_sets": merged_at - described_at,
                                "tables": time.perf_counter() - merged_at}

@@ -52,11 +52,18 @@ py::array column_array(py::object values, std::string const& name) {
   return a;
 }
 
+// A C-contiguous array of T viewing h (a copy only when h is of another type or layout).
+template <class T>
+py::array_t<T, py::array::c_style | py::array::forcecast> array_of(py::handle h) {
+  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
+  if (!a) throw std::invalid_argument("expected an array of numbers");
+  return a;
+}
+
 // The numbers of an array as a vector (converted when of another type).
 template <class T>
 std::vector<T> from_array(py::handle h) {
-  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
-  if (!a) throw std::invalid_argument("expected an array of numbers");
+  auto a = array_of<T>(h);
   return std::vector<T>(a.data(), a.data() + a.size());
 }
 
@@ -187,14 +194,6 @@ py::array_t<T> moved_array(std::vector<T>&& v) {
   auto* held = new std::vector<T>(std::move(v));
   py::capsule owner(held, [](void* p) { delete static_cast<std::vector<T>*>(p); });
   return py::array_t<T>(static_cast<py::ssize_t>(held->size()), held->data(), owner);
-}
-
-// A C-contiguous array of T viewing h (a copy only when h is of another type or layout).
-template <class T>
-py::array_t<T, py::array::c_style | py::array::forcecast> array_of(py::handle h) {
-  auto a = py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(h);
-  if (!a) throw std::invalid_argument("expected an array of numbers");
-  return a;
 }
 
 // Model and RuleModel grow from the tree options alone.

@@ -79,6 +79,15 @@ def fit_dask(client, X, y, parts, w=None, **kw):
     return brix.dask.TreeClassifier(client=client, **kw).fit(dX, dy, dw), dX
 
 
+def fit_as_brixcmd(client, tmp_path, X, y, parts, hand_off):
+    """The fit of X, y in parts partitions, checked to grow brixcmd's tree on the same rows;
+    the estimator and the partitioned X."""
+    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
+    clf, dX = fit_dask(client, X, y, parts, hand_off_cases=hand_off)
+    assert clf.export_text() == expected
+    return clf, dX
+
+
 def shared_stems():
     if not os.path.isdir(SHARED):
         return []
@@ -133,9 +142,7 @@ def led24_like(n, seed):
 @pytest.mark.parametrize("parts", [1, 2, 7, 16])
 def test_led24_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts, tmp_path):
     X, y = led24_like(20000, 24)
-    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
-    clf, _ = fit_dask(client, X, y, parts, hand_off_cases=2000)
-    assert clf.export_text() == expected
+    clf, _ = fit_as_brixcmd(client, tmp_path, X, y, parts, 2000)
     assert any(0 < v["handed_nodes"] < v["open_nodes"] for v in clf.fit_levels_)
 
 
@@ -153,9 +160,7 @@ def test_agrawal_1m_in_any_partitioning_grows_brixcmds_tree(client):
 @pytest.mark.parametrize("parts", [1, 2, 7, 16])
 def test_agrawal_like_rows_in_any_partitioning_grow_brixcmds_tree(client, parts, tmp_path):
     X, y = agrawal_like(20000, 7)
-    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
-    clf, dX = fit_dask(client, X, y, parts, hand_off_cases=1500)
-    assert clf.export_text() == expected
+    clf, dX = fit_as_brixcmd(client, tmp_path, X, y, parts, 1500)
     levels = clf.fit_levels_
     assert len(levels) >= 3 and levels[0]["open_nodes"] == 1
     # Some level both tallies nodes and hands others out.
@@ -191,10 +196,8 @@ def test_numbers_that_the_tables_type_makes_one_grow_brixcmds_tree(client, tmp_p
     X, y = agrawal_like(6000, 11)
     jitter = np.random.default_rng(11).random(len(X)) * 1e-4
     X["salary"] = np.floor(X["salary"] / 1000) * 1000 / 7 + jitter
-    expected = tree_of(brixcmd("-f", write_stem(tmp_path, X, y), "-tstd"))
-    clf, _ = fit_dask(client, X, y, 5, hand_off_cases=0)
-    assert clf.export_text() == expected
-    assert "salary" in expected
+    clf, _ = fit_as_brixcmd(client, tmp_path, X, y, 5, 0)
+    assert "salary" in clf.export_text()
     # The client gets scores: a few dozen bytes a node and attribute, not tallies.
     tallied = [v for v in clf.fit_levels_ if v["tally_bytes"]]
     assert tallied and all(v["score_bytes"] < 200 * v["open_nodes"] * X.shape[1]
@@ -226,18 +229,22 @@ def test_partitions_of_their_own_categories_and_types_join_on_their_workers(clie
 
 
 def _workers_steps():
-    """The first steps of a fit, in this process: rows, a local estimator, the merged value sets
-    and the root's open nodes."""
+    """The first steps of a fit, in this process: rows, a local estimator, the value sets of
+    all the rows (the discrete ones and each continuous attribute's values), the table of every
+    value set and the root's open nodes."""
     from brix import dask as bd
     X, y = agrawal_like(3000, 5)
     enc = brix.TreeClassifier().fit(X, y)
     names = list(enc.feature_names_in_)
     keep = bd._keep(bd._describe(enc, X, y, None)["columns"], names, enc._kinds,
                     [enc._label_text[c] for c in enc.classes_])
-    like = bd._like(enc, keep, enc._kinds)
+    table = bd._table(enc, X, y, None, bd._discrete_keep(keep, enc._kinds))
+    values = {a: brix._core.TallyWorker.values(table, a)
+              for a, n in enumerate(names) if enc._kinds[n] != "discrete"}
+    like = bd._like_of(enc, keep, enc._kinds, names, list(values), *values.values())
     ranges = brix._core.TallyGrower.root_ranges(like.table)
     grower = brix._core.TallyGrower(like.table, 0.25, 2.0, "error", ranges)
-    return X, y, enc, names, keep, like, grower.open()
+    return X, y, enc, names, bd._with_values(keep, values, names), values, like, grower.open()
 
 
 def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_whole():
@@ -246,10 +253,8 @@ def test_a_partition_of_its_own_values_tallies_as_one_of_every_value_and_moves_w
     # (as Dask moves a holder between workers).
     import pickle
     from brix import dask as bd
-    X, y, enc, names, keep, like, open_nodes = _workers_steps()
-    continuous = [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"]
-    own = bd._hold(enc, X[:700], y[:700], None, bd._discrete_keep(keep, enc._kinds),
-                   bd._global_values(like, continuous))
+    X, y, enc, names, keep, values, like, open_nodes = _workers_steps()
+    own = bd._hold(enc, X[:700], y[:700], None, bd._discrete_keep(keep, enc._kinds), values)
     every = bd._hold(enc, X[:700], y[:700], None, keep, {})
     expected = every.worker.tallies(open_nodes)
     for holder in (own, pickle.loads(pickle.dumps(own))):
@@ -261,11 +266,10 @@ def test_two_partitions_tallies_added_equal_those_of_their_rows_held_as_one():
     # The summed tallies are what the search reads; the sum takes the arrays as the transfer
     # hands them over (read-only, strided, of another type) without changing a number.
     from brix import dask as bd
-    X, y, enc, names, keep, like, open_nodes = _workers_steps()
+    X, y, enc, names, keep, values, like, open_nodes = _workers_steps()
     cols = len(enc.classes_) + 1
-    every = bd._global_values(like, [j for j, n in enumerate(names) if enc._kinds[n] != "discrete"])
     own = bd._discrete_keep(keep, enc._kinds)
-    first, second, both = (bd._tallies(bd._hold(enc, X[a:b], y[a:b], None, own, every),
+    first, second, both = (bd._tallies(bd._hold(enc, X[a:b], y[a:b], None, own, values),
                                        open_nodes, cols, []) for a, b in
                            ((0, 1000), (1000, 2000), (0, 2000)))
     summed = bd._add(first, second)
